@@ -1,0 +1,15 @@
+#pragma once
+
+/// QVTP_API marks what applications may link against; everything else is hidden.
+/// QVTP_BUILDING is defined while the library itself is compiled, QVTP_STATIC for the static library of the tests.
+#if defined(_WIN32)
+#if defined(QVTP_STATIC)
+#define QVTP_API
+#elif defined(QVTP_BUILDING)
+#define QVTP_API __declspec(dllexport)
+#else
+#define QVTP_API __declspec(dllimport)
+#endif
+#else
+#define QVTP_API __attribute__((visibility("default")))
+#endif
