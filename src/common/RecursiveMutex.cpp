@@ -1,0 +1,22 @@
+#include "common/RecursiveMutex.h"
+
+#include "common/System.h"
+
+namespace Quovane::Internal::Qvtp {
+
+void RecursiveMutex::lock() {
+    const std::uint32_t self = System::currentThreadId();
+    if (owner_.load(std::memory_order_relaxed) != self) {
+        mutex_.lock();
+        owner_.store(self, std::memory_order_relaxed);
+    }
+    ++count_;
+}
+
+void RecursiveMutex::unlock() {
+    if (--count_ > 0) return;
+    owner_.store(0, std::memory_order_relaxed);
+    mutex_.unlock();
+}
+
+}  // namespace Quovane::Internal::Qvtp

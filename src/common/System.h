@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+/// The few services of the operating system that everything above needs, apart from pipes.
+namespace Quovane::Internal::Qvtp::System {
+
+/// Milliseconds since 1970 of the wall clock, for time stamps, pool ages and throughput lines.
+std::int64_t wallClockMs();
+
+/// Milliseconds of a clock that never jumps, for time-outs. Its zero has no meaning.
+std::int64_t monotonicMs();
+
+/// The operating system's id of the calling thread.
+std::uint32_t currentThreadId();
+
+/// Suspends the calling thread for at least this long.
+void sleepMs(int milliseconds);
+
+/// Whether a file-status query on the path (UTF-8) succeeds.
+bool fileExists(const std::string& path);
+
+/// Calendar times that, unlike std::gmtime and std::localtime, share no buffer between threads.
+std::tm utcTime(std::time_t seconds);
+std::tm localTime(std::time_t seconds);
+
+/// Puts the calling thread's last error (errno, GetLastError) back when it goes out of scope: results are judged by it
+/// after log calls, which must therefore leave no trace in it.
+class LastErrorGuard {
+  public:
+    LastErrorGuard();
+    ~LastErrorGuard();
+    LastErrorGuard(const LastErrorGuard&) = delete;
+    LastErrorGuard& operator=(const LastErrorGuard&) = delete;
+
+  private:
+    int errno_;
+    unsigned long systemError_;
+};
+
+}  // namespace Quovane::Internal::Qvtp::System

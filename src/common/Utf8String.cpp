@@ -1,0 +1,88 @@
+#include "common/Utf8String.h"
+
+#include <algorithm>
+#include <cstddef>
+
+namespace Quovane::Soa::Common::Xml {
+
+namespace {
+
+unsigned char byteAt(const std::string& text, std::size_t position) {
+    return static_cast<unsigned char>(text[position]);
+}
+
+/// What the second byte of a sequence may be, after its first byte (RFC 3629 section 4): the narrower ranges keep out
+/// overlong forms, surrogates and everything above U+10FFFF.
+bool isSecondByte(unsigned char first, unsigned char second) {
+    switch (first) {
+        case 0xE0:
+            return second >= 0xA0 && second <= 0xBF;
+        case 0xED:
+            return second >= 0x80 && second <= 0x9F;
+        case 0xF0:
+            return second >= 0x90 && second <= 0xBF;
+        case 0xF4:
+            return second >= 0x80 && second <= 0x8F;
+        default:
+            return second >= 0x80 && second <= 0xBF;
+    }
+}
+
+std::size_t lengthByFirstByte(unsigned char first) {
+    if (first < 0x80) return 1;
+    if (first >= 0xC2 && first <= 0xDF) return 2;
+    if (first >= 0xE0 && first <= 0xEF) return 3;
+    if (first >= 0xF0 && first <= 0xF4) return 4;
+    return 0;
+}
+
+/// The length of the well-formed sequence that starts here, 0 if none does.
+std::size_t sequenceLength(const std::string& text, std::size_t position) {
+    const unsigned char first = byteAt(text, position);
+    const std::size_t length = lengthByFirstByte(first);
+    if (length == 0 || position + length > text.size()) return 0;
+    if (length > 1 && !isSecondByte(first, byteAt(text, position + 1))) return 0;
+    for (std::size_t i = 2; i < length; ++i) {
+        if ((byteAt(text, position + i) & 0xC0) != 0x80) return 0;
+    }
+    return length;
+}
+
+void appendLatin1(std::string& out, unsigned char byte) {
+    out += static_cast<char>(0xC0 | (byte >> 6));
+    out += static_cast<char>(0x80 | (byte & 0x3F));
+}
+
+std::string wellFormed(const std::string& in) {
+    std::string result;
+    result.reserve(in.size());
+    for (std::size_t position = 0; position < in.size();) {
+        const std::size_t length = sequenceLength(in, position);
+        if (length == 0) {
+            appendLatin1(result, byteAt(in, position));
+            ++position;
+        } else {
+            result.append(in, position, length);
+            position += length;
+        }
+    }
+    return result;
+}
+
+bool endsLine(char c) {
+    return c == '\r' || c == '\n' || c == '\0';
+}
+
+}  // namespace
+
+void Utf8String::encode(const std::string& in, std::string& out) {
+    std::string result = wellFormed(in);
+    std::replace_if(result.begin(), result.end(), endsLine, ' ');
+    out = std::move(result);
+}
+
+void Utf8String::decode(const std::string& in, std::string& out) {
+    out = wellFormed(in);
+}
+
+}  // namespace Quovane::Soa::Common::Xml
