@@ -1,0 +1,108 @@
+#include "logging/Logger.h"
+
+#include "common/System.h"
+#include "logging/LogLine.h"
+
+#include <mutex>
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+/// The id of one thread, and a pointer to it that goes back to null when the thread's storage is torn down: objects
+/// with static storage may log after that.
+class CorrelationSlot {
+  public:
+    CorrelationSlot();
+    ~CorrelationSlot();
+    std::string id;
+};
+
+thread_local CorrelationSlot* liveSlot = nullptr;
+thread_local bool slotGone = false;
+
+CorrelationSlot::CorrelationSlot() {
+    liveSlot = this;
+}
+
+CorrelationSlot::~CorrelationSlot() {
+    liveSlot = nullptr;
+    slotGone = true;
+}
+
+CorrelationSlot* correlationSlot() {
+    if (liveSlot == nullptr && !slotGone) {
+        thread_local CorrelationSlot slot;
+        return &slot;
+    }
+    return liveSlot;
+}
+
+Logger::LoggingLevel valid(Logger::LoggingLevel level) {
+    const int value = static_cast<int>(level);
+    return value >= 1 && value <= 4 ? level : Logger::LoggingLevel::OFF;
+}
+
+Logger::CommunicationLevel valid(Logger::CommunicationLevel level) {
+    const int value = static_cast<int>(level);
+    return value >= 1 && value <= 3 ? level : Logger::CommunicationLevel::OFF;
+}
+
+using Guard = std::lock_guard<RecursiveMutex>;
+
+}  // namespace
+
+Logger& Logger::instance() {
+    static Logger* const logger = new Logger;
+    return *logger;
+}
+
+void Logger::configure(std::FILE* logFile, LoggingLevel level, std::FILE* commFile, CommunicationLevel commLevel) {
+    Guard settings(settingsLock_);
+    Guard error(lineLocks_[1]), warn(lineLocks_[2]), info(lineLocks_[3]), debug(lineLocks_[4]);
+    Guard communication(communicationLock_);
+    logFile_ = logFile;
+    commFile_ = commFile;
+    level_.store(valid(level), std::memory_order_relaxed);
+    commLevel_.store(commFile != nullptr ? valid(commLevel) : CommunicationLevel::OFF, std::memory_order_relaxed);
+}
+
+bool Logger::isEnabled(CommunicationLevel direction) const {
+    const int current = static_cast<int>(commLevel_.load(std::memory_order_relaxed));
+    return (current & static_cast<int>(direction)) != 0;
+}
+
+void Logger::writeLine(LoggingLevel level, const std::string& message) {
+    if (!isEnabled(level)) return;
+    System::LastErrorGuard lastError;
+    Guard guard(lineLocks_[static_cast<std::size_t>(level)]);
+    if (!isEnabled(level) || logFile_ == nullptr) return;
+    const std::string line =
+        LogLine::format(level, System::wallClockMs(), System::currentThreadId(), correlationId(), message);
+    std::fwrite(line.data(), 1, line.size(), logFile_);
+    std::fflush(logFile_);
+}
+
+void Logger::writeCommunication(CommunicationLevel direction, const char* data, std::size_t length, bool header) {
+    if (!isEnabled(direction)) return;
+    System::LastErrorGuard lastError;
+    Guard guard(communicationLock_);
+    if (!isEnabled(direction) || commFile_ == nullptr) return;
+    if (header) {
+        const std::string line = LogLine::formatCommunicationHeader(direction, System::wallClockMs(), correlationId());
+        std::fwrite(line.data(), 1, line.size(), commFile_);
+    }
+    if (length > 0) std::fwrite(data, 1, length, commFile_);
+    std::fflush(commFile_);
+}
+
+void Logger::setCorrelationId(const std::string& id) {
+    if (CorrelationSlot* slot = correlationSlot()) slot->id = id;
+}
+
+std::string Logger::correlationId() {
+    const CorrelationSlot* slot = correlationSlot();
+    return slot != nullptr ? slot->id : std::string();
+}
+
+}  // namespace Quovane::Internal::Qvtp
