@@ -1,0 +1,105 @@
+#include "platform/LocalSocket_linux.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace Quovane::Internal::Qvtp::LocalSocket {
+
+namespace {
+
+constexpr int SEND_BUFFER_SIZE = 212992;
+
+bool fillAddress(const std::string& path, sockaddr_un& address) {
+    if (path.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
+void setBlocking(int fd, bool blocking) {
+    const int flags = ::fcntl(fd, F_GETFL);
+    ::fcntl(fd, F_SETFL, blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);
+}
+
+/// `left` in microseconds, rounded up: a remainder that rounds to 0 would mean for ever.
+void setSendTimeout(int fd, std::chrono::nanoseconds left) {
+    const auto microseconds = std::max<std::int64_t>((left.count() + 999) / 1000, 1);
+    timeval value{};
+    value.tv_sec = static_cast<time_t>(microseconds / 1000000);
+    value.tv_usec = static_cast<suseconds_t>(microseconds % 1000000);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value);
+}
+
+int pollOnce(pollfd* descriptors, nfds_t count, const Deadline& deadline) {
+    if (deadline.isUnlimited()) return ::ppoll(descriptors, count, nullptr, nullptr);
+    const std::int64_t left = deadline.left().count();
+    timespec timeout{};
+    timeout.tv_sec = static_cast<time_t>(left / 1000000000);
+    timeout.tv_nsec = static_cast<long>(left % 1000000000);
+    return ::ppoll(descriptors, count, &timeout, nullptr);
+}
+
+}  // namespace
+
+Descriptor create() {
+    return Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+void reserveSendBuffer(int fd) {
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_SIZE, sizeof SEND_BUFFER_SIZE);
+}
+
+bool bind(int fd, const std::string& path) {
+    sockaddr_un address{};
+    return fillAddress(path, address) && ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+bool connect(int fd, const std::string& path) {
+    sockaddr_un address{};
+    if (!fillAddress(path, address)) return false;
+    while (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        if (errno != EINTR) return false;
+    }
+    return true;
+}
+
+bool connectBefore(int fd, const std::string& path, const Deadline& deadline) {
+    sockaddr_un address{};
+    if (!fillAddress(path, address)) return false;
+    setBlocking(fd, true);
+    int result = -1;
+    int error = EINTR;
+    while (result != 0 && error == EINTR) {
+        if (!deadline.isUnlimited()) setSendTimeout(fd, deadline.left());
+        result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        error = result == 0 ? 0 : errno;
+        if (error == EINTR && deadline.isOver()) error = EAGAIN;
+    }
+    const timeval unlimited{};
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &unlimited, sizeof unlimited);
+    setBlocking(fd, false);
+    errno = error;
+    return result == 0;
+}
+
+WaitResult wait(int fd, short events, int event, const Deadline& deadline) {
+    for (;;) {
+        pollfd descriptors[] = {{event, POLLIN, 0}, {fd, events, 0}};
+        const int ready = pollOnce(descriptors, 2, deadline);
+        if (ready < 0 && errno != EINTR) return WaitResult::FAILED;
+        if (ready > 0) return descriptors[0].revents != 0 ? WaitResult::SIGNALLED : WaitResult::READY;
+        if (deadline.isOver()) return WaitResult::TIMED_OUT;
+    }
+}
+
+}  // namespace Quovane::Internal::Qvtp::LocalSocket

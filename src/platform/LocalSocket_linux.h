@@ -1,0 +1,31 @@
+#pragma once
+
+#include "platform/Deadline_linux.h"
+#include "platform/Descriptor_linux.h"
+
+#include <string>
+
+/// Unix-domain stream sockets in the way pipes need them. Failures leave their reason in errno.
+namespace Quovane::Internal::Qvtp::LocalSocket {
+
+/// A non-blocking socket, or a closed descriptor.
+Descriptor create();
+
+/// Gives the sending side room for the 65536 bytes that a pipe takes without a reader, whatever the sizes of the
+/// pieces: the kernel counts its own bookkeeping too.
+void reserveSendBuffer(int fd);
+
+bool bind(int fd, const std::string& path);
+
+/// Connects without waiting: EAGAIN means that the server's queue is full.
+bool connect(int fd, const std::string& path);
+
+/// Connects and waits for a place in the queue until the deadline: EAGAIN means that the time is up.
+bool connectBefore(int fd, const std::string& path, const Deadline& deadline);
+
+enum class WaitResult { READY, SIGNALLED, TIMED_OUT, FAILED };
+
+/// Waits until `fd` is ready for `events` (as in poll) or `event` is signalled, which goes first.
+WaitResult wait(int fd, short events, int event, const Deadline& deadline);
+
+}  // namespace Quovane::Internal::Qvtp::LocalSocket

@@ -1,0 +1,158 @@
+#include "platform/PipeConnector_linux.h"
+
+#include "logging/Log.h"
+#include "platform/LocalSocket_linux.h"
+#include "platform/PipePlatform.h"
+#include "platform/SystemError_linux.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <utility>
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+constexpr int RETRY_MS = 5;
+constexpr int SERVER_READS = 1;
+constexpr int SERVER_WRITES = 2;
+
+/// The time-out as the log lines print it: an unsigned number, all ones without limit.
+std::uint32_t printableTimeout(int timeoutMs) {
+    return timeoutMs == 0 ? UINT32_MAX : static_cast<std::uint32_t>(timeoutMs);
+}
+
+}  // namespace
+
+PipeConnector::PipeConnector(const std::string& path, bool readable, bool writable, int timeoutMs)
+    : path_(path),
+      readable_(readable),
+      writable_(writable),
+      timeoutMs_(timeoutMs),
+      deadline_(Deadline::after(timeoutMs)) {}
+
+Descriptor PipeConnector::takeSocket() {
+    return std::move(socket_);
+}
+
+int PipeConnector::connect() {
+    error_ = address_.resolve(path_, PipeAddress::Directory::MUST_EXIST);
+    if (error_ != SystemError::NONE) return reportFailure();
+    for (;;) {
+        switch (attempt()) {
+            case Attempt::CONNECTED:
+                return ConnectResult::CONNECTED;
+            case Attempt::DENIED:
+                return ConnectResult::ACCESS_DENIED;
+            case Attempt::FAILED:
+                return reportFailure();
+            case Attempt::BUSY:
+                beginWaiting();
+                if (waitInQueue()) return ConnectResult::CONNECTED;
+                break;
+            case Attempt::NOT_LISTENING:
+                // The server holds the name and is between two instances, or about to listen or to go.
+                beginWaiting();
+                System::sleepMs(RETRY_MS);
+                break;
+        }
+        if (deadline_.isOver()) return reportTimeout();
+    }
+}
+
+PipeConnector::Attempt PipeConnector::attempt() {
+    const Service service = findService();
+    switch (service.state) {
+        case Service::State::DENIED:
+            return Attempt::DENIED;
+        case Service::State::STARTING:
+            return Attempt::NOT_LISTENING;
+        case Service::State::NONE:
+            return fail(SystemError::FILE_NOT_FOUND);
+        case Service::State::SERVED:
+            break;
+    }
+    // Tested before connecting: a client of the wrong kind must not take the place in the queue.
+    if (!allows(service.direction)) return Attempt::DENIED;
+    socket_ = LocalSocket::create();
+    if (!socket_.isOpen()) return fail(SystemError::fromErrno(errno));
+    LocalSocket::reserveSendBuffer(socket_.get());
+    return attemptConnect(service.foreign);
+}
+
+PipeConnector::Attempt PipeConnector::attemptConnect(bool foreign) {
+    if (LocalSocket::connect(socket_.get(), address_.socketPath(address_.socketFile()))) return Attempt::CONNECTED;
+    const int error = errno;
+    switch (error) {
+        case EAGAIN:
+            return Attempt::BUSY;
+        case EACCES:
+            return Attempt::DENIED;
+        case ECONNREFUSED:
+        case ENOENT:
+            return foreign ? fail(SystemError::FILE_NOT_FOUND) : Attempt::NOT_LISTENING;
+        default:
+            return fail(SystemError::fromErrno(error));
+    }
+}
+
+PipeConnector::Service PipeConnector::findService() const {
+    const int fd = ::openat(address_.directory(), address_.lockFile().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) return errno == EACCES ? Service{Service::State::DENIED, 0, false} : findForeignService();
+    const Descriptor file(fd);
+    struct flock query {};
+    query.l_type = F_WRLCK;
+    query.l_whence = SEEK_SET;
+    // A question that never takes the lock, so that a server starting at this moment is not disturbed.
+    const bool isLocked = ::fcntl(fd, F_OFD_GETLK, &query) == 0 && query.l_type != F_UNLCK;
+    if (!isLocked) return {Service::State::NONE, 0, false};
+    char direction = 0;
+    if (::pread(fd, &direction, 1, 0) != 1) return {Service::State::STARTING, 0, false};
+    return {Service::State::SERVED, direction - '0', false};
+}
+
+PipeConnector::Service PipeConnector::findForeignService() const {
+    struct stat status {};
+    const bool exists =
+        ::fstatat(address_.directory(), address_.socketFile().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return {exists ? Service::State::SERVED : Service::State::NONE, SERVER_READS | SERVER_WRITES, true};
+}
+
+bool PipeConnector::allows(int direction) const {
+    return (!readable_ || (direction & SERVER_WRITES) != 0) && (!writable_ || (direction & SERVER_READS) != 0);
+}
+
+PipeConnector::Attempt PipeConnector::fail(int error) {
+    error_ = error;
+    return Attempt::FAILED;
+}
+
+int PipeConnector::reportFailure() const {
+    // Whoever has begun to wait waits for a server that went away.
+    if (waiting_ && error_ == SystemError::FILE_NOT_FOUND) return reportTimeout();
+    if (error_ == SystemError::ACCESS_DENIED) return ConnectResult::ACCESS_DENIED;
+    logError([&] { return text("Could not open pipe. GLE=", error_); });
+    return ConnectResult::CANNOT_OPEN;
+}
+
+int PipeConnector::reportTimeout() const {
+    logDebug(
+        [&] { return text("Could not open pipe ", path_, " after ", printableTimeout(timeoutMs_), " milliseconds."); });
+    return ConnectResult::TIMED_OUT;
+}
+
+void PipeConnector::beginWaiting() {
+    if (!waiting_) logDebug("Waiting for named pipe.");
+    waiting_ = true;
+}
+
+/// False when the time is up or the queue went away; the next attempt finds out which.
+bool PipeConnector::waitInQueue() {
+    return LocalSocket::connectBefore(socket_.get(), address_.socketPath(address_.socketFile()), deadline_);
+}
+
+}  // namespace Quovane::Internal::Qvtp

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "platform/Descriptor_linux.h"
+#include "platform/PipePlatform.h"
+#include "platform/ServedName_linux.h"
+
+#include <atomic>
+#include <memory>
+
+namespace Quovane::Internal::Qvtp {
+
+/// What a pipe handle stands for: a waiting instance or one end of a connection. Every running call holds a reference,
+/// so a descriptor is closed, and its number can be used again, only when the last of them has left.
+struct PipeObject {
+    bool readable = false;
+    bool writable = false;
+    Descriptor event;                      // signalled once, by the close; nobody ever resets it
+    Descriptor socket;                     // the connection; set before `connected`
+    std::shared_ptr<Descriptor> listener;  // of an instance
+    std::shared_ptr<ServedName> served;    // null for a client's end
+    std::atomic<bool> connected{false};    // changed under ServedName::namesMutex() for a server's end
+    std::atomic<bool> closed{false};       // the same
+    std::atomic<bool> starved{false};      // an accept found no descriptors left, and none has succeeded since
+    int owner = 0;                         // process id: see close()
+
+    /// Marks the object closed, lets the peer see the end, and wakes every thread that waits on it. In a forked child
+    /// it does nothing: a shutdown there would end the parent's connection.
+    void close();
+};
+
+/// The handles of this process. Values count up and are never used again, so a stale one can never reach a stranger.
+class HandleTable {
+  public:
+    static HandleTable& instance();
+
+    /// Enters the object. Its event handle is eventHandleOf(the result).
+    NativeHandle add(std::shared_ptr<PipeObject> object);
+    /// Null for a stale or invalid handle.
+    std::shared_ptr<PipeObject> find(NativeHandle handle);
+    std::shared_ptr<PipeObject> remove(NativeHandle handle);
+
+    static NativeHandle eventHandleOf(NativeHandle pipeHandle) { return pipeHandle + 1; }
+
+  private:
+    HandleTable();
+    ~HandleTable() = delete;
+    struct State;
+    State* const state_;
+};
+
+}  // namespace Quovane::Internal::Qvtp

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <qvtp/platform/NativeHandle.h>
+
+#include <string>
+
+/// The contract between the pipe classes and the operating system, implemented once per system beside this file.
+/// The routines return result codes and log; they throw nothing of their own. What each must do in every situation
+/// is in docs/porting.md and in the contract test, which every back end passes.
+namespace Quovane::Internal::Qvtp {
+
+using Quovane::Io::INVALID_NATIVE_HANDLE;
+using Quovane::Io::NativeHandle;
+
+/// What stands before the bare name in a pipe's path: the local machine's pipe namespace.
+inline constexpr char PIPE_PATH_PREFIX[] = R"(\\.\pipe\)";
+
+/// Results of platformConnect; any other value is an operating-system error number.
+namespace ConnectResult {
+inline constexpr int CONNECTED = 0;
+inline constexpr int TIMED_OUT = 1;
+inline constexpr int CANNOT_OPEN = 3;
+inline constexpr int ACCESS_DENIED = 11;
+}  // namespace ConnectResult
+
+/// Results of platformRead below 0; 0 and above are byte counts.
+namespace ReadResult {
+inline constexpr int TIMED_OUT = -2;
+inline constexpr int FAILED = -3;
+inline constexpr int ABORTED = -4;
+}  // namespace ReadResult
+
+namespace WriteResult {
+inline constexpr int WRITTEN = 0;
+inline constexpr int FAILED = 4;
+inline constexpr int TIMED_OUT = 5;
+inline constexpr int BROKEN = 10;
+inline constexpr int ABORTED = -4;
+}  // namespace WriteResult
+
+/// How long platformWrite waits for the peer to take bytes.
+inline constexpr int WRITE_TIMEOUT_MS = 10000;
+
+/// Opens the client end of the pipe. `timeoutMs`: how long to wait for a free instance, 0 without limit (a pipe that
+/// does not exist fails at once). Both handles are invalid unless they were opened.
+int platformConnect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
+                    NativeHandle& eventHandle);
+
+/// Reads at most `length` bytes as soon as there are any. `timeoutMs`: 0 waits without limit. Returns the count (0: the
+/// peer closed meanwhile) or a ReadResult.
+int platformRead(NativeHandle pipeHandle, NativeHandle eventHandle, char* buffer, int length, int timeoutMs);
+
+/// Writes all `length` bytes. Returns a WriteResult.
+int platformWrite(NativeHandle pipeHandle, NativeHandle eventHandle, const char* data, int length);
+
+/// Ends every pending operation of the handle, from any thread, and closes both handles. Invalid and stale handles are
+/// allowed and have no effect but the log line.
+void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle);
+
+/// A handle in the form in which log lines print it.
+inline const void* printable(NativeHandle handle) {
+    return reinterpret_cast<const void*>(handle);
+}
+
+}  // namespace Quovane::Internal::Qvtp

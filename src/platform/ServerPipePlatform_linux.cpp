@@ -1,0 +1,201 @@
+#include "platform/ServerPipePlatform.h"
+
+#include "logging/Log.h"
+#include "platform/LocalSocket_linux.h"
+#include "platform/PipeObject_linux.h"
+#include "platform/SystemError_linux.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+using LocalSocket::WaitResult;
+using ObjectPtr = std::shared_ptr<PipeObject>;
+using NamesGuard = std::lock_guard<std::mutex>;
+
+constexpr int SHORTAGE_BACKOFF_MS = 100;
+
+// Results of a wait as the log prints them.
+constexpr std::uint32_t WAIT_SIGNALLED = 0;
+constexpr std::uint32_t WAIT_TIMED_OUT = 258;
+constexpr std::uint32_t WAIT_BROKEN = UINT32_MAX;
+
+/// Waits for a client on one instance. Its log lines are those of a named pipe's calls: a result at once, or a pending
+/// one that is waited for.
+class Acceptor {
+  public:
+    Acceptor(PipeObject& object, int timeoutMs) : object_(object), deadline_(Deadline::after(timeoutMs)) {}
+
+    int run();
+
+  private:
+    int takeClient();
+    int enterConnection(Descriptor socket);
+    int waitForClient();
+    int complete(int error);
+    WaitResult waitForShortageToEnd();
+    int reportConnectError(int error);
+
+    PipeObject& object_;
+    Deadline deadline_;
+};
+
+void logWaitResult(std::uint32_t status) {
+    logDebug([&] { return text("ServerQvPipe_acceptPipe WaitForSingleObject status = ", status); });
+}
+
+int Acceptor::run() {
+    int error = takeClient();
+    // A shortage that has been reported once is waited out like a client that has not come yet.
+    if (SystemError::isShortage(error) && object_.starved) error = SystemError::IO_PENDING;
+    logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", error); });
+    switch (error) {
+        case SystemError::PIPE_CONNECTED:
+            return AcceptResult::CONNECTED;
+        case SystemError::IO_PENDING:
+            return waitForClient();
+        default:
+            return reportConnectError(error);
+    }
+}
+
+/// One try, without waiting: PIPE_CONNECTED, IO_PENDING when no client is there, or why it cannot be taken.
+int Acceptor::takeClient() {
+    std::shared_ptr<Descriptor> listener;
+    {
+        NamesGuard guard(ServedName::namesMutex());
+        if (object_.closed) return SystemError::IO_PENDING;  // the wait finds the close at once
+        if (object_.connected) return SystemError::PIPE_CONNECTED;
+        const int error = object_.served->reserveEvent();
+        if (error != SystemError::NONE) return error;
+        listener = object_.listener;
+    }
+    for (;;) {
+        const int fd = ::accept4(listener->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd >= 0) return enterConnection(Descriptor(fd));
+        if (errno == EAGAIN || errno == EWOULDBLOCK || object_.closed) return SystemError::IO_PENDING;
+        if (errno != EINTR && errno != ECONNABORTED) return SystemError::fromErrno(errno);
+    }
+}
+
+int Acceptor::enterConnection(Descriptor socket) {
+    LocalSocket::reserveSendBuffer(socket.get());
+    NamesGuard guard(ServedName::namesMutex());
+    if (object_.closed) return SystemError::IO_PENDING;
+    object_.socket = std::move(socket);
+    object_.connected = true;
+    object_.listener.reset();
+    object_.served->instanceConnected();
+    return SystemError::PIPE_CONNECTED;
+}
+
+int Acceptor::waitForClient() {
+    std::shared_ptr<Descriptor> listener;
+    {
+        NamesGuard guard(ServedName::namesMutex());
+        listener = object_.listener;
+    }
+    for (;;) {
+        // Without a listener the object is closed; its event is all there is to wait for.
+        const int fd = listener != nullptr ? listener->get() : -1;
+        const WaitResult waited = LocalSocket::wait(fd, POLLIN, object_.event.get(), deadline_);
+        if (object_.closed) return complete(SystemError::OPERATION_ABORTED);
+        if (waited == WaitResult::TIMED_OUT || waited == WaitResult::FAILED) {
+            const bool timedOut = waited == WaitResult::TIMED_OUT;
+            logWaitResult(timedOut ? WAIT_TIMED_OUT : WAIT_BROKEN);
+            return timedOut ? AcceptResult::TIMED_OUT : AcceptResult::WAIT_FAILED;
+        }
+        const int error = takeClient();
+        if (error == SystemError::PIPE_CONNECTED) return complete(SystemError::IO_PENDING);
+        if (SystemError::isShortage(error) && object_.starved) {
+            waitForShortageToEnd();
+        } else if (error != SystemError::IO_PENDING) {
+            return complete(error);
+        }
+    }
+}
+
+/// The end of a wait. `error` is IO_PENDING for success: the number that a completed operation leaves behind.
+int Acceptor::complete(int error) {
+    logWaitResult(WAIT_SIGNALLED);
+    logDebug([&] { return text("GetOverlappedResult - GetLastError=", error); });
+    if (error == SystemError::OPERATION_ABORTED) return AcceptResult::ABORTED;
+    return error == SystemError::IO_PENDING ? AcceptResult::CONNECTED : reportConnectError(error);
+}
+
+WaitResult Acceptor::waitForShortageToEnd() {
+    return LocalSocket::wait(-1, 0, object_.event.get(), Deadline::after(SHORTAGE_BACKOFF_MS));
+}
+
+/// When descriptors have run out the client stays in the queue and the next try fails at once: say so once, and keep
+/// the caller's loop from spinning.
+int Acceptor::reportConnectError(int error) {
+    logError([&] { return text("Connect error: ", error); });
+    if (SystemError::isShortage(error)) {
+        object_.starved = true;
+        waitForShortageToEnd();
+    }
+    return AcceptResult::CONNECT_ERROR;
+}
+
+int acceptOn(NativeHandle pipeHandle, int timeoutMs) {
+    if (const ObjectPtr object = HandleTable::instance().find(pipeHandle)) return Acceptor(*object, timeoutMs).run();
+    logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", SystemError::INVALID_HANDLE); });
+    logError([&] { return text("Connect error: ", SystemError::INVALID_HANDLE); });
+    return AcceptResult::CONNECT_ERROR;
+}
+
+}  // namespace
+
+int platformCreateInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
+                           NativeHandle& eventHandle) {
+    pipeHandle = INVALID_NATIVE_HANDLE;
+    eventHandle = INVALID_NATIVE_HANDLE;
+
+    auto object = std::make_shared<PipeObject>();
+    object->readable = readable;
+    object->writable = writable;
+    object->owner = ::getpid();
+    PipeAddress address;
+    int error = address.resolve(path, PipeAddress::Directory::CREATE);
+    if (error == SystemError::NONE) {
+        NamesGuard guard(ServedName::namesMutex());
+        const char direction = ServedName::directionOf(readable, writable);
+        error = ServedName::addInstance(std::move(address), direction, first, object->served, object->event);
+        if (error == SystemError::NONE) object->listener = object->served->listener();
+    }
+    if (error != SystemError::NONE) {
+        logError([&] { return text("CreateNamedPipe failed: ", error); });
+        return error;
+    }
+    pipeHandle = HandleTable::instance().add(std::move(object));
+    eventHandle = HandleTable::eventHandleOf(pipeHandle);
+    logDebug([&] { return text("bindPipe: handle=", printable(pipeHandle), " event=", printable(eventHandle)); });
+    return SystemError::NONE;
+}
+
+int platformAccept(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
+    logDebug("Calling ConnectNamedPipe.");
+    const int result = acceptOn(pipeHandle, timeoutMs);
+    if (result == AcceptResult::ABORTED) return result;
+    logDebug([&] { return text("ServerQvPipe_acceptPipe retval = ", result); });
+    return result;
+}
+
+void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle) {
+    // A blank where the other close has a semicolon: readers of these lines match this form.
+    logDebug([&] { return text("Close Handles: handle=", printable(pipeHandle), " event= ", printable(eventHandle)); });
+    if (const ObjectPtr object = HandleTable::instance().remove(pipeHandle)) object->close();
+}
+
+}  // namespace Quovane::Internal::Qvtp
