@@ -1,0 +1,131 @@
+#include <qvtp/io/PipeBufferBase.h>
+
+#include <qvtp/io/QvPipe.h>
+#include <qvtp/io/QvPipeException.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace Quovane::Io {
+
+namespace {
+
+int clampToInt(std::streamsize size) {
+    return static_cast<int>(std::min<std::streamsize>(size, std::numeric_limits<int>::max()));
+}
+
+}  // namespace
+
+template <typename CharT, typename Traits>
+PipeBufferBase<CharT, Traits>::PipeBufferBase(QvPipe* pipe, int mode)
+    : isInput_(mode == INPUT_MODE), isOutput_(mode == OUTPUT_MODE), pipe_(pipe) {
+    if (!isInput_ && !isOutput_) throw QvPipeException("Mode must be either ios_base::in or ios_base::out");
+    PipeBufferBase::setbuf(nullptr, 0);
+}
+
+template <typename CharT, typename Traits>
+PipeBufferBase<CharT, Traits>::PipeBufferBase(const PipeBufferBase& other) = default;
+
+template <typename CharT, typename Traits>
+PipeBufferBase<CharT, Traits>& PipeBufferBase<CharT, Traits>::operator=(const PipeBufferBase& other) = default;
+
+template <typename CharT, typename Traits>
+PipeBufferBase<CharT, Traits>::~PipeBufferBase() = default;
+
+template <typename CharT, typename Traits>
+std::basic_streambuf<CharT, Traits>* PipeBufferBase<CharT, Traits>::setbuf(CharT* area, std::streamsize size) {
+    if (buffer_ != nullptr) throw QvPipeException("Buffer already set.  Reset not supported.");
+    buffer_ = area;
+    bufferSize_ = size;
+    if (isOutput_) this->setp(area, area + size);
+    if (isInput_) this->setg(area, area, area);
+    return this;
+}
+
+template <typename CharT, typename Traits>
+void PipeBufferBase<CharT, Traits>::requireInput() const {
+    if (isOutput_) throw QvPipeException("Illegal operation: reading from output stream.");
+}
+
+template <typename CharT, typename Traits>
+void PipeBufferBase<CharT, Traits>::requireOutput() const {
+    if (isInput_) throw QvPipeException("Illegal operation: writing to input stream.");
+}
+
+/// Writes the put area to the pipe; false when there is nothing in it.
+template <typename CharT, typename Traits>
+bool PipeBufferBase<CharT, Traits>::flushArea() {
+    const std::streamsize pending = this->pptr() - this->pbase();
+    if (pending <= 0) return false;
+    pipe_->writePipe(buffer_, 0, clampToInt(pending));
+    this->setp(buffer_, buffer_ + bufferSize_);
+    return true;
+}
+
+template <typename CharT, typename Traits>
+typename PipeBufferBase<CharT, Traits>::int_type PipeBufferBase<CharT, Traits>::overflow(int_type c) {
+    requireOutput();
+    const CharT character = Traits::to_char_type(c);
+    if (buffer_ == nullptr) {
+        pipe_->writePipe(&character, 0, 1);
+        return c;
+    }
+    flushArea();
+    if (Traits::eq_int_type(c, Traits::eof())) return Traits::eof();
+    if (this->pptr() == this->epptr()) return Traits::eof();
+    *this->pptr() = character;
+    this->pbump(1);
+    return c;
+}
+
+template <typename CharT, typename Traits>
+int PipeBufferBase<CharT, Traits>::sync() {
+    if (isOutput_ && buffer_ != nullptr) flushArea();
+    return 0;
+}
+
+template <typename CharT, typename Traits>
+typename PipeBufferBase<CharT, Traits>::int_type PipeBufferBase<CharT, Traits>::underflow() {
+    requireInput();
+    if (buffer_ == nullptr) {
+        buffer_ = &oneChar_;
+        bufferSize_ = 1;
+    }
+    const int count = pipe_->readPipe(buffer_, 0, clampToInt(bufferSize_), pipe_->getReadTimeout());
+    if (count == -1) {
+        this->setg(buffer_, buffer_, buffer_);
+        return Traits::eof();
+    }
+    this->setg(buffer_, buffer_, buffer_ + count);
+    return Traits::to_int_type(*buffer_);
+}
+
+template <typename CharT, typename Traits>
+std::streamsize PipeBufferBase<CharT, Traits>::xsgetn(CharT* s, std::streamsize n) {
+    requireInput();
+    return std::basic_streambuf<CharT, Traits>::xsgetn(s, n);
+}
+
+template <typename CharT, typename Traits>
+std::streamsize PipeBufferBase<CharT, Traits>::xsputn(const CharT* s, std::streamsize n) {
+    requireOutput();
+    if (s == nullptr || n <= 0) return 0;
+    std::streamsize placed = 0;
+    if (buffer_ == nullptr) {
+        for (; placed < n; placed += clampToInt(n - placed)) pipe_->writePipe(s + placed, 0, clampToInt(n - placed));
+        return 0;
+    }
+    for (;;) {
+        const std::streamsize fits = std::min<std::streamsize>(n - placed, this->epptr() - this->pptr());
+        Traits::copy(this->pptr(), s + placed, static_cast<std::size_t>(fits));
+        this->pbump(static_cast<int>(fits));
+        placed += fits;
+        if (placed == n) return n;
+        if (Traits::eq_int_type(this->overflow(Traits::to_int_type(s[placed])), Traits::eof())) return placed;
+        ++placed;
+    }
+}
+
+template class PipeBufferBase<char>;
+
+}  // namespace Quovane::Io

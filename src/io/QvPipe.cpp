@@ -1,0 +1,227 @@
+#include <qvtp/io/QvPipe.h>
+
+#include <qvtp/io/BrokenPipeException.h>
+#include <qvtp/io/ConnectException.h>
+#include <qvtp/io/IllegalArgumentException.h>
+#include <qvtp/io/IllegalStateException.h>
+#include <qvtp/io/InterruptedException.h>
+#include <qvtp/io/PipeBufferBase.h>
+#include <qvtp/io/TimeoutException.h>
+
+#include "platform/PipePlatform.h"
+
+namespace Quovane::Io {
+
+namespace {
+
+using namespace Quovane::Internal::Qvtp;
+
+constexpr int DEFAULT_CONNECT_TIMEOUT_MS = 10000;
+
+}  // namespace
+
+const std::string QvPipe::PIPE_NAME_PREFIX = PIPE_PATH_PREFIX;
+
+/// A stream and its buffer. The buffer works on the QvPipe that made it. When that object goes while copies still have
+/// the stream, an heir takes its place: a closed pipe, on which every read and write fails in the ordinary way.
+template <typename Stream>
+class QvPipe::PipeStream : public Stream {
+  public:
+    PipeStream(QvPipe* pipe, int mode) : Stream(nullptr), buffer_(pipe, mode) {
+        this->rdbuf(&buffer_);
+        this->exceptions(std::ios_base::badbit);
+    }
+
+    bool worksOn(const QvPipe* pipe) const { return buffer_.pipe_ == pipe; }
+
+    void inherit(const QvPipe& owner) {
+        heir_ = std::make_unique<QvPipe>();
+        heir_->readTimeout_ = owner.readTimeout_;
+        buffer_.pipe_ = heir_.get();
+    }
+
+    /// Gives a stream without an owner to a copy that asks for it.
+    void adopt(QvPipe* pipe) {
+        if (heir_ == nullptr) return;
+        buffer_.pipe_ = pipe;
+        heir_.reset();
+    }
+
+  private:
+    PipeBufferBase<char> buffer_;
+    std::unique_ptr<QvPipe> heir_;
+};
+
+QvPipe::QvPipe() : connectTimeout_(DEFAULT_CONNECT_TIMEOUT_MS), prefix_(PIPE_NAME_PREFIX) {}
+
+QvPipe::QvPipe(const std::string& name, bool readable, bool writable) : connectTimeout_(0), prefix_(PIPE_NAME_PREFIX) {
+    try {
+        connect(name, readable, writable);
+    } catch (...) {
+        // A connection whose event could not be made is open already, and no destructor will run.
+        if (pipeHandle_ != INVALID_NATIVE_HANDLE) closePipe();
+        throw;
+    }
+}
+
+QvPipe::QvPipe(const QvPipe& other)
+    : readable_(other.readable_),
+      writable_(other.writable_),
+      inputStream_(other.inputStream_),
+      outputStream_(other.outputStream_),
+      connectTimeout_(other.connectTimeout_),
+      readTimeout_(other.readTimeout_),
+      name_(other.name_),
+      prefix_(other.prefix_),
+      pipeHandle_(other.pipeHandle_.load()),
+      eventHandle_(other.eventHandle_.load()) {}
+
+QvPipe& QvPipe::operator=(const QvPipe& other) {
+    if (this == &other) return *this;
+    orphan(inputStream_);
+    orphan(outputStream_);
+    readable_ = other.readable_;
+    writable_ = other.writable_;
+    inputStream_ = other.inputStream_;
+    outputStream_ = other.outputStream_;
+    connectTimeout_ = other.connectTimeout_;
+    readTimeout_ = other.readTimeout_;
+    name_ = other.name_;
+    prefix_ = other.prefix_;
+    pipeHandle_ = other.pipeHandle_.load();
+    eventHandle_ = other.eventHandle_.load();
+    return *this;
+}
+
+QvPipe::~QvPipe() {
+    closePipe();
+    orphan(inputStream_);
+    orphan(outputStream_);
+}
+
+/// This object stops being what the stream works on.
+template <typename Stream>
+void QvPipe::orphan(const std::shared_ptr<Stream>& stream) {
+    if (stream == nullptr || stream.use_count() == 1) return;
+    auto& pipeStream = static_cast<PipeStream<Stream>&>(*stream);
+    if (pipeStream.worksOn(this)) pipeStream.inherit(*this);
+}
+
+void QvPipe::bind(const std::string& name, bool readable, bool writable) {
+    if (!readable && !writable) throw IllegalArgumentException("Pipe must be readable or writable.");
+    if (isBound()) throw IllegalStateException("Pipe is already bound.");
+    name_ = name;
+    readable_ = readable;
+    writable_ = writable;
+}
+
+bool QvPipe::isBound() const {
+    return !name_.empty();
+}
+
+void QvPipe::connect() {
+    if (!isBound()) throw IllegalStateException("Pipe not yet bound");
+    connectPipe(prefix_ + name_, "/" + name_, readable_, writable_, connectTimeout_);
+}
+
+void QvPipe::connect(const std::string& name, bool readable, bool writable) {
+    bind(name, readable, writable);
+    connect();
+}
+
+void QvPipe::connectPipe(const std::string& path, const std::string& /*displayName*/, bool readable, bool writable,
+                         int timeoutMs) {
+    NativeHandle pipeHandle = INVALID_NATIVE_HANDLE;
+    NativeHandle eventHandle = INVALID_NATIVE_HANDLE;
+    const int result = platformConnect(path, readable, writable, timeoutMs, pipeHandle, eventHandle);
+    pipeHandle_ = pipeHandle;
+    eventHandle_ = eventHandle;
+    switch (result) {
+        case ConnectResult::CONNECTED:
+            return;
+        case ConnectResult::TIMED_OUT:
+            throw TimeoutException("Timed out connecting to pipe");
+        case ConnectResult::CANNOT_OPEN:
+            throw ConnectException("Could not connect to pipe.");
+        case ConnectResult::ACCESS_DENIED:
+            throw ConnectException("Access denied.");
+        default:
+            throw QvPipeException("Unrecognized pipe connect error");
+    }
+}
+
+void QvPipe::close() {
+    closePipe();
+}
+
+/// Takes the handles before it closes them: no operation that starts from now on can meet a value that is used again.
+void QvPipe::closePipe() {
+    const NativeHandle pipeHandle = pipeHandle_.exchange(INVALID_NATIVE_HANDLE);
+    const NativeHandle eventHandle = eventHandle_.exchange(INVALID_NATIVE_HANDLE);
+    platformClose(pipeHandle, eventHandle);
+}
+
+std::istream& QvPipe::getInputStream() {
+    if (!isBound() || !readable_) throw IllegalStateException("Pipe is not bound with read access.");
+    using Stream = PipeStream<std::istream>;
+    if (inputStream_ == nullptr) inputStream_ = std::make_shared<Stream>(this, PipeBufferBase<char>::INPUT_MODE);
+    static_cast<Stream&>(*inputStream_).adopt(this);
+    return *inputStream_;
+}
+
+std::ostream& QvPipe::getOutputStream() {
+    if (!isBound() || !writable_) throw IllegalStateException("Pipe is not bound with write access.");
+    using Stream = PipeStream<std::ostream>;
+    if (outputStream_ == nullptr) outputStream_ = std::make_shared<Stream>(this, PipeBufferBase<char>::OUTPUT_MODE);
+    static_cast<Stream&>(*outputStream_).adopt(this);
+    return *outputStream_;
+}
+
+void QvPipe::setReadTimeout(int milliseconds) {
+    readTimeout_ = milliseconds;
+}
+
+int QvPipe::getReadTimeout() const {
+    return readTimeout_;
+}
+
+void QvPipe::setConnectTimeout(int milliseconds) {
+    connectTimeout_ = milliseconds;
+}
+
+int QvPipe::getConnectTimeout() const {
+    return connectTimeout_;
+}
+
+int QvPipe::readPipe(char* buffer, int offset, int length, int timeout) {
+    const int result = platformRead(pipeHandle_, eventHandle_, buffer + offset, length, timeout);
+    switch (result) {
+        case ReadResult::TIMED_OUT:
+            throw TimeoutException("QvPipe read timeout.");
+        case ReadResult::ABORTED:
+            throw InterruptedException("QvPipe read aborted.");
+        case ReadResult::FAILED:
+            throw QvPipeException("QvPipe read failed.");
+        default:
+            return result < 1 ? -1 : result;
+    }
+}
+
+void QvPipe::writePipe(const char* buffer, int offset, int length) {
+    switch (platformWrite(pipeHandle_, eventHandle_, buffer + offset, length)) {
+        case WriteResult::WRITTEN:
+            return;
+        case WriteResult::BROKEN:
+            throw BrokenPipeException("Pipe was closed at other end.");
+        case WriteResult::ABORTED:
+            throw InterruptedException("Pipe write aborted.");
+        case WriteResult::FAILED:
+            throw QvPipeException("Pipe write failed");
+        case WriteResult::TIMED_OUT:
+            throw TimeoutException("Pipe write timed out");
+        default:
+            throw QvPipeException("Unexpected writePipe failure.");
+    }
+}
+
+}  // namespace Quovane::Io

@@ -1,0 +1,188 @@
+#include <qvtp/io/ServerQvPipe.h>
+
+#include <qvtp/io/BindException.h>
+#include <qvtp/io/IllegalArgumentException.h>
+#include <qvtp/io/IllegalStateException.h>
+#include <qvtp/io/InterruptedException.h>
+#include <qvtp/io/TimeoutException.h>
+
+#include "common/System.h"
+#include "logging/Log.h"
+#include "platform/ServerPipePlatform.h"
+
+namespace Quovane::Io {
+
+namespace {
+
+using namespace Quovane::Internal::Qvtp;
+
+constexpr int RETRY_BACKOFF_MS = 100;
+constexpr int RETRY_STEP_MS = 5;
+
+}  // namespace
+
+ServerQvPipe::ServerQvPipe() : prefix_(QvPipe::PIPE_NAME_PREFIX) {}
+
+ServerQvPipe::ServerQvPipe(const std::string& name, bool readable, bool writable) : prefix_(QvPipe::PIPE_NAME_PREFIX) {
+    try {
+        bind(name, readable, writable);
+    } catch (...) {
+        // An instance whose event could not be made is there already, and no destructor will run.
+        if (pipeHandle_ != INVALID_NATIVE_HANDLE) closeHandles();
+        throw;
+    }
+}
+
+ServerQvPipe::ServerQvPipe(const ServerQvPipe& other)
+    : name_(other.name_),
+      readable_(other.readable_),
+      writable_(other.writable_),
+      instanceCounter_(other.instanceCounter_),
+      acceptTimeout_(other.acceptTimeout_),
+      prefix_(other.prefix_),
+      closed_(other.closed_.load()),
+      pipeHandle_(other.pipeHandle_.load()),
+      eventHandle_(other.eventHandle_.load()) {}
+
+ServerQvPipe& ServerQvPipe::operator=(const ServerQvPipe& other) {
+    if (this == &other) return *this;
+    name_ = other.name_;
+    readable_ = other.readable_;
+    writable_ = other.writable_;
+    instanceCounter_ = other.instanceCounter_;
+    acceptTimeout_ = other.acceptTimeout_;
+    prefix_ = other.prefix_;
+    closed_ = other.closed_.load();
+    pipeHandle_ = other.pipeHandle_.load();
+    eventHandle_ = other.eventHandle_.load();
+    return *this;
+}
+
+ServerQvPipe::~ServerQvPipe() {
+    logDebug([&] { return "Closing server pipe: " + name_; });
+    close();
+}
+
+void ServerQvPipe::bind(const std::string& name, bool readable, bool writable) {
+    if (!readable && !writable) throw IllegalArgumentException("Pipe must be readable or writable.");
+    if (isBound()) throw IllegalStateException("Pipe is already bound.");
+    name_ = name;
+    readable_ = readable;
+    writable_ = writable;
+    bindPipe(prefix_ + name_, true);
+}
+
+bool ServerQvPipe::isBound() const {
+    return !name_.empty();
+}
+
+void ServerQvPipe::bindPipe(const std::string& path, bool first) {
+    NativeHandle pipeHandle = INVALID_NATIVE_HANDLE;
+    NativeHandle eventHandle = INVALID_NATIVE_HANDLE;
+    const int error = platformCreateInstance(path, readable_, writable_, first, pipeHandle, eventHandle);
+    eventHandle_ = eventHandle;
+    pipeHandle_ = pipeHandle;
+    if (error != 0) throw BindException("CreateNamedPipe failed");
+}
+
+QvPipe ServerQvPipe::accept() {
+    QvPipe pipe;  // built in the place of the result: a copy that went away here would close the connection
+    accept(pipe);
+    return pipe;
+}
+
+void ServerQvPipe::accept(QvPipe& pipe) {
+    if (!isBound()) throw IllegalStateException("Pipe is not bound.");
+    if (closed_) throw IllegalStateException("Pipe is closed.");
+    if (pipe.isBound()) throw IllegalStateException("Cannot provide a bound QvPipe to accept().");
+    const int counter = instanceCounter_++;
+    try {
+        acceptPipe(prefix_ + name_, "/" + name_, counter, readable_, writable_, acceptTimeout_, pipe);
+    } catch (TimeoutException& e) {
+        throw TimeoutException(e.getMessage(), e.getCode());
+    } catch (QvPipeException& e) {
+        if (closed_) throw InterruptedException("accept aborted");
+        // The subclass is not kept: callers match this class and text.
+        throw QvPipeException(e.getMessage(), e.getCode());
+    }
+}
+
+void ServerQvPipe::acceptPipe(const std::string& path, const std::string& /*displayName*/, int /*counter*/,
+                              bool readable, bool writable, int timeoutMs, QvPipe& pipe) {
+    ensureInstance(path);
+    switch (platformAccept(pipeHandle_, eventHandle_, timeoutMs)) {
+        case AcceptResult::CONNECTED:
+            handOver(readable, writable, pipe);
+            createNextInstance(path);
+            // A close that came before the hand-over has closed the connection as well.
+            if (pipe.pipeHandle_ == INVALID_NATIVE_HANDLE) throw InterruptedException("acceptPipe aborted.");
+            return;
+        case AcceptResult::TIMED_OUT:
+            throw TimeoutException("QvPipe accept timeout");
+        case AcceptResult::ABORTED:
+            logInfo("Accept aborted.");
+            throw InterruptedException("acceptPipe aborted.");
+        case AcceptResult::CONNECT_ERROR:
+            throw QvPipeException("acceptPipe failed");
+        default:
+            logError("Wait failed in Accept.");
+            throw QvPipeException("QvPipe wait failed in accept");  // log and exception differ on purpose
+    }
+}
+
+void ServerQvPipe::handOver(bool readable, bool writable, QvPipe& pipe) {
+    pipe.name_ = name_;
+    pipe.readable_ = readable;
+    pipe.writable_ = writable;
+    pipe.pipeHandle_ = pipeHandle_.exchange(INVALID_NATIVE_HANDLE);
+    pipe.eventHandle_ = eventHandle_.exchange(INVALID_NATIVE_HANDLE);
+}
+
+/// close() may have come between the hand-over and the new instance; then nobody else would ever close the new one.
+void ServerQvPipe::createNextInstance(const std::string& path) {
+    bindPipe(path, false);
+    if (closed_) closeHandles();
+}
+
+/// After a failed create there is no instance to wait on: try again, but slowly, since the reason may still be there.
+void ServerQvPipe::ensureInstance(const std::string& path) {
+    if (pipeHandle_ != INVALID_NATIVE_HANDLE || closed_) return;
+    try {
+        createNextInstance(path);
+    } catch (BindException&) {
+        for (int waited = 0; waited < RETRY_BACKOFF_MS && !closed_; waited += RETRY_STEP_MS) {
+            System::sleepMs(RETRY_STEP_MS);
+        }
+        throw;
+    }
+}
+
+void ServerQvPipe::close() {
+    if (closed_) return;
+    setClosed(true);  // first, so that the accept that the next step ends finds out why
+    closeHandles();
+}
+
+void ServerQvPipe::closeHandles() {
+    const NativeHandle pipeHandle = pipeHandle_.exchange(INVALID_NATIVE_HANDLE);
+    const NativeHandle eventHandle = eventHandle_.exchange(INVALID_NATIVE_HANDLE);
+    platformCloseServer(pipeHandle, eventHandle);
+}
+
+bool ServerQvPipe::isClosed() const {
+    return closed_;
+}
+
+void ServerQvPipe::setClosed(bool closed) {
+    closed_ = closed;
+}
+
+void ServerQvPipe::setAcceptTimeout(int milliseconds) {
+    acceptTimeout_ = milliseconds;
+}
+
+int ServerQvPipe::getAcceptTimeout() const {
+    return acceptTimeout_;
+}
+
+}  // namespace Quovane::Io
