@@ -1,0 +1,50 @@
+#pragma once
+
+#include <qvtp/Export.h>
+#include <qvtp/message/QvtpMessage.h>
+
+#include <cstddef>
+#include <istream>
+#include <string>
+#include <vector>
+
+namespace Quovane::Qvtp {
+
+/// A message that is read: a request on the server, a response on the client.
+///
+/// Start line and headers are read from the pipe when they are first needed, and only once; the body after them when it
+/// is asked for, also once. One thread at a time uses a message. Reading throws the exceptions of QvPipe, and
+/// InterruptedException if the peer's stream ends inside the head.
+class QVTP_API QvtpMessageIn : public QvtpMessage {
+  public:
+    ~QvtpMessageIn() override;
+
+    /// The start line, waiting for it if it has not been read. If reading the head failed before, a stand-in: status
+    /// 500 for a response, method NONE for a request. Throws QvPipeException with code 1011 if the head tells no length
+    /// of the body.
+    virtual std::string getStartLine() = 0;
+
+    // Header names are matched without regard to case or to white space around them. These three do not read: call
+    // getStartLine() or anything that needs it first.
+
+    /// The first value of the header, or an empty string.
+    virtual std::string getHeader(const std::string& name) const = 0;
+    /// All values of the header in order; values are separated by commas or by repeating the header.
+    virtual std::vector<std::string> getHeaders(const std::string& name) const = 0;
+    /// The names of all headers as the peer wrote them, in the order of their upper-cased names.
+    virtual std::vector<std::string> getHeaderNames() = 0;
+
+    /// Reads the whole body, or what is left of it, into a new array that belongs to the caller: free it with delete[].
+    /// A zero byte follows the `length` bytes. Nothing is stored when it throws.
+    /// Throws QvPipeException: with code 1013 if the head could not be read, with code 1011 if it tells no length, and
+    /// "Reached the stream end-of-file before the expected length." if the body is cut off.
+    virtual void getBody(char** data, size_t& length) = 0;
+    /// A stream over the body, for bodies of any size. It belongs to the message and throws on badbit. A chunked body
+    /// that is malformed or cut off ends early and is logged at ERROR. Throws like getBody() if there is no head.
+    virtual std::istream* getBodyStream() = 0;
+
+  protected:
+    QvtpMessageIn();
+};
+
+}  // namespace Quovane::Qvtp

@@ -1,0 +1,105 @@
+#include "message/InputBuffer.h"
+
+#include "common/StringUtils.h"
+#include "common/System.h"
+#include "logging/Log.h"
+#include "message/Throughput.h"
+
+#include <algorithm>
+
+namespace Quovane::Internal::Qvtp {
+
+using Quovane::Soa::Internal::Common::StringUtils;
+
+namespace {
+
+constexpr std::size_t SIZE_LINE_CAPACITY = 20;  // at most 19 characters before the line feed
+constexpr std::size_t SKIP_PIECE = 4096;
+
+}  // namespace
+
+InputBuffer::InputBuffer(std::uint64_t length, std::istream* stream)
+    : remaining_(length == CHUNKED ? 0 : length), chunked_(length == CHUNKED), stream_(stream) {}
+
+std::size_t InputBuffer::read(char* buffer, std::size_t size) {
+    if (finished_ || broken_ || stream_ == nullptr) return 0;
+    if (startTimeMs_ == 0) startTimeMs_ = System::wallClockMs();
+    if (chunked_ && remaining_ == 0 && !beginChunk()) return 0;
+
+    std::size_t count = 0;
+    if (remaining_ == 0) {
+        finished_ = true;  // the last chunk, or a body of length 0
+    } else {
+        count = readData(buffer, size);
+        if (remaining_ == 0 && !chunked_) finished_ = true;
+    }
+    if (chunked_ && remaining_ == 0 && !endChunk()) return 0;
+    if (finished_) logEnd();
+    return count;
+}
+
+/// Reads a chunk-size line.
+bool InputBuffer::beginChunk() {
+    char line[SIZE_LINE_CAPACITY];
+    stream_->getline(line, sizeof line);
+    // The line lacks its line feed also when the stream ended behind its last character.
+    if (stream_->fail() || stream_->eof()) {
+        // A line that is too long leaves a failure on the stream, which has more to give to whoever reads it next.
+        if (!stream_->eof() && !stream_->bad()) stream_->clear();
+        return fail("InputBuffer::read(): invalid chunksize line");
+    }
+    std::uint32_t size = 0;
+    if (!StringUtils::scanHexadecimal(line, size)) return fail("InputBuffer::read(): invalid chunksize line");
+    remaining_ = size;
+    return true;
+}
+
+std::size_t InputBuffer::readData(char* buffer, std::size_t size) {
+    const auto wanted = static_cast<std::streamsize>(std::min<std::uint64_t>(size, remaining_));
+    std::streamsize count = 0;
+    while (count == 0 && stream_->good()) {
+        stream_->read(buffer, wanted);
+        count = stream_->gcount();
+    }
+    remaining_ -= static_cast<std::uint64_t>(count);
+    bytes_ += count;
+    if (count > 0) logCommunication(CommunicationLevel::INPUT, buffer, static_cast<std::size_t>(count), false);
+    return static_cast<std::size_t>(count);
+}
+
+/// Reads the line end behind a chunk's data.
+bool InputBuffer::endChunk() {
+    char lineEnd[2] = {};
+    stream_->read(lineEnd, sizeof lineEnd);
+    if (stream_->gcount() == 2 && lineEnd[0] == '\r' && lineEnd[1] == '\n') return true;
+    return fail("Bad end of chunk");
+}
+
+bool InputBuffer::fail(const char* message) {
+    broken_ = true;
+    logError(message);
+    return false;
+}
+
+void InputBuffer::logEnd() const {
+    logDebug([&] { return Throughput::describeRead(bytes_, startTimeMs_, System::wallClockMs()); });
+    logCommunication(CommunicationLevel::INPUT, "\n", 1, false);
+}
+
+bool InputBuffer::isComplete() const {
+    const bool isEmpty = !chunked_ && remaining_ == 0;
+    return (finished_ || isEmpty) && !broken_;
+}
+
+bool InputBuffer::skipSome(std::uint64_t& budget) {
+    if (broken_ || stream_ == nullptr || (!chunked_ && remaining_ > budget)) return false;
+    char dropped[SKIP_PIECE];
+    const std::streamsize there = stream_->rdbuf()->in_avail();
+    const auto size = static_cast<std::size_t>(std::clamp<std::streamsize>(there, 1, sizeof dropped));
+    const std::size_t count = read(dropped, size);
+    if (count > budget || (count == 0 && !isComplete())) return false;
+    budget -= count;
+    return true;
+}
+
+}  // namespace Quovane::Internal::Qvtp

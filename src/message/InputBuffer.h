@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <istream>
+
+namespace Quovane::Internal::Qvtp {
+
+/// Takes the body of one message out of its framing (docs/wire-format.md) and never reads a byte beyond it. A malformed
+/// chunk is logged at ERROR and ends the body for good; exceptions of the stream pass through.
+class InputBuffer {
+  public:
+    /// The length that stands for a chunked body.
+    static constexpr std::uint64_t CHUNKED = ~std::uint64_t{0};
+
+    /// `length`: bytes of the body, or CHUNKED. The stream is not owned.
+    InputBuffer(std::uint64_t length, std::istream* stream);
+
+    /// Reads at most `size` bytes, and no more than the current chunk has. 0 is the end of the body.
+    std::size_t read(char* buffer, std::size_t size);
+
+    /// Whether the stream stands behind the whole body, where the next message begins.
+    bool isComplete() const;
+
+    /// Reads what is there of the rest of the body, or waits for one more byte, and drops it. False if that is more
+    /// than `budget`, which it reduces, or if the body ended too early.
+    bool skipSome(std::uint64_t& budget);
+
+    /// Ends the body: the stream now belongs to somebody else.
+    void detach() { stream_ = nullptr; }
+
+  private:
+    bool beginChunk();
+    std::size_t readData(char* buffer, std::size_t size);
+    bool endChunk();
+    bool fail(const char* message);
+    void logEnd() const;
+
+    std::uint64_t remaining_;
+    bool chunked_;
+    bool finished_ = false;
+    std::istream* stream_;  // not owned
+    std::int64_t startTimeMs_ = 0;
+    std::int64_t bytes_ = 0;
+    bool broken_ = false;
+};
+
+}  // namespace Quovane::Internal::Qvtp

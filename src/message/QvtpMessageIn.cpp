@@ -1,0 +1,9 @@
+#include <qvtp/message/QvtpMessageIn.h>
+
+namespace Quovane::Qvtp {
+
+QvtpMessageIn::QvtpMessageIn() = default;
+
+QvtpMessageIn::~QvtpMessageIn() = default;
+
+}  // namespace Quovane::Qvtp

@@ -1,0 +1,121 @@
+#include "message/QvtpMessageInImpl.h"
+
+#include <qvtp/io/QvPipeException.h>
+#include <qvtp/message/Version.h>
+
+#include "common/StringUtils.h"
+#include "common/Text.h"
+#include "logging/Log.h"
+#include "message/DirectionLabel.h"
+#include "message/StreamUtil.h"
+
+namespace Quovane::Internal::Qvtp {
+
+using Quovane::Io::QvPipeException;
+using Quovane::Qvtp::QvtpMessage;
+using Quovane::Qvtp::Version;
+using Quovane::Soa::Internal::Common::StringUtils;
+
+namespace {
+
+constexpr int NO_LENGTH = 1011;
+constexpr int NO_HEAD = 1013;
+
+}  // namespace
+
+QvtpMessageInImpl::QvtpMessageInImpl(std::istream* pipeStream, int bufferSize, const std::string& label,
+                                     Utf8String* converter)
+    : pipeStream_(pipeStream), bufferSize_(bufferSize), label_(label), converter_(converter) {}
+
+QvtpMessageInImpl::~QvtpMessageInImpl() = default;
+
+std::string QvtpMessageInImpl::getStartLine() {
+    readHead();
+    return startLine_;
+}
+
+std::string QvtpMessageInImpl::getHeader(const std::string& name) const {
+    return headers_.getHeader(name);
+}
+
+std::vector<std::string> QvtpMessageInImpl::getHeaders(const std::string& name) const {
+    return headers_.getHeaders(name);
+}
+
+std::vector<std::string> QvtpMessageInImpl::getHeaderNames() {
+    return headers_.getHeaderNames();
+}
+
+std::shared_ptr<InputBuffer> QvtpMessageInImpl::bodyReader() const {
+    return bodyStream_ != nullptr ? bodyStream_->input() : nullptr;
+}
+
+/// The stand-in gives way to the real start line only when the whole head was read.
+void QvtpMessageInImpl::readHead() {
+    if (!startLine_.empty()) return;
+    startLine_ = standInStartLine();
+    std::string line = readStartLine();
+    if (isCommunicationEnabled(CommunicationLevel::INPUT)) {
+        logCommunication(CommunicationLevel::INPUT, line + "\n", true);
+    }
+    logDebug([&] { return label_ + line; });
+    headers_.read(*pipeStream_, *converter_);
+    bodyStream_ = std::make_unique<QvtpIStream>(bufferSize_, findBodyLength(), pipeStream_);
+    startLine_ = std::move(line);
+}
+
+std::string QvtpMessageInImpl::standInStartLine() const {
+    const std::string version = Version::CURRENT_VERSION.toString();
+    if (label_ == DirectionLabel::ACCEPT) return QvtpMessage::METHOD_NONE + " Empty/Resource " + version;
+    const int code = QvtpMessage::STATUS_SERVER_ERROR;
+    return text(version, " ", code, " ", QvtpMessage::STATUS_REASONS.at(code));
+}
+
+/// Empty lines before a message are skipped.
+std::string QvtpMessageInImpl::readStartLine() {
+    std::string line;
+    while (line.empty()) StreamUtil::readLine(*pipeStream_, line);
+    return line;
+}
+
+bool QvtpMessageInImpl::isChunked() const {
+    return getHeader(QvtpMessage::HEADER_TRANSFER_ENCODING) == QvtpMessage::HEADER_CHUNKED_ENCODING;
+}
+
+std::uint64_t QvtpMessageInImpl::findBodyLength() const {
+    const std::string length = getHeader(QvtpMessage::HEADER_CONTENT_LENGTH);
+    // Widened with its sign: -1 is the marker of a chunked body.
+    if (!length.empty()) return static_cast<std::uint64_t>(std::int64_t{StringUtils::toInteger(length)});
+    if (isChunked()) return InputBuffer::CHUNKED;
+    logErrorAndThrow<QvPipeException>("The QVTP Message does not have a Content-Length or Transfer-Encoding header",
+                                      NO_LENGTH);
+}
+
+QvtpIStream& QvtpMessageInImpl::requireBody() {
+    readHead();
+    if (bodyStream_ != nullptr) return *bodyStream_;
+    logErrorAndThrow<QvPipeException>(
+        "Failed to read the message start line and headers, and do not have body of the message.", NO_HEAD);
+}
+
+void QvtpMessageInImpl::getBody(char** data, size_t& length) {
+    QvtpIStream& body = requireBody();
+    const std::string lengthText = getHeader(QvtpMessage::HEADER_CONTENT_LENGTH);
+    if (!lengthText.empty()) {
+        const int expected = StringUtils::toInteger(lengthText);
+        StreamUtil::readLength(body, data, expected);
+        length = expected > 0 ? static_cast<size_t>(expected) : 0;
+    } else if (isChunked()) {
+        length = StreamUtil::readToEnd(body, data);
+    } else {
+        // The text names a request also for a response: callers match it.
+        throw QvPipeException("The QVTP Request Message does not have a Content-Length or Transfer-Encoding header",
+                              NO_LENGTH);
+    }
+}
+
+std::istream* QvtpMessageInImpl::getBodyStream() {
+    return &requireBody();
+}
+
+}  // namespace Quovane::Internal::Qvtp

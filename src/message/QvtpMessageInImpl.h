@@ -1,0 +1,52 @@
+#pragma once
+
+#include <qvtp/message/QvtpMessageIn.h>
+
+#include "common/Utf8String.h"
+#include "message/HeaderBlock.h"
+#include "message/QvtpIStream.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Quovane::Internal::Qvtp {
+
+/// Reads one message from a stream, for requests and responses alike. The head is read on first need and never again,
+/// also when that failed: then the start line is a stand-in and there is no body.
+class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
+  public:
+    using Utf8String = Quovane::Soa::Common::Xml::Utf8String;
+
+    /// Neither stream nor converter is owned. `label`: one of DirectionLabel.
+    QvtpMessageInImpl(std::istream* pipeStream, int bufferSize, const std::string& label, Utf8String* converter);
+    ~QvtpMessageInImpl() override;
+
+    std::string getStartLine() override;
+    std::string getHeader(const std::string& name) const override;
+    std::vector<std::string> getHeaders(const std::string& name) const override;
+    std::vector<std::string> getHeaderNames() override;
+    void getBody(char** data, size_t& length) override;
+    std::istream* getBodyStream() override;
+
+    /// The reader of the body, null while there is none. It shows where the message ends.
+    std::shared_ptr<InputBuffer> bodyReader() const;
+
+  private:
+    void readHead();
+    std::string standInStartLine() const;
+    std::string readStartLine();
+    std::uint64_t findBodyLength() const;
+    bool isChunked() const;
+    QvtpIStream& requireBody();
+
+    HeaderBlock headers_;
+    std::istream* pipeStream_;  // not owned
+    int bufferSize_;
+    std::string label_;
+    std::unique_ptr<QvtpIStream> bodyStream_;
+    std::string startLine_;
+    Utf8String* converter_;  // not owned
+};
+
+}  // namespace Quovane::Internal::Qvtp

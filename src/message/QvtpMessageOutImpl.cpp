@@ -1,0 +1,76 @@
+#include "message/QvtpMessageOutImpl.h"
+
+#include <qvtp/io/IllegalArgumentException.h>
+
+#include "logging/Log.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+constexpr char LINE_END[] = "\r\n";
+constexpr std::size_t MAX_BODY_LENGTH = std::numeric_limits<std::int32_t>::max();
+
+}  // namespace
+
+QvtpMessageOutImpl::QvtpMessageOutImpl(QvtpMessageOut* owner, const std::string& label, Utf8String* converter)
+    : owner_(owner), label_(label), converter_(converter) {}
+
+QvtpMessageOutImpl::~QvtpMessageOutImpl() noexcept = default;
+
+std::string QvtpMessageOutImpl::getStartLine() {
+    return owner_->getStartLine();
+}
+
+void QvtpMessageOutImpl::addHeader(const std::string& name, const std::string& value) {
+    headers_.addHeader(name, value);
+}
+
+void QvtpMessageOutImpl::setHeader(const std::string& name, const std::string& value) {
+    headers_.setHeader(name, value);
+}
+
+void QvtpMessageOutImpl::removeHeader(const std::string& name) {
+    headers_.removeHeader(name);
+}
+
+void QvtpMessageOutImpl::setBody(const char* data, size_t length) {
+    if (length > MAX_BODY_LENGTH) {
+        throw Io::IllegalArgumentException("The body is too long to be framed by its length. Use a body stream.");
+    }
+    // Added, not set: a second call leaves both lengths in the header, and peers read the first.
+    addHeader(HEADER_CONTENT_LENGTH, std::to_string(length));
+    body_.reset(new char[length + 1]);
+    std::copy_n(data, length, body_.get());
+    body_[length] = '\0';
+    bodyLength_ = length;
+}
+
+bool QvtpMessageOutImpl::isCommitted() const {
+    return committed_;
+}
+
+std::uint64_t QvtpMessageOutImpl::getBodyLength() const {
+    return hasBody() ? bodyLength_ : NO_BODY;
+}
+
+void QvtpMessageOutImpl::writeBody(std::ostream* out) const {
+    if (hasBody()) out->write(body_.get(), static_cast<std::streamsize>(bodyLength_));
+}
+
+void QvtpMessageOutImpl::writeHeaders(std::ostream* out) {
+    const std::string startLine = getStartLine();
+    std::string head = startLine + LINE_END;
+    headers_.write(head, *converter_);
+    head += LINE_END;
+    out->write(head.data(), static_cast<std::streamsize>(head.size()));
+    out->flush();
+    committed_ = true;
+    logCommunication(CommunicationLevel::OUTPUT, head, true);
+    logDebug([&] { return label_ + startLine; });
+}
+
+}  // namespace Quovane::Internal::Qvtp

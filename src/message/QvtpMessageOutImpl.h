@@ -1,0 +1,55 @@
+#pragma once
+
+#include <qvtp/message/QvtpMessageOut.h>
+
+#include "common/Utf8String.h"
+#include "message/HeaderBlock.h"
+#include "message/QvtpHeaderWriter.h"
+
+#include <cstdint>
+#include <memory>
+#include <ostream>
+#include <string>
+
+namespace Quovane::Internal::Qvtp {
+
+/// Holds the headers and the body of one message and writes its head, for requests and responses alike. The start line
+/// is its owner's.
+class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHeaderWriter {
+  public:
+    using QvtpMessageOut = Quovane::Qvtp::QvtpMessageOut;
+    using Utf8String = Quovane::Soa::Common::Xml::Utf8String;
+
+    /// The body length of a message without a body.
+    static constexpr std::uint64_t NO_BODY = ~std::uint64_t{0};
+
+    /// Neither owner nor converter is owned. `label`: one of DirectionLabel.
+    QvtpMessageOutImpl(QvtpMessageOut* owner, const std::string& label, Utf8String* converter);
+    ~QvtpMessageOutImpl() noexcept override;
+
+    std::string getStartLine() override;
+    void addHeader(const std::string& name, const std::string& value) override;
+    void setHeader(const std::string& name, const std::string& value) override;
+    void removeHeader(const std::string& name) override;
+    void setBody(const char* data, size_t length) override;
+    bool isCommitted() const override;
+
+    /// Whether setBody() was called.
+    bool hasBody() const { return body_ != nullptr; }
+    /// The length given to setBody(), or NO_BODY.
+    std::uint64_t getBodyLength() const;
+    /// Writes the body given to setBody(), if any.
+    void writeBody(std::ostream* out) const;
+    void writeHeaders(std::ostream* out) override;
+
+  private:
+    QvtpMessageOut* owner_;  // not owned
+    std::string label_;
+    HeaderBlock headers_;
+    bool committed_ = false;
+    std::unique_ptr<char[]> body_;
+    std::uint64_t bodyLength_ = 0;
+    Utf8String* converter_;  // not owned
+};
+
+}  // namespace Quovane::Internal::Qvtp

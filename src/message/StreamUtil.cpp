@@ -1,0 +1,83 @@
+#include "message/StreamUtil.h"
+
+#include <qvtp/io/InterruptedException.h>
+#include <qvtp/io/QvPipeException.h>
+
+#include "logging/Log.h"
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+constexpr std::size_t LINE_BUFFER_SIZE = 2048;
+constexpr std::size_t INITIAL_CAPACITY = 40960;
+
+bool isOver(const std::istream& in) {
+    return in.eof() || in.bad();
+}
+
+std::unique_ptr<char[]> newBlock(std::size_t length) {
+    return std::unique_ptr<char[]>(new char[length + 1]);
+}
+
+}  // namespace
+
+void StreamUtil::readLine(std::istream& in, std::string& line) {
+    line.clear();
+    char piece[LINE_BUFFER_SIZE];
+    for (;;) {
+        in.getline(piece, sizeof piece);
+        if (isOver(in)) {
+            throw Io::InterruptedException("Reached the stream end-of-file before the expected new line.");
+        }
+        if (!in.fail()) break;
+        // The piece filled the buffer before its line ended.
+        line.append(piece, static_cast<std::size_t>(in.gcount()));
+        in.clear();
+    }
+    std::size_t length = static_cast<std::size_t>(in.gcount()) - 1;  // without the LF
+    if (length > 0 && piece[length - 1] == '\r') --length;
+    line.append(piece, length);
+}
+
+void StreamUtil::readLength(std::istream& in, char** out, long length) {
+    const std::size_t size = length > 0 ? static_cast<std::size_t>(length) : 0;
+    std::unique_ptr<char[]> block = newBlock(size);
+    std::size_t filled = 0;
+    while (filled < size && in.good()) {
+        in.read(block.get() + filled, static_cast<std::streamsize>(size - filled));
+        filled += static_cast<std::size_t>(in.gcount());
+    }
+    if (filled < size) {
+        const std::string message = "Reached the stream end-of-file before the expected length.";
+        logWarn(message);
+        throw Io::QvPipeException(message);
+    }
+    block[size] = '\0';
+    *out = block.release();
+}
+
+std::size_t StreamUtil::readToEnd(std::istream& in, char** out) {
+    std::size_t capacity = INITIAL_CAPACITY;
+    std::size_t filled = 0;
+    std::unique_ptr<char[]> block = newBlock(capacity);
+    while (in.good()) {
+        if (filled == capacity) {
+            capacity *= 2;
+            std::unique_ptr<char[]> larger = newBlock(capacity);
+            std::copy_n(block.get(), filled, larger.get());
+            block = std::move(larger);
+        }
+        in.read(block.get() + filled, static_cast<std::streamsize>(capacity - filled));
+        filled += static_cast<std::size_t>(in.gcount());
+    }
+    block[filled] = '\0';
+    *out = block.release();
+    return filled;
+}
+
+}  // namespace Quovane::Internal::Qvtp

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <istream>
+#include <string>
+
+namespace Quovane::Internal::Qvtp {
+
+/// Reads from any stream. A stream that is bad counts as one at its end; exceptions of the stream pass through.
+class StreamUtil {
+  public:
+    /// Reads one line without its LF or CRLF. Throws InterruptedException if the stream ends before the LF.
+    static void readLine(std::istream& in, std::string& line);
+    /// Reads exactly `length` bytes into a new block, with a zero byte after them, which the caller frees with
+    /// delete[]. 0 and less give an empty block. Throws QvPipeException (logged at WARN) if the stream ends first.
+    static void readLength(std::istream& in, char** out, long length);
+    /// Reads everything up to the end of the stream into such a block and returns the number of bytes.
+    static std::size_t readToEnd(std::istream& in, char** out);
+};
+
+}  // namespace Quovane::Internal::Qvtp

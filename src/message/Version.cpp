@@ -1,0 +1,73 @@
+#include <qvtp/message/Version.h>
+
+#include "common/StringUtils.h"
+#include "common/Text.h"
+
+#include <string_view>
+#include <tuple>
+
+namespace Quovane::Qvtp {
+
+using Quovane::Soa::Internal::Common::StringUtils;
+
+const std::string Version::sQvtpLabel = "QVTP/";
+
+const Version Version::CURRENT_VERSION(1, 0);
+
+Version::Version() : Version(1, 0) {}
+
+Version::Version(int major, int minor) : major_(major), minor_(minor) {}
+
+Version::Version(const Version& other) = default;
+
+Version& Version::operator=(const Version& other) = default;
+
+Version::Version(const std::string& label) : Version() {
+    const std::string trimmed = StringUtils::trim(label);
+    if (trimmed.size() <= sQvtpLabel.size()) return;
+    if (trimmed.compare(0, sQvtpLabel.size(), sQvtpLabel) != 0) return;
+    std::string_view rest = trimmed;
+    rest.remove_prefix(sQvtpLabel.size());
+    if (!StringUtils::scanInteger(rest, major_)) return;
+    if (rest.empty() || rest.front() != '.') return;
+    rest.remove_prefix(1);
+    StringUtils::scanInteger(rest, minor_);
+}
+
+int Version::getMajor() const {
+    return major_;
+}
+
+int Version::getMinor() const {
+    return minor_;
+}
+
+bool Version::operator==(const Version& other) const {
+    return major_ == other.major_ && minor_ == other.minor_;
+}
+
+bool Version::operator!=(const Version& other) const {
+    return !(*this == other);
+}
+
+bool Version::operator<(const Version& other) const {
+    return std::tie(major_, minor_) < std::tie(other.major_, other.minor_);
+}
+
+bool Version::operator<=(const Version& other) const {
+    return !(other < *this);
+}
+
+bool Version::operator>(const Version& other) const {
+    return other < *this;
+}
+
+bool Version::operator>=(const Version& other) const {
+    return !(*this < other);
+}
+
+std::string Version::toString() const {
+    return Internal::Qvtp::text(sQvtpLabel, major_, ".", minor_);
+}
+
+}  // namespace Quovane::Qvtp
