@@ -1,0 +1,30 @@
+#pragma once
+
+#include <qvtp/Export.h>
+#include <qvtp/io/QvPipe.h>
+
+#include <string>
+
+namespace Quovane::Qvtp {
+
+/// Where requests take their pipes from and give them back to. QvtpClient makes one that keeps pipes open between
+/// requests; an application may hand its own to the client instead, for example to set a read time-out on every pipe.
+///
+/// Any number of threads call it at once. It owns every pipe it hands out.
+class QVTP_API QvtpConnectionManager {
+  public:
+    virtual ~QvtpConnectionManager();
+
+    /// A connected pipe of this name for the caller alone. `mode`: "w" for requests without a response, "rw" for those
+    /// with one; pipes of different modes never mix. Throws QvPipeException if there is none to be had.
+    virtual Io::QvPipe* getPipe(const std::string& pipeName, const std::string& mode) = 0;
+    /// Takes a pipe back after a complete exchange. Throws IllegalStateException for a pipe that is not handed out.
+    virtual void returnPipe(Io::QvPipe* pipe) = 0;
+    /// Closes and deletes a pipe after a failure. Throws IllegalStateException for a pipe that is not handed out.
+    virtual void removePipe(Io::QvPipe* pipe) = 0;
+
+  protected:
+    QvtpConnectionManager();
+};
+
+}  // namespace Quovane::Qvtp

@@ -1,0 +1,230 @@
+#include "client/AbstractQvtpRequestImpl.h"
+
+#include <qvtp/client/QvtpResponse.h>
+#include <qvtp/io/IllegalStateException.h>
+#include <qvtp/message/Version.h>
+
+#include "common/System.h"
+#include "logging/Log.h"
+#include "message/DirectionLabel.h"
+
+#include <algorithm>
+#include <exception>
+#include <vector>
+
+namespace Quovane::Internal::Qvtp {
+
+using Quovane::Io::BrokenPipeException;
+using Quovane::Io::IllegalStateException;
+using Quovane::Io::QvPipeException;
+using Quovane::Qvtp::QvtpConnectionManager;
+using Quovane::Qvtp::Version;
+
+namespace {
+
+// What a request does for a response that was not read to its end, before it gives up the connection.
+constexpr std::uint64_t MAX_SKIPPED_BYTES = 64 * 1024;
+constexpr int MAX_SKIP_MS = 100;
+
+}  // namespace
+
+AbstractQvtpRequestImpl::AbstractQvtpRequestImpl(const std::string& method, const std::string& resource,
+                                                 QvtpClient* client, const std::string& pipeName,
+                                                 const std::string& mode)
+    : client_(client),
+      pipeName_(pipeName),
+      method_(method),
+      resource_(resource),
+      mode_(mode),
+      message_(this, DirectionLabel::SEND, &encoder_) {
+    message_.addHeader(HEADER_USER_AGENT, client_->getStringOption(QvtpClient::USER_AGENT));
+}
+
+AbstractQvtpRequestImpl::~AbstractQvtpRequestImpl() noexcept(false) {
+    const bool unwinding = std::uncaught_exceptions() > 0;
+    try {
+        releasePipe();
+    } catch (IllegalStateException&) {
+        // The manager knows the pipe no longer; there is nothing left to give back.
+    } catch (...) {
+        if (!unwinding) throw;
+    }
+}
+
+std::string AbstractQvtpRequestImpl::getStartLine() {
+    std::string encoded;
+    encoder_.encode(resource_, encoded);
+    return method_ + " " + encoded + " " + Version::CURRENT_VERSION.toString();
+}
+
+void AbstractQvtpRequestImpl::addHeader(const std::string& name, const std::string& value) {
+    message_.addHeader(name, value);
+}
+
+void AbstractQvtpRequestImpl::setHeader(const std::string& name, const std::string& value) {
+    message_.setHeader(name, value);
+}
+
+void AbstractQvtpRequestImpl::removeHeader(const std::string& name) {
+    message_.removeHeader(name);
+}
+
+void AbstractQvtpRequestImpl::setBody(const char* data, size_t size) {
+    message_.setBody(data, size);
+}
+
+bool AbstractQvtpRequestImpl::isCommitted() const {
+    return message_.isCommitted();
+}
+
+std::string AbstractQvtpRequestImpl::getMethod() const {
+    return method_;
+}
+
+void AbstractQvtpRequestImpl::setResource(const std::string& resource) {
+    resource_ = resource;
+}
+
+std::string AbstractQvtpRequestImpl::getResource() const {
+    return resource_;
+}
+
+void AbstractQvtpRequestImpl::setBodyStream(std::istream* stream) {
+    bodyStream_ = stream;
+    message_.addHeader(HEADER_TRANSFER_ENCODING, HEADER_CHUNKED_ENCODING);
+}
+
+/// A broken pipe ends in another attempt or in an exception; every attempt begins with the same checks.
+std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::execute() {
+    for (;;) {
+        checkBodySource();
+        try {
+            return attempt();
+        } catch (BrokenPipeException& e) {
+            handleBrokenPipe(e);
+        }
+    }
+}
+
+void AbstractQvtpRequestImpl::checkBodyPresent() const {
+    if (message_.hasBody() || bodyStream_ != nullptr) return;
+    // The spelling is part of the interface: applications match this text.
+    logErrorAndThrow<IllegalStateException>(
+        "Neither the setBody, or setBodyStream methods were called. Body data must be provided by one of these "
+        "method.");
+}
+
+void AbstractQvtpRequestImpl::checkBodySource() const {
+    checkBodyPresent();
+    if (!message_.hasBody() || bodyStream_ == nullptr) return;
+    logErrorAndThrow<IllegalStateException>(
+        "Both the setBody and setBodyStream methods were called. Only one method of providing body data is permitted.");
+}
+
+std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::attempt() {
+    if (message_.isCommitted()) {
+        logErrorAndThrow<IllegalStateException>(
+            "The start line and headers have already been committed to the request. Cannot send again.");
+    }
+    prepare();
+    message_.writeHeaders(&pipe_->getOutputStream());
+    sendBody();
+    bodyOut_->send();
+    if (mode_.find('r') != std::string::npos) {
+        return std::make_unique<QvtpResponse>(client_, &pipe_->getInputStream());
+    }
+    exchangeComplete_ = true;
+    return nullptr;
+}
+
+void AbstractQvtpRequestImpl::prepare() {
+    bodyOut_.reset();
+    dropPipe();
+    checkBodyPresent();
+    pipe_ = client_->getManager()->getPipe(pipeName_, mode_);
+    exchangeComplete_ = false;
+    bodyOut_ = std::make_unique<QvtpOStream>(client_->getIntegerOption(QvtpClient::BUFFER_SIZE), bodyStream_ != nullptr,
+                                             &pipe_->getOutputStream(), nullptr);
+}
+
+void AbstractQvtpRequestImpl::sendBody() {
+    if (bodyStream_ != nullptr) {
+        copyBodyStream();
+    } else {
+        message_.writeBody(bodyOut_.get());
+    }
+}
+
+void AbstractQvtpRequestImpl::copyBodyStream() {
+    std::vector<char> buffer(static_cast<std::size_t>(std::max(client_->getIntegerOption(QvtpClient::BUFFER_SIZE), 1)));
+    while (!bodyStream_->eof()) {
+        bodyStream_->read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+        if (bodyStream_->fail() && !bodyStream_->eof()) {
+            // Without its last chunk a cut-off body never looks complete; the server learns it from the closed pipe.
+            dropPipe();
+            throw QvPipeException("The body stream failed before its end.");
+        }
+        bodyOut_->write(buffer.data(), bodyStream_->gcount());
+    }
+}
+
+void AbstractQvtpRequestImpl::handleBrokenPipe(BrokenPipeException& e) {
+    const std::string reason = e.getMessage();
+    if (message_.isCommitted() && !message_.hasBody()) {
+        // What was read from the body stream is lost.
+        dropPipe();
+        logError("Lost connection to server, the request will be aborted. " + reason);
+        throw BrokenPipeException(reason, e.getCode());
+    }
+    logDebug([&] { return "Lost connection to server, attempt request with new connection. " + reason; });
+}
+
+std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::receive(
+    std::unique_ptr<QvtpResponse> response) {
+    response->getStartLine();
+    responseBody_ = response->bodyReader();
+    exchangeComplete_ = true;
+    return response;
+}
+
+/// Hands a pipe that is not to be used again to the manager.
+void AbstractQvtpRequestImpl::dropPipe() {
+    if (pipe_ == nullptr) return;
+    Quovane::Io::QvPipe* const pipe = pipe_;
+    pipe_ = nullptr;
+    client_->getManager()->removePipe(pipe);
+}
+
+void AbstractQvtpRequestImpl::releasePipe() {
+    if (pipe_ == nullptr) return;
+    const bool reusable = exchangeComplete_ && finishResponse();
+    if (responseBody_ != nullptr) responseBody_->detach();
+    if (!reusable) {
+        dropPipe();
+        return;
+    }
+    client_->getManager()->returnPipe(pipe_);
+    pipe_ = nullptr;
+}
+
+/// Skips what is left of the response, within limits. True when the pipe stands behind it.
+bool AbstractQvtpRequestImpl::finishResponse() {
+    if (responseBody_ == nullptr || responseBody_->isComplete()) return true;
+    const int readTimeoutMs = pipe_->getReadTimeout();
+    const std::int64_t endMs = System::monotonicMs() + MAX_SKIP_MS;
+    std::uint64_t budget = MAX_SKIPPED_BYTES;
+    try {
+        while (!responseBody_->isComplete()) {
+            const std::int64_t leftMs = endMs - System::monotonicMs();
+            if (leftMs <= 0) return false;
+            pipe_->setReadTimeout(static_cast<int>(leftMs));
+            if (!responseBody_->skipSome(budget)) return false;
+        }
+    } catch (const std::exception&) {
+        return false;  // the pipe failed, and is closed for it
+    }
+    pipe_->setReadTimeout(readTimeoutMs);
+    return true;
+}
+
+}  // namespace Quovane::Internal::Qvtp

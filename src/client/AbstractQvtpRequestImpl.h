@@ -1,0 +1,77 @@
+#pragma once
+
+#include <qvtp/client/AbstractQvtpRequest.h>
+#include <qvtp/client/QvtpClient.h>
+#include <qvtp/io/BrokenPipeException.h>
+#include <qvtp/io/QvPipe.h>
+
+#include "common/Utf8String.h"
+#include "message/InputBuffer.h"
+#include "message/QvtpMessageOutImpl.h"
+#include "message/QvtpOStream.h"
+
+#include <memory>
+#include <string>
+
+namespace Quovane::Qvtp {
+class QvtpResponse;
+}
+
+namespace Quovane::Internal::Qvtp {
+
+/// The work behind both kinds of request: takes a pipe, writes the message on it, sends it again on another pipe when
+/// the first one turns out to be broken, and gives the pipe back at a message boundary.
+class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
+  public:
+    using QvtpClient = Quovane::Qvtp::QvtpClient;
+    using QvtpResponse = Quovane::Qvtp::QvtpResponse;
+
+    /// `mode`: "w" or "rw", as the connection manager has it. The client is not owned.
+    AbstractQvtpRequestImpl(const std::string& method, const std::string& resource, QvtpClient* client,
+                            const std::string& pipeName, const std::string& mode);
+    /// Lets an exception of returnPipe() out, unless another one is on its way already.
+    ~AbstractQvtpRequestImpl() noexcept(false) override;
+
+    std::string getStartLine() override;
+    void addHeader(const std::string& name, const std::string& value) override;
+    void setHeader(const std::string& name, const std::string& value) override;
+    void removeHeader(const std::string& name) override;
+    void setBody(const char* data, size_t size) override;
+    bool isCommitted() const override;
+    std::string getMethod() const override;
+    void setResource(const std::string& resource) override;
+    std::string getResource() const override;
+    void setBodyStream(std::istream* stream) override;
+
+    /// Sends the request. A request that is answered yields a response of which nothing has been read.
+    std::unique_ptr<QvtpResponse> execute();
+    /// Reads the head of the response.
+    std::unique_ptr<QvtpResponse> receive(std::unique_ptr<QvtpResponse> response);
+
+  private:
+    void checkBodySource() const;
+    void checkBodyPresent() const;
+    std::unique_ptr<QvtpResponse> attempt();
+    void prepare();
+    void sendBody();
+    void copyBodyStream();
+    void handleBrokenPipe(Quovane::Io::BrokenPipeException& e);
+    void dropPipe();
+    void releasePipe();
+    bool finishResponse();
+
+    Quovane::Io::QvPipe* pipe_ = nullptr;  // not owned: the manager's
+    QvtpClient* client_;                   // not owned
+    std::string pipeName_;
+    std::string method_;
+    std::string resource_;
+    std::string mode_;
+    std::unique_ptr<QvtpOStream> bodyOut_;
+    std::istream* bodyStream_ = nullptr;  // not owned
+    Quovane::Soa::Common::Xml::Utf8String encoder_;
+    QvtpMessageOutImpl message_;
+    std::shared_ptr<InputBuffer> responseBody_;  // shared with the response, which may be gone
+    bool exchangeComplete_ = false;              // nothing failed: the pipe may be used again behind the response
+};
+
+}  // namespace Quovane::Internal::Qvtp

@@ -1,0 +1,80 @@
+#include <qvtp/client/QvtpClient.h>
+
+#include "client/DefaultConnectionManager.h"
+#include "logging/Log.h"
+
+namespace Quovane::Qvtp {
+
+using namespace Quovane::Internal::Qvtp;
+
+QvtpClient::QvtpClient() = default;
+
+QvtpClient::QvtpClient(QvtpConnectionManager* manager) : manager_(manager) {}
+
+QvtpClient::~QvtpClient() {
+    if (ownsManager_) delete manager_;
+    manager_ = nullptr;
+}
+
+QvtpConnectionManager* QvtpClient::getManager() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (manager_ == nullptr) {
+        manager_ = new DefaultConnectionManager(connectionTimeout_, idleTimeout_);
+        ownsManager_ = true;
+    }
+    return manager_;
+}
+
+Version QvtpClient::getQvtpVersion() const {
+    return Version::CURRENT_VERSION;
+}
+
+void QvtpClient::setOption(ClientOptions option, const std::string& value) {
+    if (option != USER_AGENT) {
+        logError("Attempt to set an invalid string option");
+        return;
+    }
+    std::lock_guard<std::mutex> guard(mutex_);
+    userAgent_ = value;
+}
+
+void QvtpClient::setOption(ClientOptions option, int value) {
+    if (std::atomic<int>* field = integerOption(option)) {
+        *field = value;
+        return;
+    }
+    // Only the refusal is logged at DEBUG; an option that is taken leaves no line.
+    logDebug("Setting QvtpClient option unrecognized.");
+    logError("Attempt to set an invalid integer option");
+}
+
+std::string QvtpClient::getStringOption(ClientOptions option) const {
+    if (option != USER_AGENT) {
+        logError("Attempt to retrieve an invalid string option");
+        return {};
+    }
+    std::lock_guard<std::mutex> guard(mutex_);
+    return userAgent_;
+}
+
+int QvtpClient::getIntegerOption(ClientOptions option) const {
+    if (const std::atomic<int>* field = const_cast<QvtpClient*>(this)->integerOption(option)) return *field;
+    logError("Attempt to retrieve an invalid integer option");
+    return -1;
+}
+
+/// Null for an option that is not an integer.
+std::atomic<int>* QvtpClient::integerOption(ClientOptions option) {
+    switch (option) {
+        case CONNECTION_TIMEOUT:
+            return &connectionTimeout_;
+        case IDLE_TIMEOUT:
+            return &idleTimeout_;
+        case BUFFER_SIZE:
+            return &bufferSize_;
+        default:
+            return nullptr;
+    }
+}
+
+}  // namespace Quovane::Qvtp
