@@ -1,0 +1,141 @@
+#pragma once
+
+#include <qvtp/Export.h>
+#include <qvtp/io/ServerQvPipe.h>
+#include <qvtp/server/QvtpHandler.h>
+
+#include <Poco/Runnable.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace Poco {
+class Event;
+class Mutex;
+class ThreadPool;
+}  // namespace Poco
+
+namespace Quovane::Internal::Qvtp {
+class RequestWorker;
+}
+
+namespace Quovane::Qvtp {
+
+/// Serves one pipe name: accepts connections and has each served by a worker thread that calls the handler.
+///
+///     QvtpServer server("prices", 1);
+///     server.setHandler(&handler);
+///     std::thread thread([&] { server.run(); });
+///     ...
+///     server.shutdown();
+///     thread.join();
+///
+/// run() occupies one thread; everything else may be called from any. Set options and handler before run(): a worker
+/// reads them when it takes over a connection.
+class QVTP_API QvtpServer : public Poco::Runnable {
+  public:
+    enum ServerOptions : int {
+        ACCESS_MODE = 0,             ///< integer: reads as 1, whatever is set; the constructor decides the direction
+        SERVER_NAME = 1,             ///< string, "QvtpServer": the HEADER_SERVER of every response
+        MAX_REQUEST_PROCESSORS = 2,  ///< integer, 5: most connections served at once, at least 3; 0: no limit
+        ACCEPT_TIMEOUT = 3,          ///< integer, ms, 0: how long one accept waits; 0 without limit
+        IDLE_TIMEOUT = 4,            ///< integer, ms, 13000: a connection without a new request is closed; 0 never
+        RECEIVE_TIMEOUT = 5,         ///< integer, ms, 3000: longest pause within a request's body; 0 without limit
+        BUFFER_SIZE = 6,             ///< integer, bytes, 4096: the pieces of reading and writing; also the chunk size
+    };
+
+    /// Takes the pipe name; clients connect from now on and wait until run(). `accessMode`: 1 for POST and NOTIFY,
+    /// anything else for a pipe that only reads, for NOTIFY alone. A name that cannot be taken (served by another, or
+    /// no possible name) is logged at ERROR and not thrown: run() then returns at once.
+    QvtpServer(const std::string& pipeName, int accessMode);
+    QvtpServer(const QvtpServer&) = delete;
+    QvtpServer& operator=(const QvtpServer&) = delete;
+    /// Does what shutdown() does, and waits for a run() on another thread to return.
+    ~QvtpServer() override;
+
+    /// Sets an option. Any value is kept; a buffer size below 1 works as 1. An option of the other kind is logged at
+    /// ERROR and changes nothing.
+    void setOption(ServerOptions option, int value);
+    void setOption(ServerOptions option, const std::string& value);
+    /// The value of an option. An option of the other kind is logged at ERROR; the result is -1 or an empty string.
+    int getIntegerOption(ServerOptions option) const;
+    std::string getStringOption(ServerOptions option) const;
+
+    /// The handler stays the caller's and must outlive the server. Without one every request ends its connection.
+    void setHandler(QvtpHandler* handler);
+    QvtpHandler* getHandler() const;
+
+    /// Accepts and serves until shutdown(), then stops the workers: closes their pipes and waits for the handlers that
+    /// are still running, for a few seconds each. A handler that does not return by then is left alone, and its
+    /// worker with it. A server runs once.
+    void run() override;
+    /// Ends run(). Does nothing while isRunning() is false.
+    void shutdown();
+    /// Whether run() accepts connections.
+    bool isRunning() const;
+
+    /// How many more connections could be served at once without waiting or growing.
+    int idleRequestProcessors() const;
+    /// How many connections have a worker, those that have just finished included.
+    int totalRequestProcessors() const;
+
+  private:
+    friend class Internal::Qvtp::RequestWorker;
+    using WorkerPtr = std::unique_ptr<Internal::Qvtp::RequestWorker>;
+    class RunGuard;
+
+    const std::atomic<int>* integerOption(ServerOptions option) const;
+    void acceptLoop();
+    void stopWorkers();
+    void requestStop();
+    void waitForWorkers();
+    void deleteWorkers();
+    bool hasRunningWorker() const;
+    void logSummary() const;
+
+    void initializeThreadPool();
+    void assignToWorkerThread(std::unique_ptr<Io::QvPipe> pipe);
+    bool startWorker(Internal::Qvtp::RequestWorker& worker, const std::string& fullName);
+    bool waitForThread(Internal::Qvtp::RequestWorker& worker, const std::string& fullName);
+    void enterWorker(const std::string& name, WorkerPtr worker);
+    bool freeFinishedWorkers();
+    void cancelBusyWorkers(bool giveUp);
+
+    std::string pipeName_;
+    bool writable_;  // the direction of the pipes, which the access flag does not show
+    std::unique_ptr<Io::ServerQvPipe> serverPipe_;
+    std::atomic<QvtpHandler*> handler_{nullptr};  // not owned
+    std::atomic<bool> running_{false};
+    std::string serverName_ = "QvtpServer";  // guarded by mutex_
+    std::atomic<int> accessFlag_{1};
+    std::atomic<int> maxRequestProcessors_{5};
+    std::atomic<int> acceptTimeout_{0};
+    std::atomic<int> idleTimeout_{13000};
+    std::atomic<int> receiveTimeout_{3000};
+    std::atomic<int> bufferSize_{4096};
+    std::map<std::string, WorkerPtr> workers_;      // guarded by mutex_
+    std::unique_ptr<Poco::ThreadPool> threadPool_;  // set under mutex_
+    std::unique_ptr<Poco::Mutex> mutex_;            // recursive
+
+    // Statistics.
+    std::atomic<int> totalPosts_{0};
+    std::atomic<int> totalNotifies_{0};
+    std::atomic<int> totalWorkersUsed_{0};
+    std::atomic<int> totalIdleTimeouts_{0};
+    std::atomic<int> totalWaitsForThread_{0};
+    std::atomic<int> peakThreads_{0};
+
+    std::unique_ptr<Poco::Event> stopping_;  // ends the wait for a free thread
+    std::atomic<bool> destroying_{false};
+    std::mutex runMutex_;  // guards activeRuns_
+    std::condition_variable runEnded_;
+    int activeRuns_ = 0;
+};
+
+using ServerOptions = QvtpServer::ServerOptions;
+
+}  // namespace Quovane::Qvtp

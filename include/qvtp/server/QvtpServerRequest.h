@@ -1,0 +1,61 @@
+#pragma once
+
+#include <qvtp/Export.h>
+#include <qvtp/message/QvtpMessageIn.h>
+#include <qvtp/message/Version.h>
+
+#include <istream>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Quovane::Soa::Common::Xml {
+class Utf8String;
+}
+
+namespace Quovane::Internal::Qvtp {
+class InputBuffer;
+class QvtpMessageInImpl;
+class RequestWorker;
+}  // namespace Quovane::Internal::Qvtp
+
+namespace Quovane::Qvtp {
+
+class QvtpServer;
+
+/// A request as the handler sees it. It belongs to the server and is used on the handler's thread, during its call.
+/// Reading the body is subject to the server's RECEIVE_TIMEOUT.
+class QVTP_API QvtpServerRequest : public QvtpMessageIn {
+  public:
+    /// Nothing is read yet. None of the three is owned; all must outlive the request.
+    QvtpServerRequest(QvtpServer* server, std::istream* in, Soa::Common::Xml::Utf8String* converter);
+    QvtpServerRequest(const QvtpServerRequest&) = delete;
+    QvtpServerRequest& operator=(const QvtpServerRequest&) = delete;
+    ~QvtpServerRequest() override;
+
+    std::string getStartLine() override;
+    std::string getHeader(const std::string& name) const override;
+    std::vector<std::string> getHeaders(const std::string& name) const override;
+    std::vector<std::string> getHeaderNames() override;
+    void getBody(char** data, size_t& length) override;
+    std::istream* getBodyStream() override;
+
+    // These three do not throw QvPipeException: a request that cannot be read has the values named last.
+
+    /// METHOD_POST or METHOD_NOTIFY when a handler sees it; METHOD_NONE.
+    std::string getMethod();
+    /// The resource, UTF-8; an empty string.
+    std::string getResource();
+    /// The version of the client's protocol; the current version.
+    Version getQvtpVersion();
+
+  private:
+    friend class Internal::Qvtp::RequestWorker;
+    std::shared_ptr<Internal::Qvtp::InputBuffer> bodyReader() const;
+
+    QvtpServer* server_;  // not owned
+    std::unique_ptr<Internal::Qvtp::QvtpMessageInImpl> impl_;
+    Soa::Common::Xml::Utf8String* converter_;  // not owned
+};
+
+}  // namespace Quovane::Qvtp

@@ -1,0 +1,254 @@
+#include <qvtp/server/QvtpServer.h>
+
+#include <qvtp/io/IllegalStateException.h>
+#include <qvtp/io/InterruptedException.h>
+#include <qvtp/io/QvPipe.h>
+#include <qvtp/io/QvPipeException.h>
+
+#include "common/System.h"
+#include "logging/Log.h"
+#include "server/RequestWorker.h"
+
+#include <Poco/Event.h>
+#include <Poco/Mutex.h>
+#include <Poco/ThreadPool.h>
+
+#include <vector>
+
+namespace Quovane::Qvtp {
+
+using namespace Quovane::Internal::Qvtp;
+using Io::IllegalStateException;
+using Io::InterruptedException;
+using Io::QvPipe;
+using Io::QvPipeException;
+using Io::ServerQvPipe;
+
+namespace {
+
+constexpr int READ_AND_WRITE = 1;  // the access mode of a server that answers
+constexpr int STOP_CHECKS = 40;
+constexpr int STOP_CHECK_MS = 100;
+
+/// Workers whose handler never came back. They are not deleted, since their threads still use them, and stay here so
+/// that they do not look lost.
+void abandon(std::unique_ptr<RequestWorker> worker) {
+    static std::mutex* const mutex = new std::mutex;
+    static auto* const abandoned = new std::vector<RequestWorker*>;
+    std::lock_guard<std::mutex> guard(*mutex);
+    abandoned->push_back(worker.release());
+}
+
+}  // namespace
+
+/// Tells the destructor that a thread is in run().
+class QvtpServer::RunGuard {
+  public:
+    explicit RunGuard(QvtpServer& server) : server_(server) {
+        std::lock_guard<std::mutex> guard(server_.runMutex_);
+        ++server_.activeRuns_;
+    }
+    ~RunGuard() {
+        std::lock_guard<std::mutex> guard(server_.runMutex_);
+        --server_.activeRuns_;
+        server_.runEnded_.notify_all();
+    }
+    RunGuard(const RunGuard&) = delete;
+    RunGuard& operator=(const RunGuard&) = delete;
+
+  private:
+    QvtpServer& server_;
+};
+
+QvtpServer::QvtpServer(const std::string& pipeName, int accessMode)
+    : pipeName_(pipeName),
+      writable_(accessMode == READ_AND_WRITE),
+      mutex_(std::make_unique<Poco::Mutex>()),
+      stopping_(std::make_unique<Poco::Event>(Poco::Event::EVENT_MANUALRESET)) {
+    setOption(ACCESS_MODE, accessMode);
+    try {
+        serverPipe_ = std::make_unique<ServerQvPipe>(pipeName_, true, writable_);
+        logDebug([&] { return "QvTpServer is using Pipe " + pipeName_; });
+    } catch (QvPipeException& e) {
+        logError("Failed to create the QvtpServer with the named pipe " + pipeName_ + ". " + e.getMessage());
+    }
+}
+
+QvtpServer::~QvtpServer() {
+    destroying_ = true;  // for a run() that has begun and does not accept yet
+    shutdown();
+    std::unique_lock<std::mutex> lock(runMutex_);
+    runEnded_.wait(lock, [this] { return activeRuns_ == 0; });
+}
+
+/// Null for an option that is not an integer.
+const std::atomic<int>* QvtpServer::integerOption(ServerOptions option) const {
+    switch (option) {
+        case ACCESS_MODE:
+            return &accessFlag_;
+        case MAX_REQUEST_PROCESSORS:
+            return &maxRequestProcessors_;
+        case ACCEPT_TIMEOUT:
+            return &acceptTimeout_;
+        case IDLE_TIMEOUT:
+            return &idleTimeout_;
+        case RECEIVE_TIMEOUT:
+            return &receiveTimeout_;
+        case BUFFER_SIZE:
+            return &bufferSize_;
+        default:
+            return nullptr;
+    }
+}
+
+void QvtpServer::setOption(ServerOptions option, int value) {
+    auto* const field = const_cast<std::atomic<int>*>(integerOption(option));
+    if (field == nullptr) {
+        logError("Attempt to set a non integer option.");
+        return;
+    }
+    // The access flag is true whatever is set: the constructor's access mode has decided the direction.
+    *field = option == ACCESS_MODE ? 1 : value;
+}
+
+void QvtpServer::setOption(ServerOptions option, const std::string& value) {
+    if (option != SERVER_NAME) {
+        logError("Attempt to set a non string option.");
+        return;
+    }
+    Poco::Mutex::ScopedLock lock(*mutex_);
+    serverName_ = value;
+}
+
+int QvtpServer::getIntegerOption(ServerOptions option) const {
+    if (const std::atomic<int>* field = integerOption(option)) return *field;
+    logError("Attempt to get a non integer option.");
+    return -1;
+}
+
+std::string QvtpServer::getStringOption(ServerOptions option) const {
+    if (option != SERVER_NAME) {
+        logError("Attempt to get a non string option.");
+        return {};
+    }
+    Poco::Mutex::ScopedLock lock(*mutex_);
+    return serverName_;
+}
+
+void QvtpServer::setHandler(QvtpHandler* handler) {
+    handler_ = handler;
+}
+
+QvtpHandler* QvtpServer::getHandler() const {
+    return handler_;
+}
+
+bool QvtpServer::isRunning() const {
+    return running_;
+}
+
+void QvtpServer::shutdown() {
+    if (!running_.exchange(false)) return;
+    stopping_->set();
+    serverPipe_->close();
+}
+
+int QvtpServer::idleRequestProcessors() const {
+    Poco::Mutex::ScopedLock lock(*mutex_);
+    return threadPool_ != nullptr ? threadPool_->available() : 0;
+}
+
+int QvtpServer::totalRequestProcessors() const {
+    Poco::Mutex::ScopedLock lock(*mutex_);
+    return static_cast<int>(workers_.size());
+}
+
+void QvtpServer::run() {
+    const RunGuard active(*this);
+    if (serverPipe_ == nullptr) {
+        logError("QvtpServer " + pipeName_ + " cannot run without its named pipe.");
+        return;
+    }
+    logDebug([&] { return "QvTpServer is running on Pipe " + pipeName_; });
+    initializeThreadPool();
+    serverPipe_->setAcceptTimeout(acceptTimeout_);
+    running_ = true;
+    if (destroying_) running_ = false;
+    acceptLoop();
+    running_ = false;
+    stopWorkers();
+    logSummary();
+    logInfo([&] { return "QvtpServer " + pipeName_ + " is stopped."; });
+}
+
+void QvtpServer::acceptLoop() {
+    const auto logInterruption = [&](const std::string& message) {
+        logDebug(
+            [&] { return "QvtpServer " + pipeName_ + " was interrupted. The QvtpServer will shutdown. " + message; });
+    };
+    while (running_) {
+        try {
+            auto pipe = std::make_unique<QvPipe>();
+            serverPipe_->accept(*pipe);
+            assignToWorkerThread(std::move(pipe));
+        } catch (InterruptedException& e) {
+            logInterruption(e.getMessage());
+            return;
+        } catch (QvPipeException& e) {
+            logError("QvtpServer failed to accept a QvPipe on the named pipe " + pipeName_ + ". " + e.getMessage());
+        } catch (IllegalStateException& e) {
+            logInterruption(e.getMessage());  // a shutdown between the test and the accept has closed the server pipe
+            return;
+        }
+    }
+}
+
+void QvtpServer::stopWorkers() {
+    requestStop();
+    threadPool_->stopAll();
+    waitForWorkers();
+    deleteWorkers();
+}
+
+void QvtpServer::requestStop() {
+    Poco::Mutex::ScopedLock lock(*mutex_);
+    for (auto& [name, worker] : workers_) {
+        if (worker->isRunning()) worker->stop();
+    }
+}
+
+bool QvtpServer::hasRunningWorker() const {
+    Poco::Mutex::ScopedLock lock(*mutex_);
+    for (const auto& [name, worker] : workers_) {
+        if (worker->isRunning()) return true;
+    }
+    return false;
+}
+
+void QvtpServer::waitForWorkers() {
+    for (int check = 0; check < STOP_CHECKS && hasRunningWorker(); ++check) System::sleepMs(STOP_CHECK_MS);
+}
+
+void QvtpServer::deleteWorkers() {
+    Poco::Mutex::ScopedLock lock(*mutex_);
+    for (auto& [name, worker] : workers_) {
+        if (!worker->isRunning()) continue;
+        logInfo("************* Worker thread not deleted: " + name);
+        abandon(std::move(worker));
+    }
+    workers_.clear();
+}
+
+void QvtpServer::logSummary() const {
+    logDebug([&] {
+        return text("\nQvtpServer ", pipeName_, " Summary:\n",                      //
+                    "    Total POST requests:       ", totalPosts_, "\n",           //
+                    "    Total NOTIFY requests:     ", totalNotifies_, "\n",        //
+                    "    Total workers used:        ", totalWorkersUsed_, "\n",     //
+                    "    Total idle timeouts:       ", totalIdleTimeouts_, "\n",    //
+                    "    Total waits for thread:    ", totalWaitsForThread_, "\n",  //
+                    "    Peak number of threads:    ", peakThreads_, "\n");
+    });
+}
+
+}  // namespace Quovane::Qvtp

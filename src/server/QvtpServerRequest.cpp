@@ -1,0 +1,90 @@
+#include <qvtp/server/QvtpServerRequest.h>
+
+#include <qvtp/io/QvPipeException.h>
+#include <qvtp/server/QvtpServer.h>
+
+#include "common/Utf8String.h"
+#include "message/DirectionLabel.h"
+#include "message/QvtpMessageInImpl.h"
+
+namespace Quovane::Qvtp {
+
+using Internal::Qvtp::InputBuffer;
+using Internal::Qvtp::QvtpMessageInImpl;
+
+namespace {
+
+constexpr char BLANK = ' ';
+
+}  // namespace
+
+QvtpServerRequest::QvtpServerRequest(QvtpServer* server, std::istream* in, Soa::Common::Xml::Utf8String* converter)
+    : server_(server), converter_(converter) {
+    const int bufferSize = server_->getIntegerOption(QvtpServer::BUFFER_SIZE);
+    impl_ = std::make_unique<QvtpMessageInImpl>(in, bufferSize, Internal::Qvtp::DirectionLabel::ACCEPT, converter_);
+}
+
+QvtpServerRequest::~QvtpServerRequest() = default;
+
+std::string QvtpServerRequest::getStartLine() {
+    return impl_->getStartLine();
+}
+
+std::string QvtpServerRequest::getHeader(const std::string& name) const {
+    return impl_->getHeader(name);
+}
+
+std::vector<std::string> QvtpServerRequest::getHeaders(const std::string& name) const {
+    return impl_->getHeaders(name);
+}
+
+std::vector<std::string> QvtpServerRequest::getHeaderNames() {
+    return impl_->getHeaderNames();
+}
+
+void QvtpServerRequest::getBody(char** data, size_t& length) {
+    impl_->getBody(data, length);
+}
+
+std::istream* QvtpServerRequest::getBodyStream() {
+    return impl_->getBodyStream();
+}
+
+std::shared_ptr<InputBuffer> QvtpServerRequest::bodyReader() const {
+    return impl_->bodyReader();
+}
+
+std::string QvtpServerRequest::getMethod() {
+    try {
+        const std::string line = getStartLine();
+        return line.substr(0, line.find(BLANK));
+    } catch (Io::QvPipeException&) {
+        return METHOD_NONE;
+    }
+}
+
+std::string QvtpServerRequest::getResource() {
+    try {
+        const std::string line = getStartLine();
+        const std::size_t blank = line.find(BLANK);
+        if (blank == std::string::npos) return {};
+        const std::size_t start = blank + 1;
+        std::string resource;
+        converter_->decode(line.substr(start, line.find(BLANK, start) - start), resource);
+        return resource;
+    } catch (Io::QvPipeException&) {
+        return {};
+    }
+}
+
+Version QvtpServerRequest::getQvtpVersion() {
+    try {
+        const std::string line = getStartLine();
+        const std::size_t blank = line.rfind(BLANK);
+        return Version(blank == std::string::npos ? line : line.substr(blank + 1));
+    } catch (Io::QvPipeException&) {
+        return Version::CURRENT_VERSION;
+    }
+}
+
+}  // namespace Quovane::Qvtp

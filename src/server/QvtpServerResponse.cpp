@@ -1,0 +1,108 @@
+#include <qvtp/server/QvtpServerResponse.h>
+
+#include <qvtp/io/IllegalStateException.h>
+#include <qvtp/message/Version.h>
+#include <qvtp/server/QvtpServer.h>
+
+#include "common/Utf8String.h"
+#include "logging/Log.h"
+#include "message/DirectionLabel.h"
+#include "message/QvtpMessageOutImpl.h"
+#include "message/QvtpOStream.h"
+
+namespace Quovane::Qvtp {
+
+using Internal::Qvtp::logErrorAndThrow;
+using Internal::Qvtp::QvtpMessageOutImpl;
+using Internal::Qvtp::QvtpOStream;
+using Io::IllegalStateException;
+
+QvtpServerResponse::QvtpServerResponse(QvtpServer* server, std::ostream* out, Soa::Common::Xml::Utf8String* converter)
+    : statusCode_(STATUS_SERVER_ERROR),
+      reasonPhrase_(STATUS_REASONS.at(STATUS_SERVER_ERROR)),
+      server_(server),
+      out_(out),
+      impl_(std::make_unique<QvtpMessageOutImpl>(this, Internal::Qvtp::DirectionLabel::REPLY, converter)),
+      bufferSize_(server_->getIntegerOption(QvtpServer::BUFFER_SIZE)) {
+    impl_->setHeader(HEADER_SERVER, server_->getStringOption(QvtpServer::SERVER_NAME));
+}
+
+QvtpServerResponse::~QvtpServerResponse() = default;
+
+std::string QvtpServerResponse::getStartLine() {
+    return Internal::Qvtp::text(Version::CURRENT_VERSION.toString(), " ", statusCode_, " ", reasonPhrase_);
+}
+
+void QvtpServerResponse::addHeader(const std::string& name, const std::string& value) {
+    impl_->addHeader(name, value);
+}
+
+void QvtpServerResponse::setHeader(const std::string& name, const std::string& value) {
+    impl_->setHeader(name, value);
+}
+
+void QvtpServerResponse::removeHeader(const std::string& name) {
+    impl_->removeHeader(name);
+}
+
+void QvtpServerResponse::setBody(const char* data, size_t length) {
+    impl_->setBody(data, length);
+}
+
+bool QvtpServerResponse::isCommitted() const {
+    return impl_->isCommitted();
+}
+
+void QvtpServerResponse::setStatusCode(int code) {
+    const auto reason = STATUS_REASONS.find(code);
+    setStatusCode(code, reason != STATUS_REASONS.end() ? reason->second : "None");
+}
+
+void QvtpServerResponse::setStatusCode(int code, const std::string& reason) {
+    statusCode_ = code;
+    reasonPhrase_ = reason;
+}
+
+void QvtpServerResponse::setReasonPhrase(const std::string& reason) {
+    reasonPhrase_ = reason;
+}
+
+std::ostream* QvtpServerResponse::getBodyStream() {
+    if (bodyStream_ == nullptr) {
+        impl_->setHeader(HEADER_TRANSFER_ENCODING, HEADER_CHUNKED_ENCODING);
+        bodyStream_ = std::make_unique<QvtpOStream>(bufferSize_, true, out_, impl_.get());
+    }
+    return bodyStream_.get();
+}
+
+void QvtpServerResponse::send() {
+    const bool hasBody = impl_->getBodyLength() != QvtpMessageOutImpl::NO_BODY;
+    // The spelling of both is part of the interface: applications match these texts.
+    if (!hasBody && bodyStream_ == nullptr) {
+        logErrorAndThrow<IllegalStateException>(
+            "Neither the setBody or getBodyStream methods were called. Body data must be provided by one of these "
+            "method.");
+    }
+    if (hasBody && bodyStream_ != nullptr) {
+        logErrorAndThrow<IllegalStateException>(
+            "Both the setBody and getBodyStream methods were called. Only one method of providing body data is "
+            "permitted.");
+    }
+    if (hasBody) {
+        // Head and body share one buffer, so that a small response is one write.
+        bodyStream_ = std::make_unique<QvtpOStream>(bufferSize_, false, out_, nullptr);
+        impl_->writeHeaders(bodyStream_.get());
+        impl_->writeBody(bodyStream_.get());
+    }
+    bodyStream_->send();
+}
+
+void QvtpServerResponse::sendError(int code, const std::string& reason) {
+    setStatusCode(code, reason);
+    // Without this the length of a body set before would come first in the header, and the client wait for that body.
+    impl_->removeHeader(HEADER_CONTENT_LENGTH);
+    setBody("", 0);
+    send();
+}
+
+}  // namespace Quovane::Qvtp
