@@ -1,0 +1,52 @@
+#pragma once
+
+#include <qvtp/Export.h>
+#include <qvtp/client/QvtpClient.h>
+#include <qvtp/server/QvtpServer.h>
+
+#include <memory>
+#include <string>
+
+namespace Quovane::Qvtp {
+
+/// The XML configuration file of the process, read once. The library never applies it by itself:
+///
+///     QvtpConfig::getInstance().setQvtpServerOptions(server, "billing", "backend");
+///
+/// The file is the one that the environment variable QvtpConfigurationFile names, else QvtpConfig.xml in the current
+/// directory. Under any root element it has entries such as
+///
+///     <QvtpClient function="billing" component="frontend" connect_timeout="5000" stale_timeout="10000"
+///     buffer_size="40960"/> <QvtpServer function="billing" component="backend" max_request_processors="8"
+///     accept_timeout="0"
+///                 idle_timeout="13000" receive_timeout="3000" buffer_size="4096"/>
+///
+/// Time-outs are milliseconds, sizes bytes. A file that is missing or malformed is logged at ERROR and leaves no
+/// configuration. docs/configuration.md has the details.
+class QVTP_API QvtpConfig {
+  public:
+    /// Reads the file at the first call, from any thread; later changes to file or variable have no effect.
+    static QvtpConfig& getInstance();
+
+    QvtpConfig(const QvtpConfig&) = delete;
+    QvtpConfig& operator=(const QvtpConfig&) = delete;
+
+    /// Applies the first QvtpClient entry with exactly these two attributes; an absent attribute equals an empty
+    /// argument. Without such an entry nothing changes. Unknown attributes are logged at ERROR and skipped.
+    /// Any thread may call it, for different objects at the same time.
+    /// A value that is not a number leaves as the parser library's NumberFormatException (an XMLException of
+    /// Xerces-C++); what stands before it is applied.
+    void setQvtpClientOptions(QvtpClient& client, const std::string& function, const std::string& component);
+    /// The same for QvtpServer entries. Apply it before run().
+    void setQvtpServerOptions(QvtpServer& server, const std::string& function, const std::string& component);
+
+  private:
+    QvtpConfig();
+    ~QvtpConfig();
+    void loadConfigFile();
+
+    struct Document;
+    std::unique_ptr<Document> document_;
+};
+
+}  // namespace Quovane::Qvtp

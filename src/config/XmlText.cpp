@@ -1,0 +1,29 @@
+#include "config/XmlText.h"
+
+#include "common/Utf8String.h"
+
+namespace Quovane::Internal::Qvtp::XmlText {
+
+using Quovane::Soa::Common::Xml::Utf8String;
+
+namespace {
+
+constexpr char UTF8[] = "UTF-8";
+
+}  // namespace
+
+std::basic_string<XMLCh> fromUtf8(const std::string& text) {
+    std::string wellFormed;
+    Utf8String::decode(text, wellFormed);  // the converter below refuses anything else
+    const auto* bytes = reinterpret_cast<const XMLByte*>(wellFormed.data());
+    const xercesc::TranscodeFromStr converted(bytes, wellFormed.size(), UTF8);
+    return converted.str();
+}
+
+std::string toUtf8(const XMLCh* text) {
+    if (text == nullptr) return {};
+    const xercesc::TranscodeToStr converted(text, UTF8);
+    return reinterpret_cast<const char*>(converted.str());
+}
+
+}  // namespace Quovane::Internal::Qvtp::XmlText

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <xercesc/util/TransService.hpp>
+#include <xercesc/util/XMLString.hpp>
+
+#include <string>
+
+/// Conversions between the library's UTF-8 strings and the parser's UTF-16.
+namespace Quovane::Internal::Qvtp::XmlText {
+
+std::basic_string<XMLCh> fromUtf8(const std::string& text);
+/// A null pointer is an empty string.
+std::string toUtf8(const XMLCh* text);
+
+}  // namespace Quovane::Internal::Qvtp::XmlText
