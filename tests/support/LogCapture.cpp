@@ -1,0 +1,121 @@
+#include "support/LogCapture.h"
+
+#include <qvtp/message/QvtpMessage.h>
+
+#include "common/System.h"
+
+#include <algorithm>
+#include <regex>
+
+namespace qvtp_test {
+
+using Quovane::Qvtp::QvtpMessage;
+
+namespace {
+
+const char ENDING[] = "- Quovane.SOA.Qvtp\n";
+
+std::string contentsOf(std::FILE* file, long start) {
+    std::string contents;
+    std::fflush(file);
+    const long end = (std::fseek(file, 0, SEEK_END), std::ftell(file));
+    if (end > start) {
+        contents.resize(static_cast<std::size_t>(end - start));
+        std::fseek(file, start, SEEK_SET);
+        contents.resize(std::fread(&contents[0], 1, contents.size(), file));
+    }
+    std::fseek(file, 0, SEEK_END);
+    return contents;
+}
+
+long sizeOf(std::FILE* file) {
+    std::fflush(file);
+    std::fseek(file, 0, SEEK_END);
+    return std::ftell(file);
+}
+
+}  // namespace
+
+LogCapture::LogCapture(LoggingLevel level, CommunicationLevel commLevel)
+    : logFile_(std::tmpfile()), commFile_(std::tmpfile()), level_(level), commLevel_(commLevel) {
+    QvtpMessage::setLoggingLevel(logFile_, level_, commFile_, commLevel_);
+}
+
+LogCapture::~LogCapture() {
+    QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
+    std::fclose(logFile_);
+    std::fclose(commFile_);
+}
+
+// The files are taken away from the logger while they are read: other threads may be logging.
+
+std::string LogCapture::text() const {
+    QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
+    std::string contents = contentsOf(logFile_, logStart_);
+    QvtpMessage::setLoggingLevel(logFile_, level_, commFile_, commLevel_);
+    return contents;
+}
+
+std::string LogCapture::communication() const {
+    QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
+    std::string contents = contentsOf(commFile_, commStart_);
+    QvtpMessage::setLoggingLevel(logFile_, level_, commFile_, commLevel_);
+    return contents;
+}
+
+std::vector<std::string> LogCapture::parse(const std::string& thread) const {
+    static const std::regex form(
+        R"((OFF  |ERROR|WARN |INFO |DEBUG) - \d{4}/\d\d/\d\d-\d\d:\d\d:\d\d\.[ \d]{3} UTC - Thread-(\d+): ([^\n]*?) - )");
+    std::vector<std::string> messages;
+    const std::string log = text();
+    for (std::size_t start = 0; start < log.size();) {
+        const std::size_t end = std::min(log.find(ENDING, start), log.size());
+        const std::string line = log.substr(start, end - start);
+        std::smatch match;
+        if (!std::regex_search(line, match, form, std::regex_constants::match_continuous)) {
+            messages.push_back("MALFORMED " + line);
+        } else if (thread.empty() || match[2] == thread) {
+            const std::string level = match[1];
+            messages.push_back(level.substr(0, level.find(' ')) + " " + match.suffix().str());
+        }
+        start = end + sizeof ENDING - 1;
+    }
+    return messages;
+}
+
+std::vector<std::string> LogCapture::messages() const {
+    return parse("");
+}
+
+std::vector<std::string> LogCapture::messagesOfThisThread() const {
+    return parse(std::to_string(Quovane::Internal::Qvtp::System::currentThreadId()));
+}
+
+bool LogCapture::contains(const std::string& message) const {
+    return count(message) > 0;
+}
+
+int LogCapture::count(const std::string& message) const {
+    const auto all = messages();
+    return static_cast<int>(std::count(all.begin(), all.end(), message));
+}
+
+void LogCapture::clear() {
+    QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
+    logStart_ = sizeOf(logFile_);
+    commStart_ = sizeOf(commFile_);
+    QvtpMessage::setLoggingLevel(logFile_, level_, commFile_, commLevel_);
+}
+
+std::string withoutHandles(const std::string& message) {
+    static const std::regex handle("0x(?!f{8,16}\\b)[0-9a-f]+");
+    return std::regex_replace(message, handle, "0xH");
+}
+
+std::vector<std::string> withoutHandles(const std::vector<std::string>& messages) {
+    std::vector<std::string> result;
+    for (const std::string& message : messages) result.push_back(withoutHandles(message));
+    return result;
+}
+
+}  // namespace qvtp_test

@@ -1,0 +1,32 @@
+#include "support/Watchdog.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+
+namespace {
+
+/// A watchdog for every test, of QVTP_TEST_LIMIT seconds.
+class WatchdogListener : public ::testing::EmptyTestEventListener {
+    void OnTestStart(const ::testing::TestInfo&) override {
+        watchdog_ = std::make_unique<qvtp_test::Watchdog>(std::chrono::seconds(limit()));
+    }
+    void OnTestEnd(const ::testing::TestInfo&) override { watchdog_.reset(); }
+
+    static int limit() {
+        const char* seconds = std::getenv("QVTP_TEST_LIMIT");
+        return seconds != nullptr ? std::atoi(seconds) : 120;
+    }
+
+    std::unique_ptr<qvtp_test::Watchdog> watchdog_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    ::testing::UnitTest::GetInstance()->listeners().Append(new WatchdogListener);
+    return RUN_ALL_TESTS();
+}
