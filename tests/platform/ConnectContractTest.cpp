@@ -248,7 +248,7 @@ constexpr OddName ODD_NAMES[] = {
     {"Tilde", "~"},           {"Tab", "\t"},           {"LockSuffix", "a.lock"},    {"SocketSuffix", "a.sock"},
     {"Euro", "\xE2\x82\xAC"}, {"NotUtf8", "\xFF\xFE"}};
 INSTANTIATE_TEST_SUITE_P(Odd, PipeNames, ::testing::ValuesIn(ODD_NAMES),
-                         [](const auto& info) { return std::string(info.param.description); });
+                         [](const auto& odd) { return std::string(odd.param.description); });
 
 TEST_F(ConnectContract, DoesNotTakeAnEncodedNameForTheNameItself) {
     End server, client;
