@@ -51,8 +51,8 @@ TEST_F(CloseContract, AbortsReadsAgainAndAgain) {
     for (int round = 0; round < 200; ++round) {
         End listening, other;
         const std::string roundName = uniquePipeName();
-        ASSERT_EQ(create(listening, roundName), 0);
-        ASSERT_EQ(connect(other, roundName, 2000), 0);
+        ASSERT_EQ(createNamed(listening, roundName), 0);
+        ASSERT_EQ(connectNamed(other, roundName, 2000), 0);
         std::atomic<bool> started{false};
         std::string data;
         auto reading = std::async(std::launch::async, [&] {

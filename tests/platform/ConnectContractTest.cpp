@@ -209,21 +209,21 @@ INSTANTIATE_TEST_SUITE_P(Busy, RefusedDirection, ::testing::ValuesIn(REFUSED), n
 
 TEST_F(ConnectContract, IgnoresTheCaseOfAsciiLetters) {
     End server, client;
-    ASSERT_EQ(create(server, name + "-Aa"), 0);
-    EXPECT_EQ(connect(client, name + "-aA", 2000), ConnectResult::CONNECTED);
+    ASSERT_EQ(createNamed(server, name + "-Aa"), 0);
+    EXPECT_EQ(connectNamed(client, name + "-aA", 2000), ConnectResult::CONNECTED);
 }
 
 TEST_F(ConnectContract, TakesSlashAndBackslashAsOne) {
     End server, client;
-    ASSERT_EQ(create(server, name + "/b"), 0);
-    EXPECT_EQ(connect(client, name + "\\b", 2000), ConnectResult::CONNECTED);
+    ASSERT_EQ(createNamed(server, name + "/b"), 0);
+    EXPECT_EQ(connectNamed(client, name + "\\b", 2000), ConnectResult::CONNECTED);
 }
 
 TEST_F(ConnectContract, ComparesBytesAbove127Exactly) {
     End server, client;
-    ASSERT_EQ(create(server, name + "\xC3\x84"), 0);
-    EXPECT_EQ(connect(client, name + "\xC3\xA4", 200), ConnectResult::CANNOT_OPEN);
-    EXPECT_EQ(connect(client, name + "\xC3\x84", 2000), ConnectResult::CONNECTED);
+    ASSERT_EQ(createNamed(server, name + "\xC3\x84"), 0);
+    EXPECT_EQ(connectNamed(client, name + "\xC3\xA4", 200), ConnectResult::CANNOT_OPEN);
+    EXPECT_EQ(connectNamed(client, name + "\xC3\x84", 2000), ConnectResult::CONNECTED);
 }
 
 struct OddName {
@@ -236,8 +236,8 @@ class PipeNames : public PipeContract, public ::testing::WithParamInterface<OddN
 TEST_P(PipeNames, WorkOnBothEnds) {
     const std::string odd = name + GetParam().ending;
     End server, client;
-    ASSERT_EQ(create(server, odd), 0);
-    ASSERT_EQ(connect(client, odd, 2000), ConnectResult::CONNECTED);
+    ASSERT_EQ(createNamed(server, odd), 0);
+    ASSERT_EQ(connectNamed(client, odd, 2000), ConnectResult::CONNECTED);
     ASSERT_EQ(accept(server), 0);
     EXPECT_EQ(write(client, "x"), 0);
     EXPECT_EQ(readText(server), "x");
@@ -252,18 +252,18 @@ INSTANTIATE_TEST_SUITE_P(Odd, PipeNames, ::testing::ValuesIn(ODD_NAMES),
 
 TEST_F(ConnectContract, DoesNotTakeAnEncodedNameForTheNameItself) {
     End server, client;
-    ASSERT_EQ(create(server, name + "%41"), 0);
-    EXPECT_EQ(connect(client, name + "A", 200), ConnectResult::CANNOT_OPEN);
+    ASSERT_EQ(createNamed(server, name + "%41"), 0);
+    EXPECT_EQ(connectNamed(client, name + "A", 200), ConnectResult::CANNOT_OPEN);
 }
 
 TEST_F(ConnectContract, TellsTrailingBlanksAndDotsApart) {
     if (!backend::keepsNamesAsTheyAre()) GTEST_SKIP() << "the path rules of this system remove them";
     End server, other, client;
-    ASSERT_EQ(create(server, name), 0);
-    EXPECT_EQ(connect(client, name + ".", 200), ConnectResult::CANNOT_OPEN);
-    EXPECT_EQ(connect(client, name + " ", 200), ConnectResult::CANNOT_OPEN);
-    EXPECT_EQ(connect(client, "x/../" + name, 200), ConnectResult::CANNOT_OPEN);
-    EXPECT_EQ(create(other, name + "."), 0);
+    ASSERT_EQ(create(server), 0);
+    EXPECT_EQ(connectNamed(client, name + ".", 200), ConnectResult::CANNOT_OPEN);
+    EXPECT_EQ(connectNamed(client, name + " ", 200), ConnectResult::CANNOT_OPEN);
+    EXPECT_EQ(connectNamed(client, "x/../" + name, 200), ConnectResult::CANNOT_OPEN);
+    EXPECT_EQ(createNamed(other, name + "."), 0);
 }
 
 TEST_F(ConnectContract, AllowsNamesUpToTheDocumentedLimit) {
@@ -271,25 +271,25 @@ TEST_F(ConnectContract, AllowsNamesUpToTheDocumentedLimit) {
     const std::string longest = name + std::string(size - name.size(), 'n');
     const std::string other = longest.substr(0, size - 1) + "m";
     End server, client, stranger;
-    ASSERT_EQ(create(server, longest), 0);
-    EXPECT_EQ(connect(stranger, other, 200), ConnectResult::CANNOT_OPEN);
-    EXPECT_EQ(connect(client, longest, 2000), ConnectResult::CONNECTED);
+    ASSERT_EQ(createNamed(server, longest), 0);
+    EXPECT_EQ(connectNamed(stranger, other, 200), ConnectResult::CANNOT_OPEN);
+    EXPECT_EQ(connectNamed(client, longest, 2000), ConnectResult::CONNECTED);
 }
 
 TEST_F(ConnectContract, RefusesALongerName) {
     const std::string tooLong(static_cast<std::size_t>(backend::longestName()) + 1, 'n');
     LogCapture log;
     End server, client;
-    EXPECT_EQ(create(server, tooLong), 206);
-    EXPECT_EQ(connect(client, tooLong, 2000), ConnectResult::CANNOT_OPEN);
+    EXPECT_EQ(createNamed(server, tooLong), 206);
+    EXPECT_EQ(connectNamed(client, tooLong, 2000), ConnectResult::CANNOT_OPEN);
     EXPECT_THAT(log.messages(), ElementsAre("ERROR CreateNamedPipe failed: 206", "ERROR Could not open pipe. GLE=206"));
 }
 
 TEST_F(ConnectContract, RefusesTheEmptyName) {
     End server, client;
     LogCapture log;
-    EXPECT_EQ(create(server, std::string()), backend::emptyNameError());
-    EXPECT_EQ(connect(client, std::string(), 2000), ConnectResult::CANNOT_OPEN);
+    EXPECT_EQ(createNamed(server, std::string()), backend::emptyNameError());
+    EXPECT_EQ(connectNamed(client, std::string(), 2000), ConnectResult::CANNOT_OPEN);
     EXPECT_EQ(log.messages().size(), 2U);
 }
 

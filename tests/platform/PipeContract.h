@@ -61,17 +61,17 @@ class PipeContract : public ::testing::Test {
     std::string path() const { return pathOf(name); }
 
     int create(End& end, bool readable = true, bool writable = true, bool first = true) {
-        return create(end, name, readable, writable, first);
+        return createNamed(end, name, readable, writable, first);
     }
-    int create(End& end, const std::string& pipeName, bool readable = true, bool writable = true, bool first = true) {
+    int createNamed(End& end, const std::string& pipeName, bool readable = true, bool writable = true, bool first = true) {
         return platform::platformCreateInstance(pathOf(pipeName), readable, writable, first, end.pipe, end.event);
     }
     int createNext(End& end) { return create(end, true, true, false); }
 
     int connect(End& end, int timeoutMs = 2000, bool readable = true, bool writable = true) {
-        return connect(end, name, timeoutMs, readable, writable);
+        return connectNamed(end, name, timeoutMs, readable, writable);
     }
-    int connect(End& end, const std::string& pipeName, int timeoutMs, bool readable = true, bool writable = true) {
+    int connectNamed(End& end, const std::string& pipeName, int timeoutMs, bool readable = true, bool writable = true) {
         return platform::platformConnect(pathOf(pipeName), readable, writable, timeoutMs, end.pipe, end.event);
     }
 
