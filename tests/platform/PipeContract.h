@@ -63,7 +63,8 @@ class PipeContract : public ::testing::Test {
     int create(End& end, bool readable = true, bool writable = true, bool first = true) {
         return createNamed(end, name, readable, writable, first);
     }
-    int createNamed(End& end, const std::string& pipeName, bool readable = true, bool writable = true, bool first = true) {
+    int createNamed(End& end, const std::string& pipeName, bool readable = true, bool writable = true,
+                    bool first = true) {
         return platform::platformCreateInstance(pathOf(pipeName), readable, writable, first, end.pipe, end.event);
     }
     int createNext(End& end) { return create(end, true, true, false); }
