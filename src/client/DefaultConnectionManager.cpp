@@ -75,7 +75,8 @@ void DefaultConnectionManager::purgeStale() {
     Guard guard(lock_);
     const std::int64_t nowMs = System::wallClockMs();
     const auto isStale = [&](const PipeInfoPtr& info) { return nowMs - info->lastUsedMs > staleTimeoutMs_; };
-    for (auto& [key, idle] : available_) {
+    for (auto& entry : available_) {
+        IdlePipes& idle = entry.second;
         const auto fresh = std::find_if(idle.begin(), idle.end(), isStale) - idle.begin();
         while (idle.size() > static_cast<std::size_t>(fresh)) {
             logDebug([&] { return "Deleting stale QvPipe " + idle.back()->binding; });

@@ -37,7 +37,7 @@ class LastErrorGuard {
 
   private:
     int errno_;
-    unsigned long systemError_;
+    [[maybe_unused]] unsigned long systemError_;  // of Windows
 };
 
 }  // namespace Quovane::Internal::Qvtp::System

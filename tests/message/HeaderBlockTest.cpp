@@ -1,0 +1,303 @@
+#include "message/HeaderBlock.h"
+
+#include "support/LogCapture.h"
+#include "support/Thrown.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <iterator>
+#include <sstream>
+#include <string>
+
+namespace {
+
+using Quovane::Internal::Qvtp::HeaderBlock;
+using Quovane::Soa::Common::Xml::Utf8String;
+using qvtp_test::LogCapture;
+using qvtp_test::thrownBy;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class HeaderBlockTest : public ::testing::Test {
+  protected:
+    std::string written() const {
+        std::string text;
+        block_.write(text, converter_);
+        return text;
+    }
+    /// Reads the lines into the block and returns what is left of them.
+    std::string read(const std::string& lines) {
+        std::istringstream in(lines);
+        block_.read(in, converter_);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+
+    Utf8String converter_;
+    HeaderBlock block_;
+};
+
+using HeaderBlockAccess = HeaderBlockTest;
+using HeaderBlockWriting = HeaderBlockTest;
+using HeaderBlockReading = HeaderBlockTest;
+
+TEST_F(HeaderBlockAccess, FindsNothingInAnEmptyBlock) {
+    EXPECT_EQ(block_.getHeader("X"), "");
+    EXPECT_THAT(block_.getHeaders("X"), IsEmpty());
+    EXPECT_THAT(block_.getHeaderNames(), IsEmpty());
+}
+
+TEST_F(HeaderBlockAccess, MatchesNamesWithoutRegardToCaseAndWhiteSpaceAround) {
+    block_.addHeader("Content-Length", "12");
+    for (const char* name : {"CONTENT-LENGTH", "content-length", " Content-Length\t", "\r\ncOnTeNt-LeNgTh\r\n"}) {
+        EXPECT_EQ(block_.getHeader(name), "12") << name;
+        EXPECT_THAT(block_.getHeaders(name), ElementsAre("12")) << name;
+    }
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("Content-Length"));
+}
+
+TEST_F(HeaderBlockAccess, TakesOnlyBlankTabAndLineEndsForWhiteSpaceAroundAName) {
+    block_.addHeader("X", "1");
+    EXPECT_EQ(block_.getHeader("\vX"), "");
+    EXPECT_EQ(block_.getHeader("X\f"), "");
+    EXPECT_EQ(block_.getHeader("X Y"), "");
+}
+
+TEST_F(HeaderBlockAccess, LeavesBytesAbove127AsTheyAre) {
+    block_.addHeader("\xE4", "small");
+    block_.addHeader("\xC4", "large");
+    EXPECT_EQ(block_.getHeader("\xE4"), "small");
+    EXPECT_EQ(block_.getHeader("\xC4"), "large");
+}
+
+TEST_F(HeaderBlockAccess, TreatsTheEmptyNameAsAnyOther) {
+    block_.addHeader(" \t", "1");
+    EXPECT_EQ(block_.getHeader(""), "1");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre(""));
+    block_.removeHeader("\r\n");
+    EXPECT_THAT(block_.getHeaderNames(), IsEmpty());
+}
+
+TEST_F(HeaderBlockAccess, GivesTheFirstOfSeveralValues) {
+    block_.addHeader("X", "a, b");
+    EXPECT_EQ(block_.getHeader("X"), "a");
+    EXPECT_THAT(block_.getHeaders("X"), ElementsAre("a", "b"));
+}
+
+TEST_F(HeaderBlockAccess, GivesNothingForAHeaderWithoutValues) {
+    block_.addHeader("X", "");
+    EXPECT_EQ(block_.getHeader("X"), "");
+    EXPECT_THAT(block_.getHeaders("X"), IsEmpty());
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("X"));
+}
+
+TEST_F(HeaderBlockAccess, RemovesAHeaderUnderAnySpelling) {
+    block_.addHeader("X-A", "1");
+    block_.addHeader("X-B", "2");
+    block_.removeHeader(" x-a ");
+    block_.removeHeader("absent");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("X-B"));
+}
+
+TEST_F(HeaderBlockAccess, ForgetsTheValuesOfARemovedHeader) {
+    block_.addHeader("x-a", "1");
+    block_.removeHeader("X-A");
+    block_.addHeader("X-a", "2");
+    EXPECT_EQ(written(), "X-a: 2\r\n");
+}
+
+TEST_F(HeaderBlockAccess, ListsNamesInTheOrderOfTheirUpperCasedForm) {
+    for (const char* name : {"b", "A", "_", "a1", "B2", "Z"}) block_.addHeader(name, "1");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("A", "a1", "b", "B2", "Z", "_"));
+}
+
+TEST_F(HeaderBlockAccess, OrdersKeysAsUnsignedBytes) {
+    for (const char* name : {"\xC3\xA4", "z", "\x7F"}) block_.addHeader(name, "1");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("z", "\x7F", "\xC3\xA4"));
+}
+
+TEST_F(HeaderBlockWriting, KeepsTheFirstSpellingWhenValuesAreAddedAndTakesTheLastWhenSet) {
+    block_.addHeader("x-a", "1");
+    block_.addHeader("X-A", "2");
+    EXPECT_EQ(written(), "x-a: 1,2\r\n");
+    block_.setHeader("X-A", "3");
+    EXPECT_EQ(written(), "X-A: 3\r\n");
+    block_.addHeader("x-a", "4");
+    EXPECT_EQ(written(), "X-A: 3,4\r\n");
+}
+
+TEST_F(HeaderBlockWriting, WritesHeadersInKeyOrderWhateverTheOrderOfAddition) {
+    block_.addHeader("User-Agent", "agent");
+    block_.addHeader("Content-Length", "5");
+    block_.setHeader("Server", "server");
+    EXPECT_EQ(written(), "Content-Length: 5\r\nServer: server\r\nUser-Agent: agent\r\n");
+}
+
+TEST_F(HeaderBlockWriting, JoinsValuesWithCommasWithoutBlanks) {
+    block_.addHeader("Content-Length", "12");
+    block_.addHeader("X-Ids", "a, b");
+    EXPECT_EQ(written(), "Content-Length: 12\r\nX-Ids: a,b\r\n");
+}
+
+TEST_F(HeaderBlockWriting, WritesAHeaderWithoutValues) {
+    block_.setHeader("X", " ");
+    EXPECT_EQ(written(), "X: \r\n");
+}
+
+TEST_F(HeaderBlockWriting, WritesNothingForAnEmptyBlock) {
+    EXPECT_EQ(written(), "");
+}
+
+TEST_F(HeaderBlockWriting, AppendsToWhatIsThere) {
+    block_.addHeader("X", "1");
+    std::string text = "start\r\n";
+    block_.write(text, converter_);
+    EXPECT_EQ(text, "start\r\nX: 1\r\n");
+}
+
+TEST_F(HeaderBlockWriting, EncodesEveryValueButNoName) {
+    block_.addHeader("N\xE4", "\xE4,b");
+    EXPECT_EQ(written(), "N\xE4: \xC3\xA4,b\r\n");
+}
+
+TEST_F(HeaderBlockWriting, LetsNoValueEndItsLine) {
+    block_.addHeader("X", std::string("a\r\nInjected: 1\0b", 16));
+    EXPECT_EQ(written(), "X: a  Injected: 1 b\r\n");
+}
+
+TEST_F(HeaderBlockWriting, TrimsTheNameItStores) {
+    block_.addHeader(" X \r\n", "1");
+    block_.setHeader("\tY ", "2");
+    EXPECT_EQ(written(), "X: 1\r\nY: 2\r\n");
+}
+
+TEST_F(HeaderBlockReading, EndsBehindTheEmptyLine) {
+    EXPECT_EQ(read("A: 1\r\nB: 2\r\n\r\nbody"), "body");
+    EXPECT_EQ(written(), "A: 1\r\nB: 2\r\n");
+}
+
+TEST_F(HeaderBlockReading, TakesLinesThatEndInALineFeedAlone) {
+    EXPECT_EQ(read("A: 1\nB: 2\n\nbody"), "body");
+    EXPECT_EQ(written(), "A: 1\r\nB: 2\r\n");
+}
+
+TEST_F(HeaderBlockReading, ReadsAnEmptyBlock) {
+    EXPECT_EQ(read("\r\nbody"), "body");
+    EXPECT_THAT(block_.getHeaderNames(), IsEmpty());
+}
+
+TEST_F(HeaderBlockReading, MakesOneHeaderOfSeveralLinesUnderTheFirstSpelling) {
+    read("Accept-X: 1\r\nOther: 0\r\naccept-x: 2, 3\r\n\r\n");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("Accept-X", "Other"));
+    EXPECT_THAT(block_.getHeaders("ACCEPT-X"), ElementsAre("1", "2", "3"));
+    EXPECT_EQ(block_.getHeader("Accept-X"), "1");
+}
+
+TEST_F(HeaderBlockReading, SplitsValuesAtTheirCommas) {
+    read("X: a, b\r\n\r\n");
+    EXPECT_THAT(block_.getHeaders("X"), ElementsAre("a", "b"));
+}
+
+TEST_F(HeaderBlockReading, CutsTheLineAtItsFirstColon) {
+    read("X:a:b\r\nY :\t c \t\r\n\r\n");
+    EXPECT_EQ(block_.getHeader("X"), "a:b");
+    EXPECT_EQ(block_.getHeader("Y"), "c");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("X", "Y"));
+}
+
+TEST_F(HeaderBlockReading, ListsAHeaderWithoutValues) {
+    read("X:\r\nY: \t \r\n\r\n");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("X", "Y"));
+    EXPECT_EQ(block_.getHeader("X"), "");
+    EXPECT_THAT(block_.getHeaders("Y"), IsEmpty());
+}
+
+TEST_F(HeaderBlockReading, TakesALineWithoutColonForAHeaderWithoutValues) {
+    read("No colon here\r\nX: 1\r\n\r\n");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("No colon here", "X"));
+    EXPECT_THAT(block_.getHeaders("No colon here"), IsEmpty());
+}
+
+TEST_F(HeaderBlockReading, TakesALineThatBeginsWithItsColonForTheEmptyName) {
+    read(": 1\r\n\r\n");
+    EXPECT_EQ(block_.getHeader(""), "1");
+}
+
+TEST_F(HeaderBlockReading, JoinsContinuationLinesWithOneBlank) {
+    read("X: first\r\n\tsecond\r\nY: 1\r\n  2 \t\r\n \t3\r\n\r\n");
+    EXPECT_THAT(block_.getHeaders("X"), ElementsAre("first second"));
+    EXPECT_THAT(block_.getHeaders("Y"), ElementsAre("1 2 3"));
+}
+
+TEST_F(HeaderBlockReading, PutsNoBlankBeforeTheFirstPieceOfAContinuedValue) {
+    read("X:\r\n first\r\n\r\n");
+    EXPECT_EQ(block_.getHeader("X"), "first");
+}
+
+TEST_F(HeaderBlockReading, SplitsTheValueOnlyAfterItWasJoined) {
+    read("X: a,\r\n b,\r\n\tc d\r\n e\r\n\r\n");
+    EXPECT_THAT(block_.getHeaders("X"), ElementsAre("a", "b", "c d e"));
+}
+
+TEST_F(HeaderBlockReading, TakesALineOfBlanksForAContinuation) {
+    EXPECT_EQ(read("X: a\r\n \t\r\n b\r\n\r\nbody"), "body");
+    EXPECT_EQ(block_.getHeader("X"), "a  b");
+}
+
+TEST_F(HeaderBlockReading, ContinuesAHeaderWithoutColon) {
+    read("X\r\n 1\r\n\r\n");
+    EXPECT_EQ(block_.getHeader("X"), "1");
+}
+
+TEST_F(HeaderBlockReading, TakesAFirstLineThatBeginsWithABlankForAHeader) {
+    read(" X: 1\r\n\r\n");
+    EXPECT_EQ(block_.getHeader("X"), "1");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("X"));
+}
+
+TEST_F(HeaderBlockReading, DecodesValuesAndNoNames) {
+    read("N\xE4: \xE4\r\nU: \xC3\xA4\r\n\r\n");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("N\xE4", "U"));
+    EXPECT_EQ(block_.getHeader("N\xE4"), "\xC3\xA4");
+    EXPECT_EQ(block_.getHeader("U"), "\xC3\xA4");
+}
+
+TEST_F(HeaderBlockReading, ReadsLinesOfAnyLength) {
+    const std::string value(10000, 'v');
+    read("X: " + value + "\r\n\r\n");
+    EXPECT_EQ(block_.getHeader("X"), value);
+}
+
+TEST_F(HeaderBlockReading, ThrowsWhenTheStreamEndsBeforeTheEmptyLine) {
+    for (const char* lines : {"", "A", "A: 1", "A: 1\r\n", "A: 1\r\n 2", "A: 1\r\n\r"}) {
+        EXPECT_EQ(thrownBy([&] { read(lines); }),
+                  "InterruptedException: Reached the stream end-of-file before the expected new line.")
+            << lines;
+    }
+}
+
+TEST_F(HeaderBlockReading, RecordsEveryLineAsReadInTheCommunicationLog) {
+    const LogCapture log(LogCapture::LoggingLevel::OFF, LogCapture::CommunicationLevel::INPUT);
+    read("X:  a \r\n\tcontinued\r\nno colon\nY: \xE4\r\n\r\n");
+    EXPECT_EQ(log.communication(), "X:  a \n\tcontinued\nno colon\nY: \xE4\n");
+}
+
+TEST_F(HeaderBlockReading, RecordsNothingWhenOnlyOutputIsRecorded) {
+    const LogCapture log(LogCapture::LoggingLevel::DEBUG, LogCapture::CommunicationLevel::OUTPUT);
+    read("X: a\r\n\r\n");
+    EXPECT_EQ(log.communication(), "");
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(HeaderBlockReading, GivesBackTheNamesAndValuesThatWereWritten) {
+    block_.addHeader("X-Ids", "a, b");
+    block_.addHeader("empty", "");
+    block_.addHeader("Text", "two words \xC3\xA4");
+    HeaderBlock copy;
+    std::istringstream in(written() + "\r\n");
+    copy.read(in, converter_);
+    EXPECT_EQ(copy.getHeaderNames(), block_.getHeaderNames());
+    for (const std::string& name : block_.getHeaderNames()) EXPECT_EQ(copy.getHeaders(name), block_.getHeaders(name));
+}
+
+}  // namespace
