@@ -94,15 +94,15 @@ TEST_F(PipePool, ConnectsForItsModeWithTheConnectTimeout) {
 
 TEST_F(PipePool, GivesBothStreamsABufferOf4096Bytes) {
     QvPipe* const pipe = connect();
-    EXPECT_EQ(thrownBy([&] { pipe->getOutputStream().rdbuf()->pubsetbuf(nullptr, 0); }),
+    EXPECT_EQ(thrownBy([&] { pipe->getOutputStream()->rdbuf()->pubsetbuf(nullptr, 0); }),
               "QvPipeException: Buffer already set.  Reset not supported.");
-    pipe->getOutputStream() << std::string(4097, 'x');
+    *pipe->getOutputStream() << std::string(4097, 'x');
     EXPECT_EQ(RawServer::read(*accepted[0], 4096).size(), 4096U);
     char byte = 0;
     EXPECT_EQ(thrownBy([&] { accepted[0]->readPipe(&byte, 0, 1, 50); }), "TimeoutException: QvPipe read timeout.");
     RawServer::write(*accepted[0], std::string(5000, 'y'));
-    pipe->getInputStream().get();
-    EXPECT_EQ(pipe->getInputStream().rdbuf()->in_avail(), 4095);
+    pipe->getInputStream()->get();
+    EXPECT_EQ(pipe->getInputStream()->rdbuf()->in_avail(), 4095);
 }
 
 TEST_F(PipePool, UsesAReturnedPipeAgain) {

@@ -495,7 +495,7 @@ class OwnManager : public Requests {
   protected:
     OwnManager() : manager(name), ownClient(&manager) {
         pipe = server.accept();
-        manager.pipe.getOutputStream().rdbuf()->pubsetbuf(area, sizeof area);
+        manager.pipe.getOutputStream()->rdbuf()->pubsetbuf(area, sizeof area);
     }
     void notifyOnce() {
         NotifyRequest request(&ownClient, name, "/r");
