@@ -206,6 +206,7 @@ void QvtpServer::acceptLoop() {
 void QvtpServer::stopWorkers() {
     requestStop();
     threadPool_->stopAll();
+    endUnbegunWorkers();
     waitForWorkers();
     deleteWorkers();
 }
@@ -215,6 +216,12 @@ void QvtpServer::requestStop() {
     for (auto& [name, worker] : workers_) {
         if (worker->isRunning()) worker->stop();
     }
+}
+
+/// A worker that was given to a thread just before the stop: the pool takes it back before its first step.
+void QvtpServer::endUnbegunWorkers() {
+    Poco::Mutex::ScopedLock lock(*mutex_);
+    for (auto& [name, worker] : workers_) worker->endUnlessBegun();
 }
 
 bool QvtpServer::hasRunningWorker() const {

@@ -52,6 +52,7 @@ void RequestWorker::stop() {
 /// An exception that serveRequests() does not know leaves at once: such a worker stays in the map as running, and the
 /// server reports it when it stops.
 void RequestWorker::run() {
+    begun_ = true;
     prepareStreams();
     serveRequests();
     logDebug([&] { return "Closing QvPipe (" + fullName_ + "). "; });

@@ -42,6 +42,10 @@ class RequestWorker : public Poco::Runnable {
 
     /// False when run() has done its last step: only then the worker may be deleted.
     bool isRunning() const { return running_; }
+    /// When the pool has stopped, a worker whose thread never came to run() never will.
+    void endUnlessBegun() {
+        if (!begun_) running_ = false;
+    }
     const std::string& getFullName() const { return fullName_; }
 
   private:
@@ -60,6 +64,7 @@ class RequestWorker : public Poco::Runnable {
     std::unique_ptr<Quovane::Io::QvPipe> pipe_;
     std::atomic<bool> stop_{false};
     std::atomic<bool> running_{true};
+    std::atomic<bool> begun_{false};
     std::atomic<bool> giveUp_{false};
     std::string name_;
     std::string fullName_;

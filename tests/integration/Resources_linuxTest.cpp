@@ -56,11 +56,14 @@ class Resources : public ::testing::Test {
         const Holdings before = Holdings::now();
         before.print("after the first 100 rounds:");
         for (int i = 100; i < rounds; ++i) round();
-        ASSERT_TRUE(eventually([&] { return Holdings::now().threads <= before.threads; }));
-        const Holdings after = Holdings::now();
+        // The last connections are still being closed by their workers.
+        Holdings after;
+        const bool isBack = eventually([&] {
+            after = Holdings::now();
+            return after.threads <= before.threads && after.descriptors <= before.descriptors;
+        });
         after.print(("after " + std::to_string(rounds) + " rounds:").c_str());
-        EXPECT_EQ(after.threads, before.threads);
-        EXPECT_EQ(after.descriptors, before.descriptors);
+        EXPECT_TRUE(isBack);
         // Sanitizers keep freed memory on purpose.
         if (!QVTP_SANITIZED) {
             EXPECT_LE(after.memoryKb, before.memoryKb + 1024);

@@ -92,6 +92,7 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     void acceptLoop();
     void stopWorkers();
     void requestStop();
+    void endUnbegunWorkers();
     void waitForWorkers();
     void deleteWorkers();
     bool hasRunningWorker() const;
