@@ -1,0 +1,72 @@
+#include "common/System.h"
+
+#include <sys/stat.h>
+#include <sys/timeb.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+
+namespace Quovane::Internal::Qvtp::System {
+
+namespace {
+
+/// Empty if the text is empty or no UTF-8.
+std::wstring wide(const std::string& utf8) {
+    const int size = static_cast<int>(utf8.size());
+    const int wideSize = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), size, nullptr, 0);
+    std::wstring result(static_cast<std::size_t>(std::max(wideSize, 0)), L'\0');
+    ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), size, result.data(), wideSize);
+    return result;
+}
+
+}  // namespace
+
+std::int64_t wallClockMs() {
+    struct __timeb64 now {};
+    ::_ftime64(&now);
+    return static_cast<std::int64_t>(now.time) * 1000 + now.millitm;
+}
+
+std::int64_t monotonicMs() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+std::uint32_t currentThreadId() {
+    return ::GetCurrentThreadId();
+}
+
+void sleepMs(int milliseconds) {
+    ::Sleep(static_cast<DWORD>(std::max(milliseconds, 0)));
+}
+
+bool fileExists(const std::string& path) {
+    // The narrow call would take the path in the system's code page.
+    struct _stat64 status {};
+    return ::_wstat64(wide(path).c_str(), &status) == 0;
+}
+
+std::tm utcTime(std::time_t seconds) {
+    std::tm result{};
+    const __time64_t time = seconds;
+    ::_gmtime64_s(&result, &time);
+    return result;
+}
+
+std::tm localTime(std::time_t seconds) {
+    std::tm result{};
+    const __time64_t time = seconds;
+    ::_localtime64_s(&result, &time);
+    return result;
+}
+
+LastErrorGuard::LastErrorGuard() : errno_(errno), systemError_(::GetLastError()) {}
+
+LastErrorGuard::~LastErrorGuard() {
+    errno = errno_;
+    ::SetLastError(systemError_);
+}
+
+}  // namespace Quovane::Internal::Qvtp::System
