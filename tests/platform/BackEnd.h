@@ -24,7 +24,11 @@ bool keepsNamesAsTheyAre();
 bool alwaysReportsAborts();
 /// The longest name a server can have; a longer one is refused.
 int longestName();
+/// What opening a longer name fails with.
+int longNameOpenError();
 /// What creating an instance of the empty name returns.
 int emptyNameError();
+/// Whether a client can open the empty name.
+bool opensTheEmptyName();
 
 }  // namespace qvtp_test::backend

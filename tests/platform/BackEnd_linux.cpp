@@ -42,8 +42,16 @@ int longestName() {
     return 247;
 }
 
+int longNameOpenError() {
+    return 206;
+}
+
 int emptyNameError() {
     return 123;
+}
+
+bool opensTheEmptyName() {
+    return false;
 }
 
 }  // namespace qvtp_test::backend
