@@ -21,6 +21,14 @@ std::wstring wide(const std::string& utf8) {
     return result;
 }
 
+std::string utf8(const std::wstring& text) {
+    const int size = static_cast<int>(text.size());
+    const int byteCount = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
+    std::string result(static_cast<std::size_t>(std::max(byteCount, 0)), '\0');
+    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), size, result.data(), byteCount, nullptr, nullptr);
+    return result;
+}
+
 }  // namespace
 
 std::int64_t wallClockMs() {
@@ -40,6 +48,20 @@ std::uint32_t currentThreadId() {
 
 void sleepMs(int milliseconds) {
     ::Sleep(static_cast<DWORD>(std::max(milliseconds, 0)));
+}
+
+std::optional<std::string> environmentVariable(const char* name) {
+    // The runtime's getenv gives the value in the system's code page.
+    const std::wstring wideName = wide(name);
+    std::wstring value;
+    DWORD size = ::GetEnvironmentVariableW(wideName.c_str(), nullptr, 0);
+    if (size == 0) return std::nullopt;
+    while (size > value.size()) {  // another thread may make it longer meanwhile
+        value.resize(size);
+        size = ::GetEnvironmentVariableW(wideName.c_str(), value.data(), size);
+    }
+    value.resize(size);
+    return utf8(value);
 }
 
 bool fileExists(const std::string& path) {
