@@ -4,6 +4,7 @@
 #include <qvtp/qvtp.h>
 
 #include "support/PipeName.h"
+#include "support/TemporaryFile.h"
 #include "support/Thrown.h"
 #include "support/Watchdog.h"
 
@@ -210,7 +211,7 @@ TEST(SharedLibrary, CallsAHandlerOfTheProgram) {
 }
 
 TEST(SharedLibrary, WritesToALogFileThatTheProgramOpened) {
-    std::FILE* const file = std::tmpfile();
+    std::FILE* const file = temporaryFile();
     ASSERT_NE(file, nullptr);
     QvtpMessage::setLoggingLevel(file, LoggingLevel::ERROR, nullptr, CommunicationLevel::OFF);
     EXPECT_EQ(thrownBy([] { QvPipe(uniquePipeName(), true, true); }), "ConnectException: Could not connect to pipe.");
