@@ -14,10 +14,6 @@ bool releasesWaitersOnClose() {
     return true;
 }
 
-bool keepsBytesAfterTimedOutRead() {
-    return true;
-}
-
 bool freesPlaceOnAccept() {
     return true;
 }
@@ -26,15 +22,19 @@ bool buffersMoreThanAPipe() {
     return true;
 }
 
+bool renewsWriteTimeOnProgress() {
+    return true;
+}
+
+bool deliversTimedOutWrites() {
+    return false;
+}
+
 bool neverReusesHandles() {
     return true;
 }
 
 bool keepsNamesAsTheyAre() {
-    return true;
-}
-
-bool alwaysReportsAborts() {
     return true;
 }
 

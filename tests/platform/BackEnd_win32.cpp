@@ -96,10 +96,6 @@ bool releasesWaitersOnClose() {
     return answer;
 }
 
-bool keepsBytesAfterTimedOutRead() {
-    return true;
-}
-
 bool freesPlaceOnAccept() {
     return false;
 }
@@ -108,16 +104,20 @@ bool buffersMoreThanAPipe() {
     return false;
 }
 
+bool renewsWriteTimeOnProgress() {
+    return false;
+}
+
+bool deliversTimedOutWrites() {
+    return true;
+}
+
 bool neverReusesHandles() {
     return false;
 }
 
 bool keepsNamesAsTheyAre() {
     return false;
-}
-
-bool alwaysReportsAborts() {
-    return true;
 }
 
 int longestName() {
