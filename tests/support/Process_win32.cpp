@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <stdexcept>
 
 namespace qvtp_test {
@@ -100,6 +101,10 @@ void setEnvironment(const std::string& name, const std::string& value) {
 
 void unsetEnvironment(const std::string& name) {
     ::_wputenv_s(wide(name).c_str(), L"");
+}
+
+void applyTimeZone() {
+    ::_tzset();
 }
 
 void changeDirectory(const std::string& path) {
