@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string>
 
 /// The few services of the operating system that everything above needs, apart from pipes.
@@ -18,6 +19,9 @@ std::uint32_t currentThreadId();
 
 /// Suspends the calling thread for at least this long.
 void sleepMs(int milliseconds);
+
+/// The value of an environment variable, in UTF-8 where the system knows the encoding; nothing if it is not set.
+std::optional<std::string> environmentVariable(const char* name);
 
 /// Whether a file-status query on the path (UTF-8) succeeds.
 bool fileExists(const std::string& path);

@@ -13,8 +13,6 @@
 #include <xercesc/util/XMLException.hpp>
 #include <xercesc/util/XMLString.hpp>
 
-#include <cstdlib>
-
 namespace Quovane::Qvtp {
 
 using namespace Quovane::Internal::Qvtp;
@@ -36,8 +34,7 @@ class StrictErrorHandler : public xercesc::HandlerBase {
 };
 
 std::string configurationPath() {
-    const char* path = std::getenv(FILE_VARIABLE);
-    return path != nullptr ? path : DEFAULT_FILE;
+    return System::environmentVariable(FILE_VARIABLE).value_or(DEFAULT_FILE);
 }
 
 bool isNamed(const XMLCh* name, const char* expected) {

@@ -10,7 +10,7 @@ namespace Quovane::Internal::Qvtp {
 namespace AcceptResult {
 inline constexpr int CONNECTED = 0;
 inline constexpr int TIMED_OUT = 1;
-inline constexpr int WAIT_FAILED = 2;
+inline constexpr int WAIT_ERROR = 2;
 inline constexpr int CONNECT_ERROR = 3;
 inline constexpr int ABORTED = -4;
 }  // namespace AcceptResult

@@ -114,7 +114,7 @@ int Acceptor::waitForClient() {
         const bool timedOut = waited == WaitResult::TIMED_OUT || (object_.starved && deadline_.isOver());
         if (timedOut || waited == WaitResult::FAILED) {
             logWaitResult(timedOut ? WAIT_TIMED_OUT : WAIT_BROKEN);
-            return timedOut ? AcceptResult::TIMED_OUT : AcceptResult::WAIT_FAILED;
+            return timedOut ? AcceptResult::TIMED_OUT : AcceptResult::WAIT_ERROR;
         }
         const int error = takeClient();
         if (error == SystemError::PIPE_CONNECTED) return complete(SystemError::IO_PENDING);

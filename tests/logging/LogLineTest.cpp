@@ -1,5 +1,7 @@
 #include "logging/LogLine.h"
 
+#include "support/Process.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -10,6 +12,7 @@
 namespace {
 
 using namespace Quovane::Internal::Qvtp;
+using namespace qvtp_test;
 using Quovane::Qvtp::CommunicationLevel;
 using Quovane::Qvtp::LoggingLevel;
 
@@ -28,13 +31,8 @@ class TimeZone {
 
   private:
     static void set(const char* zone) {
-#ifdef _WIN32
-        _putenv_s("TZ", zone != nullptr ? zone : "");
-        _tzset();
-#else
-        zone != nullptr ? setenv("TZ", zone, 1) : unsetenv("TZ");
-        tzset();
-#endif
+        zone != nullptr ? setEnvironment("TZ", zone) : unsetEnvironment("TZ");
+        applyTimeZone();
     }
 
     bool wasSet_ = false;

@@ -3,6 +3,7 @@
 #include <qvtp/message/QvtpMessage.h>
 
 #include "common/System.h"
+#include "support/HasForm.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -20,8 +21,8 @@ using namespace Quovane::Internal::Qvtp;
 using Quovane::Qvtp::CommunicationLevel;
 using Quovane::Qvtp::LoggingLevel;
 using Quovane::Qvtp::QvtpMessage;
+using qvtp_test::HasForm;
 using qvtp_test::LogCapture;
-using ::testing::MatchesRegex;
 
 /// A file of this test's own.
 class TemporaryFile {
@@ -172,9 +173,8 @@ TEST_F(LoggerTest, WritesAndFlushesAWholeLineAtOnce) {
     Logger::setCorrelationId("call-7");
     Logger::instance().writeLine(LoggingLevel::WARN, "It happened.");
     const std::string thread = std::to_string(System::currentThreadId());
-    EXPECT_THAT(log_.contents(),
-                MatchesRegex("WARN  - [0-9]+/[0-9]+/[0-9]+-[0-9]+:[0-9]+:[0-9]+\\.[ 0-9]+ UTC - Thread-" + thread +
-                             ": call-7 - It happened\\.- Quovane\\.SOA\\.Qvtp\n"));
+    EXPECT_THAT(log_.contents(), HasForm("WARN  - [0-9]+/[0-9]+/[0-9]+-[0-9]+:[0-9]+:[0-9]+\\.[ 0-9]+ UTC - Thread-" +
+                                         thread + ": call-7 - It happened\\.- Quovane\\.SOA\\.Qvtp\n"));
 }
 
 TEST_F(LoggerTest, PrintsNoCorrelationIdForAThreadThatHasNone) {
@@ -231,13 +231,13 @@ TEST_F(LoggerTest, WritesAHeaderLineBeforeTheBytesOfARecordThatAsksForIt) {
     Logger::setCorrelationId("call-7");
     Logger::instance().writeCommunication(CommunicationLevel::OUTPUT, "bytes", 5, true);
     const std::string time = "[0-9]+-[0-9]+-[0-9]+ [0-9]+:[0-9]+:[0-9]+\\.[ 0-9][ 0-9][0-9]";
-    EXPECT_THAT(comm_.contents(), MatchesRegex(time + " \\[OUTPUT\\] call-7" + std::string(44, ' ') + "\nbytes"));
+    EXPECT_THAT(comm_.contents(), HasForm(time + " \\[OUTPUT\\] call-7" + std::string(44, ' ') + "\nbytes"));
 }
 
 TEST_F(LoggerTest, WritesTheHeaderLineAloneForARecordWithoutBytes) {
     recordAt(1);
     Logger::instance().writeCommunication(CommunicationLevel::INPUT, nullptr, 0, true);
-    EXPECT_THAT(comm_.contents(), MatchesRegex("[-0-9]+ [:0-9]+\\.[ 0-9]+ \\[INPUT \\]  *\n"));
+    EXPECT_THAT(comm_.contents(), HasForm("[-0-9]+ [:0-9]+\\.[ 0-9]+ \\[INPUT \\]  *\n"));
 }
 
 TEST_F(LoggerTest, NeverClosesTheFiles) {

@@ -1,5 +1,6 @@
 #include "message/InputBuffer.h"
 
+#include "support/HasForm.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -14,10 +15,10 @@
 namespace {
 
 using Quovane::Internal::Qvtp::InputBuffer;
+using qvtp_test::HasForm;
 using qvtp_test::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
 
 constexpr std::uint64_t CHUNKED = InputBuffer::CHUNKED;
 
@@ -211,14 +212,14 @@ TEST(InputBufferLog, TellsTheThroughputOnceAtTheEnd) {
     Body body(5, "hello");
     EXPECT_THAT(body.pieces(2), ElementsAre("he", "ll", "o"));
     body.read(2);
-    EXPECT_THAT(log.messages(), ElementsAre(MatchesRegex("DEBUG Read 5 bytes from the QvPipe \\([0-9]+ Mbps\\)\\.")));
+    EXPECT_THAT(log.messages(), ElementsAre(HasForm("DEBUG Read 5 bytes from the QvPipe \\([0-9]+ Mbps\\)\\.")));
 }
 
 TEST(InputBufferLog, CountsTheBytesOfAllChunksWithoutTheirFraming) {
     const LogCapture log;
     Body body(CHUNKED, "400\r\n" + std::string(1024, 'x') + "\r\n400\r\n" + std::string(1024, 'y') + "\r\n0\r\n\r\n");
     EXPECT_EQ(body.pieces(2000).size(), 2U);
-    EXPECT_THAT(log.messages(), ElementsAre(MatchesRegex("DEBUG Read 2 Kb from the QvPipe \\([0-9]+ Mbps\\)\\.")));
+    EXPECT_THAT(log.messages(), ElementsAre(HasForm("DEBUG Read 2 Kb from the QvPipe \\([0-9]+ Mbps\\)\\.")));
 }
 
 TEST(InputBufferLog, TellsTheThroughputOfAnEmptyBody) {

@@ -1,5 +1,6 @@
 #include "message/QVTP_OBufferWriter.h"
 
+#include "support/HasForm.h"
 #include "support/LogCapture.h"
 #include "support/Thrown.h"
 
@@ -14,11 +15,11 @@
 namespace {
 
 using namespace Quovane::Internal::Qvtp;
+using qvtp_test::HasForm;
 using qvtp_test::LogCapture;
 using qvtp_test::thrownBy;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
 using Level = LogCapture::LoggingLevel;
 using Direction = LogCapture::CommunicationLevel;
 
@@ -109,8 +110,7 @@ TEST_F(QVTP_OBufferWriterTest, TellsAtInfoHowMuchWasWritten) {
     write(std::string(536, 'y'));
     EXPECT_THAT(log.messages(), IsEmpty());
     writer_->send();
-    EXPECT_THAT(log.messages(),
-                ElementsAre(MatchesRegex("INFO Wrote 1\\.5 Kb to the QvPipe \\([-+e.0-9]+ Mbps\\)\\.")));
+    EXPECT_THAT(log.messages(), ElementsAre(HasForm("INFO Wrote 1\\.5 Kb to the QvPipe \\([-+e.0-9]+ Mbps\\)\\.")));
 }
 
 TEST_F(QVTP_OBufferWriterTest, TellsNothingBelowInfo) {

@@ -1,6 +1,7 @@
 #include "message/QvtpMessageOutImpl.h"
 
 #include "message/OutgoingMessage.h"
+#include "support/HasForm.h"
 #include "support/LogCapture.h"
 #include "support/Thrown.h"
 
@@ -20,7 +21,6 @@ using namespace Quovane::Internal::Qvtp;
 using namespace qvtp_test;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
 
 /// Keeps every write as one entry and every flush as "<flush>".
 class RecordingStreamBuf : public std::streambuf {
@@ -171,7 +171,7 @@ TEST(QvtpMessageOutImplLog, RecordsTheHeadByteForByteBehindItsHeaderLine) {
     message.addHeader("X", "1");
     const std::string head = headOf(message);
     const std::string record = log.communication();
-    EXPECT_THAT(record.substr(0, 84), MatchesRegex("[-0-9]+ [:0-9]+\\.[ 0-9][ 0-9][0-9] \\[OUTPUT\\]  *\n"));
+    EXPECT_THAT(record.substr(0, 84), HasForm("[-0-9]+ [:0-9]+\\.[ 0-9][ 0-9][0-9] \\[OUTPUT\\]  *\n"));
     EXPECT_EQ(record.substr(84), head);
 }
 

@@ -10,21 +10,25 @@ bool refusesSecondFirstInstance();
 bool refusesWrongDirectionWhenBusy();
 /// Whether clients that wait are released when the server's last instance closes, not only by their time-out.
 bool releasesWaitersOnClose();
-/// Whether bytes that arrive after a timed-out read are there for the next read.
-bool keepsBytesAfterTimedOutRead();
 /// Whether the place of an accepted client is free at once, also if the server creates no next instance.
 bool freesPlaceOnAccept();
 /// Whether a write of a few hundred KB completes without a reader.
 bool buffersMoreThanAPipe();
+/// Whether a reader that takes some bytes gives a large write more time.
+bool renewsWriteTimeOnProgress();
+/// Whether a write that timed out still reaches a late reader as a whole, and not only what a buffer had taken.
+bool deliversTimedOutWrites();
 /// Whether a stale handle can never reach a pipe that was opened later.
 bool neverReusesHandles();
 /// Whether "a" and "a." and "a/../b" are three names.
 bool keepsNamesAsTheyAre();
-/// Whether an operation that a close ends always reports it.
-bool alwaysReportsAborts();
 /// The longest name a server can have; a longer one is refused.
 int longestName();
+/// What opening a longer name fails with.
+int longNameOpenError();
 /// What creating an instance of the empty name returns.
 int emptyNameError();
+/// Whether a client can open the empty name.
+bool opensTheEmptyName();
 
 }  // namespace qvtp_test::backend

@@ -14,16 +14,20 @@ bool releasesWaitersOnClose() {
     return true;
 }
 
-bool keepsBytesAfterTimedOutRead() {
-    return true;
-}
-
 bool freesPlaceOnAccept() {
     return true;
 }
 
 bool buffersMoreThanAPipe() {
     return true;
+}
+
+bool renewsWriteTimeOnProgress() {
+    return true;
+}
+
+bool deliversTimedOutWrites() {
+    return false;
 }
 
 bool neverReusesHandles() {
@@ -34,16 +38,20 @@ bool keepsNamesAsTheyAre() {
     return true;
 }
 
-bool alwaysReportsAborts() {
-    return true;
-}
-
 int longestName() {
     return 247;
 }
 
+int longNameOpenError() {
+    return 206;
+}
+
 int emptyNameError() {
     return 123;
+}
+
+bool opensTheEmptyName() {
+    return false;
 }
 
 }  // namespace qvtp_test::backend

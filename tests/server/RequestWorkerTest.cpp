@@ -1,6 +1,7 @@
 #include <qvtp/io/QvPipe.h>
 #include <qvtp/server/QvtpServer.h>
 
+#include "support/HasForm.h"
 #include "support/LogCapture.h"
 #include "support/RawServer.h"
 #include "support/TestServer.h"
@@ -191,9 +192,8 @@ TEST_F(Worker, IgnoresARequestOfAnotherMethod) {
         client.write(std::string(method) + " /r QVTP/1.0\r\nContent-Length: 5\r\n\r\nhello");
         EXPECT_EQ(client.readToEnd(), "");
         ASSERT_EQ(log.messages().size(), 1U);
-        EXPECT_THAT(log.messages()[0],
-                    ::testing::MatchesRegex("ERROR Unrecognized request method \\(" + server.name +
-                                            "/Worker-[0-9]+\\), the full message will be ignored\\."));
+        EXPECT_THAT(log.messages()[0], HasForm("ERROR Unrecognized request method \\(" + server.name +
+                                               "/Worker-[0-9]+\\), the full message will be ignored\\."));
     }
 }
 
@@ -332,7 +332,11 @@ TEST_F(UnreadBody, IsSkippedUpTo256KiB) {
 TEST_F(UnreadBody, EndsTheConnectionAfterTheResponseBeyondThat) {
     RawClient client(server.name);
     LogCapture log(LogCapture::LoggingLevel::ERROR);
-    client.write(post(std::string(256 * 1024 + 1, 'x')));
+    try {
+        client.write(post(std::string(256 * 1024 + 1, 'x')));
+    } catch (Quovane::Io::BrokenPipeException&) {
+        // The server closes while the last bytes are on their way, with less buffer between them than on Linux.
+    }
     EXPECT_EQ(client.readToEnd(), HELLO_BACK);
     EXPECT_THAT(log.messages(), ::testing::IsEmpty());
 }

@@ -3,6 +3,7 @@
 #include <qvtp/message/QvtpMessage.h>
 
 #include "common/System.h"
+#include "support/TemporaryFile.h"
 
 #include <algorithm>
 #include <regex>
@@ -15,52 +16,61 @@ namespace {
 
 const char ENDING[] = "- Quovane.SOA.Qvtp\n";
 
-std::string contentsOf(std::FILE* file, long start) {
+/// What the file has behind the position, which moves to its end.
+std::string restOf(std::FILE* file, long& position) {
     std::string contents;
     std::fflush(file);
     const long end = (std::fseek(file, 0, SEEK_END), std::ftell(file));
-    if (end > start) {
-        contents.resize(static_cast<std::size_t>(end - start));
-        std::fseek(file, start, SEEK_SET);
+    if (end > position) {
+        contents.resize(static_cast<std::size_t>(end - position));
+        std::fseek(file, position, SEEK_SET);
         contents.resize(std::fread(&contents[0], 1, contents.size(), file));
     }
     std::fseek(file, 0, SEEK_END);
+    position = end;
     return contents;
-}
-
-long sizeOf(std::FILE* file) {
-    std::fflush(file);
-    std::fseek(file, 0, SEEK_END);
-    return std::ftell(file);
 }
 
 }  // namespace
 
-LogCapture::LogCapture(LoggingLevel level, CommunicationLevel commLevel)
-    : logFile_(std::tmpfile()), commFile_(std::tmpfile()), level_(level), commLevel_(commLevel) {
-    QvtpMessage::setLoggingLevel(logFile_, level_, commFile_, commLevel_);
+LogCapture::Files::Files() : log(temporaryFile()), communication(temporaryFile()) {}
+
+LogCapture::Files::~Files() {
+    std::fclose(log);
+    std::fclose(communication);
+}
+
+LogCapture::LogCapture(LoggingLevel level, CommunicationLevel commLevel) : level_(level), commLevel_(commLevel) {
+    startWritingTo(files_[current_]);
 }
 
 LogCapture::~LogCapture() {
     QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
-    std::fclose(logFile_);
-    std::fclose(commFile_);
 }
 
-// The files are taken away from the logger while they are read: other threads may be logging.
+void LogCapture::startWritingTo(const Files& files) const {
+    QvtpMessage::setLoggingLevel(files.log, level_, files.communication, commLevel_);
+}
+
+/// When the logger has gone over to the other files, nobody writes to these any more.
+void LogCapture::collect() const {
+    Files& written = files_[current_];
+    current_ = 1 - current_;
+    startWritingTo(files_[current_]);
+    text_ += restOf(written.log, written.logRead);
+    communication_ += restOf(written.communication, written.communicationRead);
+}
 
 std::string LogCapture::text() const {
-    QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
-    std::string contents = contentsOf(logFile_, logStart_);
-    QvtpMessage::setLoggingLevel(logFile_, level_, commFile_, commLevel_);
-    return contents;
+    std::lock_guard<std::mutex> guard(mutex_);
+    collect();
+    return text_;
 }
 
 std::string LogCapture::communication() const {
-    QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
-    std::string contents = contentsOf(commFile_, commStart_);
-    QvtpMessage::setLoggingLevel(logFile_, level_, commFile_, commLevel_);
-    return contents;
+    std::lock_guard<std::mutex> guard(mutex_);
+    collect();
+    return communication_;
 }
 
 std::vector<std::string> LogCapture::parse(const std::string& thread) const {
@@ -101,10 +111,10 @@ int LogCapture::count(const std::string& message) const {
 }
 
 void LogCapture::clear() {
-    QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
-    logStart_ = sizeOf(logFile_);
-    commStart_ = sizeOf(commFile_);
-    QvtpMessage::setLoggingLevel(logFile_, level_, commFile_, commLevel_);
+    std::lock_guard<std::mutex> guard(mutex_);
+    collect();
+    text_.clear();
+    communication_.clear();
 }
 
 std::string withoutHandles(const std::string& message) {

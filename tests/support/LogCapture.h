@@ -3,6 +3,7 @@
 #include <qvtp/logging/LoggingLevel.h>
 
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -39,14 +40,30 @@ class LogCapture {
     void clear();
 
   private:
-    std::vector<std::string> parse(const std::string& thread) const;
+    /// A file for each log, and how much of it has been read.
+    struct Files {
+        Files();
+        ~Files();
+        Files(const Files&) = delete;
+        Files& operator=(const Files&) = delete;
 
-    std::FILE* logFile_;
-    std::FILE* commFile_;
+        std::FILE* log;
+        std::FILE* communication;
+        long logRead = 0;
+        long communicationRead = 0;
+    };
+
+    std::vector<std::string> parse(const std::string& thread) const;
+    void startWritingTo(const Files& files) const;
+    void collect() const;
+
     LoggingLevel level_;
     CommunicationLevel commLevel_;
-    long logStart_ = 0;
-    long commStart_ = 0;
+    mutable std::mutex mutex_;  // guards what follows
+    mutable Files files_[2];    // one is written to while the other is read, so that no line is lost
+    mutable int current_ = 0;
+    mutable std::string text_;
+    mutable std::string communication_;
 };
 
 /// The handle forms in log lines differ from run to run: every "0x..." becomes "0xH", except the invalid one.

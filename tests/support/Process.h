@@ -28,6 +28,9 @@ class Process {
 void setEnvironment(const std::string& name, const std::string& value);
 void unsetEnvironment(const std::string& name);
 
+/// Makes calendar times follow the variable TZ as it stands now.
+void applyTimeZone();
+
 /// Makes a directory the current one, also for programs that are started.
 void changeDirectory(const std::string& path);
 

@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <stdexcept>
 
 namespace qvtp_test {
@@ -56,6 +57,10 @@ void setEnvironment(const std::string& name, const std::string& value) {
 
 void unsetEnvironment(const std::string& name) {
     ::unsetenv(name.c_str());
+}
+
+void applyTimeZone() {
+    ::tzset();
 }
 
 void changeDirectory(const std::string& path) {

@@ -1,0 +1,94 @@
+#include "common/System.h"
+
+#include <sys/stat.h>
+#include <sys/timeb.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+
+namespace Quovane::Internal::Qvtp::System {
+
+namespace {
+
+/// Empty if the text is empty or no UTF-8.
+std::wstring wide(const std::string& utf8) {
+    const int size = static_cast<int>(utf8.size());
+    const int wideSize = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), size, nullptr, 0);
+    std::wstring result(static_cast<std::size_t>(std::max(wideSize, 0)), L'\0');
+    ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), size, result.data(), wideSize);
+    return result;
+}
+
+std::string utf8(const std::wstring& text) {
+    const int size = static_cast<int>(text.size());
+    const int byteCount = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
+    std::string result(static_cast<std::size_t>(std::max(byteCount, 0)), '\0');
+    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), size, result.data(), byteCount, nullptr, nullptr);
+    return result;
+}
+
+}  // namespace
+
+std::int64_t wallClockMs() {
+    struct __timeb64 now {};
+    ::_ftime64(&now);
+    return static_cast<std::int64_t>(now.time) * 1000 + now.millitm;
+}
+
+std::int64_t monotonicMs() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+std::uint32_t currentThreadId() {
+    return ::GetCurrentThreadId();
+}
+
+void sleepMs(int milliseconds) {
+    ::Sleep(static_cast<DWORD>(std::max(milliseconds, 0)));
+}
+
+std::optional<std::string> environmentVariable(const char* name) {
+    // The runtime's getenv gives the value in the system's code page.
+    const std::wstring wideName = wide(name);
+    std::wstring value;
+    DWORD size = ::GetEnvironmentVariableW(wideName.c_str(), nullptr, 0);
+    if (size == 0) return std::nullopt;
+    while (size > value.size()) {  // another thread may make it longer meanwhile
+        value.resize(size);
+        size = ::GetEnvironmentVariableW(wideName.c_str(), value.data(), size);
+    }
+    value.resize(size);
+    return utf8(value);
+}
+
+bool fileExists(const std::string& path) {
+    // The narrow call would take the path in the system's code page.
+    struct _stat64 status {};
+    return ::_wstat64(wide(path).c_str(), &status) == 0;
+}
+
+std::tm utcTime(std::time_t seconds) {
+    std::tm result{};
+    const __time64_t time = seconds;
+    ::_gmtime64_s(&result, &time);
+    return result;
+}
+
+std::tm localTime(std::time_t seconds) {
+    std::tm result{};
+    const __time64_t time = seconds;
+    ::_localtime64_s(&result, &time);
+    return result;
+}
+
+LastErrorGuard::LastErrorGuard() : errno_(errno), systemError_(::GetLastError()) {}
+
+LastErrorGuard::~LastErrorGuard() {
+    errno = errno_;
+    ::SetLastError(systemError_);
+}
+
+}  // namespace Quovane::Internal::Qvtp::System

@@ -1,0 +1,274 @@
+#include "platform/PipePlatform.h"
+
+#include "logging/Log.h"
+#include "platform/Operation_win32.h"
+#include "platform/PipeObject_win32.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <utility>
+
+// Results are judged by the last error. Log calls leave it as they found it.
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+using ObjectPtr = std::shared_ptr<PipeObject>;
+
+// ---- Connecting ----
+
+DWORD accessMask(bool readable, bool writable) {
+    return (readable ? GENERIC_READ : 0) | (writable ? GENERIC_WRITE : 0);
+}
+
+HANDLE openPipe(const std::string& path, DWORD access) {
+    return ::CreateFileA(path.c_str(), access, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+}
+
+/// After a failed open: waits for a free instance and tries again, each time for the full time-out.
+int openBusyPipe(const std::string& path, DWORD access, int timeoutMs, HANDLE& pipe) {
+    const DWORD limit = timeoutMs == 0 ? NMPWAIT_WAIT_FOREVER : static_cast<DWORD>(timeoutMs);
+    while (pipe == INVALID_HANDLE_VALUE) {
+        const DWORD error = ::GetLastError();
+        if (error == ERROR_ACCESS_DENIED) return ConnectResult::ACCESS_DENIED;
+        if (error != ERROR_PIPE_BUSY) {
+            logError([&] { return text("Could not open pipe. GLE=", error); });
+            return ConnectResult::CANNOT_OPEN;
+        }
+        logDebug("Waiting for named pipe.");
+        if (!::WaitNamedPipeA(path.c_str(), limit)) {
+            logDebug([&] { return text("Could not open pipe ", path, " after ", limit, " milliseconds."); });
+            return ConnectResult::TIMED_OUT;
+        }
+        pipe = openPipe(path, access);
+    }
+    return ConnectResult::CONNECTED;
+}
+
+// ---- Reading ----
+
+int reportReadError(DWORD error) {
+    logWarn([&] { return text("ReadFile error: ", error); });
+    return ReadResult::FAILED;
+}
+
+/// One read. The bytes arrive in memory of the object and are copied: a read that times out stays pending and must not
+/// find the caller's buffer gone. The next read goes on waiting for it, so that what it took is not lost.
+class Reading {
+  public:
+    Reading(PipeObject& object, char* buffer, int length)
+        : object_(object), buffer_(buffer), length_(static_cast<std::size_t>(std::max(length, 0))) {}
+
+    int run(int timeoutMs) {
+        if (!object_.unread.empty()) return deliverUnread();
+        DWORD count = 0;
+        const DWORD error = continueOrBegin(count);
+        if (error == ERROR_SUCCESS) return deliver(count);
+        if (error != ERROR_IO_PENDING) return reportReadError(error);
+        return complete(object_.wait(timeoutMs));
+    }
+
+  private:
+    DWORD continueOrBegin(DWORD& count) {
+        operation_ = std::move(object_.pendingRead);
+        if (operation_ != nullptr) {
+            object_.prepareToWaitAgain(*operation_);
+            if (operation_->isPending() || object_.finish(*operation_, count) == ERROR_IO_PENDING) {
+                return ERROR_IO_PENDING;
+            }
+            // It has failed meanwhile, perhaps only because the thread that began it is gone: the next says why.
+        }
+        operation_ = std::make_unique<Operation>(object_.event(), length_);
+        const DWORD size = static_cast<DWORD>(length_);
+        if (::ReadFile(object_.pipe(), operation_->data(), size, &count, operation_->record())) return ERROR_SUCCESS;
+        return ::GetLastError();
+    }
+
+    int complete(DWORD waited) {
+        if (waited != WAIT_OBJECT_0) {
+            object_.pendingRead = std::move(operation_);
+            if (waited != WAIT_TIMEOUT) return 0;
+            logDebug("Read timed out.");
+            return ReadResult::TIMED_OUT;
+        }
+        DWORD count = 0;
+        const DWORD error = object_.finish(*operation_, count);
+        switch (error) {
+            case ERROR_IO_PENDING:
+            case ERROR_BROKEN_PIPE:
+                return deliver(count);
+            case ERROR_OPERATION_ABORTED:
+                keepIfPending();
+                return ReadResult::ABORTED;
+            default:
+                logError([&] { return text("ReadFile failed: ", error); });
+                return ReadResult::FAILED;
+        }
+    }
+
+    int deliver(std::size_t count) {
+        const std::size_t given = std::min(count, length_);
+        if (given > 0) std::memcpy(buffer_, operation_->data(), given);
+        object_.unread.assign(operation_->data() + given, count - given);
+        keepIfPending();
+        return static_cast<int>(given);
+    }
+
+    int deliverUnread() {
+        const std::size_t given = object_.unread.copy(buffer_, length_);
+        object_.unread.erase(0, given);
+        return static_cast<int>(given);
+    }
+
+    /// The event was signalled by another operation.
+    void keepIfPending() {
+        if (operation_->isPending()) object_.pendingRead = std::move(operation_);
+    }
+
+    PipeObject& object_;
+    char* const buffer_;
+    const std::size_t length_;
+    std::unique_ptr<Operation> operation_;
+};
+
+// ---- Writing ----
+
+int reportWriteError(DWORD error) {
+    switch (error) {
+        case ERROR_OPERATION_ABORTED:
+            logInfo("WriteFile aborted.");
+            return WriteResult::ABORTED;
+        case ERROR_BROKEN_PIPE:
+        case ERROR_NO_DATA:
+            logDebug("WriteFile broken pipe");
+            return WriteResult::BROKEN;
+        default:
+            logError([&] { return text("WriteFile error: ", error); });
+            return WriteResult::FAILED;
+    }
+}
+
+int reportPendingWriteError(DWORD error) {
+    switch (error) {
+        case ERROR_OPERATION_ABORTED:
+            return WriteResult::ABORTED;
+        case ERROR_BROKEN_PIPE:
+            return WriteResult::BROKEN;
+        default:
+            logError([&] { return text("WriteFile failed: ", error); });
+            return WriteResult::FAILED;
+    }
+}
+
+/// One write, repeated for what the system did not take. The bytes are copied, since a write that times out stays
+/// pending while the caller goes on.
+class Writing {
+  public:
+    Writing(PipeObject& object, const char* data, int length)
+        : object_(object), data_(data), left_(static_cast<std::size_t>(length)) {}
+
+    int run() {
+        std::optional<int> result;
+        while (!result) result = step();
+        return *result;
+    }
+
+  private:
+    /// Nothing while there is more to write.
+    std::optional<int> step() {
+        auto operation = std::make_unique<Operation>(object_.event(), left_);
+        std::memcpy(operation->data(), data_, left_);
+        DWORD count = 0;
+        const DWORD size = static_cast<DWORD>(left_);
+        if (::WriteFile(object_.pipe(), operation->data(), size, &count, operation->record())) {
+            if (count > 0) return advance(count);
+            logDebug("WriteFile succeeded but wrote no bytes.");
+            return WriteResult::WRITTEN;
+        }
+        const DWORD error = ::GetLastError();
+        if (error != ERROR_IO_PENDING) return reportWriteError(error);
+        return complete(std::move(operation), object_.wait(WRITE_TIMEOUT_MS));
+    }
+
+    std::optional<int> complete(std::unique_ptr<Operation> operation, DWORD waited) {
+        if (waited != WAIT_OBJECT_0) {
+            // Without an event there is no wait. The bytes must not be sent again: the first try may yet succeed.
+            const int result =
+                waited == WAIT_TIMEOUT ? WriteResult::TIMED_OUT : reportPendingWriteError(::GetLastError());
+            object_.keep(std::move(operation));
+            if (waited == WAIT_TIMEOUT) logDebug("Write timed out.");
+            return result;
+        }
+        DWORD count = 0;
+        const DWORD error = object_.finish(*operation, count);
+        if (operation->isPending()) object_.keep(std::move(operation));
+        if (error != ERROR_IO_PENDING) return reportPendingWriteError(error);
+        if (count > 0) return advance(count);
+        logDebug("writePipe: woke up without completing I/O");
+        return WriteResult::WRITTEN;
+    }
+
+    std::optional<int> advance(std::size_t count) {
+        data_ += count;
+        left_ -= count;
+        if (left_ == 0) return WriteResult::WRITTEN;
+        if (object_.isClosed()) return WriteResult::ABORTED;
+        return std::nullopt;
+    }
+
+    PipeObject& object_;
+    const char* data_;
+    std::size_t left_;
+};
+
+}  // namespace
+
+int platformConnect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
+                    NativeHandle& eventHandle) {
+    pipeHandle = INVALID_NATIVE_HANDLE;
+    eventHandle = INVALID_NATIVE_HANDLE;
+    const DWORD access = accessMask(readable, writable);
+    HANDLE pipe = openPipe(path, access);
+    const int result = openBusyPipe(path, access, timeoutMs, pipe);
+    if (result != ConnectResult::CONNECTED) return result;
+    logDebug([&] {
+        return text("CreateFile - ", path, " handle=", static_cast<const void*>(pipe),
+                    " GetLastError=", ::GetLastError());
+    });
+
+    const HANDLE event = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    const DWORD eventError = ::GetLastError();
+    pipeHandle = HandleTable::instance().add(std::make_shared<PipeObject>(pipe, event));
+    if (event == nullptr) {
+        logError([&] { return text("CreateEvent failed: ", eventError); });
+        return static_cast<int>(eventError);
+    }
+    eventHandle = HandleTable::valueOf(event);
+    return ConnectResult::CONNECTED;
+}
+
+int platformRead(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs) {
+    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
+    if (object == nullptr) return reportReadError(ERROR_INVALID_HANDLE);
+    return Reading(*object, buffer, length).run(timeoutMs);
+}
+
+int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int length) {
+    if (length <= 0) return WriteResult::WRITTEN;
+    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
+    if (object == nullptr) return reportWriteError(ERROR_INVALID_HANDLE);
+    return Writing(*object, data, length).run();
+}
+
+void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle) {
+    logDebug([&] { return text("Close Handles: handle=", printable(pipeHandle), "; event=", printable(eventHandle)); });
+    if (ObjectPtr object = HandleTable::instance().remove(pipeHandle)) PipeObject::close(std::move(object));
+}
+
+}  // namespace Quovane::Internal::Qvtp

@@ -1,0 +1,143 @@
+#include "platform/ServerPipePlatform.h"
+
+#include "logging/Log.h"
+#include "platform/Operation_win32.h"
+#include "platform/PipeObject_win32.h"
+
+#include <windows.h>
+
+#include <memory>
+#include <utility>
+
+// Results are judged by the last error. Log calls leave it as they found it.
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+using ObjectPtr = std::shared_ptr<PipeObject>;
+
+constexpr DWORD BUFFER_SIZE = 65536;
+
+HANDLE createInstance(const std::string& path, bool readable, bool writable, bool first) {
+    DWORD mode = FILE_FLAG_OVERLAPPED;
+    if (readable) mode |= PIPE_ACCESS_INBOUND;
+    if (writable) mode |= PIPE_ACCESS_OUTBOUND;
+    if (first) mode |= FILE_FLAG_FIRST_PIPE_INSTANCE;
+    SECURITY_ATTRIBUTES security{sizeof(SECURITY_ATTRIBUTES), nullptr, FALSE};
+    return ::CreateNamedPipeA(path.c_str(), mode, PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT,
+                              PIPE_UNLIMITED_INSTANCES, BUFFER_SIZE, BUFFER_SIZE, 0, &security);
+}
+
+int reportConnectError(DWORD error) {
+    logError([&] { return text("Connect error: ", error); });
+    return AcceptResult::CONNECT_ERROR;
+}
+
+/// Waits for a client on one instance. A wait that times out stays pending, and the next accept goes on with it: begun
+/// anew each time, they would pile up until a client comes.
+class Accepting {
+  public:
+    explicit Accepting(PipeObject& object) : object_(object) {}
+
+    int run(int timeoutMs) {
+        const DWORD error = continueOrBegin();
+        if (error == ERROR_SUCCESS) return AcceptResult::CONNECTED;
+        logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", error); });
+        switch (error) {
+            case ERROR_PIPE_CONNECTED:
+            case ERROR_NO_DATA:  // the client has gone again; what it wrote is there
+                return AcceptResult::CONNECTED;
+            case ERROR_IO_PENDING:
+                return complete(object_.wait(timeoutMs));
+            default:
+                return reportConnectError(error);
+        }
+    }
+
+  private:
+    DWORD continueOrBegin() {
+        operation_ = std::move(object_.pendingConnect);
+        if (operation_ != nullptr) {
+            DWORD count = 0;
+            object_.prepareToWaitAgain(*operation_);
+            if (operation_->isPending()) return ERROR_IO_PENDING;
+            if (object_.finish(*operation_, count) == ERROR_IO_PENDING) return ERROR_PIPE_CONNECTED;
+            // It has failed meanwhile, perhaps only because the thread that began it is gone: the next says why.
+        }
+        operation_ = std::make_unique<Operation>(object_.event(), 0);
+        return ::ConnectNamedPipe(object_.pipe(), operation_->record()) ? ERROR_SUCCESS : ::GetLastError();
+    }
+
+    int complete(DWORD waited) {
+        logDebug([&] { return text("ServerQvPipe_acceptPipe WaitForSingleObject status = ", waited); });
+        if (waited != WAIT_OBJECT_0) {
+            object_.pendingConnect = std::move(operation_);
+            return waited == WAIT_TIMEOUT ? AcceptResult::TIMED_OUT : AcceptResult::WAIT_ERROR;
+        }
+        DWORD count = 0;
+        const DWORD error = object_.finish(*operation_, count);
+        if (operation_->isPending()) object_.pendingConnect = std::move(operation_);
+        logDebug([&] { return text("GetOverlappedResult - GetLastError=", error); });
+        switch (error) {
+            case ERROR_PIPE_CONNECTED:
+            case ERROR_IO_PENDING:
+                return AcceptResult::CONNECTED;
+            case ERROR_OPERATION_ABORTED:
+                return AcceptResult::ABORTED;
+            default:
+                return reportConnectError(error);
+        }
+    }
+
+    PipeObject& object_;
+    std::unique_ptr<Operation> operation_;
+};
+
+int acceptOn(NativeHandle pipeHandle, int timeoutMs) {
+    if (const ObjectPtr object = HandleTable::instance().find(pipeHandle)) return Accepting(*object).run(timeoutMs);
+    logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", ERROR_INVALID_HANDLE); });
+    return reportConnectError(ERROR_INVALID_HANDLE);
+}
+
+}  // namespace
+
+int platformCreateInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
+                           NativeHandle& eventHandle) {
+    pipeHandle = INVALID_NATIVE_HANDLE;
+    eventHandle = INVALID_NATIVE_HANDLE;
+    const HANDLE pipe = createInstance(path, readable, writable, first);
+    if (pipe == INVALID_HANDLE_VALUE) {
+        const DWORD error = ::GetLastError();
+        logError([&] { return text("CreateNamedPipe failed: ", error); });
+        return static_cast<int>(error);
+    }
+    const HANDLE event = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    const DWORD eventError = ::GetLastError();
+    // Unlike a client's end, an instance whose event is null is there: clients may wait for it, its accept fails.
+    const bool failed = event == INVALID_HANDLE_VALUE;
+    pipeHandle = HandleTable::instance().add(std::make_shared<PipeObject>(pipe, failed ? nullptr : event));
+    eventHandle = HandleTable::valueOf(event);
+    if (failed) {
+        logError([&] { return text("CreateEvent failed: ", eventError); });
+        return static_cast<int>(eventError);
+    }
+    logDebug([&] { return text("bindPipe: handle=", printable(pipeHandle), " event=", printable(eventHandle)); });
+    return ERROR_SUCCESS;
+}
+
+int platformAccept(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
+    logDebug("Calling ConnectNamedPipe.");
+    const int result = acceptOn(pipeHandle, timeoutMs);
+    if (result == AcceptResult::ABORTED) return result;
+    logDebug([&] { return text("ServerQvPipe_acceptPipe retval = ", result); });
+    return result;
+}
+
+void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle) {
+    // A blank where the other close has a semicolon: readers of these lines match this form.
+    logDebug([&] { return text("Close Handles: handle=", printable(pipeHandle), " event= ", printable(eventHandle)); });
+    if (ObjectPtr object = HandleTable::instance().remove(pipeHandle)) PipeObject::close(std::move(object));
+}
+
+}  // namespace Quovane::Internal::Qvtp

@@ -1,0 +1,148 @@
+#include "platform/PipeContract.h"
+
+#include <windows.h>
+
+// What the system's way of overlapped calls brings with it: their records and data are written to until they have
+// completed, which a time-out does not wait for.
+namespace qvtp_test {
+namespace {
+
+class Overlapped : public PipeContract {};
+
+DWORD handleCount() {
+    DWORD count = 0;
+    ::GetProcessHandleCount(::GetCurrentProcess(), &count);
+    return count;
+}
+
+TEST_F(Overlapped, ReadThatTimedOutLeavesTheCallersBufferAlone) {
+    End server, client;
+    pair(server, client);
+    char buffer[10] = "untouched";
+    ASSERT_EQ(platform::platformRead(server.pipe, server.event, buffer, 9, 20), ReadResult::TIMED_OUT);
+    ASSERT_EQ(write(client, "overwrite"), 0);
+    EXPECT_EQ(readText(server), "overwrite");
+    EXPECT_STREQ(buffer, "untouched");
+}
+
+TEST_F(Overlapped, ReadGoesOnWithOneThatTimedOutAlsoIfItAskedForMore) {
+    End server, client;
+    pair(server, client);
+    std::string data;
+    ASSERT_EQ(read(server, data, 100, 20), ReadResult::TIMED_OUT);
+    ASSERT_EQ(write(client, "0123456789"), 0);
+    EXPECT_EQ(readText(server, 4), "0123");
+    EXPECT_EQ(readText(server, 4), "4567");
+    EXPECT_EQ(readText(server, 4), "89");
+}
+
+TEST_F(Overlapped, ReadWaitsAgainForOneThatTimedOut) {
+    End server, client;
+    pair(server, client);
+    std::string data;
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(read(server, data, 100, 20), ReadResult::TIMED_OUT);
+    ASSERT_EQ(write(client, "late"), 0);
+    EXPECT_EQ(readText(server), "late");
+    ASSERT_EQ(write(client, "next"), 0);
+    EXPECT_EQ(readText(server), "next");
+}
+
+TEST_F(Overlapped, WriteBetweenDoesNotEndAReadThatIsGoneOnWith) {
+    End server, client;
+    pair(server, client);
+    std::string data;
+    ASSERT_EQ(read(server, data, 100, 20), ReadResult::TIMED_OUT);
+    ASSERT_EQ(write(server, "x"), 0);  // its completion signals the event that the read waits on
+    EXPECT_EQ(read(server, data, 100, 20), ReadResult::TIMED_OUT);
+}
+
+TEST_F(Overlapped, ReadSurvivesTheThreadThatTimedOut) {
+    // The system cancels what a thread has begun when the thread ends.
+    End server, client;
+    pair(server, client);
+    std::thread([&] {
+        std::string data;
+        EXPECT_EQ(read(server, data, 100, 20), ReadResult::TIMED_OUT);
+    }).join();
+    ASSERT_EQ(write(client, "late"), 0);
+    EXPECT_EQ(readText(server), "late");
+}
+
+TEST_F(Overlapped, AcceptSurvivesTheThreadThatTimedOut) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    std::thread([&] { EXPECT_EQ(accept(server, 20), AcceptResult::TIMED_OUT); }).join();
+    auto accepting = std::async(std::launch::async, [&] { return accept(server); });
+    ASSERT_EQ(connect(client), 0);
+    EXPECT_EQ(accepting.get(), AcceptResult::CONNECTED);
+}
+
+TEST_F(Overlapped, AcceptGoesOnWithOneThatTimedOut) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(accept(server, 20), AcceptResult::TIMED_OUT);
+    LogCapture log;
+    std::vector<std::string> messages;
+    auto accepting = std::async(std::launch::async, [&] {
+        const int result = accept(server, 0);
+        messages = log.messagesOfThisThread();
+        return result;
+    });
+    ASSERT_TRUE(eventually([&] { return log.contains("DEBUG ServerQvPipe_acceptPipe error = 997"); }));
+    ASSERT_EQ(connect(client), 0);
+    EXPECT_EQ(accepting.get(), AcceptResult::CONNECTED);
+    EXPECT_EQ(messages.size(), 5U);
+}
+
+TEST_F(Overlapped, AcceptPrintsWhatTheSystemSaysOfAClientThatHasGone) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    client.close();
+    LogCapture log;
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+    EXPECT_THAT(log.messages(),
+                ElementsAre("DEBUG Calling ConnectNamedPipe.", "DEBUG ServerQvPipe_acceptPipe error = 232",
+                            "DEBUG ServerQvPipe_acceptPipe retval = 0"));
+}
+
+TEST_F(Overlapped, CloseGivesEveryHandleBack) {
+    const auto useOnce = [this] {
+        End server, client;
+        std::string data;
+        const std::string pipeName = uniquePipeName();
+        ASSERT_EQ(createNamed(server, pipeName), 0);
+        ASSERT_EQ(accept(server, 1), AcceptResult::TIMED_OUT);
+        ASSERT_EQ(connectNamed(client, pipeName, 2000), 0);
+        ASSERT_EQ(accept(server), 0);
+        ASSERT_EQ(read(server, data, 10, 1), ReadResult::TIMED_OUT);
+    };
+    useOnce();
+    const DWORD before = handleCount();
+    for (int i = 0; i < 20; ++i) useOnce();
+    EXPECT_EQ(handleCount(), before);
+}
+
+TEST_F(Overlapped, CloseOfAReadThatWaitsGivesEveryHandleBack) {
+    const auto useOnce = [this] {
+        End server, client;
+        const std::string pipeName = uniquePipeName();
+        ASSERT_EQ(createNamed(server, pipeName), 0);
+        ASSERT_EQ(connectNamed(client, pipeName, 2000), 0);
+        ASSERT_EQ(accept(server), 0);
+        std::string text;
+        std::thread reader([&] { text = readText(server); });
+        std::this_thread::yield();
+        platform::platformClose(server.pipe, server.event);
+        reader.join();
+        EXPECT_TRUE(text == "-4" || text == "-3") << text;
+        server.forget();
+    };
+    useOnce();
+    const DWORD before = handleCount();
+    for (int i = 0; i < 20; ++i) useOnce();
+    EXPECT_EQ(handleCount(), before);
+}
+
+}  // namespace
+}  // namespace qvtp_test
