@@ -127,11 +127,11 @@ std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::
             "The start line and headers have already been committed to the request. Cannot send again.");
     }
     prepare();
-    message_.writeHeaders(&pipe_->getOutputStream());
+    message_.writeHeaders(pipe_->getOutputStream());
     sendBody();
     bodyOut_->send();
     if (mode_.find('r') != std::string::npos) {
-        return std::make_unique<QvtpResponse>(client_, &pipe_->getInputStream());
+        return std::make_unique<QvtpResponse>(client_, pipe_->getInputStream());
     }
     exchangeComplete_ = true;
     return nullptr;
@@ -144,7 +144,7 @@ void AbstractQvtpRequestImpl::prepare() {
     pipe_ = client_->getManager()->getPipe(pipeName_, mode_);
     exchangeComplete_ = false;
     bodyOut_ = std::make_unique<QvtpOStream>(client_->getIntegerOption(QvtpClient::BUFFER_SIZE), bodyStream_ != nullptr,
-                                             &pipe_->getOutputStream(), nullptr);
+                                             pipe_->getOutputStream(), nullptr);
 }
 
 void AbstractQvtpRequestImpl::sendBody() {

@@ -22,11 +22,11 @@ PipeInfo::~PipeInfo() {
 void PipeInfo::installBuffers(bool readable, bool writable) {
     if (readable) {
         inputBuffer_.reset(new char[BUFFER_SIZE]);
-        pipe->getInputStream().rdbuf()->pubsetbuf(inputBuffer_.get(), BUFFER_SIZE);
+        pipe->getInputStream()->rdbuf()->pubsetbuf(inputBuffer_.get(), BUFFER_SIZE);
     }
     if (writable) {
         outputBuffer_.reset(new char[BUFFER_SIZE]);
-        pipe->getOutputStream().rdbuf()->pubsetbuf(outputBuffer_.get(), BUFFER_SIZE);
+        pipe->getOutputStream()->rdbuf()->pubsetbuf(outputBuffer_.get(), BUFFER_SIZE);
     }
 }
 

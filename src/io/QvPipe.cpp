@@ -161,20 +161,20 @@ void QvPipe::closePipe() {
     platformClose(pipeHandle, eventHandle);
 }
 
-std::istream& QvPipe::getInputStream() {
+std::istream* QvPipe::getInputStream() {
     if (!isBound() || !readable_) throw IllegalStateException("Pipe is not bound with read access.");
     using Stream = PipeStream<std::istream>;
     if (inputStream_ == nullptr) inputStream_ = std::make_shared<Stream>(this, PipeBufferBase<char>::INPUT_MODE);
     static_cast<Stream&>(*inputStream_).adopt(this);
-    return *inputStream_;
+    return inputStream_.get();
 }
 
-std::ostream& QvPipe::getOutputStream() {
+std::ostream* QvPipe::getOutputStream() {
     if (!isBound() || !writable_) throw IllegalStateException("Pipe is not bound with write access.");
     using Stream = PipeStream<std::ostream>;
     if (outputStream_ == nullptr) outputStream_ = std::make_shared<Stream>(this, PipeBufferBase<char>::OUTPUT_MODE);
     static_cast<Stream&>(*outputStream_).adopt(this);
-    return *outputStream_;
+    return outputStream_.get();
 }
 
 void QvPipe::setReadTimeout(int milliseconds) {

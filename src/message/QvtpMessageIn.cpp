@@ -4,6 +4,6 @@ namespace Quovane::Qvtp {
 
 QvtpMessageIn::QvtpMessageIn() = default;
 
-QvtpMessageIn::~QvtpMessageIn() = default;
+QvtpMessageIn::~QvtpMessageIn() noexcept = default;
 
 }  // namespace Quovane::Qvtp

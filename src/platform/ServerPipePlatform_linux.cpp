@@ -110,8 +110,9 @@ int Acceptor::waitForClient() {
         const int fd = listener != nullptr ? listener->get() : -1;
         const WaitResult waited = LocalSocket::wait(fd, POLLIN, object_.event.get(), deadline_);
         if (object_.closed) return complete(SystemError::OPERATION_ABORTED);
-        if (waited == WaitResult::TIMED_OUT || waited == WaitResult::FAILED) {
-            const bool timedOut = waited == WaitResult::TIMED_OUT;
+        // A client that cannot be taken for want of descriptors keeps the listener ready: look at the time as well.
+        const bool timedOut = waited == WaitResult::TIMED_OUT || (object_.starved && deadline_.isOver());
+        if (timedOut || waited == WaitResult::FAILED) {
             logWaitResult(timedOut ? WAIT_TIMED_OUT : WAIT_BROKEN);
             return timedOut ? AcceptResult::TIMED_OUT : AcceptResult::WAIT_FAILED;
         }

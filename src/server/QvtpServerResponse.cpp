@@ -27,7 +27,7 @@ QvtpServerResponse::QvtpServerResponse(QvtpServer* server, std::ostream* out, So
     impl_->setHeader(HEADER_SERVER, server_->getStringOption(QvtpServer::SERVER_NAME));
 }
 
-QvtpServerResponse::~QvtpServerResponse() = default;
+QvtpServerResponse::~QvtpServerResponse() noexcept = default;
 
 std::string QvtpServerResponse::getStartLine() {
     return Internal::Qvtp::text(Version::CURRENT_VERSION.toString(), " ", statusCode_, " ", reasonPhrase_);

@@ -64,10 +64,10 @@ void RequestWorker::prepareStreams() {
     receiveTimeoutMs_ = server_->getIntegerOption(QvtpServer::RECEIVE_TIMEOUT);
     const int bufferSize = std::max(server_->getIntegerOption(QvtpServer::BUFFER_SIZE), 1);
     inputBuffer_.resize(static_cast<std::size_t>(bufferSize));
-    pipe_->getInputStream().rdbuf()->pubsetbuf(inputBuffer_.data(), bufferSize);
+    pipe_->getInputStream()->rdbuf()->pubsetbuf(inputBuffer_.data(), bufferSize);
     if (server_->accessFlag_ == 0 || !server_->writable_) return;
     outputBuffer_.resize(static_cast<std::size_t>(bufferSize));
-    pipe_->getOutputStream().rdbuf()->pubsetbuf(outputBuffer_.data(), bufferSize);
+    pipe_->getOutputStream()->rdbuf()->pubsetbuf(outputBuffer_.data(), bufferSize);
 }
 
 void RequestWorker::serveRequests() {
@@ -79,7 +79,7 @@ void RequestWorker::serveRequests() {
 /// One turn of the loop: false to hang up.
 bool RequestWorker::serveRequest() {
     pipe_->setReadTimeout(idleTimeoutMs_);
-    QvtpServerRequest request(server_, &pipe_->getInputStream(), &converter_);
+    QvtpServerRequest request(server_, pipe_->getInputStream(), &converter_);
     if (!awaitRequest(request)) return false;
     pipe_->setReadTimeout(receiveTimeoutMs_);
     if (!handle(request)) return false;
@@ -148,7 +148,7 @@ void RequestWorker::handleNotify(QvtpServerRequest& request) {
 
 void RequestWorker::handlePost(QvtpServerRequest& request) {
     logDebug([&] { return "Begin processing of POST request (" + fullName_ + ")."; });
-    QvtpServerResponse response(server_, &pipe_->getOutputStream(), &converter_);
+    QvtpServerResponse response(server_, pipe_->getOutputStream(), &converter_);
     ++server_->totalPosts_;
     require(server_->getHandler()).handlePost(&request, &response);
     logDebug([&] { return "Complete processing of POST request (" + fullName_ + ")."; });

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 
 namespace {
@@ -11,14 +10,9 @@ namespace {
 /// A watchdog for every test, of QVTP_TEST_LIMIT seconds.
 class WatchdogListener : public ::testing::EmptyTestEventListener {
     void OnTestStart(const ::testing::TestInfo&) override {
-        watchdog_ = std::make_unique<qvtp_test::Watchdog>(std::chrono::seconds(limit()));
+        watchdog_ = std::make_unique<qvtp_test::Watchdog>(std::chrono::seconds(QVTP_TEST_LIMIT));
     }
     void OnTestEnd(const ::testing::TestInfo&) override { watchdog_.reset(); }
-
-    static int limit() {
-        const char* seconds = std::getenv("QVTP_TEST_LIMIT");
-        return seconds != nullptr ? std::atoi(seconds) : 120;
-    }
 
     std::unique_ptr<qvtp_test::Watchdog> watchdog_;
 };

@@ -61,9 +61,9 @@ class QVTP_API QvPipe {
     /// copy. It throws on badbit, so the exceptions of readPipe() reach its user. Install a buffer with
     /// rdbuf()->pubsetbuf() before the first read; without one every byte is a read of its own.
     /// Throws IllegalStateException if the pipe is not bound with read access.
-    std::istream& getInputStream();
+    std::istream* getInputStream();
     /// The same for writing. Flush it after a message: the buffer holds back what does not fill it.
-    std::ostream& getOutputStream();
+    std::ostream* getOutputStream();
 
     void setReadTimeout(int milliseconds);
     int getReadTimeout() const;

@@ -55,7 +55,7 @@ class QVTP_API QvtpMessage {
     /// across threads. Empty at the start of every thread.
     static void setLogCorrelationId(const std::string& id);
 
-    /// May throw where a derived class says so.
+    /// May throw in requests, which give their pipe back then; no other message does.
     virtual ~QvtpMessage() noexcept(false);
 
   protected:

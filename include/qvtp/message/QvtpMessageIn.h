@@ -17,7 +17,7 @@ namespace Quovane::Qvtp {
 /// InterruptedException if the peer's stream ends inside the head.
 class QVTP_API QvtpMessageIn : public QvtpMessage {
   public:
-    ~QvtpMessageIn() override;
+    ~QvtpMessageIn() noexcept override;
 
     /// The start line, waiting for it if it has not been read. If reading the head failed before, a stand-in: status
     /// 500 for a response, method NONE for a request. Throws QvPipeException with code 1011 if the head tells no length

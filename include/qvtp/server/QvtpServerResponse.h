@@ -31,7 +31,7 @@ class QVTP_API QvtpServerResponse : public QvtpMessageOut {
     QvtpServerResponse(QvtpServer* server, std::ostream* out, Soa::Common::Xml::Utf8String* converter);
     QvtpServerResponse(const QvtpServerResponse&) = delete;
     QvtpServerResponse& operator=(const QvtpServerResponse&) = delete;
-    ~QvtpServerResponse() override;
+    ~QvtpServerResponse() noexcept override;
 
     std::string getStartLine() override;
     void addHeader(const std::string& name, const std::string& value) override;

@@ -1,0 +1,103 @@
+// Serves one pipe name until its standard input ends.
+//
+//     echo_server PIPE [SPOOL-FILE [LOG [COMMUNICATION-LOG]]]
+//
+// POST /echo     answers with the body it was sent
+// POST /stream   stores the body in the spool file, of any length, and streams it back from there
+// NOTIFY         prints what it was sent
+// anything else  404, by sendError
+
+#include "common.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+using namespace Quovane::Qvtp;
+
+namespace {
+
+class EchoHandler : public QvtpHandler {
+  public:
+    explicit EchoHandler(std::string spoolFile) : spoolFile_(std::move(spoolFile)) {}
+
+    void handleNotify(QvtpServerRequest* request) override {
+        print("NOTIFY " + request->getResource() + ": " + bodyOf(*request));
+    }
+
+    void handlePost(QvtpServerRequest* request, QvtpServerResponse* response) override {
+        const std::string resource = request->getResource();
+        if (resource == "/echo") {
+            const std::string body = bodyOf(*request);
+            response->setStatusCode(QvtpMessage::STATUS_OK);
+            response->setBody(body.data(), body.size());
+            response->send();
+        } else if (resource == "/stream") {
+            stream(*request, *response);
+        } else {
+            response->sendError(QvtpMessage::STATUS_NOT_FOUND, "No such resource: " + resource);
+        }
+    }
+
+  private:
+    static std::string bodyOf(QvtpServerRequest& request) {
+        char* data = nullptr;
+        size_t length = 0;
+        request.getBody(&data, length);
+        const std::unique_ptr<char[]> owner(data);
+        return std::string(data, length);
+    }
+
+    // The client reads the response only when its whole request is written: what is large must be taken in first.
+    void stream(QvtpServerRequest& request, QvtpServerResponse& response) {
+        const std::lock_guard<std::mutex> guard(spoolMutex_);
+        std::ofstream(spoolFile_, std::ios::binary) << request.getBodyStream()->rdbuf();
+        response.setStatusCode(QvtpMessage::STATUS_OK);
+        std::ifstream spooled(spoolFile_, std::ios::binary);
+        *response.getBodyStream() << spooled.rdbuf();
+        response.send();
+    }
+
+    // Handlers run on several threads at once.
+    void print(const std::string& line) {
+        const std::lock_guard<std::mutex> guard(printMutex_);
+        std::cout << line << std::endl;
+    }
+
+    std::string spoolFile_;
+    std::mutex spoolMutex_;
+    std::mutex printMutex_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const auto argument = [&](int i) { return argc > i ? argv[i] : nullptr; };
+    if (argc < 2) {
+        std::cerr << "usage: echo_server PIPE [SPOOL-FILE [LOG [COMMUNICATION-LOG]]]\n";
+        return 2;
+    }
+    return example::run([&] {
+        example::logTo(argument(3), argument(4));
+        EchoHandler handler(argc > 2 ? argv[2] : "echo_server.spool");
+        QvtpServer server(argv[1], 1);
+        if (std::getenv("QvtpConfigurationFile") != nullptr) {
+            QvtpConfig::getInstance().setQvtpServerOptions(server, "demo", "server");
+        }
+        std::cout << "server: up to " << server.getIntegerOption(QvtpServer::MAX_REQUEST_PROCESSORS)
+                  << " connections at once, buffers of " << server.getIntegerOption(QvtpServer::BUFFER_SIZE) << " bytes"
+                  << std::endl;
+        server.setHandler(&handler);
+        std::thread thread([&] { server.run(); });
+        std::cin.ignore(std::numeric_limits<std::streamsize>::max());
+        server.shutdown();
+        thread.join();
+        std::cout << "server: stopped" << std::endl;
+    });
+}

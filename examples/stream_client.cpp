@@ -1,0 +1,33 @@
+// Posts a file of any length as a stream and stores the streamed answer in another.
+//
+//     stream_client PIPE RESOURCE INPUT-FILE OUTPUT-FILE
+
+#include "common.h"
+
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+
+using namespace Quovane::Qvtp;
+
+int main(int argc, char** argv) {
+    if (argc != 5) {
+        std::cerr << "usage: stream_client PIPE RESOURCE INPUT-FILE OUTPUT-FILE\n";
+        return 2;
+    }
+    return example::run([&] {
+        std::ifstream input(argv[3], std::ios::binary);
+        std::ofstream output(argv[4], std::ios::binary);
+        if (!input || !output) throw std::runtime_error("a file cannot be opened");
+
+        QvtpClient client;
+        PostRequest request(&client, argv[1], argv[2]);
+        request.setBodyStream(&input);
+        const std::unique_ptr<QvtpResponse> response(request.execute());
+        output << response->getBodyStream()->rdbuf();
+        output.close();
+        std::cout << response->getStatusCode() << " " << response->getReasonPhrase() << std::endl;
+        if (!output) throw std::runtime_error("the answer could not be stored");
+    });
+}

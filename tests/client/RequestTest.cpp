@@ -1,0 +1,550 @@
+#include <qvtp/client/NotifyRequest.h>
+#include <qvtp/client/PostRequest.h>
+#include <qvtp/client/QvtpResponse.h>
+
+#include "support/LogCapture.h"
+#include "support/PipeName.h"
+#include "support/RawServer.h"
+#include "support/Thrown.h"
+#include "support/Watchdog.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <future>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace qvtp_test {
+namespace {
+
+using namespace Quovane::Qvtp;
+using Quovane::Io::QvPipe;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+const char NO_BODY[] =
+    "Neither the setBody, or setBodyStream methods were called. Body data must be provided by one of these method.";
+const char TWO_BODIES[] =
+    "Both the setBody and setBodyStream methods were called. Only one method of providing body data is permitted.";
+const char COMMITTED[] = "The start line and headers have already been committed to the request. Cannot send again.";
+const char OK_RESPONSE[] = "QVTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nhi";
+
+/// A client, and a server of which the test sees the bytes.
+class Requests : public ::testing::Test {
+  protected:
+    /// Executes a request in the background; "nothing", or what it threw.
+    std::future<std::string> execute(PostRequest& request) {
+        return std::async(std::launch::async, [&] { return thrownBy([&] { response.reset(request.execute()); }); });
+    }
+    /// Lets a request be answered with these bytes and returns what was sent.
+    std::string exchange(PostRequest& request, const std::string& ending, const std::string& answer = OK_RESPONSE) {
+        auto executing = execute(request);
+        if (pipe == nullptr) pipe = server.accept();
+        const std::string sent = RawServer::readUntil(*pipe, ending);
+        RawServer::write(*pipe, answer);
+        EXPECT_EQ(executing.get(), "nothing");
+        return sent;
+    }
+    std::string notify(NotifyRequest& request, const std::string& ending) {
+        request.execute();
+        if (pipe == nullptr) pipe = server.accept();
+        return RawServer::readUntil(*pipe, ending);
+    }
+    std::string bodyOfResponse() {
+        char* data = nullptr;
+        size_t size = 0;
+        response->getBody(&data, size);
+        const std::unique_ptr<char[]> body(data);
+        return std::string(data, size);
+    }
+    /// Whether the client has hung up.
+    bool isClosed(QvPipe& end) {
+        char byte = 0;
+        return eventually(
+            [&] {
+                const std::string thrown = thrownBy([&] { end.readPipe(&byte, 0, 1, 20); });
+                return thrown == "nothing" || thrown == "QvPipeException: QvPipe read failed.";
+            },
+            1s);
+    }
+
+    const std::string name = uniquePipeName();
+    RawServer server{name};
+    QvtpClient client;
+    std::unique_ptr<QvPipe> pipe;
+    std::unique_ptr<QvtpResponse> response;
+};
+
+TEST_F(Requests, NameTheirMethodAndResource) {
+    PostRequest post(&client, name, "/a");
+    NotifyRequest notification(&client, name, "/b");
+    EXPECT_EQ(post.getMethod(), "POST");
+    EXPECT_EQ(notification.getMethod(), "NOTIFY");
+    EXPECT_EQ(post.getResource(), "/a");
+    post.setResource("/c");
+    EXPECT_EQ(post.getResource(), "/c");
+    EXPECT_EQ(post.getStartLine(), "POST /c QVTP/1.0");
+    EXPECT_EQ(notification.getStartLine(), "NOTIFY /b QVTP/1.0");
+}
+
+TEST_F(Requests, EncodeTheResourceInTheStartLine) {
+    PostRequest post(&client, name, "/a\r\nX: 1\xC4");
+    EXPECT_EQ(post.getStartLine(), "POST /a  X: 1\xC3\x84 QVTP/1.0");
+}
+
+TEST_F(Requests, SendAWholeBodyByItsLength) {
+    PostRequest post(&client, name, "/r");
+    post.setBody("hello", 5);
+    EXPECT_EQ(exchange(post, "hello"), "POST /r QVTP/1.0\r\nContent-Length: 5\r\nUser-Agent: QvtpClient\r\n\r\nhello");
+    EXPECT_TRUE(post.isCommitted());
+    EXPECT_EQ(response->getStatusCode(), 200);
+    EXPECT_EQ(bodyOfResponse(), "hi");
+}
+
+TEST_F(Requests, SendABodyStreamInChunksOfTheBufferSize) {
+    client.setOption(QvtpClient::BUFFER_SIZE, 4);
+    std::istringstream body("abcdefg");
+    PostRequest post(&client, name, "/r");
+    post.setBodyStream(&body);
+    EXPECT_EQ(exchange(post, "0\r\n\r\n"),
+              "POST /r QVTP/1.0\r\nTransfer-Encoding: chunked\r\nUser-Agent: QvtpClient\r\n\r\n"
+              "4\r\nabcd\r\n3\r\nefg\r\n0\r\n\r\n");
+}
+
+TEST_F(Requests, SendAnEmptyBodyOfEitherKind) {
+    PostRequest whole(&client, name, "/r");
+    whole.setBody(nullptr, 0);
+    EXPECT_EQ(exchange(whole, "\r\n\r\n"), "POST /r QVTP/1.0\r\nContent-Length: 0\r\nUser-Agent: QvtpClient\r\n\r\n");
+    std::istringstream nothing;
+    PostRequest streamed(&client, name, "/r");
+    streamed.setBodyStream(&nothing);
+    pipe.reset();
+    EXPECT_EQ(exchange(streamed, "\r\n0\r\n\r\n"),
+              "POST /r QVTP/1.0\r\nTransfer-Encoding: chunked\r\nUser-Agent: QvtpClient\r\n\r\n0\r\n\r\n");
+}
+
+TEST_F(Requests, WorkWithABufferSizeBelowOne) {
+    client.setOption(QvtpClient::BUFFER_SIZE, 0);
+    std::istringstream body("ab");
+    PostRequest post(&client, name, "/r");
+    post.setBodyStream(&body);
+    EXPECT_THAT(exchange(post, "0\r\n\r\n"), ::testing::EndsWith("\r\n\r\n1\r\na\r\n1\r\nb\r\n0\r\n\r\n"));
+}
+
+TEST_F(Requests, CarryTheirHeadersAndOneUserAgent) {
+    client.setOption(QvtpClient::USER_AGENT, "Teller");
+    PostRequest post(&client, name, "/r");
+    post.addHeader("X-Ids", "a, b");
+    post.addHeader("x-ids", "c");
+    post.addHeader("Gone", "1");
+    post.removeHeader("GONE");
+    post.setHeader("Accept", "x");
+    post.setBody("", 0);
+    EXPECT_EQ(exchange(post, "\r\n\r\n"),
+              "POST /r QVTP/1.0\r\nAccept: x\r\nContent-Length: 0\r\nUser-Agent: Teller\r\nX-Ids: a,b,c\r\n\r\n");
+}
+
+TEST_F(Requests, KeepBothLengthsOfTwoWholeBodies) {
+    NotifyRequest request(&client, name, "/r");
+    request.setBody("hello", 5);
+    request.setBody("abc", 3);
+    EXPECT_EQ(notify(request, "abc"), "NOTIFY /r QVTP/1.0\r\nContent-Length: 5,3\r\nUser-Agent: QvtpClient\r\n\r\nabc");
+}
+
+TEST_F(Requests, AddTheEncodingForEveryBodyStream) {
+    std::istringstream first("1"), second("2");
+    NotifyRequest request(&client, name, "/r");
+    request.setBodyStream(&first);
+    request.setBodyStream(&second);
+    EXPECT_THAT(notify(request, "0\r\n\r\n"),
+                ::testing::HasSubstr("Transfer-Encoding: chunked,chunked\r\nUser-Agent: QvtpClient\r\n\r\n1\r\n2\r\n"));
+}
+
+TEST_F(Requests, NeedABodyBeforeAnyPipeIsTaken) {
+    PostRequest post(&client, name, "/r");
+    NotifyRequest notification(&client, name, "/r");
+    LogCapture log;
+    EXPECT_EQ(thrownBy([&] { post.execute(); }), std::string("IllegalStateException: ") + NO_BODY);
+    EXPECT_EQ(thrownBy([&] { notification.execute(); }), std::string("IllegalStateException: ") + NO_BODY);
+    EXPECT_THAT(log.messages(), ElementsAre(std::string("ERROR ") + NO_BODY, std::string("ERROR ") + NO_BODY));
+}
+
+TEST_F(Requests, TakeOneBodyOnly) {
+    std::istringstream body("x");
+    PostRequest post(&client, name, "/r");
+    post.setBody("y", 1);
+    post.setBodyStream(&body);
+    LogCapture log;
+    EXPECT_EQ(thrownBy([&] { post.execute(); }), std::string("IllegalStateException: ") + TWO_BODIES);
+    EXPECT_THAT(log.messages(), ElementsAre(std::string("ERROR ") + TWO_BODIES));
+}
+
+TEST_F(Requests, RunOnce) {
+    PostRequest post(&client, name, "/r");
+    post.setBody("x", 1);
+    exchange(post, "x");
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    EXPECT_EQ(thrownBy([&] { post.execute(); }), std::string("IllegalStateException: ") + COMMITTED);
+    EXPECT_THAT(log.messages(), ElementsAre(std::string("ERROR ") + COMMITTED));
+}
+
+TEST_F(Requests, LetTheFailureToConnectThrough) {
+    server.close();
+    PostRequest post(&client, name, "/r");
+    post.setBody("x", 1);
+    EXPECT_EQ(thrownBy([&] { post.execute(); }), "QvPipeException: Could not connect to pipe.");
+    EXPECT_FALSE(post.isCommitted());
+}
+
+TEST_F(Requests, MayBeTriedAgainAfterAFailureToConnect) {
+    auto other = std::make_unique<PostRequest>(&client, name + "x", "/r");
+    other->setBody("x", 1);
+    EXPECT_EQ(thrownBy([&] { other->execute(); }), "QvPipeException: Could not connect to pipe.");
+    RawServer late(name + "x");
+    auto executing = execute(*other);
+    const auto accepted = late.accept();
+    RawServer::readUntil(*accepted, "x");
+    RawServer::write(*accepted, OK_RESPONSE);
+    EXPECT_EQ(executing.get(), "nothing");
+}
+
+TEST_F(Requests, OfTheTwoKindsUsePipesOfTheirOwn) {
+    {
+        PostRequest post(&client, name, "/r");
+        post.setBody("x", 1);
+        exchange(post, "x");
+    }
+    NotifyRequest notification(&client, name, "/r");
+    notification.setBody("y", 1);
+    notification.execute();
+    EXPECT_THAT(RawServer::readUntil(*server.accept(), "y"), ::testing::StartsWith("NOTIFY"));
+}
+
+// ---- A pipe that breaks ----
+
+TEST_F(Requests, AreSentAgainWhenAPooledPipeTurnsOutToBeBroken) {
+    for (int i = 0; i < 2; ++i) {
+        NotifyRequest request(&client, name, "/" + std::to_string(i));
+        request.setBody("x", 1);
+        if (i == 1) pipe.reset();  // the server has hung up meanwhile
+        LogCapture log;
+        EXPECT_THAT(notify(request, "x"), ::testing::StartsWith("NOTIFY /" + std::to_string(i)));
+        EXPECT_EQ(log.count("DEBUG Lost connection to server, attempt request with new connection. "
+                            "Pipe was closed at other end."),
+                  i);
+    }
+}
+
+TEST_F(Requests, WithABodyStreamAreSentAgainBeforeTheirHeadWasSent) {
+    {
+        NotifyRequest request(&client, name, "/first");
+        request.setBody("x", 1);
+        notify(request, "x");
+    }
+    pipe.reset();
+    std::istringstream body("streamed");
+    NotifyRequest request(&client, name, "/second");
+    request.setBodyStream(&body);
+    EXPECT_THAT(notify(request, "0\r\n\r\n"), ::testing::HasSubstr("8\r\nstreamed\r\n"));
+}
+
+/// A body stream that hangs up the server's end when it is first read.
+class HangUpBuffer : public std::streambuf {
+  public:
+    explicit HangUpBuffer(std::function<void()> hangUp) : hangUp_(std::move(hangUp)), data_(100000, 'x') {}
+
+  protected:
+    int_type underflow() override {
+        if (!hangUp_) return traits_type::eof();
+        hangUp_();
+        hangUp_ = nullptr;
+        setg(&data_[0], &data_[0], &data_[0] + data_.size());
+        return 'x';
+    }
+
+  private:
+    std::function<void()> hangUp_;
+    std::string data_;
+};
+
+TEST_F(Requests, WithABodyStreamAreAbortedAfterTheirHeadWasSent) {
+    HangUpBuffer buffer([&] { server.accept().reset(); });
+    std::istream body(&buffer);
+    PostRequest post(&client, name, "/r");
+    post.setBodyStream(&body);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    EXPECT_EQ(thrownBy([&] { post.execute(); }), "BrokenPipeException: Pipe was closed at other end.");
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR Lost connection to server, the request will be aborted. "
+                                            "Pipe was closed at other end."));
+}
+
+TEST_F(Requests, WithAWholeBodyEndAsCommittedAfterTheirHeadWasSent) {
+    // The body is more than the pipe takes without a reader, so its writing meets the end of the server.
+    const std::string large(4 << 20, 'x');
+    PostRequest post(&client, name, "/r");
+    post.setBody(large.data(), large.size());
+    auto executing = execute(post);
+    pipe = server.accept();
+    RawServer::readUntil(*pipe, "\r\n\r\n");
+    LogCapture log;
+    pipe.reset();
+    EXPECT_EQ(executing.get(), std::string("IllegalStateException: ") + COMMITTED);
+    EXPECT_EQ(log.count("DEBUG Lost connection to server, attempt request with new connection. "
+                        "Pipe was closed at other end."),
+              1);
+    EXPECT_EQ(log.count(std::string("ERROR ") + COMMITTED), 1);
+}
+
+// ---- A body stream that fails ----
+
+class BadBuffer : public std::streambuf {
+  protected:
+    int_type underflow() override {
+        if (served_++ > 0) throw 1;  // makes the stream bad
+        return setg(data_, data_, data_ + sizeof data_), 'x';
+    }
+
+  private:
+    char data_[10] = {'x'};
+    int served_ = 0;
+};
+
+TEST_F(Requests, NeverMakeABodyStreamThatFailsLookComplete) {
+    BadBuffer buffer;
+    std::istream body(&buffer);
+    PostRequest post(&client, name, "/r");
+    post.setBodyStream(&body);
+    EXPECT_EQ(thrownBy([&] { post.execute(); }), "QvPipeException: The body stream failed before its end.");
+    pipe = server.accept();
+    const std::string sent = RawServer::readUntil(*pipe, "\r\n\r\n");
+    EXPECT_TRUE(isClosed(*pipe));
+    EXPECT_THAT(sent, ::testing::Not(::testing::HasSubstr("0\r\n\r\n")));
+}
+
+TEST_F(Requests, DoNotLoopOverABodyStreamThatFailedBefore) {
+    std::istringstream body("x");
+    body.setstate(std::ios_base::failbit);
+    NotifyRequest request(&client, name, "/r");
+    request.setBodyStream(&body);
+    EXPECT_EQ(thrownBy([&] { request.execute(); }), "QvPipeException: The body stream failed before its end.");
+}
+
+// ---- The way back to the pool ----
+
+class ReturnedPipe : public Requests {
+  protected:
+    /// Executes a POST that is answered so, and destroys it after `use`.
+    template <typename Use>
+    void post(const std::string& answer, const Use& use) {
+        PostRequest request(&client, name, "/first");
+        request.setBody("x", 1);
+        exchange(request, "x", answer);
+        use();
+        response.reset();
+    }
+    void post(const std::string& answer) {
+        post(answer, [] {});
+    }
+    /// Whether the next request comes on the same pipe.
+    bool isReused() {
+        PostRequest request(&client, name, "/next");
+        request.setBody("x", 1);
+        auto executing = execute(request);
+        std::string sent;
+        const bool same = thrownBy([&] { sent = RawServer::readUntil(*pipe, "\r\n\r\nx"); }) == "nothing" &&
+                          sent.find("/next") != std::string::npos;
+        if (!same) {
+            pipe = server.accept();
+            sent = RawServer::readUntil(*pipe, "\r\n\r\nx");
+        }
+        RawServer::write(*pipe, OK_RESPONSE);
+        EXPECT_EQ(executing.get(), "nothing");
+        EXPECT_EQ(bodyOfResponse(), "hi");
+        response.reset();
+        return same;
+    }
+};
+
+TEST_F(ReturnedPipe, IsUsedAgainAfterAResponseThatWasRead) {
+    post(OK_RESPONSE, [&] { bodyOfResponse(); });
+    EXPECT_TRUE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsUsedAgainBehindAResponseThatWasNotRead) {
+    post(OK_RESPONSE);
+    EXPECT_TRUE(isReused());
+    post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
+         [&] { EXPECT_EQ(response->getBodyStream()->get(), 'a'); });
+    EXPECT_TRUE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsUsedAgainBehindWhatComesAtOnce) {
+    PostRequest next(&client, name, "/r");
+    {
+        PostRequest request(&client, name, "/first");
+        request.setBody("x", 1);
+        exchange(request, "x", "QVTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\nab");
+        response.reset();
+        RawServer::write(*pipe, "cde");
+    }
+    EXPECT_TRUE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsGivenUpWhenTheRestDoesNotComeInTime) {
+    const auto time = elapsed([&] { post("QVTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\nab"); });
+    EXPECT_GE(time, 95ms);
+    EXPECT_LT(time, 10s);
+    EXPECT_FALSE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBAtMost) {
+    post("QVTP/1.0 200 OK\r\nContent-Length: 65536\r\n\r\n" + std::string(65536, 'x'));
+    EXPECT_TRUE(isReused());
+    post("QVTP/1.0 200 OK\r\nContent-Length: 65537\r\n\r\n" + std::string(65537, 'x'));
+    EXPECT_FALSE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBInChunksAtMost) {
+    const std::string chunk = "4000\r\n" + std::string(0x4000, 'x') + "\r\n";
+    const std::string head = "QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    post(head + chunk + chunk + chunk + chunk + "0\r\n\r\n");
+    EXPECT_TRUE(isReused());
+    post(head + chunk + chunk + chunk + chunk + "1\r\nx\r\n0\r\n\r\n");
+    EXPECT_FALSE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsGivenUpAfterAMalformedChunk) {
+    post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabcXX0\r\n\r\n",
+         [&] { response->getBodyStream()->ignore(100); });
+    EXPECT_FALSE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsGivenUpAfterAResponseWithoutALength) {
+    {
+        PostRequest request(&client, name, "/first");
+        request.setBody("x", 1);
+        auto executing = execute(request);
+        pipe = server.accept();
+        RawServer::readUntil(*pipe, "x");
+        RawServer::write(*pipe, "QVTP/1.0 200 OK\r\n\r\n");
+        EXPECT_EQ(executing.get(),
+                  "QvPipeException: The QVTP Message does not have a Content-Length or Transfer-Encoding header "
+                  "[1011]");
+        EXPECT_EQ(response, nullptr);
+    }
+    EXPECT_TRUE(isClosed(*pipe));
+}
+
+TEST_F(ReturnedPipe, KeepsItsReadTimeout) {
+    post(OK_RESPONSE);
+    QvPipe* const idle = client.getManager()->getPipe(name, "rw");
+    EXPECT_EQ(idle->getReadTimeout(), 0);
+    client.getManager()->returnPipe(idle);
+}
+
+TEST_F(ReturnedPipe, IsOutOfReachOfAResponseThatOutlivesItsRequest) {
+    {
+        PostRequest request(&client, name, "/first");
+        request.setBody("x", 1);
+        exchange(request, "x");
+    }
+    const std::unique_ptr<QvtpResponse> late = std::move(response);
+    RawServer::write(*pipe, "not for the late response");
+    EXPECT_EQ(late->getBodyStream()->get(), std::char_traits<char>::eof());
+}
+
+TEST_F(Requests, FailWhenTheServerHangsUpInsteadOfAnswering) {
+    PostRequest post(&client, name, "/r");
+    post.setBody("x", 1);
+    auto executing = execute(post);
+    pipe = server.accept();
+    RawServer::readUntil(*pipe, "x");
+    std::this_thread::sleep_for(20ms);  // either side of the moment in which the client begins to read is right
+    pipe.reset();
+    EXPECT_THAT(executing.get(),
+                ::testing::AnyOf("InterruptedException: Reached the stream end-of-file before the expected new line.",
+                                 "QvPipeException: QvPipe read failed."));
+}
+
+// ---- Connection managers of the application ----
+
+/// A manager with one pipe, which tells what is done with it.
+class OnePipeManager : public QvtpConnectionManager {
+  public:
+    explicit OnePipeManager(const std::string& pipeName) : pipe(pipeName, true, true) {}
+    QvPipe* getPipe(const std::string& pipeName, const std::string& mode) override {
+        calls += "get(" + pipeName + "," + mode + ") ";
+        return &pipe;
+    }
+    void returnPipe(QvPipe*) override {
+        calls += "return ";
+        if (failure) failure();
+    }
+    void removePipe(QvPipe*) override { calls += "remove "; }
+
+    QvPipe pipe;
+    std::string calls;
+    std::function<void()> failure;
+};
+
+class OwnManager : public Requests {
+  protected:
+    OwnManager() : manager(name), ownClient(&manager) {
+        pipe = server.accept();
+        manager.pipe.getOutputStream()->rdbuf()->pubsetbuf(area, sizeof area);
+    }
+    void notifyOnce() {
+        NotifyRequest request(&ownClient, name, "/r");
+        request.setBody("x", 1);
+        request.execute();
+    }
+
+    char area[100];
+    OnePipeManager manager;
+    QvtpClient ownClient;
+};
+
+TEST_F(OwnManager, IsAskedForThePipeAndGetsItBackWithTheRequestsEnd) {
+    notifyOnce();
+    EXPECT_EQ(manager.calls, "get(" + name + ",w) return ");
+}
+
+TEST_F(OwnManager, IsToldToRemoveThePipeAfterAFailure) {
+    pipe.reset();
+    manager.failure = [] {};
+    std::istringstream body("x");
+    NotifyRequest request(&ownClient, name, "/r");
+    body.setstate(std::ios_base::badbit);
+    request.setBodyStream(&body);
+    thrownBy([&] { request.execute(); });
+    EXPECT_THAT(manager.calls, ::testing::HasSubstr("remove "));
+    EXPECT_THAT(manager.calls, ::testing::Not(::testing::HasSubstr("return ")));
+}
+
+TEST_F(OwnManager, MayNotKnowThePipeAnyMore) {
+    manager.failure = [] { throw Quovane::Io::IllegalStateException("unknown"); };
+    EXPECT_EQ(thrownBy([&] { notifyOnce(); }), "nothing");
+}
+
+TEST_F(OwnManager, MayThrowFromTheDestructionOfARequest) {
+    manager.failure = [] { throw std::runtime_error("pool"); };
+    EXPECT_EQ(thrownBy([&] { notifyOnce(); }), "std::exception: pool");
+}
+
+TEST_F(OwnManager, DoesNotReplaceAnExceptionThatIsOnItsWay) {
+    manager.failure = [] { throw std::runtime_error("pool"); };
+    EXPECT_EQ(thrownBy([&] {
+                  NotifyRequest request(&ownClient, name, "/r");
+                  request.setBody("x", 1);
+                  request.execute();
+                  throw std::runtime_error("first");
+              }),
+              "std::exception: first");
+}
+
+}  // namespace
+}  // namespace qvtp_test

@@ -1,0 +1,46 @@
+# Installs the build tree into a prefix of its own, moves it, and builds and runs the consumer against it, by
+# find_package() and, where there is pkg-config, by that.
+#
+#     cmake -DBUILD_DIR=... -DWORK_DIR=... -DSOURCE_DIR=... [-DTOOLCHAIN=...] [-DEMULATOR=...] -P check.cmake
+function(run)
+  execute_process(COMMAND ${ARGV} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "${ARGV}\nended with ${result}\n${output}")
+  endif()
+  set(output "${output}" PARENT_SCOPE)
+endfunction()
+
+string(RANDOM LENGTH 12 suffix)
+set(ENV{CXXFLAGS} "${CXXFLAGS}")
+file(REMOVE_RECURSE ${WORK_DIR})
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/first)
+file(RENAME ${WORK_DIR}/first ${WORK_DIR}/prefix) # an installed tree can be moved
+
+set(options -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix)
+if(TOOLCHAIN)
+  list(APPEND options -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_FIND_ROOT_PATH=${WORK_DIR}/prefix)
+endif()
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build -G Ninja ${options} -DCMAKE_CXX_COMPILER=${COMPILER}
+    -DCMAKE_RUNTIME_OUTPUT_DIRECTORY=${WORK_DIR}/prefix/bin)
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+run(${EMULATOR} ${WORK_DIR}/prefix/bin/consumer${SUFFIX} package-${suffix})
+if(NOT output MATCHES "^package ok\r?\n$")
+  message(FATAL_ERROR "The consumer printed: ${output}")
+endif()
+
+find_program(PKG_CONFIG pkg-config)
+if(PKG_CONFIG AND NOT TOOLCHAIN)
+  file(GLOB_RECURSE pc ${WORK_DIR}/prefix/*qvtp.pc)
+  get_filename_component(pc_dir ${pc} DIRECTORY)
+  set(ENV{PKG_CONFIG_PATH} ${pc_dir})
+  run(${PKG_CONFIG} --cflags --libs qvtp)
+  separate_arguments(flags UNIX_COMMAND "${output}")
+  separate_arguments(extra UNIX_COMMAND "${CXXFLAGS}")
+  run(${COMPILER} -std=c++17 ${extra} ${SOURCE_DIR}/consumer.cpp -o ${WORK_DIR}/consumer ${flags} -pthread)
+  get_filename_component(lib_dir ${pc_dir} DIRECTORY)
+  set(ENV{LD_LIBRARY_PATH} ${lib_dir})
+  run(${WORK_DIR}/consumer package-pc-${suffix})
+  if(NOT output STREQUAL "package ok\n")
+    message(FATAL_ERROR "The consumer built by pkg-config printed: ${output}")
+  endif()
+endif()

@@ -1,0 +1,62 @@
+// Server and client in one program, on public headers alone. Prints "package ok" and nothing else.
+
+#include <qvtp/qvtp.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+
+using namespace Quovane::Qvtp;
+
+namespace {
+
+class Greeter : public QvtpHandler {
+    void handleNotify(QvtpServerRequest*) override {}
+    void handlePost(QvtpServerRequest* request, QvtpServerResponse* response) override {
+        const std::string greeting = "Hello, " + request->getResource();
+        response->setStatusCode(QvtpMessage::STATUS_OK);
+        response->setBody(greeting.data(), greeting.size());
+        response->send();
+    }
+};
+
+std::string greet(const std::string& pipe) {
+    QvtpClient client;
+    PostRequest request(&client, pipe, "package");
+    request.setBody("", 0);
+    const std::unique_ptr<QvtpResponse> response(request.execute());
+    char* data = nullptr;
+    size_t length = 0;
+    response->getBody(&data, length);
+    const std::unique_ptr<char[]> owner(data);
+    return std::string(data, length);
+}
+
+bool failsWithoutServer(const std::string& pipe) {
+    try {
+        greet(pipe);
+    } catch (Quovane::Io::QvPipeException& e) {
+        return e.getMessage() == "Could not connect to pipe.";
+    }
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) return 2;
+    const std::string pipe = argv[1];
+    if (!failsWithoutServer(pipe)) return 3;
+    Greeter greeter;
+    QvtpServer server(pipe, 1);
+    server.setHandler(&greeter);
+    std::thread thread([&] { server.run(); });
+    while (!server.isRunning()) std::this_thread::yield();
+    const std::string greeting = greet(pipe);
+    server.shutdown();
+    thread.join();
+    if (greeting != "Hello, package") return 4;
+    std::puts("package ok");
+    return 0;
+}

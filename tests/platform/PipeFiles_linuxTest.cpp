@@ -1,0 +1,489 @@
+#include "platform/PipeAddress_linux.h"
+#include "platform/PipeContract.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+namespace qvtp_test {
+namespace {
+
+/// Tests that look at the files behind the names, in a directory of their own.
+class PipeFiles : public PipeContract {
+  protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/qvtp-test-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        root = pattern;
+        use(root + "/pipes");
+    }
+    void TearDown() override {
+        const std::string command = "rm -rf " + root;
+        ASSERT_EQ(std::system(command.c_str()), 0);
+    }
+
+    void use(const std::string& path) {
+        directory = path;
+        ::setenv("QVTP_PIPE_DIR", directory.c_str(), 1);
+    }
+    bool exists(const std::string& file) const { return ::access((directory + "/" + file).c_str(), F_OK) == 0; }
+    mode_t modeOf(const std::string& path) const {
+        struct stat status {};
+        return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+    }
+    std::string lockByte(const std::string& file) const {
+        std::ifstream in(directory + "/" + file);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    std::vector<std::string> files() const {
+        std::vector<std::string> found;
+        DIR* dir = ::opendir(directory.c_str());
+        while (const dirent* entry = ::readdir(dir)) {
+            if (entry->d_name[0] != '.') found.push_back(entry->d_name);
+        }
+        ::closedir(dir);
+        return found;
+    }
+    /// A socket of somebody else's, listening under this file name.
+    int listenAs(const std::string& file) const {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        (directory + "/" + file).copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(::listen(fd, 5), 0);
+        return fd;
+    }
+
+    std::string root;
+    std::string directory;
+};
+
+TEST_F(PipeFiles, LieInAPrivateDirectoryThatIsMadeOnFirstUse) {
+    End server;
+    ASSERT_EQ(createNamed(server, "Name"), 0);
+    EXPECT_EQ(modeOf(directory), 0700U);
+    EXPECT_EQ(modeOf(directory + "/name.lock"), 0600U);
+    EXPECT_TRUE(exists("name.sock"));
+}
+
+TEST_F(PipeFiles, LieUnderTmpByUserWithoutTheVariable) {
+    for (const bool empty : {false, true}) {
+        empty ? ::setenv("QVTP_PIPE_DIR", "", 1) : ::unsetenv("QVTP_PIPE_DIR");
+        platform::PipeAddress address;
+        ASSERT_EQ(address.resolve(path(), platform::PipeAddress::Directory::CREATE), 0);
+        EXPECT_EQ(address.key(), "/tmp/qvtp-pipe-" + std::to_string(::geteuid()) + "/" + name);
+    }
+}
+
+TEST_F(PipeFiles, RecordTheDirectionInTheLockFile) {
+    End reads, writes, both;
+    ASSERT_EQ(createNamed(reads, "r", true, false), 0);
+    ASSERT_EQ(createNamed(writes, "w", false, true), 0);
+    ASSERT_EQ(createNamed(both, "b", true, true), 0);
+    EXPECT_EQ(lockByte("r.lock") + lockByte("w.lock") + lockByte("b.lock"), "123");
+}
+
+TEST_F(PipeFiles, LeaveOnlyTheLockFileBehind) {
+    End server;
+    ASSERT_EQ(createNamed(server, "a"), 0);
+    server.close();
+    EXPECT_THAT(files(), ElementsAre("a.lock"));
+}
+
+TEST_F(PipeFiles, EncodeNamesByByte) {
+    End server;
+    ASSERT_EQ(createNamed(server, ".Ab_c-9.x /\xC3"), 0);
+    EXPECT_TRUE(exists("%2eab_c-9.x%20%5c%c3.sock"));
+}
+
+TEST_F(PipeFiles, HashLongNames) {
+    End server, other;
+    ASSERT_EQ(createNamed(server, std::string(60, 'x')), 0);
+    EXPECT_TRUE(exists(std::string(60, 'x') + ".sock"));
+    ASSERT_EQ(createNamed(other, std::string(61, 'x')), 0);
+    const std::vector<std::string> all = files();
+    const auto hashed = std::find_if(all.begin(), all.end(), [](const std::string& f) { return f[24] == '~'; });
+    ASSERT_NE(hashed, all.end());
+    EXPECT_EQ(hashed->size(), 24U + 1 + 32 + 5);
+}
+
+TEST_F(PipeFiles, HashByAPublishedFunction) {
+    // FNV-1a with 128 bits of 61 times "a", as any other implementation computes it.
+    __extension__ using Wide = unsigned __int128;
+    Wide expected = (static_cast<Wide>(0x6c62272e07bb0142) << 64) | 0x62b821756295c58d;
+    const Wide prime = (static_cast<Wide>(1) << 88) + 0x13b;
+    for (int i = 0; i < 61; ++i) expected = (expected ^ 'a') * prime;
+    char digits[33];
+    std::snprintf(digits, sizeof digits, "%016llx%016llx", static_cast<unsigned long long>(expected >> 64),
+                  static_cast<unsigned long long>(expected));
+    End server;
+    ASSERT_EQ(createNamed(server, std::string(61, 'A')), 0);
+    EXPECT_TRUE(exists(std::string(24, 'a') + "~" + digits + ".sock"));
+}
+
+TEST_F(PipeFiles, WorkInADirectoryThatDoesNotFitIntoASocketAddress) {
+    ASSERT_EQ(::mkdir((root + "/" + std::string(100, 'd')).c_str(), 0700), 0);
+    use(root + "/" + std::string(100, 'd') + "/" + std::string(100, 'e'));
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    EXPECT_EQ(connect(client), 0);
+    EXPECT_EQ(accept(server), 0);
+}
+
+class UnsafeDirectory : public PipeFiles {
+  protected:
+    void expectRefusal() {
+        End server, client;
+        LogCapture log;
+        EXPECT_EQ(create(server), 5);
+        EXPECT_EQ(connect(client), ConnectResult::ACCESS_DENIED);
+        EXPECT_THAT(log.messages(), ElementsAre("ERROR CreateNamedPipe failed: 5"));
+    }
+};
+
+TEST_F(UnsafeDirectory, IsRefusedWhenOthersMayEnter) {
+    ASSERT_EQ(::mkdir(directory.c_str(), 0755), 0);
+    expectRefusal();
+}
+
+TEST_F(UnsafeDirectory, IsRefusedWhenItIsALink) {
+    ASSERT_EQ(::mkdir((root + "/real").c_str(), 0700), 0);
+    ASSERT_EQ(::symlink((root + "/real").c_str(), directory.c_str()), 0);
+    expectRefusal();
+}
+
+TEST_F(UnsafeDirectory, IsRefusedWhenItIsAFile) {
+    std::ofstream(directory) << "x";
+    expectRefusal();
+}
+
+TEST_F(UnsafeDirectory, IsRefusedWhenItBelongsToAnother) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give a directory away";
+    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
+    ASSERT_EQ(::chown(directory.c_str(), 12345, 12345), 0);
+    expectRefusal();
+}
+
+TEST_F(PipeFiles, AreFoundMissingWithoutADirectory) {
+    End client;
+    LogCapture log;
+    EXPECT_EQ(connect(client), ConnectResult::CANNOT_OPEN);
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR Could not open pipe. GLE=2"));
+    EXPECT_EQ(modeOf(directory), 0U);
+}
+
+TEST_F(PipeFiles, AreNoHindranceWhenTheyAreStale) {
+    End server, client;
+    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
+    std::ofstream(directory + "/a.lock") << "1";
+    ::close(listenAs("a.sock"));
+    ::close(listenAs("a.new"));
+    ASSERT_EQ(connectNamed(client, "a", 2000), ConnectResult::CANNOT_OPEN);
+    ASSERT_EQ(createNamed(server, "a"), 0);
+    EXPECT_EQ(connectNamed(client, "a", 2000), 0);
+    EXPECT_EQ(lockByte("a.lock"), "3");
+}
+
+TEST_F(PipeFiles, TakeASocketAloneAsAForeignServer) {
+    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
+    const int listener = listenAs("foreign.sock");
+    End client;
+    ASSERT_EQ(connectNamed(client, "foreign", 2000), 0);
+    const int accepted = ::accept(listener, nullptr, nullptr);
+    ASSERT_EQ(write(client, "hello"), 0);
+    char data[5];
+    EXPECT_EQ(::recv(accepted, data, 5, 0), 5);
+    ASSERT_EQ(::send(accepted, "back", 4, 0), 4);
+    EXPECT_EQ(readText(client), "back");
+    ::close(accepted);
+    ::close(listener);
+    EXPECT_EQ(connectNamed(client, "foreign", 2000), ConnectResult::CANNOT_OPEN);
+}
+
+TEST_F(PipeFiles, MakeAClientWaitForAServerThatHasLockedButDoesNotListenYet) {
+    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
+    const int fd = ::open((directory + "/a.lock").c_str(), O_RDWR | O_CREAT, 0600);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    ASSERT_EQ(::fcntl(fd, F_OFD_SETLK, &lock), 0);
+    End client;
+    EXPECT_EQ(connectNamed(client, "a", 60), ConnectResult::TIMED_OUT);
+    ASSERT_EQ(::write(fd, "3", 1), 1);
+    EXPECT_EQ(connectNamed(client, "a", 60), ConnectResult::TIMED_OUT);
+    ::close(fd);
+    EXPECT_EQ(connectNamed(client, "a", 60), ConnectResult::CANNOT_OPEN);
+}
+
+// ---- Processes ----
+
+/// Runs an action in a forked child and returns its exit code.
+template <typename Action>
+int inChild(const Action& action) {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(action());
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+TEST_F(PipeFiles, KeepASecondProcessFromServingTheName) {
+    End server;
+    ASSERT_EQ(create(server), 0);
+    EXPECT_EQ(inChild([&] {
+                  End other;
+                  return create(other);
+              }),
+              5);
+    EXPECT_EQ(inChild([&] {
+                  End other;
+                  return create(other, true, true, false);
+              }),
+              5);
+}
+
+TEST_F(PipeFiles, LetTheNextServerInAfterAKill) {
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        End server;
+        const char result = create(server) == 0 ? '+' : '-';
+        if (::write(ready[1], &result, 1) != 1) ::_exit(1);
+        ::pause();
+    }
+    char result = 0;
+    ASSERT_EQ(::read(ready[0], &result, 1), 1);
+    ASSERT_EQ(result, '+');
+    End client;
+    EXPECT_EQ(connect(client), 0);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    End server, again;
+    EXPECT_EQ(readText(client), "-3");
+    EXPECT_EQ(connect(again), ConnectResult::CANNOT_OPEN);
+    EXPECT_EQ(create(server), 0);
+    EXPECT_EQ(connect(again), 0);
+}
+
+TEST_F(PipeFiles, LetOneOfManyProcessesWin) {
+    constexpr int PROCESSES = 6;
+    for (int round = 0; round < 30; ++round) {
+        int go[2], done[2];
+        ASSERT_EQ(::pipe(go), 0);
+        ASSERT_EQ(::pipe(done), 0);
+        std::vector<pid_t> children;
+        for (int i = 0; i < PROCESSES; ++i) {
+            const pid_t child = ::fork();
+            if (child != 0) {
+                children.push_back(child);
+                continue;
+            }
+            char byte = 0;
+            ::close(go[1]);
+            if (::read(go[0], &byte, 1) != 0) ::_exit(9);
+            End server;
+            const char result = create(server) == 0 ? 'w' : 'l';
+            if (::write(done[1], &result, 1) != 1) ::_exit(9);
+            ::pause();
+        }
+        ::close(go[0]);
+        ::close(go[1]);  // they all start now
+        int winners = 0;
+        for (int i = 0; i < PROCESSES; ++i) {
+            char byte = 0;
+            ASSERT_EQ(::read(done[0], &byte, 1), 1);
+            winners += byte == 'w';
+        }
+        for (const pid_t child : children) {
+            ::kill(child, SIGKILL);
+            ::waitpid(child, nullptr, 0);
+        }
+        ::close(done[0]);
+        ::close(done[1]);
+        ASSERT_EQ(winners, 1) << round;
+    }
+}
+
+TEST_F(PipeFiles, LetAForkedChildCloseWithoutHarmToTheParent) {
+    End server, client;
+    pair(server, client);
+    End next;
+    ASSERT_EQ(createNext(next), 0);
+    EXPECT_EQ(inChild([&] {
+                  server.close();
+                  client.close();
+                  next.close();
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(write(client, "still here"), 0);
+    EXPECT_EQ(readText(server), "still here");
+    End other;
+    EXPECT_EQ(connect(other), 0);
+}
+
+TEST_F(PipeFiles, GiveTheNameAwayWhenTheParentClosesAlthoughAChildLives) {
+    End server, client;
+    pair(server, client);
+    int hold[2];
+    ASSERT_EQ(::pipe(hold), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        char byte = 0;
+        ::close(hold[1]);
+        ::_exit(::read(hold[0], &byte, 1) == 0 ? 0 : 1);
+    }
+    server.close();
+    EXPECT_EQ(readText(client), "-3");
+    End again;
+    EXPECT_EQ(create(again), 0);
+    ::close(hold[0]);
+    ::close(hold[1]);
+    ::waitpid(child, nullptr, 0);
+}
+
+TEST_F(PipeFiles, AreNotInheritedByProgramsThatAreStarted) {
+    End server, client;
+    pair(server, client);
+    End next;
+    ASSERT_EQ(createNext(next), 0);
+    const std::string command = "ls -l /proc/self/fd | grep -c -e eventfd -e socket -e '\\.lock' -e " + directory;
+    EXPECT_NE(std::system((command + " > /dev/null").c_str()), 0);
+}
+
+// ---- Shortage ----
+
+/// Uses up all descriptors.
+class Shortage {
+  public:
+    Shortage() {
+        ::getrlimit(RLIMIT_NOFILE, &before_);
+        rlimit low = before_;
+        low.rlim_cur = 256;
+        ::setrlimit(RLIMIT_NOFILE, &low);
+        for (int fd = ::dup(0); fd >= 0; fd = ::dup(0)) held_.push_back(fd);
+    }
+    ~Shortage() { end(); }
+    void end() {
+        for (int fd : held_) ::close(fd);
+        held_.clear();
+        ::setrlimit(RLIMIT_NOFILE, &before_);
+    }
+    /// Gives some back.
+    void release(int count) {
+        for (; count > 0 && !held_.empty(); --count, held_.pop_back()) ::close(held_.back());
+    }
+
+  private:
+    rlimit before_{};
+    std::vector<int> held_;
+};
+
+TEST_F(PipeFiles, ReportAShortageOfDescriptorsInAcceptOnceAndWaitItOut) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    Shortage shortage;
+    EXPECT_GE(elapsed([&] { EXPECT_EQ(accept(server, 0), AcceptResult::CONNECT_ERROR); }), 95ms);
+    EXPECT_GE(elapsed([&] { EXPECT_EQ(accept(server, 250), AcceptResult::TIMED_OUT); }), 245ms);
+    shortage.end();
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR Connect error: 4"));
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+}
+
+TEST_F(PipeFiles, HaveADescriptorForTheNextInstanceBeforeAClientIsTaken) {
+    End server, next, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    Shortage shortage;
+    shortage.release(3);  // the next instance's event, the connection, and one to look at the directory
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+    EXPECT_EQ(createNext(next), 0);
+}
+
+TEST_F(PipeFiles, LetACloseEndAnAcceptThatWaitsForDescriptors) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    Shortage shortage;
+    ASSERT_EQ(accept(server, 0), AcceptResult::CONNECT_ERROR);
+    std::thread closer;
+    EXPECT_EQ((closer = std::thread([&] {
+                   std::this_thread::sleep_for(50ms);
+                   platform::platformCloseServer(server.pipe, server.event);
+               }),
+               accept(server, 0)),
+              AcceptResult::ABORTED);
+    closer.join();
+    server.forget();
+}
+
+TEST_F(PipeFiles, FailToConnectWithoutDescriptors) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    Shortage shortage;
+    EXPECT_EQ(connect(client), ConnectResult::CANNOT_OPEN);
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR Could not open pipe. GLE=4"));
+}
+
+TEST_F(PipeFiles, ReportAnEventThatCannotBeMadeAndKeepTheHandle) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    LogCapture log;
+    Shortage shortage;
+    shortage.release(2);  // the directory and the socket
+    const int result = connect(client);
+    shortage.end();
+    // The directory's descriptor may be free again when the event is made.
+    if (result == 4) {
+        EXPECT_TRUE(log.contains("ERROR CreateEvent failed: 4"));
+        EXPECT_EQ(client.event, INVALID_NATIVE_HANDLE);
+    }
+    EXPECT_TRUE(client.isOpen());
+}
+
+TEST_F(PipeFiles, SurviveSignalsDuringAWait) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGUSR1, &action, nullptr);
+    End server, client;
+    pair(server, client);
+    const pthread_t reader = ::pthread_self();
+    std::atomic<bool> done{false};
+    std::thread signals([&] {
+        while (!done) {
+            ::pthread_kill(reader, SIGUSR1);
+            std::this_thread::sleep_for(2ms);
+        }
+    });
+    std::string data;
+    EXPECT_GE(elapsed([&] { EXPECT_EQ(read(server, data, 100, 200), ReadResult::TIMED_OUT); }), 195ms);
+    End busy, next;
+    ASSERT_EQ(createNext(next), 0);
+    ASSERT_EQ(connect(busy), 0);
+    End waiter;
+    EXPECT_GE(elapsed([&] { EXPECT_EQ(connect(waiter, 200), ConnectResult::TIMED_OUT); }), 195ms);
+    done = true;
+    signals.join();
+}
+
+}  // namespace
+}  // namespace qvtp_test

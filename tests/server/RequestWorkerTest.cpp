@@ -1,0 +1,517 @@
+#include <qvtp/io/QvPipe.h>
+#include <qvtp/server/QvtpServer.h>
+
+#include "support/LogCapture.h"
+#include "support/RawServer.h"
+#include "support/TestServer.h"
+#include "support/Thrown.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+namespace qvtp_test {
+namespace {
+
+using namespace Quovane::Qvtp;
+using Quovane::Io::QvPipe;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+const char POST_HELLO[] = "POST /echo QVTP/1.0\r\nContent-Length: 5\r\n\r\nhello";
+const char HELLO_BACK[] = "QVTP/1.0 200 OK\r\nContent-Length: 5\r\nServer: QvtpServer\r\n\r\nhello";
+
+/// A client without the protocol: what a test writes and reads are the bytes on the pipe.
+class RawClient {
+  public:
+    explicit RawClient(const std::string& name, bool readable = true) : pipe_(name, readable, true) {}
+
+    void write(const std::string& data) { RawServer::write(pipe_, data); }
+    std::string read(std::size_t size) { return RawServer::read(pipe_, size); }
+    std::string exchange(const std::string& request, const std::string& expected) {
+        write(request);
+        return read(expected.size());
+    }
+    /// Waits for the server to hang up; what came before that.
+    std::string readToEnd() {
+        std::string all;
+        char byte = 0;
+        while (thrownBy([&] {
+                   if (pipe_.readPipe(&byte, 0, 1, 15000) < 0) throw 1;
+               }) == "nothing") {
+            all += byte;
+        }
+        return all;
+    }
+    void close() { pipe_.close(); }
+
+  private:
+    QvPipe pipe_;
+};
+
+class Worker : public ::testing::Test {
+  protected:
+    std::string full(int number = 1) const { return server.name + "/Worker-" + std::to_string(number); }
+    /// The lines about workers, in order: those of the pipe layer and of messages are left out.
+    static std::vector<std::string> workerLines(const LogCapture& log) {
+        std::vector<std::string> lines;
+        for (const std::string& message : log.messages()) {
+            if (message.find("orker") != std::string::npos) lines.push_back(message);
+        }
+        return lines;
+    }
+    bool eventuallyLogs(const LogCapture& log, const std::string& message) {
+        return eventually([&] { return log.contains(message); });
+    }
+    /// Makes the server look for finished workers.
+    void reap() { RawClient(server.name).exchange(POST_HELLO, HELLO_BACK); }
+
+    TestServer server;
+};
+
+TEST_F(Worker, AnswersPostAfterPostOnOneConnection) {
+    server.start();
+    RawClient client(server.name);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(client.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+    EXPECT_EQ(server.server.totalRequestProcessors(), 1);
+}
+
+TEST_F(Worker, AnswersRequestsThatComeTogether) {
+    server.start();
+    RawClient client(server.name);
+    const std::string twice = std::string(HELLO_BACK) + HELLO_BACK;
+    EXPECT_EQ(client.exchange(std::string(POST_HELLO) + POST_HELLO, twice), twice);
+}
+
+TEST_F(Worker, HandsANotificationToTheHandlerWithoutAResponse) {
+    std::promise<std::string> notified;
+    server.handler.onNotify = [&](QvtpServerRequest& request) {
+        notified.set_value(request.getResource() + ":" + bodyOf(request));
+    };
+    server.start();
+    RawClient client(server.name);
+    client.write("NOTIFY /n QVTP/1.0\r\nContent-Length: 2\r\n\r\nok");
+    EXPECT_EQ(notified.get_future().get(), "/n:ok");
+    EXPECT_EQ(client.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+}
+
+TEST_F(Worker, LogsItsLifeLineByLine) {
+    LogCapture log;
+    server.start();
+    {
+        RawClient client(server.name);
+        client.exchange(POST_HELLO, HELLO_BACK);
+        client.write("NOTIFY /n QVTP/1.0\r\nContent-Length: 0\r\n\r\n");
+        ASSERT_TRUE(eventuallyLogs(log, "DEBUG Complete processing of NOTIFY request (" + full() + ")."));
+        ASSERT_TRUE(eventually([&] { return server.server.totalRequestProcessors() == 1; }));
+    }
+    ASSERT_TRUE(eventuallyLogs(log, "DEBUG Closing QvPipe (" + full() + "). "));
+    server.stop();
+    EXPECT_TRUE(log.contains("DEBUG ServerQvPipe " + server.name + " has accepted a QvPipe connection."));
+    std::vector<std::string> lines;
+    for (const std::string& line : workerLines(log)) {
+        // How the end of the client is met depends on whether the worker is waiting already.
+        if (line.find("Exception - ") == std::string::npos && line.find("Activated") == std::string::npos) {
+            lines.push_back(line);
+        }
+    }
+    EXPECT_EQ(log.count("DEBUG Activated worker thread " + full() + " (1)."), 1);
+    EXPECT_THAT(lines, ElementsAre("DEBUG Begin processing of POST request (" + full() + ").",
+                                   "DEBUG Complete processing of POST request (" + full() + ").",
+                                   "DEBUG Begin processing of NOTIFY request (" + full() + ").",
+                                   "DEBUG Complete processing of NOTIFY request (" + full() + ").",
+                                   "DEBUG Closing QvPipe (" + full() + "). ", "DEBUG Deleting worker " + full(),
+                                   "DEBUG \nQvtpServer " + server.name +
+                                       " Summary:\n"
+                                       "    Total POST requests:       1\n"
+                                       "    Total NOTIFY requests:     1\n"
+                                       "    Total workers used:        1\n"
+                                       "    Total idle timeouts:       0\n"
+                                       "    Total waits for thread:    0\n"
+                                       "    Peak number of threads:    1\n"));
+}
+
+TEST_F(Worker, HangsUpOnAClientThatGoesQuiet) {
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 80);
+    server.start();
+    LogCapture log;
+    RawClient client(server.name);
+    EXPECT_EQ(client.readToEnd(), "");
+    EXPECT_TRUE(
+        log.contains("DEBUG TimeoutException - " + full() + " timed out waiting for a request.  QvPipe read timeout."));
+    ASSERT_TRUE(eventuallyLogs(log, "DEBUG Closing QvPipe (" + full() + "). "));
+    reap();
+    EXPECT_TRUE(log.contains("DEBUG Deleting idle worker " + full() + "."));
+    EXPECT_TRUE(log.contains("DEBUG Deleting worker " + full()));
+}
+
+TEST_F(Worker, ReadsTheHeadUnderTheIdleTimeoutAndTheBodyUnderTheReceiveTimeout) {
+    server.server.setOption(QvtpServer::RECEIVE_TIMEOUT, 60);
+    server.start();
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    RawClient client(server.name);
+    client.write("POST /slow QVTP/1.0\r\nContent-");
+    std::this_thread::sleep_for(150ms);  // longer than the receive time-out
+    client.write("Length: 5\r\n\r\nhe");
+    EXPECT_EQ(client.readToEnd(), "");
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR QvPipeException - " + full() + ". QvPipe read timeout.",
+                                            "ERROR Could not process the /slow request. The pipe will be closed."));
+}
+
+TEST_F(Worker, ReportsAConnectionThatEndedBeforeItWasRead) {
+    LogCapture log;
+    { RawClient client(server.name); }
+    server.start();
+    const std::string line =
+        "ERROR QvPipeException - " + full() + " error while reading request start line. QvPipe read failed.";
+    EXPECT_TRUE(eventuallyLogs(log, line));
+}
+
+TEST_F(Worker, TakesTheEndOfAConnectionWhileItWaitsForARequestQuietly) {
+    server.start();
+    LogCapture log;
+    RawClient client(server.name);
+    client.exchange(POST_HELLO, HELLO_BACK);
+    std::this_thread::sleep_for(50ms);  // the worker waits again
+    client.close();
+    EXPECT_TRUE(eventuallyLogs(log, "DEBUG InterruptedException - " + full() +
+                                        ". Reached the stream end-of-file before the expected new line."));
+}
+
+TEST_F(Worker, IgnoresARequestOfAnotherMethod) {
+    server.start();
+    for (const char* method : {"GET", "post", "NONE", "POSTX"}) {
+        LogCapture log(LogCapture::LoggingLevel::ERROR);
+        RawClient client(server.name);
+        client.write(std::string(method) + " /r QVTP/1.0\r\nContent-Length: 5\r\n\r\nhello");
+        EXPECT_EQ(client.readToEnd(), "");
+        ASSERT_EQ(log.messages().size(), 1U);
+        EXPECT_THAT(log.messages()[0],
+                    ::testing::MatchesRegex("ERROR Unrecognized request method \\(" + server.name +
+                                            "/Worker-[0-9]+\\), the full message will be ignored\\."));
+    }
+}
+
+TEST_F(Worker, ClosesOnAHeadWithoutALength) {
+    server.start();
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    RawClient client(server.name);
+    client.write("POST /r QVTP/1.0\r\n\r\n");
+    EXPECT_EQ(client.readToEnd(), "");
+    EXPECT_THAT(log.messages(),
+                ElementsAre("ERROR The QVTP Message does not have a Content-Length or Transfer-Encoding header",
+                            "ERROR QvPipeException - " + full() +
+                                " error while reading request start line. The QVTP Message does not have a "
+                                "Content-Length or Transfer-Encoding header"));
+}
+
+TEST_F(Worker, DoesNotDisturbOtherConnectionsByAMalformedOne) {
+    server.start();
+    RawClient good(server.name);
+    good.exchange(POST_HELLO, HELLO_BACK);
+    for (const char* garbage :
+         {"\x01\x02\r\n\r\n", "POST /r QVTP/1.0\r\nTransfer-Encoding: Chunked\r\n\r\n",
+          "POST /r QVTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\nfffffffff\r\n", "\r\n\r\n\r\nX\n\n"}) {
+        RawClient bad(server.name);
+        bad.write(garbage);
+        bad.close();
+        EXPECT_EQ(good.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK) << garbage;
+    }
+}
+
+// ---- Handlers that fail ----
+
+class FailingHandler : public Worker {
+  protected:
+    /// What is logged at ERROR, and what the client gets, when a handler throws.
+    template <typename Exception>
+    std::vector<std::string> logOf(const Exception& exception) {
+        server.handler.onPost = [exception](QvtpServerRequest&, QvtpServerResponse&) { throw exception; };
+        server.start();
+        LogCapture log(LogCapture::LoggingLevel::ERROR);
+        RawClient client(server.name);
+        client.write(POST_HELLO);
+        EXPECT_EQ(client.readToEnd(), "");
+        return log.messages();
+    }
+    const std::string couldNot = "ERROR Could not process the /echo request. The pipe will be closed.";
+};
+
+TEST_F(FailingHandler, WithAnIllegalStateClosesThePipe) {
+    EXPECT_THAT(logOf(Quovane::Io::IllegalStateException("why")),
+                ElementsAre("ERROR IllegalStateException - " + full() + ". why", couldNot));
+}
+
+TEST_F(FailingHandler, WithAPipeFailureClosesThePipe) {
+    EXPECT_THAT(logOf(Quovane::Io::BrokenPipeException("why")),
+                ElementsAre("ERROR QvPipeException - " + full() + ". why", couldNot));
+}
+
+TEST_F(FailingHandler, WithAnInterruptionClosesThePipeWithOneLine) {
+    EXPECT_THAT(logOf(Quovane::Io::InterruptedException("why")),
+                ElementsAre("ERROR InterruptedException - " + full() + ". why"));
+}
+
+TEST_F(FailingHandler, ThatSendsNoBodyLogsWhy) {
+    server.handler.onPost = [](QvtpServerRequest&, QvtpServerResponse& response) { response.send(); };
+    server.start();
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    RawClient client(server.name);
+    client.write(POST_HELLO);
+    EXPECT_EQ(client.readToEnd(), "");
+    EXPECT_EQ(log.messages().size(), 3U);
+}
+
+TEST_F(FailingHandler, ThatIsMissingClosesThePipe) {
+    server.server.setHandler(nullptr);
+    server.start();
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    RawClient client(server.name);
+    client.write(POST_HELLO);
+    EXPECT_EQ(client.readToEnd(), "");
+    EXPECT_THAT(log.messages(),
+                ElementsAre("ERROR IllegalStateException - " + full() + ". No handler has been set.", couldNot));
+}
+
+TEST_F(FailingHandler, WithAForeignExceptionCostsItsWorkerUntilTheServerStops) {
+    server.handler.onPost = [](QvtpServerRequest&, QvtpServerResponse&) { throw std::runtime_error("foreign"); };
+    server.start();
+    LogCapture log;
+    RawClient client(server.name);
+    client.write(POST_HELLO);
+    ASSERT_TRUE(eventuallyLogs(log, "DEBUG Begin processing of POST request (" + full() + ")."));
+    server.stop();
+    EXPECT_TRUE(log.contains("DEBUG Stopping worker " + full()));
+    EXPECT_TRUE(log.contains("INFO ************* Worker thread not deleted: Worker-1"));
+    EXPECT_FALSE(log.contains("DEBUG Deleting worker " + full()));
+    EXPECT_EQ(client.readToEnd(), "");
+    EXPECT_EQ(server.server.totalRequestProcessors(), 0);
+}
+
+// ---- What a handler leaves unread ----
+
+class UnreadBody : public Worker {
+  protected:
+    void SetUp() override {
+        server.handler.onPost = [](QvtpServerRequest& request, QvtpServerResponse& response) {
+            if (request.getResource() == "/peek") request.getBodyStream()->get();
+            response.setStatusCode(200);
+            response.setBody("hello", 5);
+            response.send();
+        };
+        server.start();
+    }
+    std::string post(const std::string& body, const std::string& resource = "/skip") {
+        return "POST " + resource + " QVTP/1.0\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+    }
+};
+
+TEST_F(UnreadBody, IsSkippedBeforeTheNextRequest) {
+    RawClient client(server.name);
+    for (const char* resource : {"/skip", "/peek"}) {
+        EXPECT_EQ(client.exchange(post("POST /trap QVTP/1.0\r\n\r\n", resource), HELLO_BACK), HELLO_BACK);
+        EXPECT_EQ(client.exchange(post("x"), HELLO_BACK), HELLO_BACK);
+    }
+    EXPECT_EQ(
+        client.exchange("POST /s QVTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n", HELLO_BACK),
+        HELLO_BACK);
+    EXPECT_EQ(client.exchange(post("x"), HELLO_BACK), HELLO_BACK);
+}
+
+TEST_F(UnreadBody, IsSkippedUpTo256KiB) {
+    RawClient client(server.name);
+    EXPECT_EQ(client.exchange(post(std::string(256 * 1024, 'x')), HELLO_BACK), HELLO_BACK);
+    EXPECT_EQ(client.exchange(post("x"), HELLO_BACK), HELLO_BACK);
+}
+
+TEST_F(UnreadBody, EndsTheConnectionAfterTheResponseBeyondThat) {
+    RawClient client(server.name);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    client.write(post(std::string(256 * 1024 + 1, 'x')));
+    EXPECT_EQ(client.readToEnd(), HELLO_BACK);
+    EXPECT_THAT(log.messages(), ::testing::IsEmpty());
+}
+
+TEST_F(UnreadBody, EndsTheConnectionWhenItIsMalformed) {
+    RawClient client(server.name);
+    client.write("POST /s QVTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabcXX");
+    EXPECT_EQ(client.readToEnd(), HELLO_BACK);
+}
+
+TEST_F(UnreadBody, EndsTheConnectionWhenItDoesNotCome) {
+    TestServer quick;
+    quick.server.setOption(QvtpServer::RECEIVE_TIMEOUT, 50);
+    quick.handler.onPost = server.handler.onPost;
+    quick.start();
+    RawClient client(quick.name);
+    client.write("POST /s QVTP/1.0\r\nContent-Length: 5\r\n\r\nab");
+    EXPECT_EQ(client.readToEnd(), HELLO_BACK);
+}
+
+// ---- A server that does not write ----
+
+TEST(ReadOnlyServer, ServesNotifications) {
+    TestServer server(0);
+    std::promise<std::string> notified;
+    server.handler.onNotify = [&](QvtpServerRequest& request) { notified.set_value(bodyOf(request)); };
+    server.start();
+    RawClient client(server.name, false);
+    client.write("NOTIFY /n QVTP/1.0\r\nContent-Length: 2\r\n\r\nok");
+    EXPECT_EQ(notified.get_future().get(), "ok");
+}
+
+TEST(ReadOnlyServer, EndsAPostAsAnIllegalState) {
+    TestServer server(0);
+    server.start();
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    RawClient client(server.name, false);
+    client.write(POST_HELLO);
+    const std::string full = server.name + "/Worker-1";
+    ASSERT_TRUE(eventually([&] { return log.messages().size() == 2; }));
+    EXPECT_THAT(log.messages(),
+                ElementsAre("ERROR IllegalStateException - " + full + ". Pipe is not bound with write access.",
+                            "ERROR Could not process the /echo request. The pipe will be closed."));
+}
+
+// ---- Threads ----
+
+class WorkerThreads : public Worker {
+  protected:
+    /// Connects clients that each have a worker serving them.
+    void occupy(int count) {
+        for (int i = 0; i < count; ++i) {
+            clients.push_back(std::make_unique<RawClient>(server.name));
+            ASSERT_EQ(clients.back()->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+        }
+    }
+    std::vector<std::unique_ptr<RawClient>> clients;
+};
+
+TEST_F(WorkerThreads, GrowWithoutLimitWhenNoneIsSet) {
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 0);
+    server.start();
+    occupy(12);
+    EXPECT_EQ(server.server.totalRequestProcessors(), 12);
+    EXPECT_EQ(server.server.idleRequestProcessors(), 1);  // 5, and 2 more each time all were busy
+}
+
+TEST_F(WorkerThreads, AreAtLeastThree) {
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 1);
+    server.start();
+    occupy(3);
+    EXPECT_EQ(server.server.totalRequestProcessors(), 3);
+    EXPECT_EQ(server.server.idleRequestProcessors(), 0);
+}
+
+TEST_F(WorkerThreads, AreGivenUpBetweenRequestsForAConnectionThatWaits) {
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 20000);
+    server.start();
+    occupy(3);
+    LogCapture log;
+    RawClient fourth(server.name);
+    ASSERT_TRUE(eventuallyLogs(log, "DEBUG Still waiting for thread to process QvPipe worker " + full(4)));
+    EXPECT_EQ(log.count("INFO Waiting for thread to process QvPipe worker " + full(4)), 1);
+    EXPECT_EQ(clients[1]->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+    EXPECT_EQ(clients[1]->readToEnd(), "");
+    EXPECT_EQ(fourth.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+    EXPECT_TRUE(log.contains("DEBUG Give up " + full(2) + " for a new request waiting for a worker thread."));
+    EXPECT_TRUE(eventuallyLogs(log, "INFO Done waiting for thread to process QvPipe worker " + full(4)));
+    EXPECT_TRUE(eventuallyLogs(log, "INFO Increase the MAX_REQUEST_PROCESSORS value if this propelem persists."));
+    EXPECT_TRUE(eventuallyLogs(log, "DEBUG Activated worker thread " + full(4) + " (3)."));
+    EXPECT_EQ(clients[0]->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);  // the flag is taken back
+    EXPECT_EQ(clients[0]->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+    server.stop();
+    EXPECT_NE(log.text().find("    Total waits for thread:    1\n"), std::string::npos);
+    EXPECT_NE(log.text().find("    Peak number of threads:    3\n"), std::string::npos);
+}
+
+TEST_F(WorkerThreads, AreWaitedForWithoutALineAboutItBelowDebugUnlessItTookLong) {
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 1000);  // steps of 100 ms
+    server.start();
+    occupy(3);
+    LogCapture log(LogCapture::LoggingLevel::INFO);
+    RawClient fourth(server.name);
+    ASSERT_TRUE(eventuallyLogs(log, "INFO Waiting for thread to process QvPipe worker " + full(4)));
+    clients.clear();
+    EXPECT_EQ(fourth.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+    EXPECT_EQ(log.count("INFO Done waiting for thread to process QvPipe worker " + full(4)), 0);
+}
+
+TEST_F(WorkerThreads, AreWaitedForInStepsOfAMillisecondWithoutAnIdleTimeout) {
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 0);
+    server.start();
+    occupy(3);
+    LogCapture log;
+    RawClient fourth(server.name);
+    ASSERT_TRUE(eventually(
+        [&] { return log.count("DEBUG Still waiting for thread to process QvPipe worker " + full(4)) >= 3; }));
+    clients.clear();
+    EXPECT_EQ(fourth.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+}
+
+TEST_F(WorkerThreads, AreNotWaitedForWhenTheServerStops) {
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 600000);  // a step is a minute
+    server.start();
+    occupy(3);
+    LogCapture log;
+    RawClient fourth(server.name);
+    ASSERT_TRUE(eventuallyLogs(log, "DEBUG Still waiting for thread to process QvPipe worker " + full(4)));
+    EXPECT_LT(elapsed([&] { server.stop(); }), 30s);
+    EXPECT_EQ(fourth.readToEnd(), "");
+    EXPECT_TRUE(log.contains("DEBUG Deleting worker " + full(4)));
+}
+
+TEST_F(WorkerThreads, AreStoppedWithTheServer) {
+    server.start();
+    occupy(2);
+    LogCapture log;
+    server.stop();
+    EXPECT_TRUE(log.contains("DEBUG Stopping worker " + full(1)));
+    EXPECT_TRUE(log.contains("DEBUG InterruptedException - " + full(1) + ". QvPipe read aborted."));
+    EXPECT_TRUE(log.contains("DEBUG Closing QvPipe (" + full(2) + "). "));
+    EXPECT_TRUE(log.contains("DEBUG Deleting worker " + full(2)));
+    EXPECT_EQ(server.server.totalRequestProcessors(), 0);
+    EXPECT_EQ(clients[0]->readToEnd(), "");
+}
+
+TEST(StuckHandler, IsLeftAloneWhenTheServerStopsAndComesBackLater) {
+    std::promise<void> release;
+    std::promise<std::string> outcome;
+    const std::shared_future<void> released = release.get_future().share();
+    std::unique_ptr<RawClient> client;
+    {
+        TestServer server;
+        TestHandler handler;
+        handler.onPost = [&, released](QvtpServerRequest&, QvtpServerResponse& response) {
+            const std::shared_future<void> mine = released;
+            std::promise<std::string>& result = outcome;
+            mine.wait();
+            response.setBody("x", 1);
+            result.set_value(thrownBy([&] { response.send(); }));
+        };
+        server.handler.onPost = handler.onPost;
+        server.start();
+        client = std::make_unique<RawClient>(server.name);
+        LogCapture log;
+        client->write(POST_HELLO);
+        ASSERT_TRUE(eventually(
+            [&] { return log.contains("DEBUG Begin processing of POST request (" + server.name + "/Worker-1)."); }));
+        EXPECT_GE(elapsed([&] { server.stop(); }), 4s);
+        EXPECT_TRUE(log.contains("INFO ************* Worker thread not deleted: Worker-1"));
+    }
+    release.set_value();
+    EXPECT_EQ(outcome.get_future().get(), "QvPipeException: Pipe write failed");
+    EXPECT_EQ(client->readToEnd(), "");
+}
+
+}  // namespace
+}  // namespace qvtp_test

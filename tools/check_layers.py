@@ -1,0 +1,129 @@
+#!/usr/bin/env python3
+"""Checks every #include against the table of layers.
+
+    check_layers.py [ROOT]
+
+Includes point down, never up or sideways. System headers of one operating system appear only in files that are named for
+it. Third-party headers appear only in the layer that owns them. Every source includes its own header first.
+"""
+
+import pathlib
+import re
+import sys
+
+# Which layers a layer may include, besides itself.
+ALLOWED = {
+    "common": set(),
+    "logging": {"common"},
+    "platform": {"common", "logging"},
+    "io": {"common", "logging", "platform"},
+    "message": {"common", "logging"},  # and the exceptions of io
+    "client": {"common", "logging", "io", "message"},
+    "server": {"common", "logging", "io", "message"},
+    "config": {"common", "logging", "client", "server"},
+}
+EXCEPTION_HEADER = re.compile(r"^qvtp/io/\w+Exception\.h$")
+# Handle types and levels that the headers above show; they include nothing.
+VOCABULARY = {"qvtp/platform/NativeHandle.h": {"io", "platform"}}
+THIRD_PARTY = {"Poco/": "server", "xercesc/": "config"}
+SYSTEM_HEADER = re.compile(
+    r"^(sys/|linux/|arpa/|netinet/|windows\.h$|winsock|ws2|io\.h$|process\.h$|direct\.h$|"
+    r"(unistd|fcntl|poll|dirent|pthread|signal|malloc|sched|semaphore|dlfcn|spawn|termios)\.h$)", re.I)
+PLATFORM_FILE = re.compile(r"_(linux|win32)(Test)?\.(cpp|h)$")
+CONDITIONAL = re.compile(r"^\s*#\s*(if|ifdef|ifndef|elif)\b.*\b(_WIN32|WIN32|__linux__|__unix__)\b")
+INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
+
+
+def layer_of(include):
+    """The layer of an included header of this library, or None."""
+    parts = include.split("/")
+    if parts[0] == "qvtp" and len(parts) > 2:
+        return parts[1]
+    return parts[0] if parts[0] in ALLOWED and len(parts) == 2 else None
+
+
+class Checker:
+    def __init__(self, root):
+        self.root = root
+        self.errors = []
+        self.includes = 0
+
+    def complain(self, path, number, text):
+        self.errors.append(f"{path.relative_to(self.root)}:{number}: {text}")
+
+    def check_tree(self):
+        for top in ("include/qvtp", "src"):
+            for path in sorted((self.root / top).rglob("*")):
+                if path.suffix in (".h", ".cpp"):
+                    self.check_file(path, path.relative_to(self.root / top).parts[0], top != "src")
+        for path in sorted((self.root / "tests").rglob("*")):
+            if path.suffix in (".h", ".cpp"):
+                self.check_system(path)
+
+    def lines(self, path):
+        return enumerate(path.read_text(encoding="utf-8").splitlines(), 1)
+
+    def check_system(self, path):
+        for number, line in self.lines(path):
+            match = INCLUDE.match(line)
+            if match and SYSTEM_HEADER.match(match[2]) and not PLATFORM_FILE.search(path.name):
+                self.complain(path, number, f"{match[2]} belongs into a file named for its system")
+            if CONDITIONAL.match(line):
+                self.complain(path, number, "code for one system belongs into a file named for it")
+
+    def check_file(self, path, layer, public):
+        if path.name == "qvtp.h" and public:
+            return
+        if path.name != "Export.h":
+            self.check_system(path)
+        first = None
+        for number, line in self.lines(path):
+            match = INCLUDE.match(line)
+            if not match:
+                continue
+            self.includes += 1
+            first = first or match[2]
+            self.check_include(path, number, layer, public, match[2])
+        self.check_own_header_first(path, layer, first)
+
+    def check_include(self, path, number, layer, public, include):
+        for prefix, owner in THIRD_PARTY.items():
+            if include.startswith(prefix) and layer != owner:
+                self.complain(path, number, f"{prefix} belongs to {owner}, not to {layer}")
+        if public and include.startswith("xercesc/"):
+            self.complain(path, number, "the parser stays inside the library")
+        if public and layer_of(include) and not include.startswith("qvtp/"):
+            self.complain(path, number, f"a public header includes {include}, which is not installed")
+        target = layer_of(include)
+        if target in (None, layer) or include == "qvtp/Export.h":
+            return
+        if layer in VOCABULARY.get(include, ()) or target in ALLOWED.get(layer, ()):
+            return
+        if layer == "message" and EXCEPTION_HEADER.match(include):
+            return
+        self.complain(path, number, f"{layer} may not include {include}")
+
+    def check_own_header_first(self, path, layer, first):
+        if path.suffix != ".cpp":
+            return
+        base = re.sub(r"_(linux|win32)$", "", path.stem)
+        for own in (f"qvtp/{layer}/{path.stem}.h", f"{layer}/{path.stem}.h", f"{layer}/{base}.h"):
+            candidate = self.root / "include" / own if own.startswith("qvtp/") else self.root / "src" / own
+            if candidate.exists():
+                if first != own:
+                    self.complain(path, 1, f"includes {first} before its own header {own}")
+                return
+
+
+def main():
+    root = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parent.parent).resolve()
+    checker = Checker(root)
+    checker.check_tree()
+    for error in checker.errors:
+        print(error)
+    print(f"{checker.includes} includes checked, {len(checker.errors)} against the table")
+    return 1 if checker.errors or checker.includes == 0 else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
