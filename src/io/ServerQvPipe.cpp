@@ -40,6 +40,7 @@ ServerQvPipe::ServerQvPipe(const ServerQvPipe& other)
       instanceCounter_(other.instanceCounter_),
       acceptTimeout_(other.acceptTimeout_),
       prefix_(other.prefix_),
+      established_(other.established_),
       closed_(other.closed_.load()),
       pipeHandle_(other.pipeHandle_.load()),
       eventHandle_(other.eventHandle_.load()) {}
@@ -52,6 +53,7 @@ ServerQvPipe& ServerQvPipe::operator=(const ServerQvPipe& other) {
     instanceCounter_ = other.instanceCounter_;
     acceptTimeout_ = other.acceptTimeout_;
     prefix_ = other.prefix_;
+    established_ = other.established_;
     closed_ = other.closed_.load();
     pipeHandle_ = other.pipeHandle_.load();
     eventHandle_ = other.eventHandle_.load();
@@ -83,6 +85,7 @@ void ServerQvPipe::bindPipe(const std::string& path, bool first) {
     eventHandle_ = eventHandle;
     pipeHandle_ = pipeHandle;
     if (error != 0) throw BindException("CreateNamedPipe failed");
+    established_ = true;
 }
 
 QvPipe ServerQvPipe::accept() {
@@ -145,8 +148,9 @@ void ServerQvPipe::createNextInstance(const std::string& path) {
 }
 
 /// After a failed create there is no instance to wait on: try again, but slowly, since the reason may still be there.
+/// Never for a name that could not be taken in the first place: it may be somebody else's.
 void ServerQvPipe::ensureInstance(const std::string& path) {
-    if (pipeHandle_ != INVALID_NATIVE_HANDLE || closed_) return;
+    if (pipeHandle_ != INVALID_NATIVE_HANDLE || closed_ || !established_) return;
     try {
         createNextInstance(path);
     } catch (BindException&) {

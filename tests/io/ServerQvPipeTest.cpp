@@ -157,6 +157,16 @@ TEST_F(ServerPipe, LeavesTheNameFreeWheneverItIsClosedDuringAccepts) {
     }
 }
 
+TEST_F(ServerPipe, NeverJoinsANameThatItCouldNotTake) {
+    const ServerQvPipe holder(name, true, true);
+    ServerQvPipe late;
+    if (thrownBy([&] { late.bind(name, true, true); }) == "nothing") {
+        GTEST_SKIP() << "the first-instance flag is not enforced here";
+    }
+    EXPECT_TRUE(late.isBound());
+    EXPECT_EQ(thrownBy([&] { late.accept(); }), "QvPipeException: acceptPipe failed");
+}
+
 TEST_F(ServerPipe, ClosesOnceWithItsOwnLine) {
     ServerQvPipe server(name, true, true);
     LogCapture log;

@@ -61,6 +61,7 @@ class QVTP_API ServerQvPipe {
     int instanceCounter_ = 0;
     int acceptTimeout_ = 0;
     std::string prefix_;
+    bool established_ = false;  // an instance was there once, so the name is ours
     // close() sets and takes these while another thread is in accept().
     std::atomic<bool> closed_{false};
     std::atomic<NativeHandle> pipeHandle_{INVALID_NATIVE_HANDLE};
