@@ -183,7 +183,10 @@ TEST_F(Config, IsValidatedWhenItDeclaresAGrammar) {
 
 TEST_F(Config, IsADirectoryAtItsPath) {
     setEnvironment("QvtpConfigurationFile", directory);
+    // Xerces-C++ 3.2 loses 24 bytes when it can open but not read a file.
+    setEnvironment("ASAN_OPTIONS", "detect_leaks=0");
     const auto lines = run();
+    unsetEnvironment("ASAN_OPTIONS");
     EXPECT_EQ(lines[lines.size() - 2], DEFAULT_CLIENT);
 }
 
