@@ -17,8 +17,8 @@ namespace Quovane::Io {
 /// One thread at a time reads and writes. close() may come from any thread; it makes a blocked call throw
 /// InterruptedException. After any exception from reading or writing the pipe is good for closing only.
 ///
-/// Time-outs are milliseconds; 0 waits without limit. Writing has a fixed time-out of 10 seconds, renewed by each 4096
-/// bytes of progress.
+/// Time-outs are milliseconds; 0 waits without limit. Writing has a fixed time-out of 10 seconds, which on Linux each
+/// 4096 bytes of progress renew.
 ///
 /// On Linux the pipe `name` is the socket `<directory>/name.sock`, where the directory is $QVTP_PIPE_DIR or
 /// /tmp/qvtp-pipe-<effective user id>; docs/porting.md has the details.
