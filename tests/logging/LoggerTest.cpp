@@ -3,6 +3,7 @@
 #include <qvtp/message/QvtpMessage.h>
 
 #include "common/System.h"
+#include "logging/LogLine.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -175,6 +176,29 @@ TEST_F(LoggerTest, WritesAndFlushesAWholeLineAtOnce) {
     EXPECT_THAT(log_.contents(),
                 MatchesRegex("WARN  - [0-9]+/[0-9]+/[0-9]+-[0-9]+:[0-9]+:[0-9]+\\.[ 0-9]+ UTC - Thread-" + thread +
                              ": call-7 - It happened\\.- Quovane\\.SOA\\.Qvtp\n"));
+}
+
+TEST_F(LoggerTest, PrintsTheTimeAtWhichTheLineIsWritten) {
+    logAt(4);
+    const auto timeOf = [](const std::string& line) { return line.substr(8, 23); };
+    const auto lineNow = [] { return LogLine::format(LoggingLevel::INFO, System::wallClockMs(), 1, "", ""); };
+    const std::string before = timeOf(lineNow());
+    Logger::instance().writeLine(LoggingLevel::INFO, "text");
+    const std::string after = timeOf(lineNow());
+    EXPECT_LE(before, timeOf(log_.contents()));  // blanks before digits: the text sorts as the time does
+    EXPECT_GE(after, timeOf(log_.contents()));
+}
+
+TEST_F(LoggerTest, PrintsTheTimeAtWhichTheRecordIsWritten) {
+    recordAt(3);
+    const auto headerNow = [] {
+        return LogLine::formatCommunicationHeader(CommunicationLevel::INPUT, System::wallClockMs(), "");
+    };
+    const std::string before = headerNow();
+    Logger::instance().writeCommunication(CommunicationLevel::INPUT, "", 0, true);
+    const std::string after = headerNow();
+    EXPECT_LE(before, comm_.contents());
+    EXPECT_GE(after, comm_.contents());
 }
 
 TEST_F(LoggerTest, PrintsNoCorrelationIdForAThreadThatHasNone) {
