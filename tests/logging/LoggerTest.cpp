@@ -5,12 +5,15 @@
 #include "common/System.h"
 #include "logging/LogLine.h"
 #include "support/LogCapture.h"
+#include "support/PipeName.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,6 +45,27 @@ class TemporaryFile {
     }
 
   private:
+    std::FILE* file_;
+};
+
+/// A file that is read back by its name, so that what was not flushed is not seen.
+class NamedFile {
+  public:
+    explicit NamedFile(const std::string& hint)
+        : name_(::testing::TempDir() + qvtp_test::uniquePipeName(hint)), file_(std::fopen(name_.c_str(), "wb")) {}
+    ~NamedFile() {
+        QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
+        std::fclose(file_);
+        std::remove(name_.c_str());
+    }
+    std::FILE* get() const { return file_; }
+    std::string onDisk() const {
+        std::ifstream in(name_, std::ios_base::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+
+  private:
+    std::string name_;
     std::FILE* file_;
 };
 
@@ -176,6 +200,16 @@ TEST_F(LoggerTest, WritesAndFlushesAWholeLineAtOnce) {
     EXPECT_THAT(log_.contents(),
                 MatchesRegex("WARN  - [0-9]+/[0-9]+/[0-9]+-[0-9]+:[0-9]+:[0-9]+\\.[ 0-9]+ UTC - Thread-" + thread +
                              ": call-7 - It happened\\.- Quovane\\.SOA\\.Qvtp\n"));
+}
+
+TEST_F(LoggerTest, FlushesEveryLineAndRecord) {
+    const NamedFile log("log");
+    const NamedFile comm("comm");
+    QvtpMessage::setLoggingLevel(log.get(), LoggingLevel::INFO, comm.get(), CommunicationLevel::BOTH);
+    Logger::instance().writeLine(LoggingLevel::INFO, "text");
+    Logger::instance().writeCommunication(CommunicationLevel::INPUT, "bytes", 5, false);
+    EXPECT_EQ(log.onDisk().substr(0, 4), "INFO");
+    EXPECT_EQ(comm.onDisk(), "bytes");
 }
 
 TEST_F(LoggerTest, PrintsTheTimeAtWhichTheLineIsWritten) {
