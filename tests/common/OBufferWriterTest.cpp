@@ -22,10 +22,12 @@ using qvtp_test::virtualSlot;
 class RecordingStreamBuf : public std::streambuf {
   public:
     std::vector<std::string> events;
+    std::vector<const char*> sources;
 
   protected:
     std::streamsize xsputn(const char* data, std::streamsize length) override {
         events.emplace_back(data, static_cast<std::size_t>(length));
+        sources.push_back(data);
         return length;
     }
     int_type overflow(int_type c) override {
@@ -83,6 +85,13 @@ TEST_F(OBufferWriterTest, PassesALargeBlockOnInPiecesOfTheBufferSize) {
     EXPECT_EQ(events(), Events({"abcd", "efgh"}));
     writer.flush();
     EXPECT_EQ(events(), Events({"abcd", "efgh", "ij", "<flush>"}));
+}
+
+TEST_F(OBufferWriterTest, PassesWholePiecesOnOutOfTheCallersMemory) {
+    const std::string data = "abcdefghij";
+    OBufferWriter writer(&out_, 4, false);
+    write(writer, data);
+    EXPECT_EQ(recorded_.sources, std::vector<const char*>({data.data(), data.data() + 4}));
 }
 
 TEST_F(OBufferWriterTest, CutsTheSamePiecesHoweverTheBytesArrive) {

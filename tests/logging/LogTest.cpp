@@ -115,6 +115,8 @@ TEST(Log, LeavesTheLastErrorAsItWasWhenTheFileCannotBeWritten) {
     using Quovane::Qvtp::QvtpMessage;
     QvtpMessage::setLoggingLevel(unwritable, LoggingLevel::DEBUG, unwritable, CommunicationLevel::BOTH);
     errno = ENOENT;
+    logError("literal");
+    EXPECT_EQ(errno, ENOENT);
     logError(disturb);
     logCommunication(CommunicationLevel::OUTPUT, "bytes", true);
     EXPECT_EQ(errno, ENOENT);

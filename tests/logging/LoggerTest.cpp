@@ -3,14 +3,18 @@
 #include <qvtp/message/QvtpMessage.h>
 
 #include "common/System.h"
+#include "logging/LogLine.h"
 #include "support/HasForm.h"
 #include "support/LogCapture.h"
+#include "support/PipeName.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,6 +46,27 @@ class TemporaryFile {
     }
 
   private:
+    std::FILE* file_;
+};
+
+/// A file that is read back by its name, so that what was not flushed is not seen.
+class NamedFile {
+  public:
+    explicit NamedFile(const std::string& hint)
+        : name_(::testing::TempDir() + qvtp_test::uniquePipeName(hint)), file_(std::fopen(name_.c_str(), "wb")) {}
+    ~NamedFile() {
+        QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
+        std::fclose(file_);
+        std::remove(name_.c_str());
+    }
+    std::FILE* get() const { return file_; }
+    std::string onDisk() const {
+        std::ifstream in(name_, std::ios_base::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+
+  private:
+    std::string name_;
     std::FILE* file_;
 };
 
@@ -175,6 +200,39 @@ TEST_F(LoggerTest, WritesAndFlushesAWholeLineAtOnce) {
     const std::string thread = std::to_string(System::currentThreadId());
     EXPECT_THAT(log_.contents(), HasForm("WARN  - [0-9]+/[0-9]+/[0-9]+-[0-9]+:[0-9]+:[0-9]+\\.[ 0-9]+ UTC - Thread-" +
                                          thread + ": call-7 - It happened\\.- Quovane\\.SOA\\.Qvtp\n"));
+}
+
+TEST_F(LoggerTest, FlushesEveryLineAndRecord) {
+    const NamedFile log("log");
+    const NamedFile comm("comm");
+    QvtpMessage::setLoggingLevel(log.get(), LoggingLevel::INFO, comm.get(), CommunicationLevel::BOTH);
+    Logger::instance().writeLine(LoggingLevel::INFO, "text");
+    Logger::instance().writeCommunication(CommunicationLevel::INPUT, "bytes", 5, false);
+    EXPECT_EQ(log.onDisk().substr(0, 4), "INFO");
+    EXPECT_EQ(comm.onDisk(), "bytes");
+}
+
+TEST_F(LoggerTest, PrintsTheTimeAtWhichTheLineIsWritten) {
+    logAt(4);
+    const auto timeOf = [](const std::string& line) { return line.substr(8, 23); };
+    const auto lineNow = [] { return LogLine::format(LoggingLevel::INFO, System::wallClockMs(), 1, "", ""); };
+    const std::string before = timeOf(lineNow());
+    Logger::instance().writeLine(LoggingLevel::INFO, "text");
+    const std::string after = timeOf(lineNow());
+    EXPECT_LE(before, timeOf(log_.contents()));  // blanks before digits: the text sorts as the time does
+    EXPECT_GE(after, timeOf(log_.contents()));
+}
+
+TEST_F(LoggerTest, PrintsTheTimeAtWhichTheRecordIsWritten) {
+    recordAt(3);
+    const auto headerNow = [] {
+        return LogLine::formatCommunicationHeader(CommunicationLevel::INPUT, System::wallClockMs(), "");
+    };
+    const std::string before = headerNow();
+    Logger::instance().writeCommunication(CommunicationLevel::INPUT, "", 0, true);
+    const std::string after = headerNow();
+    EXPECT_LE(before, comm_.contents());
+    EXPECT_GE(after, comm_.contents());
 }
 
 TEST_F(LoggerTest, PrintsNoCorrelationIdForAThreadThatHasNone) {

@@ -244,6 +244,12 @@ TEST_F(HeaderBlockReading, TakesALineOfBlanksForAContinuation) {
     EXPECT_EQ(block_.getHeader("X"), "a  b");
 }
 
+TEST_F(HeaderBlockReading, TakesNoLineThatBeginsOtherwiseForAContinuation) {
+    read("X: a\r\n\rY: b\r\n\vZ: c\r\n\r\n");
+    EXPECT_THAT(block_.getHeaderNames(), ElementsAre("\vZ", "X", "Y"));
+    EXPECT_THAT(block_.getHeaders("X"), ElementsAre("a"));
+}
+
 TEST_F(HeaderBlockReading, ContinuesAHeaderWithoutColon) {
     read("X\r\n 1\r\n\r\n");
     EXPECT_EQ(block_.getHeader("X"), "1");

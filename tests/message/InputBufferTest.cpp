@@ -1,5 +1,6 @@
 #include "message/InputBuffer.h"
 
+#include "common/System.h"
 #include "support/HasForm.h"
 #include "support/LogCapture.h"
 
@@ -10,11 +11,13 @@
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
 
 using Quovane::Internal::Qvtp::InputBuffer;
+namespace System = Quovane::Internal::Qvtp::System;
 using qvtp_test::HasForm;
 using qvtp_test::LogCapture;
 using ::testing::ElementsAre;
@@ -229,6 +232,17 @@ TEST(InputBufferLog, TellsTheThroughputOfAnEmptyBody) {
     EXPECT_THAT(log.messages(), ElementsAre("DEBUG Read 0 bytes from the QvPipe (0 Mbps)."));
 }
 
+TEST(InputBufferLog, CountsTheTimeFromTheFirstRead) {
+    const LogCapture log;
+    Body body(4 << 20, std::string(4 << 20, 'x'));
+    body.read(1);
+    const std::int64_t start = System::wallClockMs();
+    while (System::wallClockMs() < start + 3) std::this_thread::yield();
+    body.read(4 << 20);
+    // A rate that is counted from 1970 is 0.
+    EXPECT_THAT(log.messages(), ElementsAre(HasForm("DEBUG Read 4 Mb from the QvPipe \\([1-9][0-9]* Mbps\\)\\.")));
+}
+
 TEST(InputBufferLog, TellsNoThroughputBelowDebug) {
     const LogCapture log(LogCapture::LoggingLevel::INFO);
     Body body(5, "hello");
@@ -280,49 +294,51 @@ TEST(InputBufferIsComplete, HoldsBehindTheLastChunkOnly) {
     EXPECT_TRUE(body.input().isComplete());
 }
 
-/// Skips until the message ends or the budget is gone; what is left of the budget, or -1.
-long skipAll(InputBuffer& input, std::uint64_t budget) {
+const std::string GIVEN_UP = "given up";
+
+/// Skips until the message ends or the budget is gone; what is left of the budget.
+std::string skipAll(InputBuffer& input, std::uint64_t budget) {
     while (!input.isComplete()) {
-        if (!input.skipSome(budget)) return -1;
+        if (!input.skipSome(budget)) return GIVEN_UP;
     }
-    return static_cast<long>(budget);
+    return std::to_string(budget) + " left";
 }
 
 TEST(InputBufferSkipSome, DropsTheRestOfABodyOfKnownLength) {
     Body body(10, "0123456789NEXT");
     body.read(3);
-    EXPECT_EQ(skipAll(body.input(), 7), 0);
+    EXPECT_EQ(skipAll(body.input(), 7), "0 left");
     EXPECT_EQ(body.left(), "NEXT");
 }
 
 TEST(InputBufferSkipSome, DropsTheRestOfAChunkedBody) {
     Body body(CHUNKED, "5\r\nhello\r\n3\r\nabc\r\n0\r\n\r\nNEXT");
     body.read(2);
-    EXPECT_EQ(skipAll(body.input(), 10), 4);
+    EXPECT_EQ(skipAll(body.input(), 10), "4 left");
     EXPECT_EQ(body.left(), "NEXT");
 }
 
 TEST(InputBufferSkipSome, DropsLargeBodiesPieceByPiece) {
     Body body(100000, std::string(100000, 'x') + "NEXT");
-    EXPECT_EQ(skipAll(body.input(), 100000), 0);
+    EXPECT_EQ(skipAll(body.input(), 100000), "0 left");
     EXPECT_EQ(body.left(), "NEXT");
 }
 
 TEST(InputBufferSkipSome, ReadsNothingOfABodyThatIsLongerThanTheBudget) {
     Body body(10, "0123456789");
-    EXPECT_EQ(skipAll(body.input(), 9), -1);
+    EXPECT_EQ(skipAll(body.input(), 9), GIVEN_UP);
     EXPECT_EQ(body.left(), "0123456789");
 }
 
 TEST(InputBufferSkipSome, GivesUpOnChunksThatExceedTheBudget) {
     Body body(CHUNKED, "5\r\nhello\r\n5\r\nhello\r\n0\r\n\r\n");
-    EXPECT_EQ(skipAll(body.input(), 9), -1);
+    EXPECT_EQ(skipAll(body.input(), 9), GIVEN_UP);
 }
 
 TEST(InputBufferSkipSome, GivesUpOnABodyThatEndsTooEarly) {
-    EXPECT_EQ(skipAll(Body(10, "0123").input(), 100), -1);
-    EXPECT_EQ(skipAll(Body(CHUNKED, "5\r\nhel").input(), 100), -1);
-    EXPECT_EQ(skipAll(Body(CHUNKED, "5\r\nhello\r\n").input(), 100), -1);
+    EXPECT_EQ(skipAll(Body(10, "0123").input(), 100), GIVEN_UP);
+    EXPECT_EQ(skipAll(Body(CHUNKED, "5\r\nhel").input(), 100), GIVEN_UP);
+    EXPECT_EQ(skipAll(Body(CHUNKED, "5\r\nhello\r\n").input(), 100), GIVEN_UP);
 }
 
 TEST(InputBufferSkipSome, GivesUpOnAMalformedChunk) {

@@ -1,5 +1,7 @@
 #include "message/QVTP_OBufferWriter.h"
 
+#include "common/System.h"
+#include "support/FailingStreamBuf.h"
 #include "support/HasForm.h"
 #include "support/LogCapture.h"
 #include "support/Thrown.h"
@@ -7,9 +9,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <ios>
 #include <memory>
+#include <ostream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -111,6 +117,29 @@ TEST_F(QVTP_OBufferWriterTest, TellsAtInfoHowMuchWasWritten) {
     EXPECT_THAT(log.messages(), IsEmpty());
     writer_->send();
     EXPECT_THAT(log.messages(), ElementsAre(HasForm("INFO Wrote 1\\.5 Kb to the QvPipe \\([-+e.0-9]+ Mbps\\)\\.")));
+}
+
+TEST_F(QVTP_OBufferWriterTest, CountsTheTimeFromTheFirstWrite) {
+    const LogCapture log(Level::INFO);
+    open(4096, false);
+    write(std::string(4 << 20, 'x'));
+    const std::int64_t start = System::wallClockMs();
+    while (System::wallClockMs() < start + 3) std::this_thread::yield();
+    writer_->send();
+    // A rate that is counted from 1970 has a negative exponent.
+    EXPECT_THAT(log.messages(), ElementsAre(HasForm("INFO Wrote 4 Mb to the QvPipe \\([.0-9]+ Mbps\\)\\.")));
+}
+
+TEST_F(QVTP_OBufferWriterTest, TellsOnlyWhatThePipeTook) {
+    const LogCapture log(Level::INFO, Direction::OUTPUT);
+    qvtp_test::FailingStreamBuf failing(1);
+    std::ostream pipe(&failing);
+    pipe.exceptions(std::ios_base::badbit);
+    QVTP_OBufferWriter writer(100, false, &pipe, nullptr);
+    writer.write("abc", 3);
+    EXPECT_THROW(writer.send(), qvtp_test::InjectedFailure);
+    EXPECT_THAT(log.messages(), IsEmpty());
+    EXPECT_EQ(log.communication(), "");
 }
 
 TEST_F(QVTP_OBufferWriterTest, TellsNothingBelowInfo) {

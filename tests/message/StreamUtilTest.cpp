@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <istream>
 #include <iterator>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -60,6 +62,25 @@ std::string numbered(std::size_t length) {
 /// Fails with an exception instead of giving bytes.
 class BrokenStreamBuf : public std::streambuf {
     int_type underflow() override { throw std::runtime_error("broken"); }
+};
+
+/// Gives so many bytes and keeps the lengths it is asked for.
+class CountedSource : public std::streambuf {
+  public:
+    explicit CountedSource(std::streamsize length) : left_(length) {}
+    const std::vector<std::streamsize>& asked() const { return asked_; }
+
+  private:
+    std::streamsize xsgetn(char* data, std::streamsize length) override {
+        asked_.push_back(length);
+        const std::streamsize count = std::min(length, left_);
+        std::fill_n(data, count, 'x');
+        left_ -= count;
+        return count;
+    }
+
+    std::streamsize left_;
+    std::vector<std::streamsize> asked_;
 };
 
 TEST(StreamUtilReadLine, DropsEitherLineEnd) {
@@ -219,6 +240,13 @@ TEST(StreamUtilReadToEnd, GivesNothingOfAStreamAtItsEndAlready) {
     std::istringstream in("");
     in.get();
     EXPECT_EQ(everythingOf(in), std::string(1, '\0'));
+}
+
+TEST(StreamUtilReadToEnd, DoublesItsBlockWheneverItIsFull) {
+    CountedSource source(100000);
+    std::istream in(&source);
+    EXPECT_EQ(everythingOf(in).size(), 100001U);
+    EXPECT_THAT(source.asked(), ElementsAre(40960, 40960, 81920));
 }
 
 TEST(StreamUtilReadToEnd, KeepsZeroBytes) {
