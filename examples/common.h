@@ -11,7 +11,7 @@ namespace example {
 inline void logTo(const char* logPath, const char* communicationPath) {
     using namespace Quovane::Qvtp;
     std::FILE* const log = logPath != nullptr ? std::fopen(logPath, "w") : nullptr;
-    std::FILE* const communication = communicationPath != nullptr ? std::fopen(communicationPath, "w") : nullptr;
+    std::FILE* const communication = communicationPath != nullptr ? std::fopen(communicationPath, "wb") : nullptr;
     QvtpMessage::setLoggingLevel(log, LoggingLevel::DEBUG, communication, CommunicationLevel::BOTH);
 }
 
