@@ -505,17 +505,15 @@ TEST(StuckHandler, IsLeftAloneWhenTheServerStopsAndComesBackLater) {
     std::promise<std::string> outcome;
     const std::shared_future<void> released = release.get_future().share();
     std::unique_ptr<RawClient> client;
+    TestHandler handler;  // a handler outlives its server, and this one is still busy then
+    handler.onPost = [&](QvtpServerRequest&, QvtpServerResponse& response) {
+        released.wait();
+        response.setBody("x", 1);
+        outcome.set_value(thrownBy([&] { response.send(); }));
+    };
     {
         TestServer server;
-        TestHandler handler;
-        handler.onPost = [&, released](QvtpServerRequest&, QvtpServerResponse& response) {
-            const std::shared_future<void> mine = released;
-            std::promise<std::string>& result = outcome;
-            mine.wait();
-            response.setBody("x", 1);
-            result.set_value(thrownBy([&] { response.send(); }));
-        };
-        server.handler.onPost = handler.onPost;
+        server.server.setHandler(&handler);
         server.start();
         client = std::make_unique<RawClient>(server.name);
         LogCapture log;

@@ -19,10 +19,16 @@ class WatchdogListener : public ::testing::EmptyTestEventListener {
 
 }  // namespace
 
-/// Known to LeakSanitizer by its name. POCO's pool does not free the thread of a handler that never returned.
+// Known to the sanitizers by their names. POCO's pool neither frees nor joins the thread of a handler that did not
+// return within its ten seconds.
 extern "C" const char* __lsan_default_suppressions();
+extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:Poco::ThreadPool::createThread\n";
+}
+
+extern "C" const char* __tsan_default_suppressions() {
+    return "thread:Poco::ThreadImpl::startImpl\n";
 }
 
 int main(int argc, char** argv) {
