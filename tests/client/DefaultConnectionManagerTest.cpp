@@ -276,7 +276,7 @@ TEST_F(PipePool, CreatesPipesOneAtATimeInTheWholeProcess) {
     auto blocked = std::async(std::launch::async, [&] { return thrownBy([&] { get(); }); });
     ASSERT_TRUE(eventually([&] { return log.contains("DEBUG Waiting for named pipe."); }));
     auto behind = std::async(std::launch::async, [&] { return thrownBy([&] { other.getPipe(otherName, "rw"); }); });
-    EXPECT_EQ(behind.wait_for(100ms), std::future_status::timeout);
+    EXPECT_EQ(behind.wait_for(PENDING), std::future_status::timeout);
     server.accept();
     EXPECT_EQ(blocked.get(), "nothing");
     EXPECT_EQ(behind.get(), "nothing");

@@ -185,7 +185,7 @@ TEST_F(PipeBuffer, GivesBytesAbove127AsUnsignedValues) {
 TEST_F(PipeBuffer, EndsWhenThePeerClosesDuringARead) {
     Buffer buffer(&client, Buffer::INPUT_MODE);
     auto reading = std::async(std::launch::async, [&] { return buffer.sgetc(); });
-    EXPECT_EQ(reading.wait_for(50ms), std::future_status::timeout);
+    EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     accepted.close();
     EXPECT_EQ(reading.get(), END_OF_FILE);
     EXPECT_EQ(buffer.in_avail(), 0);

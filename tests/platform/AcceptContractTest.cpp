@@ -213,7 +213,7 @@ TEST_F(AcceptContract, EndsThePendingReadOfAClientThatWasNeverAccepted) {
     ASSERT_EQ(create(server), 0);
     ASSERT_EQ(connect(client), 0);
     auto reading = std::async(std::launch::async, [&] { return readText(client); });
-    EXPECT_EQ(reading.wait_for(50ms), std::future_status::timeout);
+    EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     server.close();
     EXPECT_EQ(reading.get(), "0");
 }

@@ -30,14 +30,14 @@ TEST_F(ReadContract, JoinsSeparateWrites) {
 
 TEST_F(ReadContract, EndsAPendingReadWithFewerBytesThanAskedFor) {
     auto reading = std::async(std::launch::async, [&] { return readText(server); });
-    EXPECT_EQ(reading.wait_for(30ms), std::future_status::timeout);
+    EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     ASSERT_EQ(write(client, "abc"), 0);
     EXPECT_EQ(reading.get(), "abc");
 }
 
 TEST_F(ReadContract, LeavesWhatAPendingReadDidNotAskFor) {
     auto reading = std::async(std::launch::async, [&] { return readText(server, 4); });
-    EXPECT_EQ(reading.wait_for(30ms), std::future_status::timeout);
+    EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     ASSERT_EQ(write(client, "0123456789"), 0);
     EXPECT_EQ(reading.get(), "0123");
     EXPECT_EQ(readText(server), "456789");
@@ -60,7 +60,7 @@ TEST_F(ReadContract, KeepsBytesThatComeAfterATimeout) {
 TEST_F(ReadContract, WaitsForDataAlsoWithLengthZero) {
     std::string data;
     auto reading = std::async(std::launch::async, [&] { return read(server, data, 0, 0); });
-    EXPECT_EQ(reading.wait_for(30ms), std::future_status::timeout);
+    EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     ASSERT_EQ(write(client, "x"), 0);
     EXPECT_EQ(reading.get(), 0);
     EXPECT_EQ(readText(server), "x");
@@ -75,7 +75,7 @@ TEST_F(ReadContract, IsNotEndedByAWriteOfNothing) {
 TEST_F(ReadContract, ReportsTheEndAsZeroIfThePeerClosesWhileItWaits) {
     LogCapture log(LogCapture::LoggingLevel::INFO);
     auto reading = std::async(std::launch::async, [&] { return readText(server); });
-    EXPECT_EQ(reading.wait_for(50ms), std::future_status::timeout);
+    EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     client.close();
     EXPECT_EQ(reading.get(), "0");
     EXPECT_THAT(log.messages(), IsEmpty());
@@ -184,7 +184,7 @@ TEST_F(WriteContract, EndsBrokenWithoutALineIfThePeerClosesWhileItWaits) {
         messages = log.messagesOfThisThread();
         return result;
     });
-    EXPECT_EQ(writing.wait_for(100ms), std::future_status::timeout);
+    EXPECT_EQ(readText(server, 1), "x");  // it has begun, and cannot complete
     client.close();
     EXPECT_EQ(writing.get(), WriteResult::BROKEN);
     EXPECT_THAT(messages, IsEmpty());

@@ -8,6 +8,9 @@
 
 namespace qvtp_test {
 
+/// How long a test looks whether a call in the background is waiting: long enough for a busy machine to have begun it.
+constexpr std::chrono::milliseconds PENDING{250};
+
 /// Ends the process with a message if a test takes longer than this, so that a hang names its test.
 class Watchdog {
   public:
