@@ -104,6 +104,7 @@ class PendingWrite {
     /// Progress restarts the clock, so that a slow but steady reader has as much time for a large block as for the same
     /// bytes in pieces. Less than a piece in a whole time-out is no progress.
     void advance(std::size_t count) {
+        pending_ = true;  // begun: what ends it now is no longer an immediate failure
         data_ += count;
         left_ -= count;
         progress_ += count;
