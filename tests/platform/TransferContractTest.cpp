@@ -184,7 +184,7 @@ TEST_F(WriteContract, EndsBrokenWithoutALineIfThePeerClosesWhileItWaits) {
         messages = log.messagesOfThisThread();
         return result;
     });
-    EXPECT_EQ(readText(server, 1), "x");  // it has begun, and cannot complete
+    EXPECT_EQ(readText(client, 1), "x");  // it has begun, and cannot complete
     client.close();
     EXPECT_EQ(writing.get(), WriteResult::BROKEN);
     EXPECT_THAT(messages, IsEmpty());
