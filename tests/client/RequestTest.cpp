@@ -1,12 +1,5 @@
-#include <qvtp/client/NotifyRequest.h>
-#include <qvtp/client/PostRequest.h>
-#include <qvtp/client/QvtpResponse.h>
-
+#include "client/Requests.h"
 #include "support/LogCapture.h"
-#include "support/PipeName.h"
-#include "support/RawServer.h"
-#include "support/Thrown.h"
-#include "support/Watchdog.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,9 +14,6 @@
 namespace qvtp_test {
 namespace {
 
-using namespace Quovane::Qvtp;
-using Quovane::Io::QvPipe;
-using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 
 const char NO_BODY[] =
@@ -31,53 +21,6 @@ const char NO_BODY[] =
 const char TWO_BODIES[] =
     "Both the setBody and setBodyStream methods were called. Only one method of providing body data is permitted.";
 const char COMMITTED[] = "The start line and headers have already been committed to the request. Cannot send again.";
-const char OK_RESPONSE[] = "QVTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nhi";
-
-/// A client, and a server of which the test sees the bytes.
-class Requests : public ::testing::Test {
-  protected:
-    /// Executes a request in the background; "nothing", or what it threw.
-    std::future<std::string> execute(PostRequest& request) {
-        return std::async(std::launch::async, [&] { return thrownBy([&] { response.reset(request.execute()); }); });
-    }
-    /// Lets a request be answered with these bytes and returns what was sent.
-    std::string exchange(PostRequest& request, const std::string& ending, const std::string& answer = OK_RESPONSE) {
-        auto executing = execute(request);
-        if (pipe == nullptr) pipe = server.accept();
-        const std::string sent = RawServer::readUntil(*pipe, ending);
-        RawServer::write(*pipe, answer);
-        EXPECT_EQ(executing.get(), "nothing");
-        return sent;
-    }
-    std::string notify(NotifyRequest& request, const std::string& ending) {
-        request.execute();
-        if (pipe == nullptr) pipe = server.accept();
-        return RawServer::readUntil(*pipe, ending);
-    }
-    std::string bodyOfResponse() {
-        char* data = nullptr;
-        size_t size = 0;
-        response->getBody(&data, size);
-        const std::unique_ptr<char[]> body(data);
-        return std::string(data, size);
-    }
-    /// Whether the client has hung up.
-    bool isClosed(QvPipe& end) {
-        char byte = 0;
-        return eventually(
-            [&] {
-                const std::string thrown = thrownBy([&] { end.readPipe(&byte, 0, 1, 20); });
-                return thrown == "nothing" || thrown == "QvPipeException: QvPipe read failed.";
-            },
-            1s);
-    }
-
-    const std::string name = uniquePipeName();
-    RawServer server{name};
-    QvtpClient client;
-    std::unique_ptr<QvPipe> pipe;
-    std::unique_ptr<QvtpResponse> response;
-};
 
 TEST_F(Requests, NameTheirMethodAndResource) {
     PostRequest post(&client, name, "/a");
@@ -331,130 +274,6 @@ TEST_F(Requests, DoNotLoopOverABodyStreamThatFailedBefore) {
     NotifyRequest request(&client, name, "/r");
     request.setBodyStream(&body);
     EXPECT_EQ(thrownBy([&] { request.execute(); }), "QvPipeException: The body stream failed before its end.");
-}
-
-// ---- The way back to the pool ----
-
-class ReturnedPipe : public Requests {
-  protected:
-    /// Executes a POST that is answered so, and destroys it after `use`.
-    template <typename Use>
-    void post(const std::string& answer, const Use& use) {
-        PostRequest request(&client, name, "/first");
-        request.setBody("x", 1);
-        exchange(request, "x", answer);
-        use();
-        response.reset();
-    }
-    void post(const std::string& answer) {
-        post(answer, [] {});
-    }
-    /// Whether the next request comes on the same pipe.
-    bool isReused() {
-        PostRequest request(&client, name, "/next");
-        request.setBody("x", 1);
-        auto executing = execute(request);
-        std::string sent;
-        const bool same = thrownBy([&] { sent = RawServer::readUntil(*pipe, "\r\n\r\nx"); }) == "nothing" &&
-                          sent.find("/next") != std::string::npos;
-        if (!same) {
-            pipe = server.accept();
-            sent = RawServer::readUntil(*pipe, "\r\n\r\nx");
-        }
-        RawServer::write(*pipe, OK_RESPONSE);
-        EXPECT_EQ(executing.get(), "nothing");
-        EXPECT_EQ(bodyOfResponse(), "hi");
-        response.reset();
-        return same;
-    }
-};
-
-TEST_F(ReturnedPipe, IsUsedAgainAfterAResponseThatWasRead) {
-    post(OK_RESPONSE, [&] { bodyOfResponse(); });
-    EXPECT_TRUE(isReused());
-}
-
-TEST_F(ReturnedPipe, IsUsedAgainBehindAResponseThatWasNotRead) {
-    post(OK_RESPONSE);
-    EXPECT_TRUE(isReused());
-    post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
-         [&] { EXPECT_EQ(response->getBodyStream()->get(), 'a'); });
-    EXPECT_TRUE(isReused());
-}
-
-TEST_F(ReturnedPipe, IsUsedAgainBehindWhatComesAtOnce) {
-    PostRequest next(&client, name, "/r");
-    {
-        PostRequest request(&client, name, "/first");
-        request.setBody("x", 1);
-        exchange(request, "x", "QVTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\nab");
-        response.reset();
-        RawServer::write(*pipe, "cde");
-    }
-    EXPECT_TRUE(isReused());
-}
-
-TEST_F(ReturnedPipe, IsGivenUpWhenTheRestDoesNotComeInTime) {
-    const auto time = elapsed([&] { post("QVTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\nab"); });
-    EXPECT_GE(time, 95ms);
-    EXPECT_LT(time, 10s);
-    EXPECT_FALSE(isReused());
-}
-
-TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBAtMost) {
-    post("QVTP/1.0 200 OK\r\nContent-Length: 65536\r\n\r\n" + std::string(65536, 'x'));
-    EXPECT_TRUE(isReused());
-    post("QVTP/1.0 200 OK\r\nContent-Length: 65537\r\n\r\n" + std::string(65537, 'x'));
-    EXPECT_FALSE(isReused());
-}
-
-TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBInChunksAtMost) {
-    const std::string chunk = "4000\r\n" + std::string(0x4000, 'x') + "\r\n";
-    const std::string head = "QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
-    post(head + chunk + chunk + chunk + chunk + "0\r\n\r\n");
-    EXPECT_TRUE(isReused());
-    post(head + chunk + chunk + chunk + chunk + "1\r\nx\r\n0\r\n\r\n");
-    EXPECT_FALSE(isReused());
-}
-
-TEST_F(ReturnedPipe, IsGivenUpAfterAMalformedChunk) {
-    post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabcXX0\r\n\r\n",
-         [&] { response->getBodyStream()->ignore(100); });
-    EXPECT_FALSE(isReused());
-}
-
-TEST_F(ReturnedPipe, IsGivenUpAfterAResponseWithoutALength) {
-    {
-        PostRequest request(&client, name, "/first");
-        request.setBody("x", 1);
-        auto executing = execute(request);
-        pipe = server.accept();
-        RawServer::readUntil(*pipe, "x");
-        RawServer::write(*pipe, "QVTP/1.0 200 OK\r\n\r\n");
-        EXPECT_EQ(executing.get(),
-                  "QvPipeException: The QVTP Message does not have a Content-Length or Transfer-Encoding header "
-                  "[1011]");
-        EXPECT_EQ(response, nullptr);
-    }
-    EXPECT_TRUE(isClosed(*pipe));
-}
-
-TEST_F(ReturnedPipe, KeepsItsReadTimeout) {
-    post(OK_RESPONSE);
-    QvPipe* const idle = client.getManager()->getPipe(name, "rw");
-    EXPECT_EQ(idle->getReadTimeout(), 0);
-    client.getManager()->returnPipe(idle);
-}
-
-TEST_F(ReturnedPipe, IsOutOfReachOfAResponseThatOutlivesItsRequest) {
-    {
-        PostRequest request(&client, name, "/first");
-        request.setBody("x", 1);
-        exchange(request, "x");
-    }
-    const std::unique_ptr<QvtpResponse> late = std::move(response);
-    RawServer::write(*pipe, "not for the late response");
-    EXPECT_EQ(late->getBodyStream()->get(), std::char_traits<char>::eof());
 }
 
 TEST_F(Requests, FailWhenTheServerHangsUpInsteadOfAnswering) {

@@ -1,16 +1,9 @@
-#include <qvtp/io/QvPipe.h>
-#include <qvtp/server/QvtpServer.h>
-
+#include "server/Worker.h"
 #include "support/HasForm.h"
-#include "support/LogCapture.h"
-#include "support/RawServer.h"
-#include "support/TestServer.h"
-#include "support/Thrown.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -19,61 +12,7 @@
 namespace qvtp_test {
 namespace {
 
-using namespace Quovane::Qvtp;
-using Quovane::Io::QvPipe;
-using namespace std::chrono_literals;
 using ::testing::ElementsAre;
-
-const char POST_HELLO[] = "POST /echo QVTP/1.0\r\nContent-Length: 5\r\n\r\nhello";
-const char HELLO_BACK[] = "QVTP/1.0 200 OK\r\nContent-Length: 5\r\nServer: QvtpServer\r\n\r\nhello";
-
-/// A client without the protocol: what a test writes and reads are the bytes on the pipe.
-class RawClient {
-  public:
-    explicit RawClient(const std::string& name, bool readable = true) : pipe_(name, readable, true) {}
-
-    void write(const std::string& data) { RawServer::write(pipe_, data); }
-    std::string read(std::size_t size) { return RawServer::read(pipe_, size); }
-    std::string exchange(const std::string& request, const std::string& expected) {
-        write(request);
-        return read(expected.size());
-    }
-    /// Waits for the server to hang up; what came before that.
-    std::string readToEnd() {
-        std::string all;
-        char byte = 0;
-        while (thrownBy([&] {
-                   if (pipe_.readPipe(&byte, 0, 1, 15000) < 0) throw 1;
-               }) == "nothing") {
-            all += byte;
-        }
-        return all;
-    }
-    void close() { pipe_.close(); }
-
-  private:
-    QvPipe pipe_;
-};
-
-class Worker : public ::testing::Test {
-  protected:
-    std::string full(int number = 1) const { return server.name + "/Worker-" + std::to_string(number); }
-    /// The lines about workers, in order: those of the pipe layer and of messages are left out.
-    static std::vector<std::string> workerLines(const LogCapture& log) {
-        std::vector<std::string> lines;
-        for (const std::string& message : log.messages()) {
-            if (message.find("orker") != std::string::npos) lines.push_back(message);
-        }
-        return lines;
-    }
-    bool eventuallyLogs(const LogCapture& log, const std::string& message) {
-        return eventually([&] { return log.contains(message); });
-    }
-    /// Makes the server look for finished workers.
-    void reap() { RawClient(server.name).exchange(POST_HELLO, HELLO_BACK); }
-
-    TestServer server;
-};
 
 TEST_F(Worker, AnswersPostAfterPostOnOneConnection) {
     server.start();
@@ -380,152 +319,6 @@ TEST(ReadOnlyServer, EndsAPostAsAnIllegalState) {
     EXPECT_THAT(log.messages(),
                 ElementsAre("ERROR IllegalStateException - " + full + ". Pipe is not bound with write access.",
                             "ERROR Could not process the /echo request. The pipe will be closed."));
-}
-
-// ---- Threads ----
-
-class WorkerThreads : public Worker {
-  protected:
-    /// Connects clients that each have a worker, which waits for its first request: one that has just answered may
-    /// still be about to look whether it is to give up its thread.
-    void occupy(int count) {
-        for (int i = 1; i <= count; ++i) {
-            clients.push_back(std::make_unique<RawClient>(server.name));
-            ASSERT_TRUE(eventually([&] { return server.server.totalRequestProcessors() == i; }));
-        }
-    }
-    std::vector<std::unique_ptr<RawClient>> clients;
-};
-
-TEST_F(WorkerThreads, GrowWithoutLimitWhenNoneIsSet) {
-    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 0);
-    server.start();
-    occupy(12);
-    EXPECT_EQ(server.server.totalRequestProcessors(), 12);
-    EXPECT_EQ(server.server.idleRequestProcessors(), 1);  // 5, and 2 more each time all were busy
-}
-
-TEST_F(WorkerThreads, AreAtLeastThree) {
-    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 1);
-    server.start();
-    occupy(3);
-    EXPECT_EQ(server.server.totalRequestProcessors(), 3);
-    EXPECT_EQ(server.server.idleRequestProcessors(), 0);
-}
-
-TEST_F(WorkerThreads, AreGivenUpBetweenRequestsForAConnectionThatWaits) {
-    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
-    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 20000);
-    server.start();
-    occupy(3);
-    LogCapture log;
-    RawClient fourth(server.name);
-    ASSERT_TRUE(eventuallyLogs(log, "DEBUG Still waiting for thread to process QvPipe worker " + full(4)));
-    EXPECT_EQ(log.count("INFO Waiting for thread to process QvPipe worker " + full(4)), 1);
-    EXPECT_EQ(clients[1]->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
-    EXPECT_EQ(clients[1]->readToEnd(), "");
-    EXPECT_EQ(fourth.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
-    EXPECT_TRUE(log.contains("DEBUG Give up " + full(2) + " for a new request waiting for a worker thread."));
-    EXPECT_TRUE(eventuallyLogs(log, "INFO Done waiting for thread to process QvPipe worker " + full(4)));
-    EXPECT_TRUE(eventuallyLogs(log, "INFO Increase the MAX_REQUEST_PROCESSORS value if this propelem persists."));
-    EXPECT_TRUE(eventuallyLogs(log, "DEBUG Activated worker thread " + full(4) + " (3)."));
-    EXPECT_EQ(clients[0]->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);  // the flag is taken back
-    EXPECT_EQ(clients[0]->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
-    server.stop();
-    EXPECT_NE(log.text().find("    Total waits for thread:    1\n"), std::string::npos);
-    EXPECT_NE(log.text().find("    Peak number of threads:    3\n"), std::string::npos);
-}
-
-TEST_F(WorkerThreads, AreWaitedForWithoutALineAboutItBelowDebugUnlessItTookLong) {
-    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
-    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 1000);  // steps of 100 ms
-    server.start();
-    occupy(3);
-    LogCapture log(LogCapture::LoggingLevel::INFO);
-    RawClient fourth(server.name);
-    ASSERT_TRUE(eventuallyLogs(log, "INFO Waiting for thread to process QvPipe worker " + full(4)));
-    clients.clear();
-    EXPECT_EQ(fourth.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
-    EXPECT_EQ(log.count("INFO Done waiting for thread to process QvPipe worker " + full(4)), 0);
-}
-
-TEST_F(WorkerThreads, AreWaitedForInStepsOfAMillisecondWithoutAnIdleTimeout) {
-    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
-    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 0);
-    server.start();
-    occupy(3);
-    LogCapture log;
-    RawClient fourth(server.name);
-    ASSERT_TRUE(eventually([&] {
-        return log.count("DEBUG Still waiting for thread to process QvPipe worker " + full(4)) >= 3;
-    })) << log.text().substr(0, 2500);
-    clients.clear();
-    EXPECT_EQ(fourth.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
-}
-
-TEST_F(WorkerThreads, AreNotWaitedForWhenTheServerStops) {
-    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
-    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 600000);  // a step is a minute
-    server.start();
-    occupy(3);
-    LogCapture log;
-    RawClient fourth(server.name);
-    ASSERT_TRUE(eventuallyLogs(log, "DEBUG Still waiting for thread to process QvPipe worker " + full(4)));
-    EXPECT_LT(elapsed([&] { server.stop(); }), 30s);
-    EXPECT_EQ(fourth.readToEnd(), "");
-    EXPECT_TRUE(log.contains("DEBUG Deleting worker " + full(4)));
-}
-
-TEST_F(WorkerThreads, AreStoppedWithTheServer) {
-    server.start();
-    occupy(2);
-    LogCapture log;
-    server.stop();
-    EXPECT_TRUE(log.contains("DEBUG Stopping worker " + full(1)));
-    // Whether a worker waits already or is about to, nothing about its end is an error.
-    EXPECT_EQ(log.text().find("ERROR"), std::string::npos);
-    EXPECT_TRUE(log.contains("DEBUG Deleting worker " + full(1)));
-    EXPECT_TRUE(log.contains("DEBUG Deleting worker " + full(2)));
-    EXPECT_EQ(server.server.totalRequestProcessors(), 0);
-    EXPECT_EQ(clients[0]->readToEnd(), "");
-}
-
-TEST_F(WorkerThreads, AreStoppedAtOnceAlsoWhenTheyHaveHardlyBegun) {
-    for (int round = 0; round < 30; ++round) {
-        TestServer brief;
-        brief.start();
-        const RawClient client(brief.name);
-        ASSERT_TRUE(eventually([&] { return brief.server.totalRequestProcessors() == 1; }));
-        EXPECT_LT(elapsed([&] { brief.stop(); }), 3s);
-    }
-}
-
-TEST(StuckHandler, IsLeftAloneWhenTheServerStopsAndComesBackLater) {
-    std::promise<void> release;
-    std::promise<std::string> outcome;
-    const std::shared_future<void> released = release.get_future().share();
-    std::unique_ptr<RawClient> client;
-    TestHandler handler;  // a handler outlives its server, and this one is still busy then
-    handler.onPost = [&](QvtpServerRequest&, QvtpServerResponse& response) {
-        released.wait();
-        response.setBody("x", 1);
-        outcome.set_value(thrownBy([&] { response.send(); }));
-    };
-    {
-        TestServer server;
-        server.server.setHandler(&handler);
-        server.start();
-        client = std::make_unique<RawClient>(server.name);
-        LogCapture log;
-        client->write(POST_HELLO);
-        ASSERT_TRUE(eventually(
-            [&] { return log.contains("DEBUG Begin processing of POST request (" + server.name + "/Worker-1)."); }));
-        EXPECT_GE(elapsed([&] { server.stop(); }), 4s);
-        EXPECT_TRUE(log.contains("INFO ************* Worker thread not deleted: Worker-1"));
-    }
-    release.set_value();
-    EXPECT_EQ(outcome.get_future().get(), "QvPipeException: Pipe write failed");
-    EXPECT_EQ(client->readToEnd(), "");
 }
 
 }  // namespace

@@ -1,0 +1,136 @@
+#include "client/Requests.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace qvtp_test {
+namespace {
+
+/// What becomes of a pipe when its request goes.
+class ReturnedPipe : public Requests {
+  protected:
+    /// Executes a POST that is answered so, and destroys it after `use`.
+    template <typename Use>
+    void post(const std::string& answer, const Use& use) {
+        PostRequest request(&client, name, "/first");
+        request.setBody("x", 1);
+        exchange(request, "x", answer);
+        use();
+        response.reset();
+    }
+    void post(const std::string& answer) {
+        post(answer, [] {});
+    }
+    /// Whether the next request comes on the same pipe.
+    bool isReused() {
+        PostRequest request(&client, name, "/next");
+        request.setBody("x", 1);
+        auto executing = execute(request);
+        std::string sent;
+        const bool same = thrownBy([&] { sent = RawServer::readUntil(*pipe, "\r\n\r\nx"); }) == "nothing" &&
+                          sent.find("/next") != std::string::npos;
+        if (!same) {
+            pipe = server.accept();
+            sent = RawServer::readUntil(*pipe, "\r\n\r\nx");
+        }
+        RawServer::write(*pipe, OK_RESPONSE);
+        EXPECT_EQ(executing.get(), "nothing");
+        EXPECT_EQ(bodyOfResponse(), "hi");
+        response.reset();
+        return same;
+    }
+};
+
+TEST_F(ReturnedPipe, IsUsedAgainAfterAResponseThatWasRead) {
+    post(OK_RESPONSE, [&] { bodyOfResponse(); });
+    EXPECT_TRUE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsUsedAgainBehindAResponseThatWasNotRead) {
+    post(OK_RESPONSE);
+    EXPECT_TRUE(isReused());
+    post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
+         [&] { EXPECT_EQ(response->getBodyStream()->get(), 'a'); });
+    EXPECT_TRUE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsUsedAgainBehindWhatComesAtOnce) {
+    PostRequest next(&client, name, "/r");
+    {
+        PostRequest request(&client, name, "/first");
+        request.setBody("x", 1);
+        exchange(request, "x", "QVTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\nab");
+        response.reset();
+        RawServer::write(*pipe, "cde");
+    }
+    EXPECT_TRUE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsGivenUpWhenTheRestDoesNotComeInTime) {
+    const auto time = elapsed([&] { post("QVTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\nab"); });
+    EXPECT_GE(time, 95ms);
+    EXPECT_LT(time, 10s);
+    EXPECT_FALSE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBAtMost) {
+    post("QVTP/1.0 200 OK\r\nContent-Length: 65536\r\n\r\n" + std::string(65536, 'x'));
+    EXPECT_TRUE(isReused());
+    post("QVTP/1.0 200 OK\r\nContent-Length: 65537\r\n\r\n" + std::string(65537, 'x'));
+    EXPECT_FALSE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBInChunksAtMost) {
+    const std::string chunk = "4000\r\n" + std::string(0x4000, 'x') + "\r\n";
+    const std::string head = "QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    post(head + chunk + chunk + chunk + chunk + "0\r\n\r\n");
+    EXPECT_TRUE(isReused());
+    post(head + chunk + chunk + chunk + chunk + "1\r\nx\r\n0\r\n\r\n");
+    EXPECT_FALSE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsGivenUpAfterAMalformedChunk) {
+    post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabcXX0\r\n\r\n",
+         [&] { response->getBodyStream()->ignore(100); });
+    EXPECT_FALSE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsGivenUpAfterAResponseWithoutALength) {
+    {
+        PostRequest request(&client, name, "/first");
+        request.setBody("x", 1);
+        auto executing = execute(request);
+        pipe = server.accept();
+        RawServer::readUntil(*pipe, "x");
+        RawServer::write(*pipe, "QVTP/1.0 200 OK\r\n\r\n");
+        EXPECT_EQ(executing.get(),
+                  "QvPipeException: The QVTP Message does not have a Content-Length or Transfer-Encoding header "
+                  "[1011]");
+        EXPECT_EQ(response, nullptr);
+    }
+    EXPECT_TRUE(isClosed(*pipe));
+}
+
+TEST_F(ReturnedPipe, KeepsItsReadTimeout) {
+    post(OK_RESPONSE);
+    QvPipe* const idle = client.getManager()->getPipe(name, "rw");
+    EXPECT_EQ(idle->getReadTimeout(), 0);
+    client.getManager()->returnPipe(idle);
+}
+
+TEST_F(ReturnedPipe, IsOutOfReachOfAResponseThatOutlivesItsRequest) {
+    {
+        PostRequest request(&client, name, "/first");
+        request.setBody("x", 1);
+        exchange(request, "x");
+    }
+    const std::unique_ptr<QvtpResponse> late = std::move(response);
+    RawServer::write(*pipe, "not for the late response");
+    EXPECT_EQ(late->getBodyStream()->get(), std::char_traits<char>::eof());
+}
+
+}  // namespace
+}  // namespace qvtp_test
