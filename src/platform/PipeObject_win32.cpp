@@ -13,7 +13,7 @@ constexpr DWORD STEP_MS = 1;
 // Cancelled calls leave within microseconds. The limits are for a system that loses a cancellation, and for the end of
 // a process, where threads disappear in the middle of a call.
 constexpr int STEPS_BEFORE_WAKING = 100;
-constexpr int MAX_STEPS = 1000;
+constexpr int MAX_STEPS = 300;
 
 }  // namespace
 
