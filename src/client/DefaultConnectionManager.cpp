@@ -150,7 +150,6 @@ void DefaultConnectionManager::returnPipe(QvPipe* pipe) {
 }
 
 void DefaultConnectionManager::removePipe(QvPipe* pipe) {
-    if (pipe == nullptr) return;
     Guard guard(lock_);
     const auto found = used_.find(pipe);
     if (found != used_.end()) {
@@ -162,7 +161,7 @@ void DefaultConnectionManager::removePipe(QvPipe* pipe) {
         return;
     }
     if (const PipeInfo* info = findAvailable(pipe)) logErrorAndThrow<IllegalStateException>(alreadyReturned(*info));
-    pipe->close();
+    if (pipe != nullptr) pipe->close();
     delete pipe;
     logErrorAndThrow<IllegalStateException>("Can't find the pipe in the Used or Available pools. Will delete it.");
 }

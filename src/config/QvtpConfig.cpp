@@ -26,10 +26,11 @@ namespace {
 constexpr char FILE_VARIABLE[] = "QvtpConfigurationFile";
 constexpr char DEFAULT_FILE[] = "QvtpConfig.xml";
 
-/// Without it the parser keeps whatever it had read before an error.
+/// Without it the parser keeps whatever it had read before an error. A document that is only invalid is kept, with a
+/// line.
 class StrictErrorHandler : public xercesc::HandlerBase {
   public:
-    void error(const xercesc::SAXParseException& e) override { throw xercesc::SAXParseException(e); }
+    void error(const xercesc::SAXParseException& e) override { logError(XmlText::toUtf8(e.getMessage())); }
     void fatalError(const xercesc::SAXParseException& e) override { throw xercesc::SAXParseException(e); }
 };
 

@@ -62,6 +62,15 @@ bool PipeBufferBase<CharT, Traits>::flushArea() {
     return true;
 }
 
+/// Forgets the area and what is in it: its owner may free it.
+template <typename CharT, typename Traits>
+void PipeBufferBase<CharT, Traits>::dropArea() {
+    buffer_ = nullptr;
+    bufferSize_ = 0;
+    this->setp(nullptr, nullptr);
+    this->setg(nullptr, nullptr, nullptr);
+}
+
 template <typename CharT, typename Traits>
 typename PipeBufferBase<CharT, Traits>::int_type PipeBufferBase<CharT, Traits>::overflow(int_type c) {
     requireOutput();

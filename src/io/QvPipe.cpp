@@ -38,6 +38,7 @@ class QvPipe::PipeStream : public Stream {
         heir_ = std::make_unique<QvPipe>();
         heir_->readTimeout_ = owner.readTimeout_;
         buffer_.pipe_ = heir_.get();
+        buffer_.dropArea();  // whoever gave it to the owner frees it now
     }
 
     /// Gives a stream without an owner to a copy that asks for it.
@@ -78,8 +79,8 @@ QvPipe::QvPipe(const QvPipe& other)
 
 QvPipe& QvPipe::operator=(const QvPipe& other) {
     if (this == &other) return *this;
-    orphan(inputStream_);
-    orphan(outputStream_);
+    if (inputStream_ != other.inputStream_) orphan(inputStream_);
+    if (outputStream_ != other.outputStream_) orphan(outputStream_);
     readable_ = other.readable_;
     writable_ = other.writable_;
     inputStream_ = other.inputStream_;

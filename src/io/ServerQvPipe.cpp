@@ -63,6 +63,7 @@ ServerQvPipe& ServerQvPipe::operator=(const ServerQvPipe& other) {
 ServerQvPipe::~ServerQvPipe() {
     logDebug([&] { return "Closing server pipe: " + name_; });
     close();
+    if (pipeHandle_ != INVALID_NATIVE_HANDLE) closeHandles();  // bound after it was closed
 }
 
 void ServerQvPipe::bind(const std::string& name, bool readable, bool writable) {
@@ -116,9 +117,9 @@ void ServerQvPipe::acceptPipe(const std::string& path, const std::string& /*disp
     switch (platformAccept(pipeHandle_, eventHandle_, timeoutMs)) {
         case AcceptResult::CONNECTED:
             handOver(readable, writable, pipe);
-            createNextInstance(path);
             // A close that came before the hand-over has closed the connection as well.
             if (pipe.pipeHandle_ == INVALID_NATIVE_HANDLE) throw InterruptedException("acceptPipe aborted.");
+            createNextInstance(path);
             return;
         case AcceptResult::TIMED_OUT:
             throw TimeoutException("QvPipe accept timeout");

@@ -144,6 +144,8 @@ void ServedName::stopListening() {
 
 /// Unlocks before it closes: a forked child may still hold the same open file description.
 void ServedName::release() {
+    // A client that meets the next server's lock before its direction must not take this one's for it.
+    [[maybe_unused]] const int truncated = ::ftruncate(lock_.get(), 0);
     struct flock request = wholeFile(F_UNLCK);
     ::fcntl(lock_.get(), F_OFD_SETLK, &request);
     lock_.reset();

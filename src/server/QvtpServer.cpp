@@ -174,7 +174,13 @@ void QvtpServer::run() {
     serverPipe_->setAcceptTimeout(acceptTimeout_);
     running_ = true;
     if (destroying_) running_ = false;
-    acceptLoop();
+    try {
+        acceptLoop();
+    } catch (...) {  // nothing of ours: the workers must not outlive it all the same
+        running_ = false;
+        stopWorkers();
+        throw;
+    }
     running_ = false;
     stopWorkers();
     logSummary();

@@ -69,9 +69,9 @@ bool QvtpServer::waitForThread(RequestWorker& worker, const std::string& fullNam
 }
 
 bool QvtpServer::startWorker(RequestWorker& worker, const std::string& fullName) {
-    if (threadPool_->available() == 0 && maxRequestProcessors_ == 0) threadPool_->addCapacity(GROWTH);
-    if (threadPool_->available() < 1) return false;
     try {
+        if (threadPool_->available() == 0 && maxRequestProcessors_ == 0) threadPool_->addCapacity(GROWTH);
+        if (threadPool_->available() < 1) return false;
         threadPool_->start(worker, fullName);
         return true;
     } catch (Poco::Exception&) {

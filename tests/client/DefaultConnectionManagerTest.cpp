@@ -181,8 +181,10 @@ TEST_F(PipePool, TakesEveryIdlePipeForStaleWithANegativeTimeout) {
     EXPECT_EQ(withoutNumbers(log.messages())[0], "DEBUG Deleting stale QvPipe Binding-N");
 }
 
-TEST_F(PipePool, IgnoresNull) {
+TEST_F(PipePool, TakesNullBackButCannotRemoveIt) {
     EXPECT_EQ(thrownBy([&] { manager.returnPipe(nullptr); }), "nothing");
+    EXPECT_EQ(thrownBy([&] { manager.removePipe(nullptr); }),
+              "IllegalStateException: Can't find the pipe in the Used or Available pools. Will delete it.");
 }
 
 TEST_F(PipePool, RefusesAPipeThatWasReturnedBefore) {

@@ -263,9 +263,8 @@ TEST_F(Requests, NeverMakeABodyStreamThatFailsLookComplete) {
     post.setBodyStream(&body);
     EXPECT_EQ(thrownBy([&] { post.execute(); }), "QvPipeException: The body stream failed before its end.");
     pipe = server.accept();
-    const std::string sent = RawServer::readUntil(*pipe, "\r\n\r\n");
-    EXPECT_TRUE(isClosed(*pipe));
-    EXPECT_THAT(sent, ::testing::Not(::testing::HasSubstr("0\r\n\r\n")));
+    RawServer::readUntil(*pipe, "\r\n\r\n");
+    EXPECT_TRUE(isClosed(*pipe));  // no chunk, and above all not the last one
 }
 
 TEST_F(Requests, DoNotLoopOverABodyStreamThatFailedBefore) {

@@ -178,7 +178,9 @@ TEST_F(Config, IsValidatedWhenItDeclaresAGrammar) {
         "stale_timeout CDATA #IMPLIED>]>";
     EXPECT_EQ(probe(grammar + inRoot("<QvtpClient function='F' component='C' stale_timeout='2'/>"))[1],
               "client 60000 2 40960 QvtpClient");
-    EXPECT_THAT(probe(grammar + inRoot("<Unknown/>"))[1], ::testing::StartsWith("ERROR "));
+    const auto lines = probe(grammar + inRoot("<Unknown/><QvtpClient function='F' component='C' stale_timeout='2'/>"));
+    EXPECT_THAT(lines[1], ::testing::StartsWith("ERROR "));
+    EXPECT_EQ(lines[lines.size() - 2], "client 60000 2 40960 QvtpClient");
 }
 
 TEST_F(Config, IsADirectoryAtItsPath) {

@@ -288,6 +288,27 @@ TEST_F(ConnectedPipe, GivesACopyTheStreamOfAnOriginalThatHasGone) {
     EXPECT_EQ(in->get(), 'x');
 }
 
+TEST_F(ConnectedPipe, KeepsNoBufferAreaThatItsOwnerFreed) {
+    auto original = std::make_unique<QvPipe>(client);
+    auto area = std::make_unique<char[]>(16);
+    std::istream* const in = original->getInputStream();
+    in->rdbuf()->pubsetbuf(area.get(), 16);
+    writeTo(accepted, "abcdef");
+    EXPECT_EQ(in->get(), 'a');
+    const QvPipe copy(*original);
+    original.reset();
+    area.reset();
+    EXPECT_EQ(thrownBy([&] { in->get(); }), "QvPipeException: QvPipe read failed.");
+}
+
+TEST_F(ConnectedPipe, KeepsItsStreamWhenACopyIsAssignedBack) {
+    std::istream* const in = client.getInputStream();
+    const QvPipe copy(client);
+    client = copy;
+    writeTo(accepted, "x");
+    EXPECT_EQ(in->get(), 'x');
+}
+
 // ---- Log lines ----
 
 TEST_F(ConnectedPipe, ClosesInItsDestructorWithOneLine) {

@@ -16,10 +16,8 @@ namespace Quovane::Qvtp {
 /// The file is the one that the environment variable QvtpConfigurationFile names, else QvtpConfig.xml in the current
 /// directory. Under any root element it has entries such as
 ///
-///     <QvtpClient function="billing" component="frontend" connect_timeout="5000" stale_timeout="10000"
-///     buffer_size="40960"/> <QvtpServer function="billing" component="backend" max_request_processors="8"
-///     accept_timeout="0"
-///                 idle_timeout="13000" receive_timeout="3000" buffer_size="4096"/>
+///     <QvtpClient function="billing" component="frontend" connect_timeout="5000" stale_timeout="10000"/>
+///     <QvtpServer function="billing" component="backend" max_request_processors="8" idle_timeout="13000"/>
 ///
 /// Time-outs are milliseconds, sizes bytes. A file that is missing or malformed is logged at ERROR and leaves no
 /// configuration. docs/configuration.md has the details.

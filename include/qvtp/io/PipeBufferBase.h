@@ -47,6 +47,7 @@ class PipeBufferBase : public std::basic_streambuf<CharT, Traits> {
     void requireInput() const;
     void requireOutput() const;
     bool flushArea();
+    void dropArea();
 
     bool isInput_ = false;
     bool isOutput_ = false;

@@ -34,10 +34,10 @@ class QVTP_API QvtpMessageIn : public QvtpMessage {
     /// The names of all headers as the peer wrote them, in the order of their upper-cased names.
     virtual std::vector<std::string> getHeaderNames() = 0;
 
-    /// Reads the whole body, or what is left of it, into a new array that belongs to the caller: free it with delete[].
-    /// A zero byte follows the `length` bytes. Nothing is stored when it throws.
-    /// Throws QvPipeException: with code 1013 if the head could not be read, with code 1011 if it tells no length, and
-    /// "Reached the stream end-of-file before the expected length." if the body is cut off.
+    /// Reads the whole body into a new array that belongs to the caller: free it with delete[].
+    /// A zero byte follows the `length` bytes. Of a body of known length nothing may have been read before. Nothing is
+    /// stored when it throws. Throws QvPipeException: with code 1013 if the head could not be read, with code 1011 if
+    /// it tells no length, and "Reached the stream end-of-file before the expected length." if the body is cut off.
     virtual void getBody(char** data, size_t& length) = 0;
     /// A stream over the body, for bodies of any size. It belongs to the message and throws on badbit. A chunked body
     /// that is malformed or cut off ends early and is logged at ERROR. Throws like getBody() if there is no head.

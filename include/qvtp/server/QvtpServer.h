@@ -70,8 +70,8 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     QvtpHandler* getHandler() const;
 
     /// Accepts and serves until shutdown(), then stops the workers: closes their pipes and waits for the handlers that
-    /// are still running, for a few seconds each. A handler that does not return by then is left alone, and its
-    /// worker with it. A server runs once.
+    /// are still running, about ten seconds each, and four for all. A handler that does not return by then is left
+    /// alone, and its worker with it. A server runs once.
     void run() override;
     /// Ends run(). Does nothing while isRunning() is false.
     void shutdown();
@@ -118,9 +118,9 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     std::atomic<int> idleTimeout_{13000};
     std::atomic<int> receiveTimeout_{3000};
     std::atomic<int> bufferSize_{4096};
+    std::unique_ptr<Poco::Mutex> mutex_;            // recursive; goes after all that it guards
     std::map<std::string, WorkerPtr> workers_;      // guarded by mutex_
     std::unique_ptr<Poco::ThreadPool> threadPool_;  // set under mutex_
-    std::unique_ptr<Poco::Mutex> mutex_;            // recursive
 
     // Statistics.
     std::atomic<int> totalPosts_{0};
