@@ -145,8 +145,11 @@ TEST_F(EndToEnd, ConnectsAgainAfterTheServerHungUpOnAnIdlePipe) {
     server.server.setOption(QvtpServer::IDLE_TIMEOUT, 50);
     server.start();
     LogCapture log;
+    const int idle = server.server.idleRequestProcessors();
     EXPECT_EQ(post("one"), "one");
     ASSERT_TRUE(eventually([&] { return log.contains("DEBUG Closing QvPipe (" + server.name + "/Worker-1). "); }));
+    // The line stands before the close, which has happened when the thread is free again.
+    ASSERT_TRUE(eventually([&] { return server.server.idleRequestProcessors() == idle; }));
     EXPECT_EQ(post("two"), "two");
     EXPECT_EQ(log.count("DEBUG Lost connection to server, attempt request with new connection. "
                         "Pipe was closed at other end."),

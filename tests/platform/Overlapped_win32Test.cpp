@@ -1,6 +1,5 @@
 #include "platform/PipeContract.h"
-
-#include <windows.h>
+#include "support/Holdings.h"
 
 // What the system's way of overlapped calls brings with it: their records and data are written to until they have
 // completed, which a time-out does not wait for.
@@ -8,12 +7,6 @@ namespace qvtp_test {
 namespace {
 
 class Overlapped : public PipeContract {};
-
-DWORD handleCount() {
-    DWORD count = 0;
-    ::GetProcessHandleCount(::GetCurrentProcess(), &count);
-    return count;
-}
 
 TEST_F(Overlapped, ReadThatTimedOutLeavesTheCallersBufferAlone) {
     End server, client;
@@ -118,9 +111,9 @@ TEST_F(Overlapped, CloseGivesEveryHandleBack) {
         ASSERT_EQ(read(server, data, 10, 1), ReadResult::TIMED_OUT);
     };
     useOnce();
-    const DWORD before = handleCount();
+    const int before = Holdings::now().handles;
     for (int i = 0; i < 20; ++i) useOnce();
-    EXPECT_EQ(handleCount(), before);
+    EXPECT_EQ(Holdings::now().handles, before);
 }
 
 TEST_F(Overlapped, CloseOfAReadThatWaitsGivesEveryHandleBack) {
@@ -139,9 +132,9 @@ TEST_F(Overlapped, CloseOfAReadThatWaitsGivesEveryHandleBack) {
         server.forget();
     };
     useOnce();
-    const DWORD before = handleCount();
+    const int before = Holdings::now().handles;
     for (int i = 0; i < 20; ++i) useOnce();
-    EXPECT_EQ(handleCount(), before);
+    EXPECT_EQ(Holdings::now().handles, before);
 }
 
 }  // namespace

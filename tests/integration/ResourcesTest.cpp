@@ -1,15 +1,12 @@
 #include <qvtp/qvtp.h>
 
+#include "support/Holdings.h"
 #include "support/TestServer.h"
-
-#include <dirent.h>
-#include <malloc.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
+#include <memory>
 #include <string>
 
 namespace qvtp_test {
@@ -17,35 +14,9 @@ namespace {
 
 using namespace Quovane::Qvtp;
 
-int entriesOf(const char* directory) {
-    int count = 0;
-    DIR* dir = ::opendir(directory);
-    while (::readdir(dir) != nullptr) ++count;
-    ::closedir(dir);
-    return count;
+void print(const Holdings& holdings, const char* when) {
+    std::printf("%-28s %6ld KB, %d threads, %d handles\n", when, holdings.memoryKb, holdings.threads, holdings.handles);
 }
-
-/// What this process holds.
-struct Holdings {
-    long memoryKb = 0;
-    int threads = 0;
-    int descriptors = 0;
-
-    static Holdings now() {
-        Holdings holdings;
-        ::malloc_trim(0);
-        std::ifstream statm("/proc/self/statm");
-        long size = 0, resident = 0;
-        statm >> size >> resident;
-        holdings.memoryKb = resident * (::sysconf(_SC_PAGESIZE) / 1024);
-        holdings.threads = entriesOf("/proc/self/task");
-        holdings.descriptors = entriesOf("/proc/self/fd");
-        return holdings;
-    }
-    void print(const char* when) const {
-        std::printf("%-28s resident %6ld KB, %d threads, %d descriptors\n", when, memoryKb, threads, descriptors);
-    }
-};
 
 class Resources : public ::testing::Test {
   protected:
@@ -54,15 +25,15 @@ class Resources : public ::testing::Test {
     void expectNoGrowth(int rounds, const Round& round) {
         for (int i = 0; i < 100; ++i) round();
         const Holdings before = Holdings::now();
-        before.print("after the first 100 rounds:");
+        print(before, "after the first 100 rounds:");
         for (int i = 100; i < rounds; ++i) round();
         // The last connections are still being closed by their workers.
         Holdings after;
         const bool isBack = eventually([&] {
             after = Holdings::now();
-            return after.threads <= before.threads && after.descriptors <= before.descriptors;
+            return after.threads <= before.threads && after.handles <= before.handles;
         });
-        after.print(("after " + std::to_string(rounds) + " rounds:").c_str());
+        print(after, ("after " + std::to_string(rounds) + " rounds:").c_str());
         EXPECT_TRUE(isBack);
         // Sanitizers keep freed memory on purpose.
         if (!QVTP_SANITIZED) {
