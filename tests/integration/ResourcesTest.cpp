@@ -18,6 +18,10 @@ void print(const Holdings& holdings, const char* when) {
     std::printf("%-28s %6ld KB, %d threads, %d handles\n", when, holdings.memoryKb, holdings.threads, holdings.handles);
 }
 
+/// How many handles the last connections of either moment may still hold while their workers close them: three threads,
+/// a few handles each. One that was lost in each round would be thousands.
+constexpr int IN_FLIGHT = 12;
+
 class Resources : public ::testing::Test {
   protected:
     /// Runs 100 rounds, then the rest, and compares.
@@ -31,7 +35,7 @@ class Resources : public ::testing::Test {
         Holdings after;
         const bool isBack = eventually([&] {
             after = Holdings::now();
-            return after.threads <= before.threads && after.handles <= before.handles;
+            return after.threads <= before.threads && after.handles <= before.handles + IN_FLIGHT;
         });
         print(after, ("after " + std::to_string(rounds) + " rounds:").c_str());
         EXPECT_TRUE(isBack);
