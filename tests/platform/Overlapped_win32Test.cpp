@@ -112,8 +112,8 @@ TEST_F(Overlapped, CloseGivesEveryHandleBack) {
     };
     useOnce();
     const int before = Holdings::now().handles;
-    for (int i = 0; i < 20; ++i) useOnce();
-    EXPECT_EQ(Holdings::now().handles, before);
+    for (int i = 0; i < 3 * Holdings::LATE_HANDLES; ++i) useOnce();
+    EXPECT_LE(Holdings::now().handles, before + Holdings::LATE_HANDLES);
 }
 
 TEST_F(Overlapped, CloseOfAReadThatWaitsGivesEveryHandleBack) {
@@ -133,8 +133,8 @@ TEST_F(Overlapped, CloseOfAReadThatWaitsGivesEveryHandleBack) {
     };
     useOnce();
     const int before = Holdings::now().handles;
-    for (int i = 0; i < 20; ++i) useOnce();
-    EXPECT_EQ(Holdings::now().handles, before);
+    for (int i = 0; i < 3 * Holdings::LATE_HANDLES; ++i) useOnce();
+    EXPECT_LE(Holdings::now().handles, before + Holdings::LATE_HANDLES);
 }
 
 }  // namespace

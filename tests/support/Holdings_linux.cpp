@@ -20,6 +20,8 @@ int entriesOf(const char* directory) {
 
 }  // namespace
 
+const int Holdings::LATE_HANDLES = 0;
+
 Holdings Holdings::now() {
     Holdings holdings;
     ::malloc_trim(0);

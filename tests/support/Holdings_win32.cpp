@@ -36,6 +36,8 @@ int openHandles() {
 
 }  // namespace
 
+const int Holdings::LATE_HANDLES = 10;
+
 Holdings Holdings::now() {
     Holdings holdings;
     // The private memory: how much of it is resident is for the system to decide.
