@@ -96,9 +96,9 @@ WaitResult wait(int fd, short events, int event, const Deadline& deadline) {
     for (;;) {
         pollfd descriptors[] = {{event, POLLIN, 0}, {fd, events, 0}};
         const int ready = pollOnce(descriptors, 2, deadline);
-        if (ready < 0 && errno != EINTR) return WaitResult::FAILED;
         if (ready > 0) return descriptors[0].revents != 0 ? WaitResult::SIGNALLED : WaitResult::READY;
         if (deadline.isOver()) return WaitResult::TIMED_OUT;
+        if (ready < 0 && errno != EINTR) return WaitResult::FAILED;
     }
 }
 

@@ -25,7 +25,8 @@ bool connectBefore(int fd, const std::string& path, const Deadline& deadline);
 
 enum class WaitResult { READY, SIGNALLED, TIMED_OUT, FAILED };
 
-/// Waits until `fd` is ready for `events` (as in poll) or `event` is signalled, which goes first.
+/// Waits until `fd` is ready for `events` (as in poll) or `event` is signalled, which goes first. Never FAILED behind
+/// the deadline: who tries again after a failure comes to an end.
 WaitResult wait(int fd, short events, int event, const Deadline& deadline);
 
 }  // namespace Quovane::Internal::Qvtp::LocalSocket

@@ -1,5 +1,6 @@
 #include "platform/PipePlatform.h"
 
+#include "common/System.h"
 #include "logging/Log.h"
 #include "platform/LocalSocket_linux.h"
 #include "platform/PipeConnector_linux.h"
@@ -120,6 +121,7 @@ class PendingWrite {
             outcome_ = WriteResult::ABORTED;
             return false;
         }
+        if (waited == WaitResult::FAILED) System::sleepMs(1);  // tried again, but not spun on
         if (waited != WaitResult::TIMED_OUT) return true;
         logDebug("Write timed out.");
         outcome_ = WriteResult::TIMED_OUT;

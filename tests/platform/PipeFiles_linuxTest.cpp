@@ -469,6 +469,20 @@ TEST_F(DescriptorShortage, LeavesTheHandleOfAPipeWhoseEventCannotBeMade) {
     EXPECT_TRUE(client.isOpen());
 }
 
+TEST_F(DescriptorShortage, LetsAWriteEndInTimeThatCannotWait) {
+    End server, client;
+    pair(server, client);
+    const std::string data(1 << 20, 'x');
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    rlimit one = before;
+    one.rlim_cur = 1;  // a poll of two descriptors fails then
+    ::setrlimit(RLIMIT_NOFILE, &one);
+    const int result = write(client, data);
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(result, WriteResult::TIMED_OUT);
+}
+
 TEST_F(PipeFiles, SurviveSignalsDuringAWait) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
