@@ -13,7 +13,9 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <mutex>
 #include <regex>
+#include <set>
 #include <thread>
 
 namespace qvtp_test {
@@ -284,7 +286,7 @@ TEST_F(PipePool, CreatesPipesOneAtATimeInTheWholeProcess) {
     EXPECT_EQ(behind.get(), "nothing");
 }
 
-TEST_F(PipePool, ServesManyThreadsAtOnce) {
+TEST_F(PipePool, LendsNoPipeToTwoThreadsAtOnce) {
     std::atomic<bool> done{false};
     std::thread acceptor([&] {
         std::vector<std::unique_ptr<QvPipe>> pipes;
@@ -292,16 +294,33 @@ TEST_F(PipePool, ServesManyThreadsAtOnce) {
             if (thrownBy([&] { pipes.push_back(server.accept()); }) != "nothing") return;
         }
     });
+    std::mutex mutex;  // guards the two sets
+    std::set<QvPipe*> lent;
+    std::set<QvPipe*> kept;
+    std::atomic<int> lentTwice{0};
     std::vector<std::thread> users;
     for (int i = 0; i < 6; ++i) {
         users.emplace_back([&, i] {
             for (int round = 0; round < 100; ++round) {
                 QvPipe* const pipe = get(i % 2 == 0 ? "w" : "rw");
-                round % 10 == 9 ? manager.removePipe(pipe) : manager.returnPipe(pipe);
+                const bool keep = round % 10 != 9;
+                {
+                    const std::lock_guard<std::mutex> guard(mutex);
+                    if (!lent.insert(pipe).second) ++lentTwice;
+                }
+                std::this_thread::yield();
+                {
+                    const std::lock_guard<std::mutex> guard(mutex);
+                    lent.erase(pipe);
+                    keep ? static_cast<void>(kept.insert(pipe)) : static_cast<void>(kept.erase(pipe));
+                }
+                keep ? manager.returnPipe(pipe) : manager.removePipe(pipe);
             }
         });
     }
     for (std::thread& user : users) user.join();
+    EXPECT_EQ(lentTwice, 0);
+    EXPECT_LE(kept.size(), 6U);  // no more than were ever in use at once
     done = true;
     server.close();
     acceptor.join();
