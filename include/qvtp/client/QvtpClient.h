@@ -17,7 +17,7 @@ namespace Quovane::Qvtp {
 ///     request.setBody("12 EUR", 6);
 ///     std::unique_ptr<QvtpResponse> response(request.execute());
 ///
-/// Any thread may use it. It must outlive its requests and responses.
+/// Any thread may use it. It must outlive its requests, and they the reading of their responses.
 class QVTP_API QvtpClient {
   public:
     enum ClientOptions : int {
