@@ -50,6 +50,12 @@ def mangled_of_so(library):
     return [line.split()[-1] for line in run("nm", "-D", "--defined-only", str(library)).splitlines()]
 
 
+def check_imports(library, objdump):
+    """With emulated thread storage an object can be destroyed in memory that is freed already: there must be none."""
+    if "__cxa_thread_atexit" in run(objdump, "-p", str(library)):
+        sys.exit("check_exports: a thread_local object with a destructor, see src/common/System_win32.cpp")
+
+
 def demangle(names):
     filtered = subprocess.run(["c++filt"], input="\n".join(names) + "\n", check=True, capture_output=True, text=True)
     return filtered.stdout.splitlines()
@@ -77,7 +83,11 @@ def public_names(library, objdump):
     is_dll = library.suffix == ".dll"
     mangled = mangled_of_dll(library, objdump) if is_dll else mangled_of_so(library)
     names = set()
+    if is_dll:
+        check_imports(library, objdump)
     for name in demangle(mangled):
+        if is_dll and not subject(name).startswith(NAMESPACE):
+            sys.exit(f"check_exports: not of this library, and yet exported: {name}")
         if subject(name).startswith(NAMESPACE) and not subject(name).startswith(PRIVATE_TEMPLATES):
             names.add(one_spelling(name, is_dll))
     for name in [name for name in names if name.startswith(TYPEINFO_NAME)]:

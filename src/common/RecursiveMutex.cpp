@@ -1,7 +1,5 @@
 #include "common/RecursiveMutex.h"
 
-#include "common/System.h"
-
 namespace Quovane::Internal::Qvtp {
 
 void RecursiveMutex::lock() {

@@ -1,8 +1,9 @@
 #pragma once
 
+#include "common/System.h"
+
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -18,7 +19,7 @@ class RecursiveMutex {
     void unlock();
 
   private:
-    std::mutex mutex_;
+    System::Mutex mutex_;
     std::atomic<std::uint32_t> owner_{0};  // 0: nobody; only the owner can read its own id here
     int count_ = 0;                        // guarded by mutex_
 };

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -29,6 +30,28 @@ bool fileExists(const std::string& path);
 /// Calendar times that, unlike std::gmtime and std::localtime, share no buffer between threads.
 std::tm utcTime(std::time_t seconds);
 std::tm localTime(std::time_t seconds);
+
+/// A text of the calling thread, empty at first, that goes with the thread. Null when it has gone already: objects with
+/// static storage may ask after that.
+std::string* threadText();
+
+/// An unnamed mutex of the operating system, held by one thread once.
+class Mutex {
+  public:
+    /// Throws std::bad_alloc if the system has no more.
+    Mutex();
+    ~Mutex();
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    /// Waits without limit.
+    void lock();
+    void unlock();
+
+  private:
+    struct State;
+    const std::unique_ptr<State> state_;
+};
 
 /// Puts the calling thread's last error (errno, GetLastError) back when it goes out of scope: results are judged by it
 /// after log calls, which must therefore leave no trace in it.

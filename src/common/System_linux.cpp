@@ -7,9 +7,34 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <mutex>
 #include <thread>
 
 namespace Quovane::Internal::Qvtp::System {
+
+namespace {
+
+/// The text of one thread, and a pointer to it that goes back to null when the thread's storage is torn down.
+class ThreadText {
+  public:
+    ThreadText();
+    ~ThreadText();
+    std::string text;
+};
+
+thread_local ThreadText* liveText = nullptr;
+thread_local bool textGone = false;
+
+ThreadText::ThreadText() {
+    liveText = this;
+}
+
+ThreadText::~ThreadText() {
+    liveText = nullptr;
+    textGone = true;
+}
+
+}  // namespace
 
 std::int64_t wallClockMs() {
     using namespace std::chrono;
@@ -51,6 +76,30 @@ std::tm localTime(std::time_t seconds) {
     std::tm result{};
     ::localtime_r(&seconds, &result);
     return result;
+}
+
+std::string* threadText() {
+    if (liveText == nullptr && !textGone) {
+        thread_local ThreadText text;
+        return &text.text;
+    }
+    return liveText != nullptr ? &liveText->text : nullptr;
+}
+
+struct Mutex::State {
+    std::mutex mutex;
+};
+
+Mutex::Mutex() : state_(new State) {}
+
+Mutex::~Mutex() = default;
+
+void Mutex::lock() {
+    state_->mutex.lock();
+}
+
+void Mutex::unlock() {
+    state_->mutex.unlock();
 }
 
 LastErrorGuard::LastErrorGuard() : errno_(errno), systemError_(0) {}

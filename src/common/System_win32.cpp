@@ -5,8 +5,10 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <new>
 
 namespace Quovane::Internal::Qvtp::System {
 
@@ -28,6 +30,36 @@ std::string utf8(const std::wstring& text) {
     ::WideCharToMultiByte(CP_UTF8, 0, text.data(), size, result.data(), byteCount, nullptr, nullptr);
     return result;
 }
+
+/// The slot of the threads' texts. Not thread_local: with the compiler's emulated thread storage the memory of an
+/// object can be freed before its destructor runs.
+class TextSlot {
+  public:
+    TextSlot() : index_(::FlsAlloc(free)) {}
+    /// Frees the texts of all threads: none may come back to this library's code once it is unloaded.
+    ~TextSlot() {
+        const DWORD index = index_.exchange(FLS_OUT_OF_INDEXES);
+        if (index != FLS_OUT_OF_INDEXES) ::FlsFree(index);
+    }
+    TextSlot(const TextSlot&) = delete;
+    TextSlot& operator=(const TextSlot&) = delete;
+
+    std::string* text() const {
+        const DWORD index = index_;
+        if (index == FLS_OUT_OF_INDEXES) return nullptr;
+        auto* text = static_cast<std::string*>(::FlsGetValue(index));
+        if (text == nullptr) {
+            text = new std::string;
+            ::FlsSetValue(index, text);
+        }
+        return text;
+    }
+
+  private:
+    static void WINAPI free(void* text) { delete static_cast<std::string*>(text); }
+
+    std::atomic<DWORD> index_;
+};
 
 }  // namespace
 
@@ -82,6 +114,33 @@ std::tm localTime(std::time_t seconds) {
     const __time64_t time = seconds;
     ::_localtime64_s(&result, &time);
     return result;
+}
+
+std::string* threadText() {
+    static TextSlot slot;
+    const LastErrorGuard lastError;  // FlsGetValue clears it
+    return slot.text();
+}
+
+struct Mutex::State {
+    HANDLE handle;
+};
+
+Mutex::Mutex() : state_(new State{::CreateMutexA(nullptr, FALSE, nullptr)}) {
+    if (state_->handle == nullptr) throw std::bad_alloc();
+}
+
+Mutex::~Mutex() {
+    ::CloseHandle(state_->handle);
+}
+
+void Mutex::lock() {
+    // An abandoned mutex is taken over: when a process ends, threads disappear in the middle of what they do.
+    ::WaitForSingleObject(state_->handle, INFINITE);
+}
+
+void Mutex::unlock() {
+    ::ReleaseMutex(state_->handle);
 }
 
 LastErrorGuard::LastErrorGuard() : errno_(errno), systemError_(::GetLastError()) {}

@@ -9,35 +9,6 @@ namespace Quovane::Internal::Qvtp {
 
 namespace {
 
-/// The id of one thread, and a pointer to it that goes back to null when the thread's storage is torn down: objects
-/// with static storage may log after that.
-class CorrelationSlot {
-  public:
-    CorrelationSlot();
-    ~CorrelationSlot();
-    std::string id;
-};
-
-thread_local CorrelationSlot* liveSlot = nullptr;
-thread_local bool slotGone = false;
-
-CorrelationSlot::CorrelationSlot() {
-    liveSlot = this;
-}
-
-CorrelationSlot::~CorrelationSlot() {
-    liveSlot = nullptr;
-    slotGone = true;
-}
-
-CorrelationSlot* correlationSlot() {
-    if (liveSlot == nullptr && !slotGone) {
-        thread_local CorrelationSlot slot;
-        return &slot;
-    }
-    return liveSlot;
-}
-
 Logger::LoggingLevel valid(Logger::LoggingLevel level) {
     const int value = static_cast<int>(level);
     return value >= 1 && value <= 4 ? level : Logger::LoggingLevel::OFF;
@@ -97,12 +68,12 @@ void Logger::writeCommunication(CommunicationLevel direction, const char* data, 
 }
 
 void Logger::setCorrelationId(const std::string& id) {
-    if (CorrelationSlot* slot = correlationSlot()) slot->id = id;
+    if (std::string* const text = System::threadText()) *text = id;
 }
 
 std::string Logger::correlationId() {
-    const CorrelationSlot* slot = correlationSlot();
-    return slot != nullptr ? slot->id : std::string();
+    const std::string* const text = System::threadText();
+    return text != nullptr ? *text : std::string();
 }
 
 }  // namespace Quovane::Internal::Qvtp

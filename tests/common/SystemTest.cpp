@@ -2,10 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -68,6 +72,62 @@ TEST(SystemLastErrorGuard, PutsTheLastErrorBack) {
         errno = EINVAL;
     }
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(SystemThreadText, IsEachThreadsOwn) {
+    *System::threadText() = "first";
+    std::thread([] {
+        EXPECT_EQ(*System::threadText(), "");
+        *System::threadText() = "second";
+        EXPECT_EQ(*System::threadText(), "second");
+    }).join();
+    EXPECT_EQ(*System::threadText(), "first");
+    System::threadText()->clear();
+}
+
+TEST(SystemThreadText, GoesWithItsThreadAndTakesNoMemoryOfOthersAlong) {
+    // Blocks of every size that a thread's own storage may have, written as soon as they are given out.
+    std::atomic<bool> done{false};
+    std::atomic<int> overwritten{0};
+    std::vector<std::thread> owners;
+    for (int i = 0; i < 2; ++i) {
+        owners.emplace_back([&] {
+            while (!done) {
+                std::vector<std::vector<char>> blocks;
+                for (std::size_t size = 8; size <= 256; size += 8) blocks.emplace_back(size, 'A');
+                std::this_thread::yield();
+                for (const std::vector<char>& block : blocks) {
+                    if (block != std::vector<char>(block.size(), 'A')) ++overwritten;
+                }
+            }
+        });
+    }
+    for (int i = 0; i < 200; ++i) {
+        std::vector<std::thread> threads;
+        for (int j = 0; j < 8; ++j) threads.emplace_back([] { *System::threadText() = std::string(100, 'x'); });
+        for (std::thread& thread : threads) thread.join();
+    }
+    done = true;
+    for (std::thread& owner : owners) owner.join();
+    EXPECT_EQ(overwritten, 0);
+}
+
+TEST(SystemMutex, LetsOneThreadInAtATime) {
+    System::Mutex mutex;
+    int count = 0;  // a race for ThreadSanitizer, and lost counts, if it does not
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 1000; ++round) {
+                const std::lock_guard<System::Mutex> guard(mutex);
+                const int before = count;
+                if (round % 100 == 0) std::this_thread::yield();
+                count = before + 1;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(count, 4000);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -56,6 +57,22 @@ TEST(SystemOnWindows, TellsTheTimeOfTheSystem) {
     const std::int64_t ticks = (static_cast<std::int64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
     const std::int64_t expectedMs = ticks / 10000 - 11644473600000;  // from 100 ns since 1601 to ms since 1970
     EXPECT_NEAR(static_cast<double>(System::wallClockMs()), static_cast<double>(expectedMs), 2000.0);
+}
+
+TEST(SystemOnWindows, TakesOverAMutexWhoseThreadHasGone) {
+    // At the end of a process all threads but one disappear, wherever they are.
+    System::Mutex mutex;
+    std::thread([&] { mutex.lock(); }).join();
+    mutex.lock();
+    mutex.unlock();
+}
+
+TEST(SystemOnWindows, GivesTheTextOfAThreadWithoutATraceInTheLastError) {
+    std::thread([] {
+        ::SetLastError(ERROR_PIPE_BUSY);
+        *System::threadText() = "text";
+        EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_PIPE_BUSY));
+    }).join();
 }
 
 }  // namespace
