@@ -1,9 +1,9 @@
 #pragma once
 
-#include <windows.h>
-
 #include <cstddef>
 #include <memory>
+
+struct _OVERLAPPED;  // OVERLAPPED, without the system's header
 
 namespace Quovane::Internal::Qvtp {
 
@@ -11,20 +11,23 @@ namespace Quovane::Internal::Qvtp {
 /// be long after the routine that began it has returned. Both live here, never on a stack or in the caller's memory.
 class Operation {
   public:
-    /// `event` is signalled by the completion; `size` bytes for the data of a read or a write.
-    Operation(HANDLE event, std::size_t size) : data_(new char[size]) { record_.hEvent = event; }
+    /// `event`, a handle, is signalled by the completion; `size` bytes for the data of a read or a write.
+    Operation(void* event, std::size_t size);
+    ~Operation();
     Operation(const Operation&) = delete;
     Operation& operator=(const Operation&) = delete;
 
-    OVERLAPPED* record() { return &record_; }
-    char* data() { return data_.get(); }
+    _OVERLAPPED* record() const { return record_.get(); }
+    char* data() const { return data_.get(); }
+    std::size_t size() const { return size_; }
 
     /// Only for a call that was reported as pending: the system leaves the record of one that failed at once as it was.
-    bool isPending() const { return !HasOverlappedIoCompleted(&record_); }
+    bool isPending() const;
 
   private:
-    OVERLAPPED record_{};
-    std::unique_ptr<char[]> data_;
+    const std::unique_ptr<_OVERLAPPED> record_;
+    const std::unique_ptr<char[]> data_;
+    const std::size_t size_;
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/Deadline_linux.h"
+#include "platform/Deadline.h"
 #include "platform/Descriptor_linux.h"
 #include "platform/PipeAddress_linux.h"
 

@@ -1,6 +1,10 @@
 #include "platform/PipeObject_win32.h"
 
+#include <windows.h>
+
 #include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <unordered_map>
 #include <utility>
@@ -9,51 +13,94 @@ namespace Quovane::Internal::Qvtp {
 
 namespace {
 
-constexpr DWORD STEP_MS = 1;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
 // Cancelled calls leave within microseconds. The limits are for a system that loses a cancellation, and for the end of
 // a process, where threads disappear in the middle of a call.
-constexpr int STEPS_BEFORE_WAKING = 100;
-constexpr int MAX_STEPS = 300;
+constexpr auto BEFORE_CANCELLING_AGAIN = 10ms;
+constexpr auto BEFORE_WAKING = 100ms;
+constexpr auto PATIENCE = 500ms;
+
+// Sleep(1) can take a whole tick of the system's clock, 15.6 ms, so the first rounds of a wait only give way.
+constexpr int ROUNDS_WITHOUT_SLEEP = 50;
+
+/// A handle of the system has 32 significant bits (Microsoft, "Interprocess Communication Between 32-bit and 64-bit
+/// Applications"), which leaves the upper half of a value for the running number.
+static_assert(sizeof(NativeHandle) == 8);
+constexpr int NUMBER_SHIFT = 32;
+constexpr std::uint32_t LAST_NUMBER = 0x7FFFFFFF;  // keeps every value apart from INVALID_NATIVE_HANDLE
+
+NativeHandle valueOf(HANDLE handle, std::uint32_t number) {
+    const auto low = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle));
+    return static_cast<NativeHandle>(static_cast<std::uint64_t>(number) << NUMBER_SHIFT | low);
+}
 
 }  // namespace
 
+const void* printable(NativeHandle handle) {
+    if (handle == INVALID_NATIVE_HANDLE) return INVALID_HANDLE_VALUE;
+    return reinterpret_cast<const void*>(static_cast<std::uintptr_t>(static_cast<std::uint32_t>(handle)));
+}
+
+void PipeObject::adopt(void* pipe, void* event) {
+    pipe_ = pipe;
+    event_ = event;
+}
+
+void PipeObject::leave() {
+    if (--calls_ > 0 || !closed_) return;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    left_.notify_all();
+    if (abandoned_) release();
+}
+
+/// Mark closed, wake, wait until they have left, release. A call whose operation begins only behind the cancellation
+/// sees the mark and cancels it itself.
+void PipeObject::close() {
+    closed_ = true;
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (const auto start = Clock::now(); calls_ > 0 && Clock::now() < start + PATIENCE;) {
+        ::CancelIoEx(pipe_, nullptr);
+        if (event_ != nullptr && Clock::now() >= start + BEFORE_WAKING) ::SetEvent(event_);
+        left_.wait_for(lock, BEFORE_CANCELLING_AGAIN);
+    }
+    abandoned_ = calls_ > 0;
+    if (!abandoned_) release();
+}
+
 /// No call is running any more. What is still pending was left behind by time-outs.
-PipeObject::~PipeObject() {
+void PipeObject::release() {
+    if (pipe_ == nullptr) return;
     ::CancelIoEx(pipe_, nullptr);
-    settle(pipe_, std::move(pendingRead));
-    settle(pipe_, std::move(pendingConnect));
-    for (auto& operation : kept_) settle(pipe_, std::move(operation));
+    settle(std::move(pendingRead));
+    settle(std::move(pendingConnect));
+    for (auto& operation : kept_) settle(std::move(operation));
     ::CloseHandle(pipe_);
     if (event_ != nullptr) ::CloseHandle(event_);
+    pipe_ = event_ = nullptr;
 }
 
 /// Frees an operation as soon as the system has let go of it, or never.
-void PipeObject::settle(HANDLE pipe, std::unique_ptr<Operation> operation) {
+void PipeObject::settle(std::unique_ptr<Operation> operation) const {
     if (operation == nullptr) return;
-    for (int step = 0; operation->isPending() && step < MAX_STEPS; ++step) {
-        ::CancelIoEx(pipe, operation->record());
-        ::Sleep(STEP_MS);
+    const auto end = Clock::now() + PATIENCE;
+    for (int round = 0; operation->isPending() && Clock::now() < end; ++round) {
+        ::CancelIoEx(pipe_, operation->record());
+        round < ROUNDS_WITHOUT_SLEEP ? static_cast<void>(::SwitchToThread()) : ::Sleep(1);
     }
     if (operation->isPending()) static_cast<void>(operation.release());
 }
 
-/// Mark closed, wake, wait until they have left, release. A call that had looked its object up but not yet begun its
-/// operation when the first cancellation came is met by a later one.
-void PipeObject::close(std::shared_ptr<PipeObject> object) {
-    object->closed_ = true;
-    ::CancelIoEx(object->pipe_, nullptr);
-    for (int step = 0; object.use_count() > 1 && step < MAX_STEPS; ++step) {
-        ::Sleep(STEP_MS);
-        ::CancelIoEx(object->pipe_, nullptr);
-        if (step >= STEPS_BEFORE_WAKING && object->event_ != nullptr) ::SetEvent(object->event_);
-    }
+DWORD PipeObject::wait(const Operation& operation, const Deadline& deadline) const {
+    // The close may have cancelled before this operation began. One that comes from here on cancels it.
+    if (closed_) ::CancelIoEx(pipe_, operation.record());
+    if (deadline.isUnlimited()) return ::WaitForSingleObject(event_, INFINITE);
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline.left());
+    return ::WaitForSingleObject(event_, static_cast<DWORD>(std::min<std::int64_t>(left.count(), INFINITE - 1)));
 }
 
-DWORD PipeObject::wait(int timeoutMs) const {
-    return ::WaitForSingleObject(event_, timeoutMs == 0 ? INFINITE : static_cast<DWORD>(timeoutMs));
-}
-
-DWORD PipeObject::finish(Operation& operation, DWORD& count) const {
+DWORD PipeObject::finish(const Operation& operation, DWORD& count) const {
     // Success does not touch the last error, so it has to be the pending code still, whatever was called meanwhile.
     ::SetLastError(ERROR_IO_PENDING);
     ::GetOverlappedResult(pipe_, operation.record(), &count, TRUE);
@@ -73,8 +120,9 @@ void PipeObject::keep(std::unique_ptr<Operation> operation) {
 }
 
 struct HandleTable::State {
-    std::mutex mutex;  // guards the objects
+    std::mutex mutex;  // guards the rest
     std::unordered_map<NativeHandle, std::shared_ptr<PipeObject>> objects;
+    std::uint32_t number = 0;
 };
 
 HandleTable::HandleTable() : state_(new State) {}
@@ -85,16 +133,19 @@ HandleTable& HandleTable::instance() {
 }
 
 NativeHandle HandleTable::add(std::shared_ptr<PipeObject> object) {
-    const NativeHandle handle = valueOf(object->pipe());
     std::lock_guard<std::mutex> guard(state_->mutex);
+    state_->number = state_->number % LAST_NUMBER + 1;
+    const NativeHandle handle = valueOf(object->pipe(), state_->number);
     state_->objects[handle] = std::move(object);
     return handle;
 }
 
-std::shared_ptr<PipeObject> HandleTable::find(NativeHandle handle) {
+std::shared_ptr<PipeObject> HandleTable::enter(NativeHandle handle) {
     std::lock_guard<std::mutex> guard(state_->mutex);
     const auto found = state_->objects.find(handle);
-    return found != state_->objects.end() ? found->second : nullptr;
+    if (found == state_->objects.end()) return nullptr;
+    found->second->enter();
+    return found->second;
 }
 
 std::shared_ptr<PipeObject> HandleTable::remove(NativeHandle handle) {

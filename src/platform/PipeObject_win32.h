@@ -1,43 +1,51 @@
 #pragma once
 
+#include "platform/Deadline.h"
 #include "platform/Operation_win32.h"
 #include "platform/PipePlatform.h"
 
-#include <windows.h>
-
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace Quovane::Internal::Qvtp {
 
 /// What a pipe handle stands for: a waiting instance or one end of a connection. It owns the pipe and the event of all
-/// its operations, and closes them when the last reference goes. Every running call holds one, so a close can neither
-/// take the event away from a thread that is about to wait on it, nor free memory that the system still writes to.
+/// its operations. A close waits for the running calls (PipeCall) before it releases both, so it can neither take the
+/// event away from a thread that is about to wait on it, nor free memory that the system still writes to.
+///
+/// Handles of the system (HANDLE) are void* here, its numbers (DWORD) unsigned long.
 class PipeObject {
   public:
-    /// `event` may be null: the pipe can then only be closed.
-    PipeObject(HANDLE pipe, HANDLE event) : pipe_(pipe), event_(event) {}
-    ~PipeObject();
+    PipeObject() = default;
+    ~PipeObject() { release(); }
     PipeObject(const PipeObject&) = delete;
     PipeObject& operator=(const PipeObject&) = delete;
 
-    HANDLE pipe() const { return pipe_; }
-    HANDLE event() const { return event_; }
+    /// Takes both over. `event` may be null: the pipe can then only be closed.
+    void adopt(void* pipe, void* event);
+
+    void* pipe() const { return pipe_; }
+    void* event() const { return event_; }
     bool isClosed() const { return closed_; }
 
-    /// Ends every running call and drops the reference, which must be out of the table already.
-    static void close(std::shared_ptr<PipeObject> object);
+    /// A call begins, ends.
+    void enter() { ++calls_; }
+    void leave();
+    /// Ends every running call, then releases pipe and event. No call may begin any more.
+    void close();
 
-    /// Waits until the pending operation signals the event, at most `timeoutMs` (0: without limit).
-    DWORD wait(int timeoutMs) const;
+    /// Waits until the operation, which was reported as pending, signals the event.
+    unsigned long wait(const Operation& operation, const Deadline& deadline) const;
     /// The outcome of an operation whose wait has ended: ERROR_IO_PENDING for success, as the last error reads after a
     /// pending operation that succeeded, or why it failed.
-    DWORD finish(Operation& operation, DWORD& count) const;
+    unsigned long finish(const Operation& operation, unsigned long& count) const;
     /// Before the wait for an operation that an earlier call began: the event may be signalled, or not, by another one.
     void prepareToWaitAgain(const Operation& operation) const;
-    /// Keeps what the system may still write to until it has completed, at the latest until the pipe is closed.
+    /// Keeps what the system may still write to until it has completed, at the latest until the pipe is released.
     void keep(std::unique_ptr<Operation> operation);
 
     // What calls that timed out have left behind for the next of their kind. Like the pipe itself, for one thread at a
@@ -47,32 +55,52 @@ class PipeObject {
     std::string unread;  // bytes that came for an earlier, larger read
 
   private:
-    static void settle(HANDLE pipe, std::unique_ptr<Operation> operation);
+    void release();
+    void settle(std::unique_ptr<Operation> operation) const;
 
-    const HANDLE pipe_;
-    const HANDLE event_;  // null if none could be made
+    void* pipe_ = nullptr;   // null when released
+    void* event_ = nullptr;  // null if none could be made
     std::atomic<bool> closed_{false};
+    std::atomic<int> calls_{0};
+    std::mutex mutex_;              // guards abandoned_, and the notice of the last call to a close
+    std::condition_variable left_;  // the last call has ended
+    bool abandoned_ = false;        // a close could not wait any longer: the last call releases
     std::vector<std::unique_ptr<Operation>> kept_;
 };
 
-/// The pipes of this process by handle. The values are the system's own, which it gives out again after a close: a
-/// stale handle means nothing until then, and another pipe from then on.
+/// The pipes of this process by handle. A value is the system's own handle with a running number above it: the system
+/// gives its values out again after a close, and a stale handle must not mean another pipe then.
 class HandleTable {
   public:
     static HandleTable& instance();
 
     NativeHandle add(std::shared_ptr<PipeObject> object);
-    /// Null for a stale or invalid handle.
-    std::shared_ptr<PipeObject> find(NativeHandle handle);
+    /// The object, entered (PipeObject::enter). Null for a stale or invalid handle.
+    std::shared_ptr<PipeObject> enter(NativeHandle handle);
     std::shared_ptr<PipeObject> remove(NativeHandle handle);
-
-    static NativeHandle valueOf(HANDLE handle) { return reinterpret_cast<NativeHandle>(handle); }
 
   private:
     HandleTable();
     ~HandleTable() = delete;
     struct State;
     State* const state_;
+};
+
+/// One running call on a pipe. False for a stale or invalid handle.
+class PipeCall {
+  public:
+    explicit PipeCall(NativeHandle handle) : object_(HandleTable::instance().enter(handle)) {}
+    ~PipeCall() {
+        if (object_ != nullptr) object_->leave();
+    }
+    PipeCall(const PipeCall&) = delete;
+    PipeCall& operator=(const PipeCall&) = delete;
+
+    explicit operator bool() const { return object_ != nullptr; }
+    PipeObject& object() const { return *object_; }
+
+  private:
+    const std::shared_ptr<PipeObject> object_;
 };
 
 }  // namespace Quovane::Internal::Qvtp

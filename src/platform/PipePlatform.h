@@ -57,9 +57,7 @@ int platformWrite(NativeHandle pipeHandle, NativeHandle eventHandle, const char*
 /// allowed and have no effect but the log line.
 void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle);
 
-/// A handle in the form in which log lines print it.
-inline const void* printable(NativeHandle handle) {
-    return reinterpret_cast<const void*>(handle);
-}
+/// A handle in the form in which log lines print it: as the operating system knows it, where it does.
+const void* printable(NativeHandle handle);
 
 }  // namespace Quovane::Internal::Qvtp

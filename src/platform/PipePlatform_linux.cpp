@@ -209,4 +209,8 @@ void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle) {
     if (const ObjectPtr object = HandleTable::instance().remove(pipeHandle)) object->close();
 }
 
+const void* printable(NativeHandle handle) {
+    return reinterpret_cast<const void*>(handle);
+}
+
 }  // namespace Quovane::Internal::Qvtp

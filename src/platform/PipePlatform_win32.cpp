@@ -1,6 +1,7 @@
 #include "platform/PipePlatform.h"
 
 #include "logging/Log.h"
+#include "platform/Deadline.h"
 #include "platform/Operation_win32.h"
 #include "platform/PipeObject_win32.h"
 
@@ -18,8 +19,6 @@
 namespace Quovane::Internal::Qvtp {
 
 namespace {
-
-using ObjectPtr = std::shared_ptr<PipeObject>;
 
 // ---- Connecting ----
 
@@ -67,14 +66,22 @@ class Reading {
 
     int run(int timeoutMs) {
         if (!object_.unread.empty()) return deliverUnread();
+        const Deadline deadline = Deadline::after(timeoutMs);
+        std::optional<int> result;
+        while (!result) result = step(deadline);
+        return *result;
+    }
+
+  private:
+    /// Nothing if the wait ended for another reason than this read.
+    std::optional<int> step(const Deadline& deadline) {
         DWORD count = 0;
         const DWORD error = continueOrBegin(count);
         if (error == ERROR_SUCCESS) return deliver(count);
         if (error != ERROR_IO_PENDING) return reportReadError(error);
-        return complete(object_.wait(timeoutMs));
+        return complete(object_.wait(*operation_, deadline));
     }
 
-  private:
     DWORD continueOrBegin(DWORD& count) {
         operation_ = std::move(object_.pendingRead);
         if (operation_ != nullptr) {
@@ -90,21 +97,29 @@ class Reading {
         return ::GetLastError();
     }
 
-    int complete(DWORD waited) {
+    std::optional<int> complete(DWORD waited) {
         if (waited != WAIT_OBJECT_0) {
             object_.pendingRead = std::move(operation_);
             if (waited != WAIT_TIMEOUT) return 0;
             logDebug("Read timed out.");
             return ReadResult::TIMED_OUT;
         }
+        const bool closed = object_.isClosed();
+        if (operation_->isPending()) {
+            object_.pendingRead = std::move(operation_);
+            if (closed) return ReadResult::ABORTED;
+            return std::nullopt;  // another operation has signalled the event
+        }
         DWORD count = 0;
         const DWORD error = object_.finish(*operation_, count);
         switch (error) {
             case ERROR_IO_PENDING:
+                if (count == 0 && operation_->size() == 0 && length_ > 0) return std::nullopt;  // asked for no bytes
+                return deliver(count);
             case ERROR_BROKEN_PIPE:
                 return deliver(count);
             case ERROR_OPERATION_ABORTED:
-                keepIfPending();
+                if (!closed) return std::nullopt;  // the thread that began it has ended
                 return ReadResult::ABORTED;
             default:
                 logError([&] { return text("ReadFile failed: ", error); });
@@ -116,7 +131,6 @@ class Reading {
         const std::size_t given = std::min(count, length_);
         if (given > 0) std::memcpy(buffer_, operation_->data(), given);
         object_.unread.assign(operation_->data() + given, count - given);
-        keepIfPending();
         return static_cast<int>(given);
     }
 
@@ -124,11 +138,6 @@ class Reading {
         const std::size_t given = object_.unread.copy(buffer_, length_);
         object_.unread.erase(0, given);
         return static_cast<int>(given);
-    }
-
-    /// The event was signalled by another operation.
-    void keepIfPending() {
-        if (operation_->isPending()) object_.pendingRead = std::move(operation_);
     }
 
     PipeObject& object_;
@@ -193,7 +202,8 @@ class Writing {
         }
         const DWORD error = ::GetLastError();
         if (error != ERROR_IO_PENDING) return reportWriteError(error);
-        return complete(std::move(operation), object_.wait(WRITE_TIMEOUT_MS));
+        const DWORD waited = object_.wait(*operation, Deadline::after(WRITE_TIMEOUT_MS));
+        return complete(std::move(operation), waited);
     }
 
     std::optional<int> complete(std::unique_ptr<Operation> operation, DWORD waited) {
@@ -233,42 +243,44 @@ int platformConnect(const std::string& path, bool readable, bool writable, int t
                     NativeHandle& eventHandle) {
     pipeHandle = INVALID_NATIVE_HANDLE;
     eventHandle = INVALID_NATIVE_HANDLE;
+    const auto object = std::make_shared<PipeObject>();
     const DWORD access = accessMask(readable, writable);
     HANDLE pipe = openPipe(path, access);
     const int result = openBusyPipe(path, access, timeoutMs, pipe);
     if (result != ConnectResult::CONNECTED) return result;
+    const DWORD lastError = ::GetLastError();
     logDebug([&] {
-        return text("CreateFile - ", path, " handle=", static_cast<const void*>(pipe),
-                    " GetLastError=", ::GetLastError());
+        return text("CreateFile - ", path, " handle=", static_cast<const void*>(pipe), " GetLastError=", lastError);
     });
 
     const HANDLE event = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
     const DWORD eventError = ::GetLastError();
-    pipeHandle = HandleTable::instance().add(std::make_shared<PipeObject>(pipe, event));
+    object->adopt(pipe, event);
+    pipeHandle = HandleTable::instance().add(object);
     if (event == nullptr) {
         logError([&] { return text("CreateEvent failed: ", eventError); });
         return static_cast<int>(eventError);
     }
-    eventHandle = HandleTable::valueOf(event);
+    eventHandle = reinterpret_cast<NativeHandle>(event);
     return ConnectResult::CONNECTED;
 }
 
 int platformRead(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs) {
-    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
-    if (object == nullptr) return reportReadError(ERROR_INVALID_HANDLE);
-    return Reading(*object, buffer, length).run(timeoutMs);
+    const PipeCall call(pipeHandle);
+    if (!call) return reportReadError(ERROR_INVALID_HANDLE);
+    return Reading(call.object(), buffer, length).run(timeoutMs);
 }
 
 int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int length) {
     if (length <= 0) return WriteResult::WRITTEN;
-    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
-    if (object == nullptr) return reportWriteError(ERROR_INVALID_HANDLE);
-    return Writing(*object, data, length).run();
+    const PipeCall call(pipeHandle);
+    if (!call) return reportWriteError(ERROR_INVALID_HANDLE);
+    return Writing(call.object(), data, length).run();
 }
 
 void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle) {
     logDebug([&] { return text("Close Handles: handle=", printable(pipeHandle), "; event=", printable(eventHandle)); });
-    if (ObjectPtr object = HandleTable::instance().remove(pipeHandle)) PipeObject::close(std::move(object));
+    if (const auto object = HandleTable::instance().remove(pipeHandle)) object->close();
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -1,6 +1,7 @@
 #include "platform/ServerPipePlatform.h"
 
 #include "logging/Log.h"
+#include "platform/Deadline.h"
 #include "platform/Operation_win32.h"
 #include "platform/PipeObject_win32.h"
 
@@ -14,8 +15,6 @@
 namespace Quovane::Internal::Qvtp {
 
 namespace {
-
-using ObjectPtr = std::shared_ptr<PipeObject>;
 
 constexpr DWORD BUFFER_SIZE = 65536;
 
@@ -41,6 +40,7 @@ class Accepting {
     explicit Accepting(PipeObject& object) : object_(object) {}
 
     int run(int timeoutMs) {
+        const Deadline deadline = Deadline::after(timeoutMs);
         const DWORD error = continueOrBegin();
         if (error == ERROR_SUCCESS) return AcceptResult::CONNECTED;
         logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", error); });
@@ -49,7 +49,7 @@ class Accepting {
             case ERROR_NO_DATA:  // the client has gone again; what it wrote is there
                 return AcceptResult::CONNECTED;
             case ERROR_IO_PENDING:
-                return complete(object_.wait(timeoutMs));
+                return complete(deadline);
             default:
                 return reportConnectError(error);
         }
@@ -65,23 +65,28 @@ class Accepting {
             if (object_.finish(*operation_, count) == ERROR_IO_PENDING) return ERROR_PIPE_CONNECTED;
             // It has failed meanwhile, perhaps only because the thread that began it is gone: the next says why.
         }
+        return begin();
+    }
+
+    DWORD begin() {
         operation_ = std::make_unique<Operation>(object_.event(), 0);
         return ::ConnectNamedPipe(object_.pipe(), operation_->record()) ? ERROR_SUCCESS : ::GetLastError();
     }
 
-    int complete(DWORD waited) {
+    int complete(const Deadline& deadline) {
+        DWORD error = ERROR_IO_PENDING;
+        const DWORD waited = waitForClient(deadline, error);
         logDebug([&] { return text("ServerQvPipe_acceptPipe WaitForSingleObject status = ", waited); });
         if (waited != WAIT_OBJECT_0) {
             object_.pendingConnect = std::move(operation_);
             return waited == WAIT_TIMEOUT ? AcceptResult::TIMED_OUT : AcceptResult::WAIT_ERROR;
         }
-        DWORD count = 0;
-        const DWORD error = object_.finish(*operation_, count);
-        if (operation_->isPending()) object_.pendingConnect = std::move(operation_);
         logDebug([&] { return text("GetOverlappedResult - GetLastError=", error); });
         switch (error) {
+            case ERROR_SUCCESS:
             case ERROR_PIPE_CONNECTED:
             case ERROR_IO_PENDING:
+            case ERROR_NO_DATA:
                 return AcceptResult::CONNECTED;
             case ERROR_OPERATION_ABORTED:
                 return AcceptResult::ABORTED;
@@ -90,12 +95,28 @@ class Accepting {
         }
     }
 
+    /// An operation that is cancelled because the thread that began it ends, while this one waits, is begun anew.
+    DWORD waitForClient(const Deadline& deadline, DWORD& error) {
+        for (;;) {
+            const DWORD waited = object_.wait(*operation_, deadline);
+            if (waited != WAIT_OBJECT_0) return waited;
+            const bool closed = object_.isClosed();
+            DWORD count = 0;
+            error = object_.finish(*operation_, count);
+            if (operation_->isPending()) object_.pendingConnect = std::move(operation_);
+            if (closed || error != ERROR_OPERATION_ABORTED) return waited;
+            error = begin();
+            if (error != ERROR_IO_PENDING) return waited;
+        }
+    }
+
     PipeObject& object_;
     std::unique_ptr<Operation> operation_;
 };
 
 int acceptOn(NativeHandle pipeHandle, int timeoutMs) {
-    if (const ObjectPtr object = HandleTable::instance().find(pipeHandle)) return Accepting(*object).run(timeoutMs);
+    const PipeCall call(pipeHandle);
+    if (call) return Accepting(call.object()).run(timeoutMs);
     logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", ERROR_INVALID_HANDLE); });
     return reportConnectError(ERROR_INVALID_HANDLE);
 }
@@ -106,6 +127,7 @@ int platformCreateInstance(const std::string& path, bool readable, bool writable
                            NativeHandle& eventHandle) {
     pipeHandle = INVALID_NATIVE_HANDLE;
     eventHandle = INVALID_NATIVE_HANDLE;
+    const auto object = std::make_shared<PipeObject>();
     const HANDLE pipe = createInstance(path, readable, writable, first);
     if (pipe == INVALID_HANDLE_VALUE) {
         const DWORD error = ::GetLastError();
@@ -116,8 +138,9 @@ int platformCreateInstance(const std::string& path, bool readable, bool writable
     const DWORD eventError = ::GetLastError();
     // Unlike a client's end, an instance whose event is null is there: clients may wait for it, its accept fails.
     const bool failed = event == INVALID_HANDLE_VALUE;
-    pipeHandle = HandleTable::instance().add(std::make_shared<PipeObject>(pipe, failed ? nullptr : event));
-    eventHandle = HandleTable::valueOf(event);
+    object->adopt(pipe, failed ? nullptr : event);
+    pipeHandle = HandleTable::instance().add(object);
+    eventHandle = reinterpret_cast<NativeHandle>(event);
     if (failed) {
         logError([&] { return text("CreateEvent failed: ", eventError); });
         return static_cast<int>(eventError);
@@ -137,7 +160,7 @@ int platformAccept(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
 void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle) {
     // A blank where the other close has a semicolon: readers of these lines match this form.
     logDebug([&] { return text("Close Handles: handle=", printable(pipeHandle), " event= ", printable(eventHandle)); });
-    if (ObjectPtr object = HandleTable::instance().remove(pipeHandle)) PipeObject::close(std::move(object));
+    if (const auto object = HandleTable::instance().remove(pipeHandle)) object->close();
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -154,6 +154,7 @@ TEST_F(ServerPipe, LeavesTheNameFreeWheneverItIsClosedDuringAccepts) {
             << thrown;
         done = true;
         clients.join();
+        ASSERT_EQ(thrownBy([&] { QvPipe(name, true, true); }), "ConnectException: Could not connect to pipe.") << round;
         ASSERT_EQ(thrownBy([&] { ServerQvPipe(name, true, true); }), "nothing") << round;
     }
 }
@@ -181,6 +182,7 @@ TEST_F(ServerPipe, ClosesInItsDestructor) {
     server.reset();
     EXPECT_THAT(withoutHandles(log.messages()), ::testing::ElementsAre("DEBUG Closing server pipe: " + name,
                                                                        "DEBUG Close Handles: handle=0xH event= 0xH"));
+    EXPECT_EQ(thrownBy([&] { QvPipe(name, true, true); }), "ConnectException: Could not connect to pipe.");
     EXPECT_EQ(thrownBy([&] { ServerQvPipe(name, true, true); }), "nothing");
 }
 

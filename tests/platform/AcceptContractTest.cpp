@@ -162,9 +162,8 @@ TEST_F(AcceptContract, LogsTheHandlesOfANewInstance) {
     LogCapture log;
     End server;
     ASSERT_EQ(create(server), 0);
-    EXPECT_THAT(log.messages(),
-                ElementsAre(platform::text("DEBUG bindPipe: handle=", reinterpret_cast<void*>(server.pipe),
-                                           " event=", reinterpret_cast<void*>(server.event))));
+    EXPECT_THAT(log.messages(), ElementsAre(platform::text("DEBUG bindPipe: handle=", platform::printable(server.pipe),
+                                                           " event=", platform::printable(server.event))));
 }
 
 TEST_F(AcceptContract, MakesMoreThan255Instances) {
@@ -187,7 +186,10 @@ TEST_F(AcceptContract, CreatesTheNameAgainWhileOnlyClientEndsAreLeft) {
     End server, client, again;
     pair(server, client);
     server.close();
+    End late;
+    EXPECT_EQ(connect(late), ConnectResult::CANNOT_OPEN);
     EXPECT_EQ(create(again), 0);
+    EXPECT_EQ(connect(late), ConnectResult::CONNECTED);
 }
 
 TEST_F(AcceptContract, RefusesToReadOrWriteOnAnInstanceThatStillWaits) {

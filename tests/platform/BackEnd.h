@@ -18,13 +18,11 @@ bool buffersMoreThanAPipe();
 bool renewsWriteTimeOnProgress();
 /// Whether a write that timed out still reaches a late reader as a whole, and not only what a buffer had taken.
 bool deliversTimedOutWrites();
-/// Whether a stale handle can never reach a pipe that was opened later.
-bool neverReusesHandles();
 /// Whether "a" and "a." and "a/../b" are three names.
 bool keepsNamesAsTheyAre();
-/// The longest name a server can have; a longer one is refused.
-int longestName();
-/// What opening a longer name fails with.
+/// The length of a name that is too long. 247 bytes are documented to work.
+int tooLongName();
+/// What opening such a name fails with.
 int longNameOpenError();
 /// What creating an instance of the empty name returns.
 int emptyNameError();

@@ -30,16 +30,12 @@ bool deliversTimedOutWrites() {
     return false;
 }
 
-bool neverReusesHandles() {
-    return true;
-}
-
 bool keepsNamesAsTheyAre() {
     return true;
 }
 
-int longestName() {
-    return 247;
+int tooLongName() {
+    return 248;
 }
 
 int longNameOpenError() {

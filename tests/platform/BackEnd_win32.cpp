@@ -6,6 +6,8 @@
 #include <windows.h>
 
 #include <chrono>
+#include <future>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -47,36 +49,53 @@ HANDLE open(const std::string& path, DWORD access) {
     return ::CreateFileA(path.c_str(), access, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
 }
 
+/// A probe that cannot be made says nothing about the system, and must not pass for a gap of it.
+void require(const Handle& handle) {
+    if (!handle.isOpen())
+        throw std::runtime_error("a probe could not make its pipe: " + std::to_string(::GetLastError()));
+}
+
 bool probeFirstInstance() {
     const std::string path = probePath();
     const Handle first(createInstance(path, PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE));
+    require(first);
     const Handle second(createInstance(path, PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE));
-    return first.isOpen() && !second.isOpen();
+    return !second.isOpen() && ::GetLastError() == ERROR_ACCESS_DENIED;
 }
 
 bool probeDirectionWhenBusy() {
     const std::string path = probePath();
     const Handle server(createInstance(path, PIPE_ACCESS_INBOUND));
+    require(server);
     const Handle client(open(path, GENERIC_WRITE));
+    require(client);
     const Handle wrong(open(path, GENERIC_READ));
     return !wrong.isOpen() && ::GetLastError() == ERROR_ACCESS_DENIED;
 }
 
+/// Whether a wait that has begun well before the close ends well before its time-out.
 bool probeRelease() {
     using namespace std::chrono_literals;
+    using Clock = std::chrono::steady_clock;
     const std::string path = probePath();
     Handle server(createInstance(path, PIPE_ACCESS_DUPLEX));
-    Handle client(open(path, GENERIC_READ | GENERIC_WRITE));
-    std::chrono::steady_clock::time_point end;
+    require(server);
+    const Handle client(open(path, GENERIC_READ | GENERIC_WRITE));
+    require(client);
+    std::promise<void> begins;
+    Clock::time_point end;
     std::thread waiter([&] {
+        begins.set_value();
         ::WaitNamedPipeA(path.c_str(), 2000);
-        end = std::chrono::steady_clock::now();
+        end = Clock::now();
     });
+    begins.get_future().wait();
     std::this_thread::sleep_for(300ms);
-    const auto closed = std::chrono::steady_clock::now();
+    const auto closed = Clock::now();
     server.close();
     waiter.join();
-    return end > closed && end - closed < 1000ms;
+    if (end < closed) throw std::runtime_error("a probe's wait ended before the close");
+    return end - closed < 1000ms;
 }
 
 }  // namespace
@@ -112,22 +131,17 @@ bool deliversTimedOutWrites() {
     return true;
 }
 
-bool neverReusesHandles() {
-    return false;
-}
-
 bool keepsNamesAsTheyAre() {
     return false;
 }
 
-int longestName() {
-    // The calls that take bytes convert the whole path into a buffer of 260 characters, its end included.
-    return static_cast<int>(MAX_PATH - 1 - PREFIX.size());
+int tooLongName() {
+    return MAX_PATH;
 }
 
 int longNameOpenError() {
     // Wine looks for a pipe of that name and finds none; Windows says that the name is too long.
-    const std::string tooLong(static_cast<std::size_t>(longestName()) + 1, 'n');
+    const std::string tooLong(static_cast<std::size_t>(tooLongName()), 'n');
     static const bool opened = Handle(open(PREFIX + tooLong, GENERIC_READ)).isOpen();
     static const DWORD error = opened ? 0 : ::GetLastError();
     return static_cast<int>(error);

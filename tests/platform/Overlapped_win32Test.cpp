@@ -1,6 +1,12 @@
 #include "platform/PipeContract.h"
 #include "support/Holdings.h"
 
+#include <windows.h>
+
+#include <regex>
+#include <string>
+#include <thread>
+
 // What the system's way of overlapped calls brings with it: their records and data are written to until they have
 // completed, which a time-out does not wait for.
 namespace qvtp_test {
@@ -61,6 +67,67 @@ TEST_F(Overlapped, ReadSurvivesTheThreadThatTimedOut) {
     EXPECT_EQ(readText(server), "late");
 }
 
+TEST_F(Overlapped, ReadThatWaitsSurvivesTheThreadThatTimedOut) {
+    End server, client;
+    pair(server, client);
+    std::promise<void> timedOut, leave;
+    std::thread first([&] {
+        std::string data;
+        EXPECT_EQ(read(server, data, 100, 20), ReadResult::TIMED_OUT);
+        timedOut.set_value();
+        leave.get_future().wait();
+    });
+    timedOut.get_future().wait();
+    auto reading = std::async(std::launch::async, [&] { return readText(server); });
+    EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
+    leave.set_value();
+    first.join();
+    EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
+    ASSERT_EQ(write(client, "late"), 0);
+    EXPECT_EQ(reading.get(), "late");
+}
+
+TEST_F(Overlapped, AcceptThatWaitsSurvivesTheThreadThatTimedOut) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    std::promise<void> timedOut, leave;
+    std::thread first([&] {
+        EXPECT_EQ(accept(server, 20), AcceptResult::TIMED_OUT);
+        timedOut.set_value();
+        leave.get_future().wait();
+    });
+    timedOut.get_future().wait();
+    LogCapture log;
+    auto accepting = std::async(std::launch::async, [&] { return accept(server, 0); });
+    ASSERT_TRUE(eventually([&] { return log.contains("DEBUG ServerQvPipe_acceptPipe error = 997"); }));
+    leave.set_value();
+    first.join();
+    EXPECT_EQ(accepting.wait_for(PENDING), std::future_status::timeout);
+    ASSERT_EQ(connect(client), 0);
+    EXPECT_EQ(accepting.get(), AcceptResult::CONNECTED);
+}
+
+TEST_F(Overlapped, ReadIsNotEndedByOneOfNoBytesThatTimedOut) {
+    End server, client;
+    pair(server, client);
+    std::string data;
+    ASSERT_EQ(read(server, data, 0, 20), ReadResult::TIMED_OUT);
+    ASSERT_EQ(write(client, "late"), 0);
+    EXPECT_EQ(readText(server), "late");
+}
+
+TEST_F(Overlapped, ReadIsNotEndedByAWriteThatCompletes) {
+    End server, client;
+    pair(server, client);
+    ASSERT_EQ(write(server, std::string(200000, 'x')), WriteResult::TIMED_OUT);
+    auto reading = std::async(std::launch::async, [&] { return readText(server); });
+    EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
+    EXPECT_EQ(readAll(client, 200000).size(), 200000U);  // the write completes now, and signals the event
+    EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
+    ASSERT_EQ(write(client, "late"), 0);
+    EXPECT_EQ(reading.get(), "late");
+}
+
 TEST_F(Overlapped, AcceptSurvivesTheThreadThatTimedOut) {
     End server, client;
     ASSERT_EQ(create(server), 0);
@@ -97,6 +164,19 @@ TEST_F(Overlapped, AcceptPrintsWhatTheSystemSaysOfAClientThatHasGone) {
     EXPECT_THAT(log.messages(),
                 ElementsAre("DEBUG Calling ConnectNamedPipe.", "DEBUG ServerQvPipe_acceptPipe error = 232",
                             "DEBUG ServerQvPipe_acceptPipe retval = 0"));
+}
+
+TEST_F(Overlapped, PrintsTheHandleOfTheSystem) {
+    End server;
+    LogCapture log;
+    ASSERT_EQ(create(server), 0);
+    std::smatch match;
+    const std::string line = log.messages().at(0);
+    ASSERT_TRUE(std::regex_match(line, match, std::regex("DEBUG bindPipe: handle=0x([0-9a-f]+) event=0x([0-9a-f]+)")));
+    const auto handle = reinterpret_cast<HANDLE>(std::stoull(match[1], nullptr, 16));
+    DWORD instances = 0;
+    EXPECT_TRUE(::GetNamedPipeHandleStateA(handle, nullptr, &instances, nullptr, nullptr, nullptr, 0));
+    EXPECT_EQ(instances, 1U);
 }
 
 TEST_F(Overlapped, CloseGivesEveryHandleBack) {

@@ -211,6 +211,13 @@ TEST_P(PipeCapacity, Takes65536BytesWithoutAReader) {
 
 INSTANTIATE_TEST_SUITE_P(InPieces, PipeCapacity, ::testing::Values(65536, 4096, 1000, 200));
 
+TEST_F(WriteContract, TakesNearlyAsMuchInSmallPieces) {
+    const std::string piece(120, 'x');
+    std::size_t sent = 0;
+    for (; sent < 64600; sent += piece.size()) ASSERT_EQ(write(client, piece), 0) << sent;
+    EXPECT_EQ(readAll(server, sent).size(), sent);
+}
+
 TEST_F(WriteContract, TakesMoreThanAPipeOrWaitsForAReader) {
     const std::string block(200000, 'x');
     auto writing = std::async(std::launch::async, [&] { return write(client, block); });

@@ -4,8 +4,8 @@
 
 namespace Quovane::Io {
 
-/// A handle of the operating system (Windows) or of the library's own handle table (Linux), as wide as a pointer.
-/// Values mean nothing outside the process that obtained them.
+/// A pipe of the library, or its event. A pipe's value is never used again for another one. On Windows its low 32 bits
+/// are the handle of the operating system. Values mean nothing outside the process that obtained them.
 using NativeHandle = std::intptr_t;
 
 /// The value of a handle that is not open: all bits set, as the operating system's INVALID_HANDLE_VALUE.
