@@ -27,10 +27,11 @@ EXCEPTION_HEADER = re.compile(r"^qvtp/io/\w+Exception\.h$")
 VOCABULARY = {"qvtp/platform/NativeHandle.h": {"io", "platform"}}
 THIRD_PARTY = {"Poco/": "server", "xercesc/": "config"}
 SYSTEM_HEADER = re.compile(
-    r"^(sys/|linux/|arpa/|netinet/|windows\.h$|winsock|ws2|io\.h$|process\.h$|direct\.h$|"
+    r"^(sys/|linux/|arpa/|netinet/|windows\.h$|win\w+\.h$|ws2|(io|process|direct|psapi|tlhelp32|fibersapi)\.h$|"
     r"(unistd|fcntl|poll|dirent|pthread|signal|malloc|sched|semaphore|dlfcn|spawn|termios)\.h$)", re.I)
-PLATFORM_FILE = re.compile(r"_(linux|win32)(Test)?\.(cpp|h)$")
-CONDITIONAL = re.compile(r"^\s*#\s*(if|ifdef|ifndef|elif)\b.*\b(_WIN32|WIN32|__linux__|__unix__)\b")
+PLATFORM_FILE = re.compile(r"_(linux|win32)(Test)?\.cpp$")
+CONDITIONAL = re.compile(
+    r"^\s*#\s*(if|ifdef|ifndef|elif)\b.*\b(_WIN32|_WIN64|WIN32|_MSC_VER|__MINGW\w*|__linux__|__unix__)\b")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
 
 
@@ -56,9 +57,10 @@ class Checker:
             for path in sorted((self.root / top).rglob("*")):
                 if path.suffix in (".h", ".cpp"):
                     self.check_file(path, path.relative_to(self.root / top).parts[0], top != "src")
-        for path in sorted((self.root / "tests").rglob("*")):
-            if path.suffix in (".h", ".cpp"):
-                self.check_system(path)
+        for top in ("tests", "examples", "bench", "fuzz"):
+            for path in sorted((self.root / top).rglob("*")):
+                if path.suffix in (".h", ".cpp"):
+                    self.check_system(path)
 
     def lines(self, path):
         return enumerate(path.read_text(encoding="utf-8").splitlines(), 1)
