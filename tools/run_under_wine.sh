@@ -4,7 +4,8 @@
 #
 #   tools/run_under_wine.sh [--dependencies DIR] PROGRAM.exe [ARGUMENT...]
 #   tools/run_under_wine.sh --start     prepares Wine ahead of the first program
-#   tools/run_under_wine.sh --stop      ends every program that runs under this script's Wine, and Wine itself
+#   tools/run_under_wine.sh --stop      ends every program that runs under this script's Wine, and Wine itself, unless
+#                                       another process has called --start and is still there without having stopped
 #
 # The exit code is the program's (its low eight bits, which is all that a parent process can see here). Any number of
 # copies may run at the same time.
@@ -92,20 +93,34 @@ start_server() {
     setsid wine cmd.exe /c exit </dev/null >/dev/null 2>&1
 }
 
+# Each process that has called --start has a file of its number here.
+users() { echo "$WINEPREFIX.users"; }
+
 # One at a time; the lock must not pass to the server, which outlives this script.
 ensure_server() {
     mkdir -p "$(dirname -- "$WINEPREFIX")"
     (
         flock 9
+        [[ -z ${1:-} ]] || { mkdir -p "$(users)" && touch "$(users)/$1"; }
         [[ -e $WINEPREFIX/.filled ]] || fill_prefix 9>&-
         server_runs 9>&- || start_server 9>&-
     ) 9>"$WINEPREFIX.lock"
 }
 
 stop_server() {
-    server_runs || return 0
-    wineserver -k >/dev/null 2>&1 || true
-    wineserver -w >/dev/null 2>&1
+    (
+        flock 9
+        rm -f "$(users)/$1"
+        local file
+        for file in "$(users)"/*; do
+            [[ -e $file ]] || continue
+            if [[ -d /proc/${file##*/} ]]; then return; fi
+            rm -f "$file"
+        done
+        server_runs 9>&- || return 0
+        wineserver -k >/dev/null 2>&1 9>&- || true
+        wineserver -w >/dev/null 2>&1 9>&-
+    ) 9>"$WINEPREFIX.lock"
 }
 
 main() {
@@ -114,11 +129,11 @@ main() {
     set_environment
     case ${1:-} in
     --start)
-        ensure_server
+        ensure_server "$PPID"
         exit
         ;;
     --stop)
-        stop_server
+        stop_server "$PPID"
         exit
         ;;
     --dependencies)
