@@ -19,5 +19,10 @@ install(FILES ${PROJECT_BINARY_DIR}/qvtpConfig.cmake ${PROJECT_BINARY_DIR}/qvtpC
 
 # The prefix follows from where the file lies, so that an installed tree can be moved.
 file(RELATIVE_PATH QVTP_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+# As the definitions of the target's interface.
+set(QVTP_PC_DEFINITIONS "")
+if(WIN32)
+  set(QVTP_PC_DEFINITIONS " -DNOGDI -DNOMINMAX")
+endif()
 configure_file(cmake/qvtp.pc.in qvtp.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qvtp.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -18,7 +18,8 @@ file(RENAME ${WORK_DIR}/first ${WORK_DIR}/prefix) # an installed tree can be mov
 
 set(options -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix)
 if(TOOLCHAIN)
-  list(APPEND options -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_FIND_ROOT_PATH=${WORK_DIR}/prefix)
+  list(APPEND options -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_FIND_ROOT_PATH=${WORK_DIR}/prefix
+       -DQVTP_MINGW_PREFIX=${MINGW_PREFIX})
 endif()
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build -G Ninja ${options} -DCMAKE_CXX_COMPILER=${COMPILER}
     -DCMAKE_RUNTIME_OUTPUT_DIRECTORY=${WORK_DIR}/prefix/bin)
@@ -29,7 +30,7 @@ if(NOT output MATCHES "^package ok\r?\n$")
 endif()
 
 find_program(PKG_CONFIG pkg-config)
-if(PKG_CONFIG AND NOT TOOLCHAIN)
+if(PKG_CONFIG AND NOT TOOLCHAIN AND NOT CMAKE_HOST_WIN32)
   file(GLOB_RECURSE pc ${WORK_DIR}/prefix/*qvtp.pc)
   get_filename_component(pc_dir ${pc} DIRECTORY)
   set(ENV{PKG_CONFIG_PATH} ${pc_dir})
