@@ -26,6 +26,8 @@ PRIVATE_TEMPLATES = ("Quovane::Io::QvPipe::PipeStream<", "Quovane::Io::QvPipe::o
 # What may stand before the name that a symbol is about.
 KINDS = ("vtable for ", "typeinfo for ", "VTT for ", "guard variable for ", "non-virtual thunk to ", "virtual thunk to ")
 TYPEINFO_NAME = "typeinfo name for "
+# Functions of namespace std, whose written form can begin with a result type of ours.
+STANDARD_TEMPLATE = re.compile(r"_ZN?K?St")
 
 
 def run(*command):
@@ -85,6 +87,8 @@ def public_names(library, objdump):
     names = set()
     if is_dll:
         check_imports(library, objdump)
+    else:
+        mangled = [name for name in mangled if not STANDARD_TEMPLATE.match(name)]
     for name in demangle(mangled):
         if is_dll and not subject(name).startswith(NAMESPACE):
             sys.exit(f"check_exports: not of this library, and yet exported: {name}")
