@@ -7,6 +7,8 @@
 #   tools/run_under_wine.sh --stop      ends every program that runs under this script's Wine, and Wine itself, unless
 #                                       another process has called --start and is still there without having stopped
 #
+# Both are called by a process that lasts for the whole of its use of Wine, such as a script, and not from a subshell.
+#
 # The exit code is the program's (its low eight bits, which is all that a parent process can see here). Any number of
 # copies may run at the same time.
 #
@@ -93,28 +95,36 @@ start_server() {
     setsid wine cmd.exe /c exit </dev/null >/dev/null 2>&1
 }
 
-# Each process that has called --start has a file of its number here.
+# Each process that has called --start has a file here, named by its number, with the time of its start in it: numbers
+# are given out again.
 users() { echo "$WINEPREFIX.users"; }
+start_time() { # the 22nd field; the second is a name in brackets, which may have blanks
+    sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f20
+}
 
 # One at a time; the lock must not pass to the server, which outlives this script.
 ensure_server() {
     mkdir -p "$(dirname -- "$WINEPREFIX")"
     (
         flock 9
-        [[ -z ${1:-} ]] || { mkdir -p "$(users)" && touch "$(users)/$1"; }
+        [[ -z ${1:-} ]] || { mkdir -p "$(users)" && start_time "$1" >"$(users)/$1"; }
         [[ -e $WINEPREFIX/.filled ]] || fill_prefix 9>&-
         server_runs 9>&- || start_server 9>&-
     ) 9>"$WINEPREFIX.lock"
 }
 
 stop_server() {
+    mkdir -p "$(dirname -- "$WINEPREFIX")"
     (
         flock 9
         rm -f "$(users)/$1"
         local file
         for file in "$(users)"/*; do
             [[ -e $file ]] || continue
-            if [[ -d /proc/${file##*/} ]]; then return; fi
+            if [[ $(<"$file") == "$(start_time "${file##*/}")" && -s $file ]]; then
+                echo "run_under_wine.sh: Wine goes on, process ${file##*/} uses it"
+                return
+            fi
             rm -f "$file"
         done
         server_runs 9>&- || return 0

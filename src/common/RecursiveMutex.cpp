@@ -7,6 +7,7 @@ void RecursiveMutex::lock() {
     if (owner_.load(std::memory_order_relaxed) != self) {
         mutex_.lock();
         owner_.store(self, std::memory_order_relaxed);
+        count_ = 0;  // not so if the owner before has gone without unlocking
     }
     ++count_;
 }

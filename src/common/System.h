@@ -31,9 +31,10 @@ bool fileExists(const std::string& path);
 std::tm utcTime(std::time_t seconds);
 std::tm localTime(std::time_t seconds);
 
-/// A text of the calling thread, empty at first, that goes with the thread. Null when it has gone already: objects with
-/// static storage may ask after that.
-std::string* threadText();
+/// A text of the calling thread (on Windows: of its fiber), empty at first, that goes with the thread. Objects with
+/// static storage may ask after that: it is empty then.
+std::string threadText();
+void setThreadText(const std::string& text);
 
 /// An unnamed mutex of the operating system, held by one thread once.
 class Mutex {

@@ -78,12 +78,14 @@ std::tm localTime(std::time_t seconds) {
     return result;
 }
 
-std::string* threadText() {
-    if (liveText == nullptr && !textGone) {
-        thread_local ThreadText text;
-        return &text.text;
-    }
-    return liveText != nullptr ? &liveText->text : nullptr;
+std::string threadText() {
+    return liveText != nullptr ? liveText->text : std::string();
+}
+
+void setThreadText(const std::string& text) {
+    if (textGone) return;
+    thread_local ThreadText own;
+    own.text = text;
 }
 
 struct Mutex::State {

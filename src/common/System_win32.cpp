@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <memory>
 #include <new>
 
 namespace Quovane::Internal::Qvtp::System {
@@ -44,15 +45,21 @@ class TextSlot {
     TextSlot(const TextSlot&) = delete;
     TextSlot& operator=(const TextSlot&) = delete;
 
+    /// Null if the thread has none yet.
     std::string* text() const {
         const DWORD index = index_;
-        if (index == FLS_OUT_OF_INDEXES) return nullptr;
-        auto* text = static_cast<std::string*>(::FlsGetValue(index));
-        if (text == nullptr) {
-            text = new std::string;
-            ::FlsSetValue(index, text);
+        return index != FLS_OUT_OF_INDEXES ? static_cast<std::string*>(::FlsGetValue(index)) : nullptr;
+    }
+
+    void set(const std::string& value) {
+        if (std::string* const present = text()) {
+            *present = value;
+            return;
         }
-        return text;
+        const DWORD index = index_;
+        if (index == FLS_OUT_OF_INDEXES) return;
+        auto added = std::make_unique<std::string>(value);
+        if (::FlsSetValue(index, added.get())) static_cast<void>(added.release());
     }
 
   private:
@@ -60,6 +67,11 @@ class TextSlot {
 
     std::atomic<DWORD> index_;
 };
+
+TextSlot& textSlot() {
+    static TextSlot slot;
+    return slot;
+}
 
 }  // namespace
 
@@ -116,10 +128,15 @@ std::tm localTime(std::time_t seconds) {
     return result;
 }
 
-std::string* threadText() {
-    static TextSlot slot;
-    const LastErrorGuard lastError;  // FlsGetValue clears it
-    return slot.text();
+std::string threadText() {
+    const LastErrorGuard lastError;  // the calls of the slot clear it
+    const std::string* const text = textSlot().text();
+    return text != nullptr ? *text : std::string();
+}
+
+void setThreadText(const std::string& text) {
+    const LastErrorGuard lastError;
+    textSlot().set(text);
 }
 
 struct Mutex::State {

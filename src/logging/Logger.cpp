@@ -24,7 +24,10 @@ using Guard = std::lock_guard<RecursiveMutex>;
 }  // namespace
 
 Logger& Logger::instance() {
-    static Logger* const logger = new Logger;
+    static Logger* const logger = [] {
+        const System::LastErrorGuard lastError;
+        return new Logger;
+    }();
     return *logger;
 }
 
@@ -68,12 +71,11 @@ void Logger::writeCommunication(CommunicationLevel direction, const char* data, 
 }
 
 void Logger::setCorrelationId(const std::string& id) {
-    if (std::string* const text = System::threadText()) *text = id;
+    System::setThreadText(id);
 }
 
 std::string Logger::correlationId() {
-    const std::string* const text = System::threadText();
-    return text != nullptr ? *text : std::string();
+    return System::threadText();
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -119,8 +119,23 @@ void PipeObject::keep(std::unique_ptr<Operation> operation) {
     kept_.push_back(std::move(operation));
 }
 
+namespace {
+
+/// When a process ends and its threads have disappeared, one of them with this lock held, the system ends the process
+/// at once instead of waiting for it.
+class Lock {
+  public:
+    void lock() { ::AcquireSRWLockExclusive(&lock_); }
+    void unlock() { ::ReleaseSRWLockExclusive(&lock_); }
+
+  private:
+    SRWLOCK lock_ = SRWLOCK_INIT;
+};
+
+}  // namespace
+
 struct HandleTable::State {
-    std::mutex mutex;  // guards the rest
+    Lock lock;  // guards the rest
     std::unordered_map<NativeHandle, std::shared_ptr<PipeObject>> objects;
     std::uint32_t number = 0;
 };
@@ -133,7 +148,7 @@ HandleTable& HandleTable::instance() {
 }
 
 NativeHandle HandleTable::add(std::shared_ptr<PipeObject> object) {
-    std::lock_guard<std::mutex> guard(state_->mutex);
+    const std::lock_guard<Lock> guard(state_->lock);
     state_->number = state_->number % LAST_NUMBER + 1;
     const NativeHandle handle = valueOf(object->pipe(), state_->number);
     state_->objects[handle] = std::move(object);
@@ -141,7 +156,7 @@ NativeHandle HandleTable::add(std::shared_ptr<PipeObject> object) {
 }
 
 std::shared_ptr<PipeObject> HandleTable::enter(NativeHandle handle) {
-    std::lock_guard<std::mutex> guard(state_->mutex);
+    const std::lock_guard<Lock> guard(state_->lock);
     const auto found = state_->objects.find(handle);
     if (found == state_->objects.end()) return nullptr;
     found->second->enter();
@@ -149,7 +164,7 @@ std::shared_ptr<PipeObject> HandleTable::enter(NativeHandle handle) {
 }
 
 std::shared_ptr<PipeObject> HandleTable::remove(NativeHandle handle) {
-    std::lock_guard<std::mutex> guard(state_->mutex);
+    const std::lock_guard<Lock> guard(state_->lock);
     const auto found = state_->objects.find(handle);
     if (found == state_->objects.end()) return nullptr;
     std::shared_ptr<PipeObject> object = std::move(found->second);

@@ -101,6 +101,10 @@ class Accepting {
             const DWORD waited = object_.wait(*operation_, deadline);
             if (waited != WAIT_OBJECT_0) return waited;
             const bool closed = object_.isClosed();
+            if (!closed && operation_->isPending()) {  // something else has signalled the event
+                object_.prepareToWaitAgain(*operation_);
+                continue;
+            }
             DWORD count = 0;
             error = object_.finish(*operation_, count);
             if (operation_->isPending()) object_.pendingConnect = std::move(operation_);

@@ -1,5 +1,7 @@
 #include "common/System.h"
 
+#include "common/RecursiveMutex.h"
+
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -67,10 +69,22 @@ TEST(SystemOnWindows, TakesOverAMutexWhoseThreadHasGone) {
     mutex.unlock();
 }
 
+TEST(SystemOnWindows, TakesOverARecursiveMutexWhoseThreadHasGone) {
+    Quovane::Internal::Qvtp::RecursiveMutex mutex;
+    std::thread([&] { mutex.lock(); }).join();
+    mutex.lock();
+    mutex.unlock();
+    std::thread([&] {
+        mutex.lock();
+        mutex.unlock();
+    }).join();
+}
+
 TEST(SystemOnWindows, GivesTheTextOfAThreadWithoutATraceInTheLastError) {
     std::thread([] {
         ::SetLastError(ERROR_PIPE_BUSY);
-        *System::threadText() = "text";
+        System::setThreadText("text");
+        EXPECT_EQ(System::threadText(), "text");
         EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_PIPE_BUSY));
     }).join();
 }

@@ -146,7 +146,7 @@ TEST_F(ServerPipe, LeavesTheNameFreeWheneverItIsClosedDuringAccepts) {
             while (thrown == "nothing");
             return thrown;
         });
-        std::this_thread::sleep_for(std::chrono::microseconds(round * 10));
+        spinFor(std::chrono::microseconds(round * 10));
         server.close();
         const std::string thrown = accepting.get();
         EXPECT_TRUE(thrown == "InterruptedException: accept aborted" ||

@@ -26,5 +26,11 @@ TEST(LogOnWindows, LeavesTheLastErrorOfTheSystemAsItWas) {
     EXPECT_EQ(log.messages().size(), 2U);
 }
 
+TEST(LogOnWindows, LeavesItAlsoInTheFirstCallOfTheProcess) {
+    ::SetLastError(ERROR_IO_PENDING);
+    logDebug("literal");
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+}
+
 }  // namespace
 }  // namespace qvtp_test

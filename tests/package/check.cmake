@@ -29,6 +29,13 @@ if(NOT output MATCHES "^package ok\r?\n$")
   message(FATAL_ERROR "The consumer printed: ${output}")
 endif()
 
+if(TOOLCHAIN) # the program looks only for libraries of this machine
+  file(STRINGS ${WORK_DIR}/prefix/lib/pkgconfig/qvtp.pc flags REGEX "^Cflags:")
+  if(NOT flags STREQUAL "Cflags: -I\${includedir} -DNOGDI -DNOMINMAX")
+    message(FATAL_ERROR "qvtp.pc: ${flags}")
+  endif()
+endif()
+
 find_program(PKG_CONFIG pkg-config)
 if(PKG_CONFIG AND NOT TOOLCHAIN AND NOT CMAKE_HOST_WIN32)
   file(GLOB_RECURSE pc ${WORK_DIR}/prefix/*qvtp.pc)

@@ -179,6 +179,32 @@ TEST_F(Overlapped, PrintsTheHandleOfTheSystem) {
     EXPECT_EQ(instances, 1U);
 }
 
+TEST_F(Overlapped, ValueIsNotUsedAgainWhenTheSystemGivesAHandleOutAgain) {
+    int givenOutAgain = 0;
+    for (int i = 0; i < 20; ++i) {
+        End first, second;
+        ASSERT_EQ(create(first), 0);
+        const NativeHandle before = first.pipe;
+        first.close();
+        ASSERT_EQ(create(second), 0);
+        EXPECT_NE(second.pipe, before);
+        if (platform::printable(second.pipe) == platform::printable(before)) ++givenOutAgain;
+    }
+    EXPECT_GT(givenOutAgain, 0);
+}
+
+TEST_F(Overlapped, AcceptIsNotEndedByAnEventWithoutAClient) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    LogCapture log;
+    auto accepting = std::async(std::launch::async, [&] { return accept(server, 0); });
+    ASSERT_TRUE(eventually([&] { return log.contains("DEBUG ServerQvPipe_acceptPipe error = 997"); }));
+    ::SetEvent(reinterpret_cast<HANDLE>(server.event));
+    EXPECT_EQ(accepting.wait_for(PENDING), std::future_status::timeout);
+    ASSERT_EQ(connect(client), 0);
+    EXPECT_EQ(accepting.get(), AcceptResult::CONNECTED);
+}
+
 TEST_F(Overlapped, CloseGivesEveryHandleBack) {
     const auto useOnce = [this] {
         End server, client;
@@ -197,17 +223,18 @@ TEST_F(Overlapped, CloseGivesEveryHandleBack) {
 }
 
 TEST_F(Overlapped, CloseOfAReadThatWaitsGivesEveryHandleBack) {
-    const auto useOnce = [this] {
+    int aborted = 0;
+    const auto useOnce = [&] {
         End server, client;
         const std::string pipeName = uniquePipeName();
         ASSERT_EQ(createNamed(server, pipeName), 0);
         ASSERT_EQ(connectNamed(client, pipeName, 2000), 0);
         ASSERT_EQ(accept(server), 0);
-        std::string text;
-        std::thread reader([&] { text = readText(server); });
-        std::this_thread::yield();
+        auto reading = std::async(std::launch::async, [&] { return readText(server); });
+        EXPECT_EQ(reading.wait_for(10ms), std::future_status::timeout);
         platform::platformClose(server.pipe, server.event);
-        reader.join();
+        const std::string text = reading.get();
+        if (text == "-4") ++aborted;
         EXPECT_TRUE(text == "-4" || text == "-3") << text;
         server.forget();
     };
@@ -215,6 +242,7 @@ TEST_F(Overlapped, CloseOfAReadThatWaitsGivesEveryHandleBack) {
     const int before = Holdings::now().handles;
     for (int i = 0; i < 3 * Holdings::LATE_HANDLES; ++i) useOnce();
     EXPECT_LE(Holdings::now().handles, before + Holdings::LATE_HANDLES);
+    EXPECT_GT(aborted, 2 * Holdings::LATE_HANDLES);
 }
 
 }  // namespace

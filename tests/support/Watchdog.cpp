@@ -37,6 +37,11 @@ bool eventually(const std::function<bool()>& condition, std::chrono::seconds dea
     return true;
 }
 
+void spinFor(std::chrono::microseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < end) std::this_thread::yield();
+}
+
 std::chrono::milliseconds elapsed(const std::function<void()>& action) {
     const auto start = std::chrono::steady_clock::now();
     action();

@@ -29,6 +29,10 @@ class Watchdog {
 /// Waits until the condition holds, looking again and again; false if it does not within the deadline.
 bool eventually(const std::function<bool()>& condition, std::chrono::seconds deadline = std::chrono::seconds(20));
 
+/// Lets a short time pass by asking the clock: a sleep below a millisecond is none on some systems, or a long one. For
+/// tests that meet another thread at ever other moments.
+void spinFor(std::chrono::microseconds time);
+
 /// How long an action takes.
 std::chrono::milliseconds elapsed(const std::function<void()>& action);
 
