@@ -38,10 +38,12 @@ std::size_t InputBuffer::read(char* buffer, std::size_t size) {
     return count;
 }
 
+// A stream that is bad may throw again at every use: it is not touched any more, and taken as one at its end.
+
 /// Reads a chunk-size line.
 bool InputBuffer::beginChunk() {
-    char line[SIZE_LINE_CAPACITY];
-    stream_->getline(line, sizeof line);
+    char line[SIZE_LINE_CAPACITY] = {};
+    if (!stream_->bad()) stream_->getline(line, sizeof line);
     // The line lacks its line feed also when the stream ended behind its last character.
     if (stream_->fail() || stream_->eof()) {
         // A line that is too long leaves a failure on the stream, which has more to give to whoever reads it next.
@@ -70,8 +72,8 @@ std::size_t InputBuffer::readData(char* buffer, std::size_t size) {
 /// Reads the line end behind a chunk's data.
 bool InputBuffer::endChunk() {
     char lineEnd[2] = {};
-    stream_->read(lineEnd, sizeof lineEnd);
-    if (stream_->gcount() == 2 && lineEnd[0] == '\r' && lineEnd[1] == '\n') return true;
+    if (!stream_->bad()) stream_->read(lineEnd, sizeof lineEnd);
+    if (stream_->good() && stream_->gcount() == 2 && lineEnd[0] == '\r' && lineEnd[1] == '\n') return true;
     return fail("Bad end of chunk");
 }
 

@@ -30,7 +30,7 @@ void StreamUtil::readLine(std::istream& in, std::string& line) {
     line.clear();
     char piece[LINE_BUFFER_SIZE];
     for (;;) {
-        in.getline(piece, sizeof piece);
+        if (!in.bad()) in.getline(piece, sizeof piece);  // a bad stream may throw again at every use
         if (isOver(in)) {
             throw Io::InterruptedException("Reached the stream end-of-file before the expected new line.");
         }

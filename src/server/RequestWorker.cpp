@@ -11,6 +11,7 @@
 #include "message/InputBuffer.h"
 
 #include <algorithm>
+#include <ios>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -117,8 +118,16 @@ bool RequestWorker::handle(QvtpServerRequest& request) {
         logError("InterruptedException - " + fullName_ + ". " + e.getMessage());
     } catch (QvPipeException& e) {
         if (!stop_) logFailure("QvPipeException - ", e.getMessage(), request);
+    } catch (const std::ios_base::failure&) {
+        if (!hasFailedStream()) throw;  // of a stream of the handler's own
+        if (!stop_) logFailure("QvPipeException - ", "A stream of the QvPipe was used after it failed.", request);
     }
     return false;
+}
+
+/// After its first failure, which is a QvPipeException, a standard stream throws failures of its own kind.
+bool RequestWorker::hasFailedStream() const {
+    return pipe_->getInputStream()->bad() || (!outputBuffer_.empty() && pipe_->getOutputStream()->bad());
 }
 
 void RequestWorker::logFailure(const char* kind, const std::string& message, QvtpServerRequest& request) const {

@@ -58,6 +58,7 @@ class RequestWorker : public Poco::Runnable {
     void handleNotify(QvtpServerRequest& request);
     void handlePost(QvtpServerRequest& request);
     bool skipBody(QvtpServerRequest& request);
+    bool hasFailedStream() const;
     void logFailure(const char* kind, const std::string& message, QvtpServerRequest& request) const;
 
     QvtpServer* server_;  // not owned

@@ -37,11 +37,12 @@ class RawClient {
     std::string readToEnd() {
         std::string all;
         char byte = 0;
-        while (thrownBy([&] {
-                   if (pipe_.readPipe(&byte, 0, 1, 15000) < 0) throw 1;
-               }) == "nothing") {
-            all += byte;
-        }
+        const auto readOne = [&] {
+            if (pipe_.readPipe(&byte, 0, 1, 15000) < 0) throw 1;
+        };
+        std::string thrown;
+        while ((thrown = thrownBy(readOne)) == "nothing") all += byte;
+        EXPECT_NE(thrown, "TimeoutException: QvPipe read timeout.") << "the server has not hung up";
         return all;
     }
     void close() { pipe_.close(); }
