@@ -154,8 +154,14 @@ void QvtpServer::shutdown() {
 }
 
 int QvtpServer::idleRequestProcessors() const {
-    Poco::Mutex::ScopedLock lock(*mutex_);
-    return threadPool_ != nullptr ? threadPool_->available() : 0;
+    std::shared_ptr<Poco::ThreadPool> pool;
+    {
+        Poco::Mutex::ScopedLock lock(*mutex_);
+        pool = threadPool_;
+    }
+    // Not under the mutex, and not while the threads are stopped: the pool holds its own lock then until they have
+    // ended, and one of them may be asking.
+    return pool != nullptr && !stoppingThreads_ ? pool->available() : 0;
 }
 
 int QvtpServer::totalRequestProcessors() const {
@@ -210,8 +216,10 @@ void QvtpServer::acceptLoop() {
 }
 
 void QvtpServer::stopWorkers() {
+    stoppingThreads_ = true;
     requestStop();
     threadPool_->stopAll();
+    stoppingThreads_ = false;
     endUnbegunWorkers();
     waitForWorkers();
     deleteWorkers();

@@ -34,7 +34,7 @@ void QvtpServer::initializeThreadPool() {
     const int wanted = maxRequestProcessors_;
     const int maximum = wanted == 0 ? DEFAULT_MAX_THREADS : std::max(wanted, MIN_THREADS);
     Poco::Mutex::ScopedLock lock(*mutex_);
-    threadPool_ = std::make_unique<Poco::ThreadPool>(MIN_THREADS, maximum, THREAD_IDLE_S);
+    threadPool_ = std::make_shared<Poco::ThreadPool>(MIN_THREADS, maximum, THREAD_IDLE_S);
 }
 
 void QvtpServer::assignToWorkerThread(std::unique_ptr<Io::QvPipe> pipe) {

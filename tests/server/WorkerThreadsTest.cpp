@@ -153,5 +153,25 @@ TEST(StuckHandler, IsLeftAloneWhenTheServerStopsAndComesBackLater) {
     EXPECT_EQ(client->readToEnd(), "");
 }
 
+TEST_F(WorkerThreads, MayBeAskedForByAHandlerDuringTheStop) {
+    std::promise<void> begun;
+    server.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse&) {
+        begun.set_value();
+        EXPECT_EQ(thrownBy([&] { bodyOf(request); }), "InterruptedException: QvPipe read aborted.");
+        // The server waits for this thread by now, or will in a moment.
+        const auto end = std::chrono::steady_clock::now() + PENDING;
+        while (std::chrono::steady_clock::now() < end) {
+            server.server.idleRequestProcessors();
+            server.server.totalRequestProcessors();
+        }
+    };
+    server.start();
+    RawClient client(server.name);
+    client.write("POST /x QVTP/1.0\r\nContent-Length: 5\r\n\r\n");
+    begun.get_future().wait();
+    EXPECT_LT(elapsed([&] { server.stop(); }), 5s);
+    EXPECT_EQ(server.server.idleRequestProcessors(), 5);  // the threads are back
+}
+
 }  // namespace
 }  // namespace qvtp_test

@@ -120,7 +120,7 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     std::atomic<int> bufferSize_{4096};
     std::unique_ptr<Poco::Mutex> mutex_;            // recursive; goes after all that it guards
     std::map<std::string, WorkerPtr> workers_;      // guarded by mutex_
-    std::unique_ptr<Poco::ThreadPool> threadPool_;  // set under mutex_
+    std::shared_ptr<Poco::ThreadPool> threadPool_;  // guarded by mutex_
 
     // Statistics.
     std::atomic<int> totalPosts_{0};
@@ -131,6 +131,7 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     std::atomic<int> peakThreads_{0};
 
     std::unique_ptr<Poco::Event> stopping_;  // ends the wait for a free thread
+    std::atomic<bool> stoppingThreads_{false};
     std::atomic<bool> destroying_{false};
     std::mutex runMutex_;  // guards activeRuns_
     std::condition_variable runEnded_;
