@@ -73,6 +73,8 @@ PipeConnector::Attempt PipeConnector::attempt() {
             return Attempt::NOT_LISTENING;
         case Service::State::NONE:
             return fail(SystemError::FILE_NOT_FOUND);
+        case Service::State::UNKNOWN:
+            return fail(SystemError::fromErrno(service.direction));
         case Service::State::SERVED:
             break;
     }
@@ -102,7 +104,11 @@ PipeConnector::Attempt PipeConnector::attemptConnect(bool foreign) {
 
 PipeConnector::Service PipeConnector::findService() const {
     const int fd = ::openat(address_.directory(), address_.lockFile().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) return errno == EACCES ? Service{Service::State::DENIED, 0, false} : findForeignService();
+    if (fd < 0) {
+        const int error = errno;
+        if (error == ENOENT) return findForeignService();
+        return {error == EACCES ? Service::State::DENIED : Service::State::UNKNOWN, error, false};
+    }
     const Descriptor file(fd);
     struct flock query {};
     query.l_type = F_WRLCK;

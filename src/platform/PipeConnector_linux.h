@@ -24,8 +24,8 @@ class PipeConnector {
 
     /// What the files of the name tell.
     struct Service {
-        enum class State { NONE, SERVED, STARTING, DENIED } state;
-        int direction;  // bit 0: the server reads; bit 1: it writes
+        enum class State { NONE, SERVED, STARTING, DENIED, UNKNOWN } state;
+        int direction;  // bit 0: the server reads; bit 1: it writes. An errno for UNKNOWN
         bool foreign;   // a socket without a lock file: not a server of this library
     };
 

@@ -367,6 +367,17 @@ TEST_F(PipeFiles, AreNotInheritedByProgramsThatAreStarted) {
     EXPECT_NE(std::system((command + " > /dev/null").c_str()), 0);
 }
 
+TEST_F(PipeFiles, AreNotTakenForAForeignServersWhenTheLockCannotBeRead) {
+    End server, client;
+    ASSERT_EQ(createNamed(server, "loop"), 0);
+    const std::string lock = directory + "/loop.lock";
+    ASSERT_EQ(std::rename(lock.c_str(), (lock + ".moved").c_str()), 0);
+    ASSERT_EQ(::symlink((lock + ".moved").c_str(), lock.c_str()), 0);  // which is not followed
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    EXPECT_EQ(connectNamed(client, "loop", 200), ConnectResult::CANNOT_OPEN);
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR Could not open pipe. GLE=31"));
+}
+
 // ---- Shortage ----
 
 class DescriptorShortage : public PipeFiles {
