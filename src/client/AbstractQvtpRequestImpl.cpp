@@ -41,7 +41,7 @@ AbstractQvtpRequestImpl::AbstractQvtpRequestImpl(const std::string& method, cons
 }
 
 AbstractQvtpRequestImpl::~AbstractQvtpRequestImpl() noexcept(false) {
-    const bool unwinding = std::uncaught_exceptions() > 0;
+    const bool unwinding = std::uncaught_exceptions() > exceptionsBefore_;
     try {
         releasePipe();
     } catch (IllegalStateException&) {

@@ -10,6 +10,7 @@
 #include "message/QvtpMessageOutImpl.h"
 #include "message/QvtpOStream.h"
 
+#include <exception>
 #include <memory>
 #include <string>
 
@@ -72,6 +73,7 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     QvtpMessageOutImpl message_;
     std::shared_ptr<InputBuffer> responseBody_;  // shared with the response, which may be gone
     bool exchangeComplete_ = false;              // nothing failed: the pipe may be used again behind the response
+    const int exceptionsBefore_ = std::uncaught_exceptions();  // of which none makes the destructor keep quiet
 };
 
 }  // namespace Quovane::Internal::Qvtp
