@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 using namespace Quovane::Qvtp;
 
@@ -57,11 +58,22 @@ class EchoHandler : public QvtpHandler {
     // The client reads the response only when its whole request is written: what is large must be taken in first.
     void stream(QvtpServerRequest& request, QvtpServerResponse& response) {
         const std::lock_guard<std::mutex> guard(spoolMutex_);
-        std::ofstream(spoolFile_, std::ios::binary) << request.getBodyStream()->rdbuf();
+        std::ofstream spool(spoolFile_, std::ios::binary);
+        copy(*request.getBodyStream(), spool);
+        spool.close();
         response.setStatusCode(QvtpMessage::STATUS_OK);
         std::ifstream spooled(spoolFile_, std::ios::binary);
-        *response.getBodyStream() << spooled.rdbuf();
+        copy(spooled, *response.getBodyStream());
         response.send();
+    }
+
+    // Not "out << in.rdbuf()": that would drop the exception of a body that is cut off, and go on as if it were whole.
+    static void copy(std::istream& in, std::ostream& out) {
+        std::vector<char> piece(65536);
+        while (in.good() && out.good()) {
+            in.read(piece.data(), static_cast<std::streamsize>(piece.size()));
+            out.write(piece.data(), in.gcount());
+        }
     }
 
     // Handlers run on several threads at once.

@@ -8,6 +8,7 @@
 #include <iostream>
 #include <memory>
 #include <stdexcept>
+#include <vector>
 
 using namespace Quovane::Qvtp;
 
@@ -25,7 +26,12 @@ int main(int argc, char** argv) {
         PostRequest request(&client, argv[1], argv[2]);
         request.setBodyStream(&input);
         const std::unique_ptr<QvtpResponse> response(request.execute());
-        output << response->getBodyStream()->rdbuf();
+        // Not "output << stream->rdbuf()": that would drop the exception of an answer that is cut off.
+        std::istream& answer = *response->getBodyStream();
+        std::vector<char> piece(65536);
+        while (answer.read(piece.data(), static_cast<std::streamsize>(piece.size())), answer.gcount() > 0) {
+            output.write(piece.data(), answer.gcount());
+        }
         output.close();
         std::cout << response->getStatusCode() << " " << response->getReasonPhrase() << std::endl;
         if (!output) throw std::runtime_error("the answer could not be stored");

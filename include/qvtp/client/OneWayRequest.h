@@ -19,8 +19,8 @@ class QVTP_API OneWayRequest : public AbstractQvtpRequest {
   public:
     OneWayRequest(const OneWayRequest&) = delete;
     OneWayRequest& operator=(const OneWayRequest&) = delete;
-    /// Gives the pipe back to the pool. An exception of the connection manager's returnPipe() other than
-    /// IllegalStateException may leave it.
+    /// Gives the pipe back to the pool, or closes it if the exchange has failed. An exception of the connection
+    /// manager's returnPipe() other than IllegalStateException may leave it.
     ~OneWayRequest() noexcept(false) override;
 
     std::string getStartLine() override;

@@ -29,7 +29,7 @@ class QVTP_API QvtpClient {
 
     /// The client makes its own connection manager when it first needs one.
     QvtpClient();
-    /// Uses the caller's manager, which stays the caller's and must outlive the client.
+    /// Uses the caller's manager, which stays the caller's and must outlive the client. Null: as without.
     explicit QvtpClient(QvtpConnectionManager* manager);
     QvtpClient(const QvtpClient&) = delete;
     QvtpClient& operator=(const QvtpClient&) = delete;

@@ -33,7 +33,7 @@ class QVTP_API QvtpConfig {
     /// argument. Without such an entry nothing changes. Unknown attributes are logged at ERROR and skipped.
     /// Any thread may call it, for different objects at the same time.
     /// A value that is not a number leaves as the parser library's NumberFormatException (an XMLException of
-    /// Xerces-C++); what stands before it is applied.
+    /// Xerces-C++). Which of the other attributes are applied then depends on the parser's order of them.
     void setQvtpClientOptions(QvtpClient& client, const std::string& function, const std::string& component);
     /// The same for QvtpServer entries. Apply it before run().
     void setQvtpServerOptions(QvtpServer& server, const std::string& function, const std::string& component);

@@ -32,7 +32,8 @@ class QVTP_API QvPipe {
     /// Binds and connects, without any time-out: a busy server is waited for without limit.
     /// Throws as connect(name, readable, writable).
     QvPipe(const std::string& name, bool readable, bool writable);
-    /// The copy has every field of the original, handles and streams included; nothing is duplicated or counted.
+    /// The copy has every field of the original, handles and streams included; no handle is duplicated or counted. What
+    /// an assigned pipe had open stays open out of reach: close it first.
     QvPipe(const QvPipe& other);
     QvPipe& operator=(const QvPipe& other);
     /// Closes the connection, for all copies.
@@ -62,7 +63,8 @@ class QVTP_API QvPipe {
     /// rdbuf()->pubsetbuf() before the first read; without one every byte is a read of its own.
     /// Throws IllegalStateException if the pipe is not bound with read access.
     std::istream* getInputStream();
-    /// The same for writing. Flush it after a message: the buffer holds back what does not fill it.
+    /// The same for writing. Install a buffer with rdbuf()->pubsetbuf() here too: without one the first write takes the
+    /// stream for failed. Flush it after a message: the buffer holds back what does not fill it.
     std::ostream* getOutputStream();
 
     void setReadTimeout(int milliseconds);

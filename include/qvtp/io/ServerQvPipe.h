@@ -12,7 +12,8 @@ namespace Quovane::Io {
 /// The listening side of a named pipe. It owns one waiting instance at a time: accept() waits on it for a client, hands
 /// the connection to a QvPipe, and creates the next instance at once.
 ///
-/// One thread calls accept(); close() may come from any other and ends a blocked accept(). Copies share the handles.
+/// One thread calls accept(); close() may come from any other and ends a blocked accept(). Copies share the handles:
+/// the first that is closed or destroyed ends the waiting instance for all, while isClosed() tells only of itself.
 class QVTP_API ServerQvPipe {
   public:
     /// An unbound server pipe of both directions, without an accept time-out.
@@ -34,7 +35,9 @@ class QVTP_API ServerQvPipe {
     /// time-out. Throws IllegalStateException (not bound, or closed), TimeoutException (the instance waits on, the next
     /// call uses it), InterruptedException (closed during the call), QvPipeException (anything else).
     QvPipe accept();
-    /// The same into a pipe of the caller's, which must be unbound: IllegalStateException otherwise.
+    /// The same into a pipe of the caller's, which must be unbound: IllegalStateException otherwise. A QvPipeException
+    /// "CreateNamedPipe failed" means that the next instance could not be made (the next call tries again); `pipe`
+    /// holds the accepted connection then.
     void accept(QvPipe& pipe);
 
     /// Ends a blocked accept() and gives up the waiting instance, for good. Connections accepted before live on.

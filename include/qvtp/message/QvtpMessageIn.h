@@ -37,10 +37,14 @@ class QVTP_API QvtpMessageIn : public QvtpMessage {
     /// Reads the whole body into a new array that belongs to the caller: free it with delete[].
     /// A zero byte follows the `length` bytes. Of a body of known length nothing may have been read before. Nothing is
     /// stored when it throws. Throws QvPipeException: with code 1013 if the head could not be read, with code 1011 if
-    /// it tells no length, and "Reached the stream end-of-file before the expected length." if the body is cut off.
+    /// it tells no length, and "Reached the stream end-of-file before the expected length." if a body of known length
+    /// is cut off. Of a chunked body that is cut off it gives what came: see getBodyStream().
     virtual void getBody(char** data, size_t& length) = 0;
-    /// A stream over the body, for bodies of any size. It belongs to the message and throws on badbit. A chunked body
-    /// that is malformed or cut off ends early and is logged at ERROR. Throws like getBody() if there is no head.
+    /// A stream over the body, for bodies of any size. It belongs to the message and throws on badbit, so the
+    /// exceptions of QvPipe reach whoever uses its own functions, such as read() and get(). They do not reach a copy by
+    /// `out << stream->rdbuf()`: the standard library drops them there, and the copy just ends.
+    /// A chunked body that is malformed or ends between two chunks is logged at ERROR; like one that ends inside a
+    /// chunk, which is not logged, it ends early. Throws like getBody() if there is no head.
     virtual std::istream* getBodyStream() = 0;
 
   protected:

@@ -13,9 +13,9 @@ class QvtpServerResponse;
 /// Request and response belong to the server and live until the call returns. What a handler leaves unread of a
 /// request's body is skipped, up to 256 KiB; beyond that the connection is closed after the response.
 ///
-/// Exceptions: IllegalStateException and QvPipeException (which reading and writing throw) are logged and close the
-/// connection; let them pass. Any other exception takes the worker out of service until the server stops, with
-/// its client still connected: catch your own.
+/// Exceptions: IllegalStateException and QvPipeException (which reading and writing throw), and what a body stream
+/// throws when it is used after that, are logged and close the connection; let them pass. Any other exception takes the
+/// worker out of service until the server stops, with its client still connected: catch your own.
 class QVTP_API QvtpHandler {
   public:
     virtual ~QvtpHandler();

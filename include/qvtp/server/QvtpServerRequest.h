@@ -44,7 +44,7 @@ class QVTP_API QvtpServerRequest : public QvtpMessageIn {
 
     /// METHOD_POST or METHOD_NOTIFY when a handler sees it; METHOD_NONE.
     std::string getMethod();
-    /// The resource, UTF-8; an empty string.
+    /// The resource, UTF-8; an empty string (from the call that fails; later ones give a stand-in, "Empty/Resource").
     std::string getResource();
     /// The version of the client's protocol; the current version.
     Version getQvtpVersion();
