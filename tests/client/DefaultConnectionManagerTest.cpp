@@ -1,5 +1,6 @@
 #include "client/DefaultConnectionManager.h"
 
+#include "common/System.h"
 #include "common/Text.h"
 #include "support/LogCapture.h"
 #include "support/PipeName.h"
@@ -21,6 +22,7 @@
 namespace qvtp_test {
 namespace {
 
+namespace System = Quovane::Internal::Qvtp::System;
 using Quovane::Internal::Qvtp::DefaultConnectionManager;
 using Quovane::Internal::Qvtp::text;
 using Quovane::Io::QvPipe;
@@ -36,6 +38,18 @@ std::vector<std::string> withoutNumbers(const std::vector<std::string>& messages
         result.push_back(std::regex_replace(message, std::regex("Binding-[0-9]+"), "Binding-N"));
     }
     return result;
+}
+
+/// The numbers in the messages that end in a binding behind this text.
+std::vector<int> bindingsBehind(const std::string& text, const LogCapture& log) {
+    std::vector<int> numbers;
+    for (const std::string& message : log.messages()) {
+        std::smatch match;
+        if (std::regex_search(message, match, std::regex(text + "Binding-([0-9]+)\\)?$"))) {
+            numbers.push_back(std::stoi(match[1]));
+        }
+    }
+    return numbers;
 }
 
 /// A pool and a server that accepts whatever it connects.
@@ -73,13 +87,7 @@ TEST_F(PipePool, NumbersBindingsThroughTheWholeProcess) {
     connect();
     DefaultConnectionManager other(2000, NEVER_STALE);
     other.getPipe(name, "rw");
-    std::vector<int> numbers;
-    for (const std::string& message : log.messages()) {
-        std::smatch match;
-        if (std::regex_search(message, match, std::regex("Created.*/Binding-([0-9]+)"))) {
-            numbers.push_back(std::stoi(match[1]));
-        }
-    }
+    const std::vector<int> numbers = bindingsBehind("Created.*/", log);
     ASSERT_EQ(numbers.size(), 2U);
     EXPECT_EQ(numbers[1], numbers[0] + 1);
 }
@@ -162,13 +170,7 @@ TEST_F(PipePool, ClosesTheOldestFirstAndKeepsTheYoungerOnes) {
     quick.returnPipe(pipes[2]);
     LogCapture log;
     EXPECT_EQ(quick.getPipe(name, "rw"), pipes[2]);
-    std::vector<int> deleted;
-    for (const std::string& message : log.messages()) {
-        std::smatch match;
-        if (std::regex_search(message, match, std::regex("Deleting stale QvPipe Binding-([0-9]+)$"))) {
-            deleted.push_back(std::stoi(match[1]));
-        }
-    }
+    const std::vector<int> deleted = bindingsBehind("Deleting stale QvPipe ", log);
     ASSERT_EQ(deleted.size(), 2U);
     EXPECT_EQ(deleted[1], deleted[0] + 1);
 }
@@ -181,6 +183,43 @@ TEST_F(PipePool, TakesEveryIdlePipeForStaleWithANegativeTimeout) {
     LogCapture log;
     never.getPipe(name, "rw");
     EXPECT_EQ(withoutNumbers(log.messages())[0], "DEBUG Deleting stale QvPipe Binding-N");
+}
+
+TEST_F(PipePool, SaysOfEachStalePipeThatItIsDeletedBeforeItCloses) {
+    DefaultConnectionManager never(2000, -1);
+    QvPipe* pipes[2];
+    for (QvPipe*& pipe : pipes) {
+        pipe = never.getPipe(name, "rw");
+        accepted.push_back(server.accept());
+    }
+    for (QvPipe* pipe : pipes) never.returnPipe(pipe);
+    LogCapture log;
+    never.getPipe(name, "rw");
+    std::vector<std::string> ends;
+    for (const std::string& message : withoutNumbers(log.messages())) {
+        if (message.find(" QvPipe Binding-N") != std::string::npos) ends.push_back(message);
+    }
+    EXPECT_THAT(ends, ElementsAre("DEBUG Deleting stale QvPipe Binding-N", "DEBUG Closing QvPipe Binding-N",
+                                  "DEBUG Deleting stale QvPipe Binding-N", "DEBUG Closing QvPipe Binding-N"));
+}
+
+TEST_F(PipePool, UsesAPipeOfExactlyTheStaleTimeoutAgain) {
+    DefaultConnectionManager strict(2000, 0);
+    bool inOneMillisecond = false;
+    for (int round = 0; round < 1000 && !inOneMillisecond; ++round) {
+        QvPipe* const pipe = strict.getPipe(name, "rw");
+        accepted.push_back(server.accept());
+        pipe->setReadTimeout(7);  // a mark: a new pipe may lie at the same address
+        const std::int64_t startMs = System::wallClockMs();
+        strict.returnPipe(pipe);
+        QvPipe* const next = strict.getPipe(name, "rw");
+        inOneMillisecond = System::wallClockMs() == startMs;
+        const bool isSame = next->getReadTimeout() == 7;
+        if (!isSame) accepted.push_back(server.accept());
+        EXPECT_TRUE(isSame || !inOneMillisecond);
+        strict.removePipe(next);
+    }
+    EXPECT_TRUE(inOneMillisecond);
 }
 
 TEST_F(PipePool, TakesNullBackButCannotRemoveIt) {
@@ -268,6 +307,20 @@ TEST_F(PipePool, ClosesPipesInUseWithItsDestruction) {
     owned.reset();
     EXPECT_EQ(thrownBy([&] { RawServer::read(*used, 1); }), "QvPipeException: QvPipe read failed.");
     EXPECT_EQ(thrownBy([&] { RawServer::read(*returned, 1); }), "QvPipeException: QvPipe read failed.");
+}
+
+TEST_F(PipePool, ClosesIdlePipesBeforeUsedOnesWithItsDestruction) {
+    auto owned = std::make_unique<DefaultConnectionManager>(2000, NEVER_STALE);
+    LogCapture log;
+    owned->getPipe(name, "rw");
+    const auto used = server.accept();
+    QvPipe* const idle = owned->getPipe(name, "w");
+    const auto returned = server.accept();
+    owned->returnPipe(idle);
+    owned.reset();
+    const std::vector<int> created = bindingsBehind("Created.*/", log);
+    ASSERT_EQ(created.size(), 2U);
+    EXPECT_THAT(bindingsBehind("Closing QvPipe ", log), ElementsAre(created[1], created[0]));
 }
 
 TEST_F(PipePool, CreatesPipesOneAtATimeInTheWholeProcess) {

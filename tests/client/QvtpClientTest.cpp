@@ -1,6 +1,7 @@
 #include <qvtp/client/QvtpClient.h>
 
 #include "client/DefaultConnectionManager.h"
+#include "client/Requests.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -14,7 +15,6 @@
 namespace qvtp_test {
 namespace {
 
-using namespace Quovane::Qvtp;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -114,6 +114,41 @@ TEST(QvtpClient, MakesOneManagerWhicheverThreadAsksFirst) {
     std::set<QvtpConnectionManager*> distinct;
     for (auto& manager : managers) distinct.insert(manager.get());
     EXPECT_EQ(distinct.size(), 1U);
+}
+
+/// What a client's manager has of the client's time-outs.
+class ClientTimeouts : public Requests {
+  protected:
+    void notifyOnce() {
+        NotifyRequest request(&client, name, "/r");
+        request.setBody("x", 1);
+        EXPECT_THAT(notify(request, "x"), ::testing::StartsWith("NOTIFY /r "));
+    }
+    static bool deletesStalePipes(const LogCapture& log) {
+        return log.text().find("Deleting stale QvPipe ") != std::string::npos;
+    }
+};
+
+TEST_F(ClientTimeouts, ReachThePipesOfItsManager) {
+    client.setOption(QvtpClient::CONNECTION_TIMEOUT, 17);
+    EXPECT_EQ(client.getManager()->getPipe(name, "rw")->getConnectTimeout(), 17);
+}
+
+TEST_F(ClientTimeouts, AreTakenAsTheyStandWhenTheManagerIsMade) {
+    client.setOption(QvtpClient::IDLE_TIMEOUT, -1);
+    notifyOnce();
+    pipe.reset();
+    LogCapture log;
+    notifyOnce();
+    EXPECT_TRUE(deletesStalePipes(log));
+}
+
+TEST_F(ClientTimeouts, ChangeNothingOnceTheManagerIsMade) {
+    notifyOnce();
+    client.setOption(QvtpClient::IDLE_TIMEOUT, -1);
+    LogCapture log;
+    notifyOnce();
+    EXPECT_FALSE(deletesStalePipes(log));
 }
 
 TEST(QvtpClient, LeavesTheManagerOfTheCallerAlone) {
