@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <future>
 #include <memory>
@@ -46,6 +47,15 @@ TEST_F(Requests, SendAWholeBodyByItsLength) {
     EXPECT_TRUE(post.isCommitted());
     EXPECT_EQ(response->getStatusCode(), 200);
     EXPECT_EQ(bodyOfResponse(), "hi");
+}
+
+TEST_F(Requests, LogTheStartLinesOfBothMessages) {
+    PostRequest post(&client, name, "/r");
+    post.setBody("hello", 5);
+    LogCapture log;
+    exchange(post, "hello");
+    EXPECT_EQ(log.count("DEBUG Send:    POST /r QVTP/1.0"), 1);
+    EXPECT_EQ(log.count("DEBUG Receive: QVTP/1.0 200 OK"), 1);
 }
 
 TEST_F(Requests, SendABodyStreamInChunksOfTheBufferSize) {
@@ -182,6 +192,25 @@ TEST_F(Requests, AreSentAgainWhenAPooledPipeTurnsOutToBeBroken) {
     }
 }
 
+TEST_F(Requests, RemoveABrokenPipeBeforeTheyAreSentAgain) {
+    {
+        NotifyRequest request(&client, name, "/first");
+        request.setBody("x", 1);
+        notify(request, "x");
+    }
+    pipe.reset();
+    NotifyRequest request(&client, name, "/second");
+    request.setBody("x", 1);
+    LogCapture log;
+    notify(request, "x");
+    const auto messages = log.messagesOfThisThread();
+    const auto lost = std::find(messages.begin(), messages.end(),
+                                "DEBUG Lost connection to server, attempt request with new connection. "
+                                "Pipe was closed at other end.");
+    ASSERT_GT(messages.end() - lost, 1);
+    EXPECT_THAT(lost[1], ::testing::StartsWith("DEBUG Remove QvPipe Binding-"));
+}
+
 TEST_F(Requests, WithABodyStreamAreSentAgainBeforeTheirHeadWasSent) {
     {
         NotifyRequest request(&client, name, "/first");
@@ -223,6 +252,19 @@ TEST_F(Requests, WithABodyStreamAreAbortedAfterTheirHeadWasSent) {
     EXPECT_EQ(thrownBy([&] { post.execute(); }), "BrokenPipeException: Pipe was closed at other end.");
     EXPECT_THAT(log.messages(), ElementsAre("ERROR Lost connection to server, the request will be aborted. "
                                             "Pipe was closed at other end."));
+}
+
+TEST_F(Requests, RemoveTheirPipeBeforeTheyReportThatTheyAreAborted) {
+    HangUpBuffer buffer([&] { server.accept().reset(); });
+    std::istream body(&buffer);
+    PostRequest post(&client, name, "/r");
+    post.setBodyStream(&body);
+    LogCapture log;
+    thrownBy([&] { post.execute(); });
+    const auto messages = log.messagesOfThisThread();
+    EXPECT_THAT(messages, ::testing::Contains(::testing::StartsWith("DEBUG Remove QvPipe Binding-")));
+    EXPECT_THAT(messages.back(),
+                ::testing::StartsWith("ERROR Lost connection to server, the request will be aborted."));
 }
 
 TEST_F(Requests, WithAWholeBodyEndAsCommittedAfterTheirHeadWasSent) {
@@ -341,6 +383,29 @@ TEST_F(OwnManager, IsToldToRemoveThePipeAfterAFailure) {
     thrownBy([&] { request.execute(); });
     EXPECT_THAT(manager.calls, ::testing::HasSubstr("remove "));
     EXPECT_THAT(manager.calls, ::testing::Not(::testing::HasSubstr("return ")));
+}
+
+/// A manager that has broken pipes alone, and some time none.
+class BrokenPipesManager : public QvtpConnectionManager {
+  public:
+    QvPipe* getPipe(const std::string&, const std::string&) override {
+        if (++asked <= BROKEN) throw Quovane::Io::BrokenPipeException("broken");
+        throw Quovane::Io::QvPipeException("none left");
+    }
+    void returnPipe(QvPipe*) override {}
+    void removePipe(QvPipe*) override {}
+
+    static constexpr int BROKEN = 5;
+    int asked = 0;
+};
+
+TEST(BrokenPipes, AreReplacedAgainAndAgain) {
+    BrokenPipesManager manager;
+    QvtpClient client(&manager);
+    NotifyRequest request(&client, uniquePipeName(), "/r");
+    request.setBody("x", 1);
+    EXPECT_EQ(thrownBy([&] { request.execute(); }), "QvPipeException: none left");
+    EXPECT_EQ(manager.asked, BrokenPipesManager::BROKEN + 1);
 }
 
 TEST_F(OwnManager, MayNotKnowThePipeAnyMore) {
