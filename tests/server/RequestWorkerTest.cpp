@@ -92,6 +92,21 @@ TEST_F(Worker, HangsUpOnAClientThatGoesQuiet) {
     EXPECT_TRUE(log.contains("DEBUG Deleting worker " + full()));
 }
 
+TEST_F(Worker, IsCountedAsAnIdleTimeoutWhenItIsReaped) {
+    server.start();
+    LogCapture log;
+    RawClient(server.name).exchange(POST_HELLO, HELLO_BACK);
+    ASSERT_TRUE(eventuallyLogs(log, "DEBUG Closing QvPipe (" + full() + "). "));
+    std::vector<std::unique_ptr<RawClient>> others;  // connected to the end: they are not reaped
+    ASSERT_TRUE(eventually([&] {
+        others.push_back(std::make_unique<RawClient>(server.name));
+        others.back()->exchange(POST_HELLO, HELLO_BACK);
+        return log.contains("DEBUG Deleting idle worker " + full() + ".");
+    }));
+    server.stop();
+    EXPECT_NE(log.text().find("    Total idle timeouts:       1\n"), std::string::npos);
+}
+
 TEST_F(Worker, ReadsTheHeadUnderTheIdleTimeoutAndTheBodyUnderTheReceiveTimeout) {
     server.server.setOption(QvtpServer::RECEIVE_TIMEOUT, 60);
     server.start();
@@ -103,6 +118,15 @@ TEST_F(Worker, ReadsTheHeadUnderTheIdleTimeoutAndTheBodyUnderTheReceiveTimeout) 
     EXPECT_EQ(client.readToEnd(), "");
     EXPECT_THAT(log.messages(), ElementsAre("ERROR QvPipeException - " + full() + ". QvPipe read timeout.",
                                             "ERROR Could not process the /slow request. The pipe will be closed."));
+}
+
+TEST_F(Worker, WaitsForEveryRequestUnderTheIdleTimeout) {
+    server.server.setOption(QvtpServer::RECEIVE_TIMEOUT, 60);
+    server.start();
+    RawClient client(server.name);
+    EXPECT_EQ(client.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+    std::this_thread::sleep_for(150ms);  // longer than the receive time-out
+    EXPECT_EQ(client.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
 }
 
 TEST_F(Worker, ReportsAConnectionThatEndedBeforeItWasRead) {
@@ -196,6 +220,39 @@ TEST_F(FailingHandler, WithAPipeFailureClosesThePipe) {
 TEST_F(FailingHandler, WithAnInterruptionClosesThePipeWithOneLine) {
     EXPECT_THAT(logOf(Quovane::Io::InterruptedException("why")),
                 ElementsAre("ERROR InterruptedException - " + full() + ". why"));
+}
+
+TEST_F(FailingHandler, ThatReadsWhenTheServerStopsIsInterruptedWithOneLine) {
+    server.server.setOption(QvtpServer::RECEIVE_TIMEOUT, 20000);
+    std::promise<void> reads;
+    server.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse&) {
+        reads.set_value();
+        bodyOf(request);
+    };
+    server.start();
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    RawClient client(server.name);
+    client.write("POST /r QVTP/1.0\r\nContent-Length: 5\r\n\r\nhe");
+    reads.get_future().wait();
+    std::this_thread::sleep_for(PENDING);  // until the read waits
+    server.stop();
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR InterruptedException - " + full() + ". QvPipe read aborted."));
+}
+
+TEST_F(FailingHandler, HasItsRequestsCountedAllTheSame) {
+    const auto fail = [] { throw Quovane::Io::QvPipeException("why"); };
+    server.handler.onPost = [&](QvtpServerRequest&, QvtpServerResponse&) { fail(); };
+    server.handler.onNotify = [&](QvtpServerRequest&) { fail(); };
+    server.start();
+    LogCapture log;
+    for (const char* request : {POST_HELLO, "NOTIFY /n QVTP/1.0\r\nContent-Length: 0\r\n\r\n"}) {
+        RawClient client(server.name);
+        client.write(request);
+        EXPECT_EQ(client.readToEnd(), "");
+    }
+    server.stop();
+    EXPECT_NE(log.text().find("    Total POST requests:       1\n    Total NOTIFY requests:     1\n"),
+              std::string::npos);
 }
 
 TEST_F(FailingHandler, ThatSendsNoBodyLogsWhy) {

@@ -19,6 +19,21 @@ class WorkerThreads : public Worker {
             ASSERT_TRUE(eventually([&] { return server.server.totalRequestProcessors() == i; }));
         }
     }
+    /// Lets a connection wait for a thread for one step of this length. Whether the end of the wait is logged at INFO.
+    bool isEndOfWaitLogged(int stepMs) {
+        server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
+        server.server.setOption(QvtpServer::IDLE_TIMEOUT, stepMs * 10);
+        server.start();
+        occupy(3);
+        LogCapture log(LogCapture::LoggingLevel::INFO);
+        RawClient fourth(server.name);
+        EXPECT_TRUE(eventuallyLogs(log, "INFO Waiting for thread to process QvPipe worker " + full(4)));
+        clients.clear();
+        EXPECT_EQ(fourth.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+        server.stop();
+        return log.contains("INFO Done waiting for thread to process QvPipe worker " + full(4)) &&
+               log.contains("INFO Increase the MAX_REQUEST_PROCESSORS value if this propelem persists.");
+    }
     std::vector<std::unique_ptr<RawClient>> clients;
 };
 
@@ -74,6 +89,14 @@ TEST_F(WorkerThreads, AreWaitedForWithoutALineAboutItBelowDebugUnlessItTookLong)
     EXPECT_EQ(log.count("INFO Done waiting for thread to process QvPipe worker " + full(4)), 0);
 }
 
+TEST_F(WorkerThreads, AreWaitedForWithoutALineAtInfoForTwoSeconds) {
+    EXPECT_FALSE(isEndOfWaitLogged(2000));
+}
+
+TEST_F(WorkerThreads, AreWaitedForWithALineAtInfoFrom2001Milliseconds) {
+    EXPECT_TRUE(isEndOfWaitLogged(2001));
+}
+
 TEST_F(WorkerThreads, AreWaitedForInStepsOfAMillisecondWithoutAnIdleTimeout) {
     server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
     server.server.setOption(QvtpServer::IDLE_TIMEOUT, 0);
@@ -84,6 +107,7 @@ TEST_F(WorkerThreads, AreWaitedForInStepsOfAMillisecondWithoutAnIdleTimeout) {
     ASSERT_TRUE(eventually([&] {
         return log.count("DEBUG Still waiting for thread to process QvPipe worker " + full(4)) >= 3;
     })) << log.text().substr(0, 2500);
+    EXPECT_EQ(log.count("INFO Waiting for thread to process QvPipe worker " + full(4)), 1);
     clients.clear();
     EXPECT_EQ(fourth.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
 }
