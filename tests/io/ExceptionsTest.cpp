@@ -90,6 +90,15 @@ TYPED_TEST(PipeFailure, IsNotBuiltFromTextByConversion) {
     EXPECT_FALSE((std::is_convertible_v<std::string, TypeParam>));
 }
 
+TEST(PipeFailures, GiveTextAndCodeOfObjectsThatAreNotConstantAlone) {
+    using GetMessage = decltype(&QvPipeException::getMessage);
+    using GetCode = decltype(&QvPipeException::getCode);
+    EXPECT_TRUE((std::is_invocable_v<GetMessage, QvPipeException&>));
+    EXPECT_TRUE((std::is_invocable_v<GetCode, QvPipeException&>));
+    EXPECT_FALSE((std::is_invocable_v<GetMessage, const QvPipeException&>));
+    EXPECT_FALSE((std::is_invocable_v<GetCode, const QvPipeException&>));
+}
+
 TEST(PipeFailures, AreNotCaughtAsOneAnother) {
     EXPECT_FALSE(isCaughtAs<TimeoutException>(QvPipeException("x")));
     EXPECT_FALSE(isCaughtAs<ConnectException>(TimeoutException("x")));

@@ -22,6 +22,13 @@ using Buffer = PipeBufferBase<char>;
 
 constexpr auto END_OF_FILE = std::char_traits<char>::eof();
 
+/// Shows the operation behind a full buffer.
+class OverflowingBuffer : public Buffer {
+  public:
+    using Buffer::Buffer;
+    using Buffer::overflow;
+};
+
 class PipeBuffer : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -142,6 +149,22 @@ TEST_F(PipeBuffer, HasNoRoomInABufferOfSizeZero) {
     EXPECT_EQ(buffer.sputn("xy", 2), 0);
 }
 
+TEST_F(PipeBuffer, WritesAByteForTheEndOfFileWithoutABuffer) {
+    OverflowingBuffer buffer(&client, Buffer::OUTPUT_MODE);
+    EXPECT_EQ(buffer.overflow(END_OF_FILE), END_OF_FILE);
+    EXPECT_EQ(received(), "\xFF");
+}
+
+TEST_F(PipeBuffer, WritesOnlyWhatIsPendingForTheEndOfFileWithABuffer) {
+    OverflowingBuffer buffer(&client, Buffer::OUTPUT_MODE);
+    buffer.pubsetbuf(area, sizeof area);
+    buffer.sputn("ab", 2);
+    EXPECT_EQ(buffer.overflow(END_OF_FILE), END_OF_FILE);
+    EXPECT_EQ(received(), "ab");
+    buffer.pubsync();
+    EXPECT_EQ(received(), "");
+}
+
 TEST_F(PipeBuffer, MakesNoCallToSyncNothing) {
     Buffer buffer(&client, Buffer::OUTPUT_MODE);
     buffer.pubsetbuf(area, sizeof area);
@@ -207,6 +230,16 @@ TEST_F(PipeBuffer, SharesPipeAndAreaWithACopy) {
     copy.pubsync();
     EXPECT_EQ(received(), "ab");
     EXPECT_EQ(std::string(area, 2), "ab");
+}
+
+TEST_F(PipeBuffer, SharesPipeAndAreaWithWhatItIsAssignedTo) {
+    Buffer buffer(&client, Buffer::OUTPUT_MODE);
+    buffer.pubsetbuf(area, sizeof area);
+    Buffer assigned(&accepted, Buffer::INPUT_MODE);
+    assigned = buffer;
+    EXPECT_EQ(assigned.sputn("abcde", 5), 5);
+    EXPECT_EQ(received(), "abcd");
+    EXPECT_EQ(area[0], 'e');
 }
 
 }  // namespace

@@ -101,7 +101,9 @@ TEST(QvPipeConnect, IsDeniedADirectionThatTheServerDoesNotOffer) {
 TEST(QvPipeConnect, HasNoLimitByItsThreeArgumentConstructor) {
     const std::string name = uniquePipeName();
     ServerQvPipe server(name, true, true);
-    EXPECT_EQ(QvPipe(name, true, true).getConnectTimeout(), 0);
+    const QvPipe pipe(name, true, true);
+    EXPECT_EQ(pipe.getConnectTimeout(), 0);
+    EXPECT_EQ(pipe.getReadTimeout(), 0);
 }
 
 /// A server and a connected client.
@@ -205,6 +207,16 @@ TEST_F(ConnectedPipe, ConnectsAgainAfterAClose) {
     EXPECT_EQ(readFrom(again), "again");
 }
 
+TEST_F(ConnectedPipe, LeavesItsFirstConnectionOpenWhenItConnectsAgain) {
+    const QvPipe first(client);  // closes that connection at the end
+    client.connect();
+    EXPECT_EQ(thrownBy([&] { readFrom(accepted, 1, 50); }), "TimeoutException: QvPipe read timeout.");
+    QvPipe second;
+    server.accept(second);
+    writeTo(client, "x");
+    EXPECT_EQ(readFrom(second), "x");
+}
+
 TEST_F(ConnectedPipe, SharesItsConnectionWithCopies) {
     QvPipe copy(client);
     writeTo(copy, "from the copy");
@@ -217,9 +229,10 @@ TEST_F(ConnectedPipe, CopiesEveryField) {
     client.setReadTimeout(5);
     client.setConnectTimeout(6);
     std::istream* const in = client.getInputStream();
+    QvPipe constructed(client);
     QvPipe assigned;
     assigned = client;
-    for (QvPipe* copy : {&assigned}) {
+    for (QvPipe* copy : {&constructed, &assigned}) {
         EXPECT_TRUE(copy->isBound());
         EXPECT_EQ(copy->getReadTimeout(), 5);
         EXPECT_EQ(copy->getConnectTimeout(), 6);

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <future>
+#include <memory>
 
 namespace qvtp_test {
 namespace {
@@ -22,6 +23,13 @@ class ServerPipe : public ::testing::Test {
   protected:
     std::future<std::string> acceptInBackground(ServerQvPipe& server) {
         return std::async(std::launch::async, [&server] { return thrownBy([&] { server.accept(); }); });
+    }
+
+    static std::unique_ptr<ServerQvPipe> copyOf(const ServerQvPipe& server, bool isAssigned) {
+        if (!isAssigned) return std::make_unique<ServerQvPipe>(server);
+        auto copy = std::make_unique<ServerQvPipe>();
+        *copy = server;
+        return copy;
     }
 
     const std::string name = uniquePipeName();
@@ -56,6 +64,17 @@ TEST_F(ServerPipe, CannotBindANameThatNoPipeCanHave) {
 TEST_F(ServerPipe, DoesNotAcceptUnbound) {
     ServerQvPipe server;
     EXPECT_EQ(thrownBy([&] { server.accept(); }), "IllegalStateException: Pipe is not bound.");
+}
+
+TEST_F(ServerPipe, GivesUpANameThatItTookOnceClosed) {
+    {
+        ServerQvPipe server;
+        server.close();
+        server.bind(name, true, true);
+        EXPECT_EQ(thrownBy([&] { server.accept(); }), "IllegalStateException: Pipe is closed.");
+    }
+    EXPECT_EQ(thrownBy([&] { QvPipe(name, true, true); }), "ConnectException: Could not connect to pipe.");
+    EXPECT_EQ(thrownBy([&] { ServerQvPipe(name, true, true); }), "nothing");
 }
 
 TEST_F(ServerPipe, DoesNotAcceptIntoABoundPipe) {
@@ -116,6 +135,16 @@ TEST_F(ServerPipe, InterruptsABlockedAcceptWhenClosed) {
     server.close();
     EXPECT_EQ(accepting.get(), "InterruptedException: accept aborted");
     EXPECT_EQ(thrownBy([&] { server.accept(); }), "IllegalStateException: Pipe is closed.");
+}
+
+TEST_F(ServerPipe, ReportsAsTheBaseClassThatACopyWasClosedDuringItsAccept) {
+    ServerQvPipe server(name, true, true);
+    ServerQvPipe copy(server);
+    LogCapture log;
+    auto accepting = acceptInBackground(server);
+    ASSERT_TRUE(eventually([&] { return log.contains("DEBUG ServerQvPipe_acceptPipe error = 997"); }));
+    copy.close();
+    EXPECT_EQ(accepting.get(), "QvPipeException: acceptPipe aborted.");
 }
 
 TEST_F(ServerPipe, LogsAnAbortedAccept) {
@@ -206,6 +235,34 @@ TEST_F(ServerPipe, SharesItsHandlesWithCopies) {
     copy.close();
     EXPECT_FALSE(server.isClosed());
     EXPECT_EQ(thrownBy([&] { QvPipe(name, true, true); }), "ConnectException: Could not connect to pipe.");
+}
+
+TEST_F(ServerPipe, HandsItsSettingsToCopies) {
+    for (const bool isAssigned : {false, true}) {
+        ServerQvPipe server(name, true, true);
+        server.setAcceptTimeout(7);
+        server.close();
+        const auto copy = copyOf(server, isAssigned);
+        EXPECT_EQ(copy->getAcceptTimeout(), 7);
+        EXPECT_TRUE(copy->isClosed());
+    }
+}
+
+TEST_F(ServerPipe, HandsItsDirectionsToCopies) {
+    for (const bool isAssigned : {false, true}) {
+        const ServerQvPipe reader(name + "r", true, false);
+        const QvPipe writingClient(name + "r", false, true);
+        QvPipe reading = copyOf(reader, isAssigned)->accept();
+        EXPECT_EQ(thrownBy([&] { reading.getInputStream(); }), "nothing");
+        EXPECT_EQ(thrownBy([&] { reading.getOutputStream(); }),
+                  "IllegalStateException: Pipe is not bound with write access.");
+        const ServerQvPipe writer(name + "w", false, true);
+        const QvPipe readingClient(name + "w", true, false);
+        QvPipe writing = copyOf(writer, isAssigned)->accept();
+        EXPECT_EQ(thrownBy([&] { writing.getOutputStream(); }), "nothing");
+        EXPECT_EQ(thrownBy([&] { writing.getInputStream(); }),
+                  "IllegalStateException: Pipe is not bound with read access.");
+    }
 }
 
 }  // namespace
