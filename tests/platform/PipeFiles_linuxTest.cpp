@@ -1,5 +1,9 @@
+#include <qvtp/io/QvPipe.h>
+#include <qvtp/io/ServerQvPipe.h>
+
 #include "platform/PipeAddress_linux.h"
 #include "platform/PipeContract.h"
+#include "support/Thrown.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -22,6 +26,9 @@
 
 namespace qvtp_test {
 namespace {
+
+using Quovane::Io::QvPipe;
+using Quovane::Io::ServerQvPipe;
 
 /// Tests that look at the files behind the names, in a directory of their own.
 class PipeFiles : public PipeContract {
@@ -480,18 +487,53 @@ TEST_F(DescriptorShortage, LeavesTheHandleOfAPipeWhoseEventCannotBeMade) {
     EXPECT_TRUE(client.isOpen());
 }
 
+TEST_F(DescriptorShortage, IsNoErrorThatAPipeKnowsWhenItsEventCannotBeMade) {
+    ServerQvPipe server(name, true, true);
+    QvPipe client;
+    client.bind(name, true, true);
+    Shortage shortage;
+    shortage.release(2);  // the directory and the socket
+    const std::string thrown = thrownBy([&] { client.connect(); });
+    shortage.end();
+    EXPECT_EQ(thrown, "QvPipeException: Unrecognized pipe connect error");
+}
+
+/// Runs an action while no poll of two descriptors works.
+template <typename Action>
+void whileNoWaitWorks(const Action& action) {
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    rlimit one = before;
+    one.rlim_cur = 1;
+    ::setrlimit(RLIMIT_NOFILE, &one);
+    action();
+    ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
 TEST_F(DescriptorShortage, LetsAWriteEndInTimeThatCannotWait) {
     End server, client;
     pair(server, client);
     const std::string data(1 << 20, 'x');
-    rlimit before{};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    rlimit one = before;
-    one.rlim_cur = 1;  // a poll of two descriptors fails then
-    ::setrlimit(RLIMIT_NOFILE, &one);
-    const int result = write(client, data);
-    ::setrlimit(RLIMIT_NOFILE, &before);
+    int result = 0;
+    whileNoWaitWorks([&] { result = write(client, data); });
     EXPECT_EQ(result, WriteResult::TIMED_OUT);
+}
+
+TEST_F(DescriptorShortage, FailsAnAcceptThatCannotWait) {
+    ServerQvPipe server(name, true, true);
+    QvPipe accepted;
+    LogCapture log;
+    std::string thrown;
+    whileNoWaitWorks([&] {
+        EXPECT_EQ(thrownBy([&] { server.accept(accepted); }), "QvPipeException: acceptPipe failed");  // the shortage
+        log.clear();
+        thrown = thrownBy([&] { server.accept(accepted); });
+    });
+    EXPECT_EQ(thrown, "QvPipeException: QvPipe wait failed in accept");
+    EXPECT_THAT(log.messages(),
+                ElementsAre("DEBUG Calling ConnectNamedPipe.", "DEBUG ServerQvPipe_acceptPipe error = 997",
+                            "DEBUG ServerQvPipe_acceptPipe WaitForSingleObject status = 4294967295",
+                            "DEBUG ServerQvPipe_acceptPipe retval = 2", "ERROR Wait failed in Accept."));
 }
 
 TEST_F(PipeFiles, SurviveSignalsDuringAWait) {
