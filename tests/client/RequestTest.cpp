@@ -429,5 +429,19 @@ TEST_F(OwnManager, DoesNotReplaceAnExceptionThatIsOnItsWay) {
               "std::exception: first");
 }
 
+TEST_F(OwnManager, MayThrowWithinADestructorThatRunsBecauseOfAnException) {
+    manager.failure = [] { throw std::runtime_error("pool"); };
+    std::string within;
+    struct Cleaner {
+        ~Cleaner() { action(); }
+        std::function<void()> action;
+    };
+    thrownBy([&] {
+        const Cleaner cleaner{[&] { within = thrownBy([&] { notifyOnce(); }); }};
+        throw std::runtime_error("first");
+    });
+    EXPECT_EQ(within, "std::exception: pool");
+}
+
 }  // namespace
 }  // namespace qvtp_test
