@@ -25,7 +25,9 @@
 #   WINEPATH            further directories for DLLs, in Windows notation; searched after those of this script
 #   WINEDEBUG           messages of Wine itself (default: none, tests compare what a program prints)
 
-set -euo pipefail
+set -Eeuo pipefail
+# A failure here must not look like a silent one of the program.
+trap 'echo "run_under_wine.sh: the command in line $LINENO failed: $BASH_COMMAND" >&2' ERR
 
 readonly COMPILER=x86_64-w64-mingw32-g++-posix
 
@@ -154,6 +156,9 @@ main() {
     [[ $# -gt 0 ]] || die "no program given"
     set_dll_path "$dependencies"
     ensure_server
+    # With addresses at random, one start in some thousands fails without a word: a page that Wine 8 needs at a fixed
+    # place ("failed to map the shared user data") is taken. Not every container allows this.
+    if setarch --addr-no-randomize true 2>/dev/null; then exec setarch --addr-no-randomize wine "$@"; fi
     exec wine "$@"
 }
 
