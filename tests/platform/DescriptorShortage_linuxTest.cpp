@@ -1,0 +1,165 @@
+#include <qvtp/io/QvPipe.h>
+#include <qvtp/io/ServerQvPipe.h>
+
+#include "platform/PipeContract.h"
+#include "support/Thrown.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <thread>
+#include <vector>
+
+namespace qvtp_test {
+namespace {
+
+using Quovane::Io::QvPipe;
+using Quovane::Io::ServerQvPipe;
+
+class DescriptorShortage : public PipeContract {
+  protected:
+    void SetUp() override {
+        if (QVTP_SANITIZED) GTEST_SKIP() << "the sanitizers need descriptors themselves";
+    }
+};
+
+/// Uses up all descriptors.
+class Shortage {
+  public:
+    Shortage() {
+        ::getrlimit(RLIMIT_NOFILE, &before_);
+        rlimit low = before_;
+        low.rlim_cur = 256;
+        ::setrlimit(RLIMIT_NOFILE, &low);
+        for (int fd = ::dup(0); fd >= 0; fd = ::dup(0)) held_.push_back(fd);
+    }
+    ~Shortage() { end(); }
+    void end() {
+        for (int fd : held_) ::close(fd);
+        held_.clear();
+        ::setrlimit(RLIMIT_NOFILE, &before_);
+    }
+    /// Gives some back.
+    void release(int count) {
+        for (; count > 0 && !held_.empty(); --count, held_.pop_back()) ::close(held_.back());
+    }
+
+  private:
+    rlimit before_{};
+    std::vector<int> held_;
+};
+
+TEST_F(DescriptorShortage, IsReportedOnceByAcceptAndWaitedOut) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    Shortage shortage;
+    EXPECT_GE(elapsed([&] { EXPECT_EQ(accept(server, 0), AcceptResult::CONNECT_ERROR); }), 95ms);
+    EXPECT_GE(elapsed([&] { EXPECT_EQ(accept(server, 250), AcceptResult::TIMED_OUT); }), 245ms);
+    shortage.end();
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR Connect error: 4"));
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+}
+
+TEST_F(DescriptorShortage, IsMetBeforeAClientIsTakenAndNotWhenTheNextInstanceIsCreated) {
+    End server, next, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    Shortage shortage;
+    shortage.release(3);  // the next instance's event, the connection, and one to look at the directory
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+    EXPECT_EQ(createNext(next), 0);
+}
+
+TEST_F(DescriptorShortage, IsNoHindranceToACloseDuringAccept) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    Shortage shortage;
+    ASSERT_EQ(accept(server, 0), AcceptResult::CONNECT_ERROR);
+    std::thread closer;
+    EXPECT_EQ((closer = std::thread([&] {
+                   std::this_thread::sleep_for(50ms);
+                   platform::platformCloseServer(server.pipe, server.event);
+               }),
+               accept(server, 0)),
+              AcceptResult::ABORTED);
+    closer.join();
+    server.forget();
+}
+
+TEST_F(DescriptorShortage, FailsAConnect) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    Shortage shortage;
+    EXPECT_EQ(connect(client), ConnectResult::CANNOT_OPEN);
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR Could not open pipe. GLE=4"));
+}
+
+TEST_F(DescriptorShortage, LeavesTheHandleOfAPipeWhoseEventCannotBeMade) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    LogCapture log;
+    Shortage shortage;
+    shortage.release(2);  // the directory and the socket
+    const int result = connect(client);
+    shortage.end();
+    EXPECT_EQ(result, 4);
+    EXPECT_TRUE(log.contains("ERROR CreateEvent failed: 4"));
+    EXPECT_EQ(client.event, INVALID_NATIVE_HANDLE);
+    EXPECT_TRUE(client.isOpen());
+}
+
+TEST_F(DescriptorShortage, IsNoErrorThatAPipeKnowsWhenItsEventCannotBeMade) {
+    ServerQvPipe server(name, true, true);
+    QvPipe client;
+    client.bind(name, true, true);
+    Shortage shortage;
+    shortage.release(2);  // the directory and the socket
+    const std::string thrown = thrownBy([&] { client.connect(); });
+    shortage.end();
+    EXPECT_EQ(thrown, "QvPipeException: Unrecognized pipe connect error");
+}
+
+/// Runs an action while no poll of two descriptors works.
+template <typename Action>
+void whileNoWaitWorks(const Action& action) {
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    rlimit one = before;
+    one.rlim_cur = 1;
+    ::setrlimit(RLIMIT_NOFILE, &one);
+    action();
+    ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(DescriptorShortage, LetsAWriteEndInTimeThatCannotWait) {
+    End server, client;
+    pair(server, client);
+    const std::string data(1 << 20, 'x');
+    int result = 0;
+    whileNoWaitWorks([&] { result = write(client, data); });
+    EXPECT_EQ(result, WriteResult::TIMED_OUT);
+}
+
+TEST_F(DescriptorShortage, FailsAnAcceptThatCannotWait) {
+    ServerQvPipe server(name, true, true);
+    QvPipe accepted;
+    LogCapture log;
+    std::string thrown;
+    whileNoWaitWorks([&] {
+        EXPECT_EQ(thrownBy([&] { server.accept(accepted); }), "QvPipeException: acceptPipe failed");  // the shortage
+        log.clear();
+        thrown = thrownBy([&] { server.accept(accepted); });
+    });
+    EXPECT_EQ(thrown, "QvPipeException: QvPipe wait failed in accept");
+    EXPECT_THAT(log.messages(),
+                ElementsAre("DEBUG Calling ConnectNamedPipe.", "DEBUG ServerQvPipe_acceptPipe error = 997",
+                            "DEBUG ServerQvPipe_acceptPipe WaitForSingleObject status = 4294967295",
+                            "DEBUG ServerQvPipe_acceptPipe retval = 2", "ERROR Wait failed in Accept."));
+}
+
+}  // namespace
+}  // namespace qvtp_test
