@@ -15,10 +15,15 @@ namespace {
 using ::testing::ElementsAre;
 
 TEST_F(Worker, AnswersPostAfterPostOnOneConnection) {
+    LogCapture log;
     server.start();
     RawClient client(server.name);
     for (int i = 0; i < 5; ++i) EXPECT_EQ(client.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
-    EXPECT_EQ(server.server.totalRequestProcessors(), 1);
+    // The worker is entered once its thread has begun, by which time it may have answered.
+    EXPECT_TRUE(eventually([&] { return server.server.totalRequestProcessors() == 1; }));
+    server.stop();
+    EXPECT_EQ(log.count("DEBUG Deleting worker " + full()), 1);
+    EXPECT_FALSE(log.contains("DEBUG Deleting worker " + full(2)));
 }
 
 TEST_F(Worker, AnswersRequestsThatComeTogether) {
