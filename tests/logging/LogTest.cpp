@@ -5,12 +5,15 @@
 #include <qvtp/message/QvtpMessage.h>
 
 #include "support/LogCapture.h"
+#include "support/PipeName.h"
 #include "support/Thrown.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <fstream>
 #include <string>
 
 namespace {
@@ -110,8 +113,10 @@ TEST(Log, LeavesTheLastErrorAsItWas) {
 }
 
 TEST(Log, LeavesTheLastErrorAsItWasWhenTheFileCannotBeWritten) {
-    std::FILE* const unwritable = std::fopen(__FILE__, "r");
-    if (unwritable == nullptr) GTEST_SKIP() << "The source is not here.";
+    const std::string path = qvtp_test::uniquePipeName("unwritable") + ".tmp";
+    std::ofstream(path) << "x";
+    std::FILE* const unwritable = std::fopen(path.c_str(), "r");
+    ASSERT_NE(unwritable, nullptr);
     using Quovane::Qvtp::QvtpMessage;
     QvtpMessage::setLoggingLevel(unwritable, LoggingLevel::DEBUG, unwritable, CommunicationLevel::BOTH);
     errno = ENOENT;
@@ -122,6 +127,7 @@ TEST(Log, LeavesTheLastErrorAsItWasWhenTheFileCannotBeWritten) {
     EXPECT_EQ(errno, ENOENT);
     QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
     std::fclose(unwritable);
+    std::remove(path.c_str());
 }
 
 TEST(LogCommunication, TakesBytesAndStrings) {
