@@ -36,4 +36,10 @@ void Descriptor::signal() const {
     [[maybe_unused]] const auto written = ::write(fd_, &one, sizeof one);
 }
 
+void Descriptor::unsignal() const {
+    std::uint64_t count = 0;
+    // It can only fail when the event is not signalled.
+    [[maybe_unused]] const auto taken = ::read(fd_, &count, sizeof count);
+}
+
 }  // namespace Quovane::Internal::Qvtp

@@ -20,6 +20,8 @@ class Descriptor {
     static Descriptor event();
     /// Makes every wait on the event end, now and later.
     void signal() const;
+    /// Takes the signal of an event back.
+    void unsignal() const;
 
   private:
     int fd_ = -1;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -14,7 +15,7 @@ namespace Quovane::Internal::Qvtp {
 struct PipeObject {
     bool readable = false;
     bool writable = false;
-    Descriptor event;                      // signalled once, by the close; nobody ever resets it
+    Descriptor event;                      // signalled for good by the close
     Descriptor socket;                     // the connection; set before `connected`
     std::shared_ptr<Descriptor> listener;  // of an instance
     std::shared_ptr<ServedName> served;    // null for a client's end
@@ -22,6 +23,13 @@ struct PipeObject {
     std::atomic<bool> closed{false};       // the same
     std::atomic<bool> starved{false};      // an accept found no descriptors left, and none has succeeded since
     int owner = 0;                         // process id: see close()
+
+    // A wait for input, which another thread may end without closing. The event is signalled for that only while such
+    // a wait is running, and is reset when it ends: no other call ever finds it so.
+    std::mutex wakeMutex;  // guards the next two
+    bool woken = false;
+    bool awaitingInput = false;
+    bool endAwaited = false;  // the end came during such a wait; for the thread that reads
 
     /// Marks the object closed, lets the peer see the end, and wakes every thread that waits on it. In a forked child
     /// it does nothing: a shutdown there would end the parent's connection.

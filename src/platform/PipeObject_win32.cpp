@@ -119,6 +119,24 @@ void PipeObject::keep(std::unique_ptr<Operation> operation) {
     kept_.push_back(std::move(operation));
 }
 
+bool PipeObject::beginInputWait() {
+    const std::lock_guard<std::mutex> guard(wakeMutex_);
+    if (std::exchange(woken_, false)) return false;
+    awaitingInput_ = true;
+    return true;
+}
+
+void PipeObject::endInputWait() {
+    const std::lock_guard<std::mutex> guard(wakeMutex_);
+    if (std::exchange(awaitingInput_, false) && std::exchange(woken_, false)) ::ResetEvent(event_);
+}
+
+void PipeObject::wakeInputWait() {
+    const std::lock_guard<std::mutex> guard(wakeMutex_);
+    woken_ = true;
+    if (awaitingInput_) ::SetEvent(event_);
+}
+
 namespace {
 
 /// When a process ends and its threads have disappeared, one of them with this lock held, the system ends the process

@@ -52,7 +52,15 @@ class PipeObject {
     // time.
     std::unique_ptr<Operation> pendingRead;
     std::unique_ptr<Operation> pendingConnect;
-    std::string unread;  // bytes that came for an earlier, larger read
+    std::string unread;       // bytes that came for an earlier, larger read
+    bool endAwaited = false;  // the end came during a wait for input
+
+    // A wait for input, which another thread may end without closing. The event is signalled for that only while such
+    // a wait is running, and is reset when it ends: no other call ever finds it so.
+    /// False if the wait was woken before it began.
+    bool beginInputWait();
+    void endInputWait();
+    void wakeInputWait();
 
   private:
     void release();
@@ -66,6 +74,9 @@ class PipeObject {
     std::condition_variable left_;  // the last call has ended
     bool abandoned_ = false;        // a close could not wait any longer: the last call releases
     std::vector<std::unique_ptr<Operation>> kept_;
+    std::mutex wakeMutex_;  // guards the next two
+    bool woken_ = false;
+    bool awaitingInput_ = false;
 };
 
 /// The pipes of this process by handle. A value is the system's own handle with a running number above it: the system

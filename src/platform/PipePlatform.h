@@ -2,6 +2,7 @@
 
 #include <qvtp/platform/NativeHandle.h>
 
+#include <cstddef>
 #include <string>
 
 /// The contract between the pipe classes and the operating system, implemented once per system beside this file.
@@ -38,6 +39,15 @@ inline constexpr int BROKEN = 10;
 inline constexpr int ABORTED = -4;
 }  // namespace WriteResult
 
+/// Results of platformAwaitInput.
+namespace InputResult {
+inline constexpr int INPUT = 0;
+inline constexpr int WOKEN = 1;
+inline constexpr int TIMED_OUT = -2;
+inline constexpr int FAILED = -3;
+inline constexpr int ABORTED = -4;
+}  // namespace InputResult
+
 /// How long platformWrite waits for the peer to take bytes.
 inline constexpr int WRITE_TIMEOUT_MS = 10000;
 
@@ -52,6 +62,33 @@ int platformRead(NativeHandle pipeHandle, NativeHandle eventHandle, char* buffer
 
 /// Writes all `length` bytes. Returns a WriteResult.
 int platformWrite(NativeHandle pipeHandle, NativeHandle eventHandle, const char* data, int length);
+
+/// Writes the beginning of two blocks that follow each other: at least one byte, as many as one call of the system
+/// takes. `written` receives how many. The rest is for platformWrite. Returns a WriteResult; a length of 0 for both is
+/// WRITTEN. On Linux a small message leaves as a whole or not at all: the kernel queues up to about 48 KiB in one
+/// piece.
+int platformWriteSome(NativeHandle pipeHandle, NativeHandle eventHandle, const char* first, std::size_t firstLength,
+                      const char* second, std::size_t secondLength, std::size_t& written);
+
+/// Waits until a read would not wait: bytes are there, or the peer has closed. It takes nothing and logs nothing, and
+/// an end that comes while it waits is found by the next read as one that came while that read waited. For the thread
+/// that reads. `timeoutMs`: 0 waits without limit. Returns an InputResult; FAILED for a handle that cannot be read.
+int platformAwaitInput(NativeHandle pipeHandle, NativeHandle eventHandle, int timeoutMs);
+
+/// Ends the running platformAwaitInput of the handle with WOKEN, or else the next one. From any thread. No other call
+/// of the handle notices.
+void platformWake(NativeHandle pipeHandle);
+
+/// How many bytes a read would find without waiting. 0 also at the end, and for a handle that cannot be read.
+std::size_t platformAvailable(NativeHandle pipeHandle);
+
+/// From now on the peer's writes fail as broken. What it wrote before can still be read, and what is written here still
+/// arrives. On Windows a pipe has no half: there the call has no effect.
+void platformEndReading(NativeHandle pipeHandle);
+
+/// Whether the peer has closed its end. On Windows the call may drop bytes that the peer left: it is for a connection
+/// that nobody will read any more.
+bool platformPeerHasClosed(NativeHandle pipeHandle);
 
 /// Ends every pending operation of the handle, from any thread, and closes both handles. Invalid and stale handles are
 /// allowed and have no effect but the log line.

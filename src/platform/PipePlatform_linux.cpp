@@ -8,12 +8,16 @@
 #include "platform/SystemError_linux.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -80,35 +84,107 @@ int readPending(const PipeObject& object, char* buffer, std::size_t length, int 
     }
 }
 
+/// One wait for input. Another thread may end it through platformWake.
+class InputWait {
+  public:
+    explicit InputWait(PipeObject& object) : object_(object) {}
+    ~InputWait() { end(); }
+    InputWait(const InputWait&) = delete;
+    InputWait& operator=(const InputWait&) = delete;
+
+    int run(int timeoutMs) {
+        if (!begin()) return InputResult::WOKEN;
+        const Deadline deadline = Deadline::after(timeoutMs);
+        for (bool waited = false;; waited = true) {
+            const ssize_t count = receive(object_.socket.get(), nullptr, 0);
+            const bool mustWait = count < 0 && wouldBlock();
+            if (object_.closed) return InputResult::ABORTED;
+            if (count == 0) object_.endAwaited = waited;
+            if (!mustWait) return InputResult::INPUT;
+            switch (LocalSocket::wait(object_.socket.get(), POLLIN, object_.event.get(), deadline)) {
+                case WaitResult::TIMED_OUT:
+                    return InputResult::TIMED_OUT;
+                case WaitResult::SIGNALLED:
+                    return object_.closed ? InputResult::ABORTED : InputResult::WOKEN;
+                case WaitResult::FAILED:
+                    return InputResult::INPUT;  // the read reports why
+                case WaitResult::READY:
+                    break;
+            }
+        }
+    }
+
+  private:
+    /// False if it was woken before it began.
+    bool begin() {
+        const std::lock_guard<std::mutex> guard(object_.wakeMutex);
+        if (std::exchange(object_.woken, false)) return false;
+        object_.awaitingInput = true;
+        return true;
+    }
+
+    void end() {
+        const std::lock_guard<std::mutex> guard(object_.wakeMutex);
+        if (!std::exchange(object_.awaitingInput, false) || !std::exchange(object_.woken, false)) return;
+        object_.event.unsignal();
+        if (object_.closed) object_.event.signal();  // that may have been taken back as well
+    }
+
+    PipeObject& object_;
+};
+
 bool isBrokenPipe(int error) {
     return error == EPIPE || error == ECONNRESET;
 }
 
-/// One write, in as many steps as the kernel takes it.
+/// One write of two blocks, in as many steps as the kernel takes it.
 class PendingWrite {
   public:
-    PendingWrite(const PipeObject& object, const char* data, std::size_t length)
-        : object_(object), data_(data), left_(length), deadline_(Deadline::after(WRITE_TIMEOUT_MS)) {}
+    PendingWrite(const PipeObject& object, const char* first, std::size_t firstLength, const char* second = nullptr,
+                 std::size_t secondLength = 0)
+        : object_(object),
+          blocks_{{const_cast<char*>(first), firstLength}, {const_cast<char*>(second), secondLength}},
+          deadline_(Deadline::after(WRITE_TIMEOUT_MS)) {}
 
     int run() {
+        do {
+            const int result = runOnce();
+            if (result != WriteResult::WRITTEN) return result;
+        } while (left() > 0);
+        return WriteResult::WRITTEN;
+    }
+
+    /// Ends after the first progress.
+    int runOnce() {
         for (;;) {
-            const ssize_t count = ::send(object_.socket.get(), data_, left_, MSG_DONTWAIT | MSG_NOSIGNAL);
+            msghdr message{};
+            message.msg_iov = blocks_;
+            message.msg_iovlen = 2;
+            const ssize_t count = ::sendmsg(object_.socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
             if (count < 0 && errno == EINTR) continue;
             if (count < 0 && !wouldBlock()) return fail(errno);
-            if (count > 0) advance(static_cast<std::size_t>(count));
-            if (left_ == 0) return WriteResult::WRITTEN;
+            if (count > 0) {
+                advance(static_cast<std::size_t>(count));
+                return WriteResult::WRITTEN;
+            }
             if (!await()) return outcome_;
         }
     }
+
+    std::size_t left() const { return blocks_[0].iov_len + blocks_[1].iov_len; }
 
   private:
     /// Progress restarts the clock, so that a slow but steady reader has as much time for a large block as for the same
     /// bytes in pieces. Less than a piece in a whole time-out is no progress.
     void advance(std::size_t count) {
         pending_ = true;  // begun: what ends it now is no longer an immediate failure
-        data_ += count;
-        left_ -= count;
         progress_ += count;
+        for (iovec& block : blocks_) {
+            const std::size_t taken = std::min(count, block.iov_len);
+            block.iov_base = static_cast<char*>(block.iov_base) + taken;
+            block.iov_len -= taken;
+            count -= taken;
+        }
         if (progress_ < PATIENCE_BYTES) return;
         progress_ = 0;
         deadline_ = Deadline::after(WRITE_TIMEOUT_MS);
@@ -140,8 +216,7 @@ class PendingWrite {
     }
 
     const PipeObject& object_;
-    const char* data_;
-    std::size_t left_;
+    iovec blocks_[2];  // what is left of them
     std::size_t progress_ = 0;
     Deadline deadline_;
     bool pending_ = false;
@@ -186,11 +261,62 @@ int platformRead(NativeHandle pipeHandle, NativeHandle, char* buffer, int length
     const auto size = length > 0 ? static_cast<std::size_t>(length) : 0;
     const ssize_t count = receive(object->socket.get(), buffer, size);
     if (count > 0) return readCount(count, size);
+    if (count == 0 && std::exchange(object->endAwaited, false)) return 0;
     const bool pending = count < 0 && wouldBlock();
     if (!pending && object->closed) return ReadResult::ABORTED;
     if (count == 0) return reportReadError(SystemError::BROKEN_PIPE);
     if (!pending) return reportReadError(SystemError::fromErrno(errno));
     return readPending(*object, buffer, size, timeoutMs);
+}
+
+int platformAwaitInput(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
+    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
+    if (accessError(object, &PipeObject::readable) != SystemError::NONE) return InputResult::FAILED;
+    return InputWait(*object).run(timeoutMs);
+}
+
+void platformWake(NativeHandle pipeHandle) {
+    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
+    if (object == nullptr) return;
+    const std::lock_guard<std::mutex> guard(object->wakeMutex);
+    object->woken = true;
+    if (object->awaitingInput) object->event.signal();
+}
+
+std::size_t platformAvailable(NativeHandle pipeHandle) {
+    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
+    int count = 0;
+    if (accessError(object, &PipeObject::readable) != SystemError::NONE) return 0;
+    return ::ioctl(object->socket.get(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+void platformEndReading(NativeHandle pipeHandle) {
+    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
+    if (accessError(object, &PipeObject::readable) != SystemError::NONE) return;
+    ::shutdown(object->socket.get(), SHUT_RD);
+}
+
+bool platformPeerHasClosed(NativeHandle pipeHandle) {
+    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
+    if (object == nullptr || !object->connected) return object == nullptr;
+    pollfd descriptor{object->socket.get(), 0, 0};
+    return ::poll(&descriptor, 1, 0) > 0 && (descriptor.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, std::size_t firstLength,
+                      const char* second, std::size_t secondLength, std::size_t& written) {
+    written = 0;
+    if (firstLength + secondLength == 0) return WriteResult::WRITTEN;
+    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
+    const int refused = accessError(object, &PipeObject::writable);
+    if (refused != SystemError::NONE) {
+        logError([&] { return text("WriteFile error: ", refused); });
+        return WriteResult::FAILED;
+    }
+    PendingWrite write(*object, first, firstLength, second, secondLength);
+    const int result = write.runOnce();
+    written = firstLength + secondLength - write.left();
+    return result;
 }
 
 int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int length) {

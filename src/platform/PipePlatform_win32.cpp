@@ -12,13 +12,17 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 // Results are judged by the last error. Log calls leave it as they found it.
 
 namespace Quovane::Internal::Qvtp {
 
 namespace {
+
+constexpr std::size_t GATHERED_SIZE = 65536;  // what a pipe takes without a reader
 
 // ---- Connecting ----
 
@@ -66,6 +70,7 @@ class Reading {
 
     int run(int timeoutMs) {
         if (!object_.unread.empty()) return deliverUnread();
+        if (std::exchange(object_.endAwaited, false)) return 0;
         const Deadline deadline = Deadline::after(timeoutMs);
         std::optional<int> result;
         while (!result) result = step(deadline);
@@ -146,6 +151,70 @@ class Reading {
     std::unique_ptr<Operation> operation_;
 };
 
+/// One wait for input: a read of no bytes, which completes when there are some and takes none. Another thread may end
+/// the wait through platformWake.
+class InputWait {
+  public:
+    explicit InputWait(PipeObject& object) : object_(object) {}
+    ~InputWait() { object_.endInputWait(); }
+    InputWait(const InputWait&) = delete;
+    InputWait& operator=(const InputWait&) = delete;
+
+    int run(int timeoutMs) {
+        if (!object_.beginInputWait()) return InputResult::WOKEN;
+        if (!object_.unread.empty() || object_.endAwaited) return InputResult::INPUT;
+        const Deadline deadline = Deadline::after(timeoutMs);
+        std::optional<int> result;
+        while (!result) result = step(deadline);
+        return *result;
+    }
+
+  private:
+    /// Nothing if the wait has to begin anew.
+    std::optional<int> step(const Deadline& deadline) {
+        operation_ = std::move(object_.pendingRead);
+        if (operation_ != nullptr) {
+            object_.prepareToWaitAgain(*operation_);
+        } else {
+            DWORD count = 0;
+            operation_ = std::make_unique<Operation>(object_.event(), 0);
+            const BOOL done = ::ReadFile(object_.pipe(), operation_->data(), 0, &count, operation_->record());
+            // Whatever it is, the next read finds it at once too.
+            if (done || ::GetLastError() != ERROR_IO_PENDING) return InputResult::INPUT;
+        }
+        const DWORD waited = object_.wait(*operation_, deadline);
+        const bool closed = object_.isClosed();
+        if (waited != WAIT_OBJECT_0 || operation_->isPending()) {
+            object_.pendingRead = std::move(operation_);
+            if (waited == WAIT_TIMEOUT) return InputResult::TIMED_OUT;
+            if (closed) return InputResult::ABORTED;
+            return waited == WAIT_OBJECT_0 ? InputResult::WOKEN : InputResult::INPUT;
+        }
+        return complete(closed);
+    }
+
+    std::optional<int> complete(bool closed) {
+        DWORD count = 0;
+        switch (object_.finish(*operation_, count)) {
+            case ERROR_IO_PENDING:
+                // An earlier read that timed out may have brought bytes.
+                object_.unread.append(operation_->data(), count);
+                return InputResult::INPUT;
+            case ERROR_BROKEN_PIPE:
+                object_.endAwaited = true;
+                return InputResult::INPUT;
+            case ERROR_OPERATION_ABORTED:
+                if (!closed) return std::nullopt;  // the thread that began it has ended
+                return InputResult::ABORTED;
+            default:
+                return InputResult::INPUT;
+        }
+    }
+
+    PipeObject& object_;
+    std::unique_ptr<Operation> operation_;
+};
+
 // ---- Writing ----
 
 int reportWriteError(DWORD error) {
@@ -179,14 +248,18 @@ int reportPendingWriteError(DWORD error) {
 /// pending while the caller goes on.
 class Writing {
   public:
-    Writing(PipeObject& object, const char* data, int length)
-        : object_(object), data_(data), left_(static_cast<std::size_t>(length)) {}
+    Writing(PipeObject& object, const char* data, std::size_t length) : object_(object), data_(data), left_(length) {}
 
     int run() {
         std::optional<int> result;
         while (!result) result = step();
         return *result;
     }
+
+    /// Ends after the first progress.
+    int runOnce() { return step().value_or(WriteResult::WRITTEN); }
+
+    std::size_t left() const { return left_; }
 
   private:
     /// Nothing while there is more to write.
@@ -275,7 +348,57 @@ int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int l
     if (length <= 0) return WriteResult::WRITTEN;
     const PipeCall call(pipeHandle);
     if (!call) return reportWriteError(ERROR_INVALID_HANDLE);
-    return Writing(call.object(), data, length).run();
+    return Writing(call.object(), data, static_cast<std::size_t>(length)).run();
+}
+
+int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, std::size_t firstLength,
+                      const char* second, std::size_t secondLength, std::size_t& written) {
+    written = 0;
+    if (firstLength + secondLength == 0) return WriteResult::WRITTEN;
+    const PipeCall call(pipeHandle);
+    if (!call) return reportWriteError(ERROR_INVALID_HANDLE);
+    // One call of the system for what fits into the pipe, from one block: a named pipe has no gathered write.
+    std::string joined(first, std::min(firstLength, GATHERED_SIZE));
+    joined.append(second, std::min(secondLength, GATHERED_SIZE - joined.size()));
+    Writing writing(call.object(), joined.data(), joined.size());
+    const int result = writing.runOnce();
+    written = joined.size() - writing.left();
+    return result;
+}
+
+int platformAwaitInput(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
+    const PipeCall call(pipeHandle);
+    if (!call) return InputResult::FAILED;
+    return InputWait(call.object()).run(timeoutMs);
+}
+
+void platformWake(NativeHandle pipeHandle) {
+    const PipeCall call(pipeHandle);
+    if (call) call.object().wakeInputWait();
+}
+
+std::size_t platformAvailable(NativeHandle pipeHandle) {
+    const PipeCall call(pipeHandle);
+    if (!call) return 0;
+    DWORD count = 0;
+    const BOOL known = ::PeekNamedPipe(call.object().pipe(), nullptr, 0, nullptr, &count, nullptr);
+    return call.object().unread.size() + (known ? count : 0);
+}
+
+/// A named pipe has no half that could be closed: the caller looks at what is available and leaves.
+void platformEndReading(NativeHandle) {}
+
+bool platformPeerHasClosed(NativeHandle pipeHandle) {
+    const PipeCall call(pipeHandle);
+    if (!call) return true;
+    // The end shows only when nothing is left before it.
+    DWORD count = 0;
+    while (::PeekNamedPipe(call.object().pipe(), nullptr, 0, nullptr, &count, nullptr)) {
+        if (count == 0) return false;
+        std::vector<char> dropped(count);
+        if (Reading(call.object(), dropped.data(), static_cast<int>(count)).run(1) <= 0) return false;
+    }
+    return ::GetLastError() == ERROR_BROKEN_PIPE || ::GetLastError() == ERROR_PIPE_NOT_CONNECTED;
 }
 
 void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle) {

@@ -18,6 +18,8 @@ bool buffersMoreThanAPipe();
 bool renewsWriteTimeOnProgress();
 /// Whether a write that timed out still reaches a late reader as a whole, and not only what a buffer had taken.
 bool deliversTimedOutWrites();
+/// Whether the reading of a connection can be ended on its own, so that the peer's next write breaks.
+bool closesHalfOfAPipe();
 /// Whether "a" and "a." and "a/../b" are three names.
 bool keepsNamesAsTheyAre();
 /// The length of a name that is too long. 247 bytes are documented to work.

@@ -30,6 +30,10 @@ bool deliversTimedOutWrites() {
     return false;
 }
 
+bool closesHalfOfAPipe() {
+    return true;
+}
+
 bool keepsNamesAsTheyAre() {
     return true;
 }

@@ -131,6 +131,10 @@ bool deliversTimedOutWrites() {
     return true;
 }
 
+bool closesHalfOfAPipe() {
+    return false;
+}
+
 bool keepsNamesAsTheyAre() {
     return false;
 }

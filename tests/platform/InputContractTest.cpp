@@ -1,0 +1,236 @@
+#include "platform/PipeContract.h"
+
+#include <string>
+#include <thread>
+
+namespace qvtp_test {
+namespace {
+
+namespace InputResult = Quovane::Internal::Qvtp::InputResult;
+
+/// What a server needs to wait for a client and to part from it.
+class InputContract : public PipeContract {
+  protected:
+    void SetUp() override { pair(server, client); }
+
+    static int awaitInput(const End& end, int timeoutMs = 5000) {
+        return platform::platformAwaitInput(end.pipe, end.event, timeoutMs);
+    }
+    std::future<int> awaitInputInBackground(int timeoutMs = 20000) {
+        return std::async(std::launch::async, [this, timeoutMs] { return awaitInput(server, timeoutMs); });
+    }
+    static bool isPending(const std::future<int>& call) {
+        return call.wait_for(PENDING) == std::future_status::timeout;
+    }
+
+    End server;
+    End client;
+};
+
+TEST_F(InputContract, FindsBytesThatAreThereAndTakesNone) {
+    ASSERT_EQ(write(client, "hello"), 0);
+    EXPECT_EQ(awaitInput(server), InputResult::INPUT);
+    EXPECT_EQ(awaitInput(server), InputResult::INPUT);
+    EXPECT_EQ(readText(server), "hello");
+}
+
+TEST_F(InputContract, EndsWhenBytesCome) {
+    auto waiting = awaitInputInBackground();
+    EXPECT_TRUE(isPending(waiting));
+    ASSERT_EQ(write(client, "hello"), 0);
+    EXPECT_EQ(waiting.get(), InputResult::INPUT);
+    EXPECT_EQ(readText(server), "hello");
+}
+
+TEST_F(InputContract, EndsWhenThePeerClosesAndTheNextReadFindsAQuietEnd) {
+    LogCapture log;
+    auto waiting = awaitInputInBackground();
+    EXPECT_TRUE(isPending(waiting));
+    client.close();
+    EXPECT_EQ(waiting.get(), InputResult::INPUT);
+    log.clear();
+    EXPECT_EQ(readText(server), "0");
+    EXPECT_THAT(log.messages(), IsEmpty());
+    EXPECT_EQ(readText(server), "-3");
+}
+
+TEST_F(InputContract, FindsAPeerThatHadClosedBeforeAndTheNextReadFails) {
+    client.close();
+    EXPECT_EQ(awaitInput(server), InputResult::INPUT);
+    LogCapture log;
+    EXPECT_EQ(readText(server), "-3");
+    EXPECT_THAT(log.messages(), ElementsAre("WARN ReadFile error: 109"));
+}
+
+TEST_F(InputContract, TimesOutWithoutALine) {
+    LogCapture log;
+    const auto time = elapsed([&] { EXPECT_EQ(awaitInput(server, 60), InputResult::TIMED_OUT); });
+    EXPECT_GE(time, 59ms);
+    EXPECT_LT(time, AT_ONCE);
+    EXPECT_THAT(log.messages(), IsEmpty());
+    ASSERT_EQ(write(client, "late"), 0);
+    EXPECT_EQ(readText(server), "late");
+}
+
+TEST_F(InputContract, IsWokenFromAnotherThread) {
+    auto waiting = awaitInputInBackground();
+    EXPECT_TRUE(isPending(waiting));
+    platform::platformWake(server.pipe);
+    EXPECT_EQ(waiting.get(), InputResult::WOKEN);
+    EXPECT_EQ(awaitInput(server, 60), InputResult::TIMED_OUT);
+}
+
+TEST_F(InputContract, IsWokenByACallThatCameBefore) {
+    platform::platformWake(server.pipe);
+    EXPECT_EQ(awaitInput(server), InputResult::WOKEN);
+    EXPECT_EQ(awaitInput(server, 60), InputResult::TIMED_OUT);
+}
+
+TEST_F(InputContract, LeavesReadsAndWritesAloneWhenItIsWoken) {
+    platform::platformWake(server.pipe);
+    std::string data;
+    EXPECT_EQ(read(server, data, 100, 60), ReadResult::TIMED_OUT);
+    auto writing = std::async(std::launch::async, [&] { return write(server, std::string(2000000, 'x')); });
+    for (int i = 0; i < 100; ++i) platform::platformWake(server.pipe);
+    EXPECT_EQ(readAll(client, 2000000).size(), 2000000U);
+    EXPECT_EQ(writing.get(), WriteResult::WRITTEN);
+}
+
+TEST_F(InputContract, IsAbortedByAClose) {
+    auto waiting = awaitInputInBackground();
+    EXPECT_TRUE(isPending(waiting));
+    server.close();
+    EXPECT_EQ(waiting.get(), InputResult::ABORTED);
+}
+
+TEST_F(InputContract, IsAbortedByACloseAlsoWhenItIsWokenAtTheSameTime) {
+    for (int round = 0; round < 50; ++round) {
+        End other;
+        End otherClient;
+        name = uniquePipeName();
+        pair(other, otherClient);
+        auto waiting = std::async(std::launch::async, [&, pipe = other.pipe, event = other.event] {
+            int result = InputResult::WOKEN;
+            while (result == InputResult::WOKEN) result = platform::platformAwaitInput(pipe, event, 20000);
+            return result;
+        });
+        std::thread waker([pipe = other.pipe] {
+            for (int i = 0; i < 20; ++i) platform::platformWake(pipe);
+        });
+        other.close();
+        const int result = waiting.get();
+        EXPECT_TRUE(result == InputResult::ABORTED || result == InputResult::FAILED) << result;
+        waker.join();
+    }
+}
+
+TEST_F(InputContract, FailsOnAClosedHandle) {
+    const auto pipe = server.pipe;
+    server.close();
+    EXPECT_EQ(platform::platformAwaitInput(pipe, pipe, 100), InputResult::FAILED);
+    EXPECT_EQ(platform::platformAvailable(pipe), 0U);
+    EXPECT_TRUE(platform::platformPeerHasClosed(pipe));
+    platform::platformWake(pipe);
+    platform::platformEndReading(pipe);
+}
+
+TEST_F(InputContract, CountsTheBytesThatAreThere) {
+    EXPECT_EQ(platform::platformAvailable(server.pipe), 0U);
+    ASSERT_EQ(write(client, "hello"), 0);
+    ASSERT_EQ(write(client, "you"), 0);
+    EXPECT_EQ(platform::platformAvailable(server.pipe), 8U);
+    EXPECT_EQ(readText(server, 6), "helloy");
+    EXPECT_EQ(platform::platformAvailable(server.pipe), 2U);
+    client.close();
+    EXPECT_EQ(readText(server), "ou");
+    EXPECT_EQ(platform::platformAvailable(server.pipe), 0U);
+}
+
+TEST_F(InputContract, KeepsWhatWasWrittenBeforeTheEndOfReading) {
+    ASSERT_EQ(write(client, "before"), 0);
+    platform::platformEndReading(server.pipe);
+    EXPECT_EQ(write(client, "after"), backend::closesHalfOfAPipe() ? WriteResult::BROKEN : WriteResult::WRITTEN);
+    EXPECT_EQ(readText(server, 6), "before");
+    EXPECT_EQ(write(server, "answer"), 0);
+    EXPECT_EQ(readText(client), "answer");
+}
+
+TEST_F(InputContract, TellsWhetherThePeerHasClosed) {
+    EXPECT_FALSE(platform::platformPeerHasClosed(server.pipe));
+    ASSERT_EQ(write(client, "left behind"), 0);
+    client.close();
+    EXPECT_TRUE(eventually([&] { return platform::platformPeerHasClosed(server.pipe); }));
+}
+
+class GatheredWriteContract : public InputContract {
+  protected:
+    /// Writes both blocks; the first call and what is left of it.
+    int writeBoth(const End& end, const std::string& first, const std::string& second, std::size_t& written) {
+        return platform::platformWriteSome(end.pipe, end.event, first.data(), first.size(), second.data(),
+                                           second.size(), written);
+    }
+};
+
+TEST_F(GatheredWriteContract, WritesTwoSmallBlocksInOneCall) {
+    std::size_t written = 0;
+    EXPECT_EQ(writeBoth(client, "head", "body", written), WriteResult::WRITTEN);
+    EXPECT_EQ(written, 8U);
+    EXPECT_EQ(readText(server), "headbody");
+}
+
+TEST_F(GatheredWriteContract, WritesOneBlockAndNone) {
+    std::size_t written = 0;
+    EXPECT_EQ(writeBoth(client, "head", "", written), WriteResult::WRITTEN);
+    EXPECT_EQ(written, 4U);
+    EXPECT_EQ(writeBoth(client, "", "body", written), WriteResult::WRITTEN);
+    EXPECT_EQ(written, 4U);
+    EXPECT_EQ(writeBoth(client, "", "", written), WriteResult::WRITTEN);
+    EXPECT_EQ(written, 0U);
+    EXPECT_EQ(readText(server), "headbody");
+}
+
+TEST_F(GatheredWriteContract, WritesTheBeginningOfLargeBlocks) {
+    const std::string first(3000, 'h');
+    const std::string second(3000000, 'b');
+    std::size_t written = 0;
+    EXPECT_EQ(writeBoth(client, first, second, written), WriteResult::WRITTEN);
+    EXPECT_GE(written, 3000U);
+    EXPECT_LT(written, 3003000U);
+    EXPECT_EQ(readAll(server, written), (first + second).substr(0, written));
+}
+
+TEST_F(GatheredWriteContract, WaitsForRoom) {
+    std::size_t written = 1;
+    while (platform::platformAvailable(server.pipe) < 60000) ASSERT_EQ(write(client, std::string(4000, 'x')), 0);
+    auto writing = std::async(std::launch::async, [&] {
+        std::size_t all = 0;
+        while (all < 3000000 && writeBoth(client, "h", std::string(2999999, 'b'), written) == 0) all += written;
+        return all >= 3000000 ? WriteResult::WRITTEN : WriteResult::FAILED;
+    });
+    std::string data;
+    while (writing.wait_for(0ms) != std::future_status::ready) read(server, data, 65536, 20);
+    EXPECT_EQ(writing.get(), WriteResult::WRITTEN);
+}
+
+TEST_F(GatheredWriteContract, BreaksWithNothingWrittenWhenThePeerHasClosed) {
+    LogCapture log;
+    server.close();
+    log.clear();
+    std::size_t written = 1;
+    EXPECT_EQ(writeBoth(client, "head", "body", written), WriteResult::BROKEN);
+    EXPECT_EQ(written, 0U);
+    EXPECT_THAT(log.messages(), ElementsAre("DEBUG WriteFile broken pipe"));
+}
+
+TEST_F(GatheredWriteContract, FailsOnAClosedHandle) {
+    const auto pipe = client.pipe;
+    client.close();
+    std::size_t written = 1;
+    LogCapture log;
+    EXPECT_EQ(platform::platformWriteSome(pipe, pipe, "a", 1, "b", 1, written), WriteResult::FAILED);
+    EXPECT_EQ(written, 0U);
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR WriteFile error: 6"));
+}
+
+}  // namespace
+}  // namespace qvtp_test
