@@ -127,9 +127,7 @@ std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::
             "The start line and headers have already been committed to the request. Cannot send again.");
     }
     prepare();
-    message_.writeHeaders(pipe_->getOutputStream());
-    sendBody();
-    bodyOut_->send();
+    if (!message_.sendWhole(pipe_->getOutputStream())) sendThroughStream();
     if (mode_.find('r') != std::string::npos) {
         return std::make_unique<QvtpResponse>(client_, pipe_->getInputStream());
     }
@@ -143,16 +141,19 @@ void AbstractQvtpRequestImpl::prepare() {
     checkBodyPresent();
     pipe_ = client_->getManager()->getPipe(pipeName_, mode_);
     exchangeComplete_ = false;
-    bodyOut_ = std::make_unique<QvtpOStream>(client_->getIntegerOption(QvtpClient::BUFFER_SIZE), bodyStream_ != nullptr,
-                                             pipe_->getOutputStream(), nullptr);
 }
 
-void AbstractQvtpRequestImpl::sendBody() {
+/// Head, flush, body in pieces of the buffer size, flush.
+void AbstractQvtpRequestImpl::sendThroughStream() {
+    bodyOut_ = std::make_unique<QvtpOStream>(client_->getIntegerOption(QvtpClient::BUFFER_SIZE), bodyStream_ != nullptr,
+                                             pipe_->getOutputStream(), nullptr);
+    message_.writeHeaders(pipe_->getOutputStream());
     if (bodyStream_ != nullptr) {
         copyBodyStream();
     } else {
         message_.writeBody(bodyOut_.get());
     }
+    bodyOut_->send();
 }
 
 void AbstractQvtpRequestImpl::copyBodyStream() {

@@ -54,7 +54,7 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     void checkBodyPresent() const;
     std::unique_ptr<QvtpResponse> attempt();
     void prepare();
-    void sendBody();
+    void sendThroughStream();
     void copyBodyStream();
     void handleBrokenPipe(Quovane::Io::BrokenPipeException& e);
     void dropPipe();

@@ -8,6 +8,7 @@
 #include <qvtp/io/PipeBufferBase.h>
 #include <qvtp/io/TimeoutException.h>
 
+#include "common/MessageSink.h"
 #include "platform/PipePlatform.h"
 
 namespace Quovane::Io {
@@ -17,6 +18,23 @@ namespace {
 using namespace Quovane::Internal::Qvtp;
 
 constexpr int DEFAULT_CONNECT_TIMEOUT_MS = 10000;
+
+void checkWritten(int result) {
+    switch (result) {
+        case WriteResult::WRITTEN:
+            return;
+        case WriteResult::BROKEN:
+            throw BrokenPipeException("Pipe was closed at other end.");
+        case WriteResult::ABORTED:
+            throw InterruptedException("Pipe write aborted.");
+        case WriteResult::FAILED:
+            throw QvPipeException("Pipe write failed");
+        case WriteResult::TIMED_OUT:
+            throw TimeoutException("Pipe write timed out");
+        default:
+            throw QvPipeException("Unexpected writePipe failure.");
+    }
+}
 
 }  // namespace
 
@@ -48,9 +66,51 @@ class QvPipe::PipeStream : public Stream {
         heir_.reset();
     }
 
-  private:
+  protected:
     PipeBufferBase<char> buffer_;
+
+  private:
     std::unique_ptr<QvPipe> heir_;
+};
+
+/// The stream that writes. Whole messages take the short way past its area.
+class QvPipe::OutputStream : public PipeStream<std::ostream>, public MessageSink {
+  public:
+    using PipeStream::PipeStream;
+
+    std::size_t writeSome(const char* head, std::size_t headLength, const char* body, std::size_t bodyLength) override {
+        std::size_t written = 0;
+        writing([&](const QvPipe& pipe) {
+            checkWritten(
+                platformWriteSome(pipe.pipeHandle_, pipe.eventHandle_, head, headLength, body, bodyLength, written));
+        });
+        return written;
+    }
+
+    void writeAll(const char* data, std::size_t length) override {
+        writing([&](QvPipe& pipe) { pipe.writePipe(data, 0, static_cast<int>(length)); });
+    }
+
+  protected:
+    /// Without an area the stream's first write fails, and that is so here too.
+    bool isDirect() const override { return rdbuf() == &buffer_ && buffer_.buffer_ != nullptr; }
+
+  private:
+    /// What the area holds goes first. A failure leaves the stream bad, as if its buffer had thrown.
+    template <typename Action>
+    void writing(const Action& action) {
+        try {
+            buffer_.sync();
+            action(*buffer_.pipe_);
+        } catch (...) {
+            try {
+                setstate(std::ios_base::badbit);
+            } catch (const std::ios_base::failure&) {
+                // The stream's own exception: the pipe's says more.
+            }
+            throw;
+        }
+    }
 };
 
 QvPipe::QvPipe() : connectTimeout_(DEFAULT_CONNECT_TIMEOUT_MS), prefix_(PIPE_NAME_PREFIX) {}
@@ -172,9 +232,10 @@ std::istream* QvPipe::getInputStream() {
 
 std::ostream* QvPipe::getOutputStream() {
     if (!isBound() || !writable_) throw IllegalStateException("Pipe is not bound with write access.");
-    using Stream = PipeStream<std::ostream>;
-    if (outputStream_ == nullptr) outputStream_ = std::make_shared<Stream>(this, PipeBufferBase<char>::OUTPUT_MODE);
-    static_cast<Stream&>(*outputStream_).adopt(this);
+    if (outputStream_ == nullptr) {
+        outputStream_ = std::make_shared<OutputStream>(this, PipeBufferBase<char>::OUTPUT_MODE);
+    }
+    static_cast<OutputStream&>(*outputStream_).adopt(this);
     return outputStream_.get();
 }
 
@@ -209,20 +270,7 @@ int QvPipe::readPipe(char* buffer, int offset, int length, int timeout) {
 }
 
 void QvPipe::writePipe(const char* buffer, int offset, int length) {
-    switch (platformWrite(pipeHandle_, eventHandle_, buffer + offset, length)) {
-        case WriteResult::WRITTEN:
-            return;
-        case WriteResult::BROKEN:
-            throw BrokenPipeException("Pipe was closed at other end.");
-        case WriteResult::ABORTED:
-            throw InterruptedException("Pipe write aborted.");
-        case WriteResult::FAILED:
-            throw QvPipeException("Pipe write failed");
-        case WriteResult::TIMED_OUT:
-            throw TimeoutException("Pipe write timed out");
-        default:
-            throw QvPipeException("Unexpected writePipe failure.");
-    }
+    checkWritten(platformWrite(pipeHandle_, eventHandle_, buffer + offset, length));
 }
 
 }  // namespace Quovane::Io

@@ -14,6 +14,7 @@ using Quovane::Soa::Internal::Common::StringUtils;
 namespace {
 
 constexpr std::size_t SIZE_LINE_CAPACITY = 20;  // at most 19 characters before the line feed
+constexpr std::size_t LINE_END_LENGTH = 2;
 constexpr std::size_t SKIP_PIECE = 4096;
 
 }  // namespace
@@ -91,6 +92,20 @@ void InputBuffer::logEnd() const {
 bool InputBuffer::isComplete() const {
     const bool isEmpty = !chunked_ && remaining_ == 0;
     return (finished_ || isEmpty) && !broken_;
+}
+
+bool InputBuffer::hasArrived(std::string_view bytes) const {
+    if (!chunked_) return remaining_ <= bytes.size();
+    for (;;) {
+        const std::size_t lineEnd = bytes.find('\n');
+        if (lineEnd == std::string_view::npos) return bytes.size() >= SIZE_LINE_CAPACITY;
+        std::uint32_t size = 0;
+        if (!StringUtils::scanHexadecimal(bytes.substr(0, lineEnd), size)) return true;
+        bytes.remove_prefix(lineEnd + 1);
+        if (bytes.size() < std::uint64_t{size} + LINE_END_LENGTH) return false;
+        bytes.remove_prefix(size + LINE_END_LENGTH);
+        if (size == 0) return true;
+    }
 }
 
 bool InputBuffer::skipSome(std::uint64_t& budget) {

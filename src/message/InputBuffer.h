@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <istream>
+#include <string_view>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -21,6 +22,10 @@ class InputBuffer {
 
     /// Whether the stream stands behind the whole body, where the next message begins.
     bool isComplete() const;
+
+    /// Whether the whole body is among these bytes, which are the next of the stream. Framing that cannot be read
+    /// counts as whole: reading it reports why.
+    bool hasArrived(std::string_view bytes) const;
 
     /// Reads what is there of the rest of the body, or waits for one more byte, and drops it. False if that is more
     /// than `budget`, which it reduces, or if the body ended too early.

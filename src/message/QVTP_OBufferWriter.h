@@ -2,11 +2,9 @@
 
 #include "common/OBufferWriter.h"
 #include "common/OWriter.h"
-#include "common/StringStream.h"
+#include "message/BodyRecord.h"
 #include "message/QvtpHeaderWriter.h"
 
-#include <cstdint>
-#include <memory>
 #include <ostream>
 
 namespace Quovane::Internal::Qvtp {
@@ -26,16 +24,13 @@ class QVTP_OBufferWriter : public Quovane::Soa::Internal::Common::OWriter {
 
   private:
     void start();
-    void logWritten();
 
     Quovane::Soa::Internal::Common::OBufferWriter inner_;
     std::ostream* pipeStream_;  // not owned
     bool started_ = false;
     bool sent_ = false;
     QvtpHeaderWriter* listener_;  // not owned, may be null
-    std::int64_t startTimeMs_ = 0;
-    std::uint64_t bytes_ = 0;
-    std::unique_ptr<Quovane::Soa::Common::Xml::StringStream> capture_;  // for the communication log, if it is on
+    BodyRecord record_;
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -2,7 +2,9 @@
 
 #include <qvtp/io/IllegalArgumentException.h>
 
+#include "common/MessageSink.h"
 #include "logging/Log.h"
+#include "message/BodyRecord.h"
 
 #include <algorithm>
 #include <limits>
@@ -61,16 +63,46 @@ void QvtpMessageOutImpl::writeBody(std::ostream* out) const {
     if (hasBody()) out->write(body_.get(), static_cast<std::streamsize>(bodyLength_));
 }
 
-void QvtpMessageOutImpl::writeHeaders(std::ostream* out) {
-    const std::string startLine = getStartLine();
+std::string QvtpMessageOutImpl::composeHead(const std::string& startLine) const {
     std::string head = startLine + LINE_END;
     headers_.write(head, *converter_);
     head += LINE_END;
-    out->write(head.data(), static_cast<std::streamsize>(head.size()));
-    out->flush();
+    return head;
+}
+
+void QvtpMessageOutImpl::commit(const std::string& head, const std::string& startLine) {
     committed_ = true;
     logCommunication(CommunicationLevel::OUTPUT, head, true);
     logDebug([&] { return label_ + startLine; });
+}
+
+void QvtpMessageOutImpl::writeHeaders(std::ostream* out) {
+    const std::string startLine = getStartLine();
+    const std::string head = composeHead(startLine);
+    out->write(head.data(), static_cast<std::streamsize>(head.size()));
+    out->flush();
+    commit(head, startLine);
+}
+
+bool QvtpMessageOutImpl::sendWhole(std::ostream* out) {
+    MessageSink* const sink = hasBody() ? MessageSink::of(*out) : nullptr;
+    if (sink == nullptr) return false;
+    const std::string startLine = getStartLine();
+    const std::string head = composeHead(startLine);
+    const auto length = static_cast<std::size_t>(bodyLength_);
+    BodyRecord record;
+    record.start();
+    std::size_t sent = sink->writeSome(head.data(), head.size(), body_.get(), length);
+    commit(head, startLine);
+    if (sent < head.size()) {
+        sink->writeAll(head.data() + sent, head.size() - sent);
+        sent = head.size();
+    }
+    const std::size_t bodySent = sent - head.size();
+    if (bodySent < length) sink->writeAll(body_.get() + bodySent, length - bodySent);
+    record.add(body_.get(), length);
+    record.log();
+    return true;
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -41,8 +41,15 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     /// Writes the body given to setBody(), if any.
     void writeBody(std::ostream* out) const;
     void writeHeaders(std::ostream* out) override;
+    /// Head and body in one write, where the stream has that short way. False, with nothing done, where it has not or
+    /// there is no body: then the caller writes head and body to the stream. The message counts as committed as soon as
+    /// one byte has left.
+    bool sendWhole(std::ostream* out);
 
   private:
+    std::string composeHead(const std::string& startLine) const;
+    void commit(const std::string& head, const std::string& startLine);
+
     QvtpMessageOut* owner_;  // not owned
     std::string label_;
     HeaderBlock headers_;

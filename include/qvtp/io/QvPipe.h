@@ -9,6 +9,10 @@
 #include <ostream>
 #include <string>
 
+namespace Quovane::Internal::Qvtp {
+class PipeControl;
+}
+
 namespace Quovane::Io {
 
 /// One end of a local named pipe: the client's, opened by name, or the server's, filled in by ServerQvPipe::accept.
@@ -82,9 +86,11 @@ class QVTP_API QvPipe {
     void writePipe(const char* buffer, int offset, int length);
 
   private:
-    friend class ServerQvPipe;  // fills in the accepted connection
+    friend class ServerQvPipe;                 // fills in the accepted connection
+    friend class Internal::Qvtp::PipeControl;  // waits on it and parts from it for the server
     template <typename Stream>
     class PipeStream;
+    class QVTP_HIDDEN OutputStream;
 
     void connectPipe(const std::string& path, const std::string& displayName, bool readable, bool writable,
                      int timeoutMs);

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <qvtp/io/QvPipe.h>
+
+#include <cstddef>
+
+namespace Quovane::Internal::Qvtp {
+
+/// What the server needs of its end of a connection beyond reading and writing: to wait for a client without taking
+/// anything from it, and to part from it without losing anything. Nothing here touches the pipe's streams or throws.
+class PipeControl {
+  public:
+    using QvPipe = Quovane::Io::QvPipe;
+
+    enum class Input {
+        THERE,      ///< a read will not wait: bytes, the end, or a failure that it reports
+        TIMED_OUT,  ///< nothing came, not even in part
+        WOKEN,      ///< wake() was called
+    };
+
+    /// Waits for the first byte of what comes next. For the thread that reads. `timeoutMs`: 0 waits without limit.
+    static Input awaitInput(const QvPipe& pipe, int timeoutMs);
+    /// Ends a running awaitInput(), or else the next one. From any thread.
+    static void wake(const QvPipe& pipe);
+
+    /// How many bytes can be read without waiting, besides those that the input stream holds already.
+    static std::size_t available(const QvPipe& pipe);
+    /// Breaks the peer's next write. What it wrote before can still be read, and answers still arrive. On Windows it
+    /// has no effect.
+    static void endReading(const QvPipe& pipe);
+    /// Whether the peer has closed its end. Only for a connection that nobody will read any more.
+    static bool peerHasClosed(const QvPipe& pipe);
+};
+
+}  // namespace Quovane::Internal::Qvtp

@@ -1,0 +1,37 @@
+#include "message/BodyRecord.h"
+
+#include "common/System.h"
+#include "logging/Log.h"
+#include "message/Throughput.h"
+
+#include <string>
+
+namespace Quovane::Internal::Qvtp {
+
+using Quovane::Soa::Common::Xml::StringStream;
+
+BodyRecord::BodyRecord()
+    : capture_(isCommunicationEnabled(CommunicationLevel::OUTPUT) ? std::make_unique<StringStream>() : nullptr) {}
+
+BodyRecord::~BodyRecord() = default;
+
+void BodyRecord::start() {
+    startTimeMs_ = System::wallClockMs();
+}
+
+void BodyRecord::add(const char* data, std::size_t length) {
+    bytes_ += length;
+    if (capture_ != nullptr && length > 0) capture_->write(data, length);
+}
+
+void BodyRecord::log() {
+    if (!isInfoEnabled()) return;
+    logInfo(Throughput::describeWritten(bytes_, startTimeMs_, System::wallClockMs()));
+    if (capture_ == nullptr) return;
+    capture_->write("\n", 1);
+    std::string written;
+    capture_->str(written);
+    logCommunication(CommunicationLevel::OUTPUT, written, false);
+}
+
+}  // namespace Quovane::Internal::Qvtp
