@@ -106,6 +106,7 @@ int main(int argc, char** argv) {
                   << " connections at once, buffers of " << server.getIntegerOption(QvtpServer::BUFFER_SIZE) << " bytes"
                   << std::endl;
         server.setHandler(&handler);
+        server.setUnhandledExceptionPolicy(QvtpServer::ANSWER);
         std::thread thread([&] { server.run(); });
         std::cin.ignore(std::numeric_limits<std::streamsize>::max());
         server.shutdown();

@@ -1,6 +1,7 @@
 #include "io/PipeControl.h"
 
 #include "platform/PipePlatform.h"
+#include "platform/ServerPipePlatform.h"
 
 namespace Quovane::Internal::Qvtp {
 
@@ -29,6 +30,14 @@ void PipeControl::endReading(const QvPipe& pipe) {
 
 bool PipeControl::peerHasClosed(const QvPipe& pipe) {
     return platformPeerHasClosed(pipe.pipeHandle_);
+}
+
+bool PipeControl::hasClient(const ServerQvPipe& server) {
+    return server.handingOver_ || platformHasClient(server.pipeHandle_);
+}
+
+void PipeControl::giveAway(ServerQvPipe& server) {
+    server.handingOver_ = false;
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <qvtp/io/QvPipe.h>
+#include <qvtp/io/ServerQvPipe.h>
 
 #include <cstddef>
 
@@ -30,6 +31,13 @@ class PipeControl {
     static void endReading(const QvPipe& pipe);
     /// Whether the peer has closed its end. Only for a connection that nobody will read any more.
     static bool peerHasClosed(const QvPipe& pipe);
+
+    using ServerQvPipe = Quovane::Io::ServerQvPipe;
+
+    /// Whether a client waits to be accepted, or was accepted and has not been given away since. From any thread.
+    static bool hasClient(const ServerQvPipe& server);
+    /// The accepted client has its worker now.
+    static void giveAway(ServerQvPipe& server);
 };
 
 }  // namespace Quovane::Internal::Qvtp

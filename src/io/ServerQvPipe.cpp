@@ -113,9 +113,11 @@ void ServerQvPipe::accept(QvPipe& pipe) {
 
 void ServerQvPipe::acceptPipe(const std::string& path, const std::string& /*displayName*/, int /*counter*/,
                               bool readable, bool writable, int timeoutMs, QvPipe& pipe) {
+    handingOver_ = false;
     ensureInstance(path);
     switch (platformAccept(pipeHandle_, eventHandle_, timeoutMs)) {
         case AcceptResult::CONNECTED:
+            handingOver_ = true;
             handOver(readable, writable, pipe);
             // A close that came before the hand-over has closed the connection as well.
             if (pipe.pipeHandle_ == INVALID_NATIVE_HANDLE) throw InterruptedException("acceptPipe aborted.");

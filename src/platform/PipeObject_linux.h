@@ -21,6 +21,7 @@ struct PipeObject {
     std::shared_ptr<ServedName> served;    // null for a client's end
     std::atomic<bool> connected{false};    // changed under ServedName::namesMutex() for a server's end
     std::atomic<bool> closed{false};       // the same
+    std::atomic<bool> accepting{false};    // a client is being taken from the queue, or was
     std::atomic<bool> starved{false};      // an accept found no descriptors left, and none has succeeded since
     int owner = 0;                         // process id: see close()
 

@@ -24,6 +24,10 @@ int platformCreateInstance(const std::string& path, bool readable, bool writable
 /// On success the two handles are the server's end of the connection. Returns an AcceptResult.
 int platformAccept(NativeHandle pipeHandle, NativeHandle eventHandle, int timeoutMs);
 
+/// Whether a client has connected to the waiting instance and waits to be accepted. On Windows always false: there the
+/// connection itself ends the accept.
+bool platformHasClient(NativeHandle pipeHandle);
+
 /// Like platformClose, for a waiting instance; it differs in its log line.
 void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle);
 

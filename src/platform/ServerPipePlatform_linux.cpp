@@ -81,8 +81,10 @@ int Acceptor::takeClient() {
         listener = object_.listener;
     }
     for (;;) {
+        object_.accepting = true;  // before the queue is empty: see platformHasClient
         const int fd = ::accept4(listener->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd >= 0) return enterConnection(Descriptor(fd));
+        object_.accepting = false;
         if (errno == EAGAIN || errno == EWOULDBLOCK || object_.closed) return SystemError::IO_PENDING;
         if (errno != EINTR && errno != ECONNABORTED) return SystemError::fromErrno(errno);
     }
@@ -191,6 +193,20 @@ int platformAccept(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
     if (result == AcceptResult::ABORTED) return result;
     logDebug([&] { return text("ServerQvPipe_acceptPipe retval = ", result); });
     return result;
+}
+
+bool platformHasClient(NativeHandle pipeHandle) {
+    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
+    if (object == nullptr) return false;
+    std::shared_ptr<Descriptor> listener;
+    {
+        NamesGuard guard(ServedName::namesMutex());
+        listener = object->listener;
+    }
+    if (listener == nullptr) return false;
+    pollfd descriptor{listener->get(), POLLIN, 0};
+    const bool isQueued = ::poll(&descriptor, 1, 0) > 0 && (descriptor.revents & POLLIN) != 0;
+    return isQueued || object->accepting;  // in this order: a client leaves the queue after the mark is set
 }
 
 void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle) {

@@ -161,6 +161,10 @@ int platformAccept(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
     return result;
 }
 
+bool platformHasClient(NativeHandle) {
+    return false;
+}
+
 void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle) {
     // A blank where the other close has a semicolon: readers of these lines match this form.
     logDebug([&] { return text("Close Handles: handle=", printable(pipeHandle), " event= ", printable(eventHandle)); });

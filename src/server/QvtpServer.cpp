@@ -5,11 +5,12 @@
 #include <qvtp/io/QvPipe.h>
 #include <qvtp/io/QvPipeException.h>
 
+#include "common/CurrentException.h"
 #include "common/System.h"
 #include "logging/Log.h"
 #include "server/RequestWorker.h"
+#include "server/ThreadUse.h"
 
-#include <Poco/Event.h>
 #include <Poco/Mutex.h>
 #include <Poco/ThreadPool.h>
 
@@ -39,6 +40,18 @@ void abandon(std::unique_ptr<RequestWorker> worker) {
     abandoned->push_back(worker.release());
 }
 
+/// An accept that fails may have taken its client all the same, which `pipe` holds then: what failed is the place for
+/// the next one.
+void acceptInto(ServerQvPipe& serverPipe, QvPipe& pipe, const std::string& pipeName) {
+    try {
+        serverPipe.accept(pipe);
+    } catch (InterruptedException&) {
+        throw;
+    } catch (QvPipeException& e) {
+        logError("QvtpServer failed to accept a QvPipe on the named pipe " + pipeName + ". " + e.getMessage());
+    }
+}
+
 }  // namespace
 
 /// Tells the destructor that a thread is in run().
@@ -61,10 +74,7 @@ class QvtpServer::RunGuard {
 };
 
 QvtpServer::QvtpServer(const std::string& pipeName, int accessMode)
-    : pipeName_(pipeName),
-      writable_(accessMode == READ_AND_WRITE),
-      mutex_(std::make_unique<Poco::Mutex>()),
-      stopping_(std::make_unique<Poco::Event>(Poco::Event::EVENT_MANUALRESET)) {
+    : pipeName_(pipeName), writable_(accessMode == READ_AND_WRITE), mutex_(std::make_unique<Poco::Mutex>()) {
     setOption(ACCESS_MODE, accessMode);
     try {
         serverPipe_ = std::make_unique<ServerQvPipe>(pipeName_, true, writable_);
@@ -135,6 +145,10 @@ std::string QvtpServer::getStringOption(ServerOptions option) const {
     return serverName_;
 }
 
+void QvtpServer::setUnhandledExceptionPolicy(UnhandledExceptionPolicy policy) {
+    unhandledExceptionPolicy_ = policy;
+}
+
 void QvtpServer::setHandler(QvtpHandler* handler) {
     handler_ = handler;
 }
@@ -149,19 +163,15 @@ bool QvtpServer::isRunning() const {
 
 void QvtpServer::shutdown() {
     if (!running_.exchange(false)) return;
-    stopping_->set();
+    std::atomic_load(&threads_)->stop();
     serverPipe_->close();
 }
 
+/// Not asked of the pool: while it stops its threads it holds its own lock until they have ended, and one of them may
+/// be asking.
 int QvtpServer::idleRequestProcessors() const {
-    std::shared_ptr<Poco::ThreadPool> pool;
-    {
-        Poco::Mutex::ScopedLock lock(*mutex_);
-        pool = threadPool_;
-    }
-    // Not under the mutex, and not while the threads are stopped: the pool holds its own lock then until they have
-    // ended, and one of them may be asking.
-    return pool != nullptr && !stoppingThreads_ ? pool->available() : 0;
+    const auto threads = std::atomic_load(&threads_);
+    return threads != nullptr ? threads->available() : 0;
 }
 
 int QvtpServer::totalRequestProcessors() const {
@@ -176,7 +186,16 @@ void QvtpServer::run() {
         return;
     }
     logDebug([&] { return "QvTpServer is running on Pipe " + pipeName_; });
-    initializeThreadPool();
+    try {
+        initializeThreadPool();
+    } catch (...) {
+        logError([&] {
+            return "QvtpServer " + pipeName_ + " cannot run: its threads could not be started. " +
+                   describeCurrentException();
+        });
+        serverPipe_->close();  // gives up the name, so that clients do not wait for a server without threads
+        return;
+    }
     serverPipe_->setAcceptTimeout(acceptTimeout_);
     running_ = true;
     if (destroying_) running_ = false;
@@ -193,6 +212,7 @@ void QvtpServer::run() {
     logInfo([&] { return "QvtpServer " + pipeName_ + " is stopped."; });
 }
 
+/// Whatever fails on the way of one connection costs that connection and no more.
 void QvtpServer::acceptLoop() {
     const auto logInterruption = [&](const std::string& message) {
         logDebug(
@@ -201,28 +221,30 @@ void QvtpServer::acceptLoop() {
     while (running_) {
         try {
             auto pipe = std::make_unique<QvPipe>();
-            serverPipe_->accept(*pipe);
-            assignToWorkerThread(std::move(pipe));
+            acceptInto(*serverPipe_, *pipe, pipeName_);
+            if (pipe->isBound()) assignToWorkerThread(std::move(pipe));
         } catch (InterruptedException& e) {
             logInterruption(e.getMessage());
             return;
-        } catch (QvPipeException& e) {
-            logError("QvtpServer failed to accept a QvPipe on the named pipe " + pipeName_ + ". " + e.getMessage());
         } catch (IllegalStateException& e) {
             logInterruption(e.getMessage());  // a shutdown between the test and the accept has closed the server pipe
             return;
+        } catch (...) {
+            logError([&] {
+                return "QvtpServer " + pipeName_ + " could not serve a connection. " + describeCurrentException();
+            });
         }
     }
 }
 
 void QvtpServer::stopWorkers() {
-    stoppingThreads_ = true;
     requestStop();
     threadPool_->stopAll();
-    stoppingThreads_ = false;
     endUnbegunWorkers();
     waitForWorkers();
     deleteWorkers();
+    // Threads that never come back do not count any more.
+    std::atomic_store(&threads_, std::make_shared<ThreadUse>(threadPool_->capacity()));
 }
 
 void QvtpServer::requestStop() {
@@ -253,9 +275,12 @@ void QvtpServer::waitForWorkers() {
 void QvtpServer::deleteWorkers() {
     Poco::Mutex::ScopedLock lock(*mutex_);
     for (auto& [name, worker] : workers_) {
-        if (!worker->isRunning()) continue;
-        logInfo("************* Worker thread not deleted: " + name);
-        abandon(std::move(worker));
+        if (worker->isRunning()) {
+            logInfo("************* Worker thread not deleted: " + name);
+            abandon(std::move(worker));
+        } else {
+            worker.reset();
+        }
     }
     workers_.clear();
 }

@@ -9,6 +9,7 @@
 #include "message/DirectionLabel.h"
 #include "message/QvtpMessageOutImpl.h"
 #include "message/QvtpOStream.h"
+#include "server/RequestWorker.h"
 
 namespace Quovane::Qvtp {
 
@@ -88,6 +89,7 @@ void QvtpServerResponse::send() {
             "Both the setBody and getBodyStream methods were called. Only one method of providing body data is "
             "permitted.");
     }
+    if (worker_ != nullptr) worker_->beforeAnswer();
     if (hasBody) {
         // Head and body share one buffer, so that a small response is one write.
         bodyStream_ = std::make_unique<QvtpOStream>(bufferSize_, false, out_, nullptr);

@@ -1,43 +1,44 @@
 #include "server/RequestWorker.h"
 
-#include <qvtp/io/IllegalStateException.h>
-#include <qvtp/io/InterruptedException.h>
-#include <qvtp/io/TimeoutException.h>
+#include <qvtp/io/QvPipeException.h>
 #include <qvtp/server/QvtpServer.h>
-#include <qvtp/server/QvtpServerRequest.h>
-#include <qvtp/server/QvtpServerResponse.h>
 
+#include "common/CurrentException.h"
+#include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "message/InputBuffer.h"
 
 #include <algorithm>
-#include <ios>
 #include <utility>
+
+// How a worker shares its thread: waiting for a client, parting from it, and its end. What it does with a request is in
+// RequestDispatch.cpp.
 
 namespace Quovane::Internal::Qvtp {
 
-using Quovane::Io::IllegalStateException;
-using Quovane::Io::InterruptedException;
+using namespace std::chrono_literals;
 using Quovane::Io::QvPipe;
 using Quovane::Io::QvPipeException;
-using Quovane::Io::TimeoutException;
-using Quovane::Qvtp::QvtpHandler;
-using Quovane::Qvtp::QvtpMessage;
-using Quovane::Qvtp::QvtpServerResponse;
 
 namespace {
 
-constexpr std::uint64_t MAX_SKIPPED_BYTES = 256 * 1024;
+constexpr auto TURN = 5ms;  // the least that a client has of a worker while others wait
 
-QvtpHandler& require(QvtpHandler* handler) {
-    if (handler == nullptr) throw IllegalStateException("No handler has been set.");
-    return *handler;
+/// Whole milliseconds up to a moment, at least one.
+int millisecondsUntil(RequestWorker::Clock::time_point end) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - RequestWorker::Clock::now()).count();
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left, 1));
 }
 
 }  // namespace
 
-RequestWorker::RequestWorker(std::unique_ptr<QvPipe> pipe, QvtpServer* server, const std::string& name)
-    : server_(server), pipe_(std::move(pipe)), name_(name), fullName_(server_->pipeName_ + "/" + name) {}
+RequestWorker::RequestWorker(std::unique_ptr<QvPipe> pipe, QvtpServer* server, const std::string& name,
+                             std::shared_ptr<ThreadUse> threads)
+    : server_(server),
+      pipe_(std::move(pipe)),
+      name_(name),
+      fullName_(server_->pipeName_ + "/" + name),
+      threads_(std::move(threads)) {}
 
 RequestWorker::~RequestWorker() {
     logDebug([&] { return "Deleting worker " + fullName_; });
@@ -47,15 +48,44 @@ RequestWorker::~RequestWorker() {
 void RequestWorker::stop() {
     logDebug([&] { return "Stopping worker " + fullName_; });
     stop_ = true;
-    pipe_->close();
+    if (pipe_ != nullptr) pipe_->close();
 }
 
-/// An exception that serveRequests() does not know leaves at once: such a worker stays in the map as running, and the
-/// server reports it when it stops.
+void RequestWorker::ask() {
+    asked_ = true;
+    nudge();
+}
+
+void RequestWorker::nudge() {
+    PipeControl::wake(*pipe_);
+}
+
+void RequestWorker::releaseIfDeserted() {
+    if (!deserted_ || pipe_ == nullptr || !PipeControl::peerHasClosed(*pipe_)) return;
+    pipe_.reset();
+    inputBuffer_ = {};
+    outputBuffer_ = {};
+}
+
+/// An exception of the handler's own may leave (see QvtpHandler): such a worker stays in the map as running, and the
+/// server reports it when it stops. Whatever else fails costs the connection and nothing more.
 void RequestWorker::run() {
+    /// Goes after this object may have been deleted.
+    const struct ThreadEnd {
+        std::shared_ptr<ThreadUse> threads;
+        ~ThreadEnd() { threads->end(); }
+    } threadEnd{threads_};
     begun_ = true;
-    prepareStreams();
-    serveRequests();
+    try {
+        prepareStreams();
+        serveRequests();
+    } catch (...) {
+        if (handlerFailed_) {
+            deserted_ = true;
+            throw;
+        }
+        logError([&] { return "Failed to serve " + fullName_ + ". " + describeCurrentException(); });
+    }
     logDebug([&] { return "Closing QvPipe (" + fullName_ + "). "; });
     pipe_->close();
     running_ = false;  // the last step: from here on the server may delete this object
@@ -73,109 +103,124 @@ void RequestWorker::prepareStreams() {
 }
 
 void RequestWorker::serveRequests() {
+    endOfTurn_ = Clock::now() + TURN;
+    std::istream& in = *pipe_->getInputStream();
     while (!stop_) {
-        if (!serveRequest()) return;
-    }
-}
-
-/// One turn of the loop: false to hang up.
-bool RequestWorker::serveRequest() {
-    pipe_->setReadTimeout(idleTimeoutMs_);
-    QvtpServerRequest request(server_, pipe_->getInputStream(), &converter_);
-    if (!awaitRequest(request)) return false;
-    pipe_->setReadTimeout(receiveTimeoutMs_);
-    if (!handle(request)) return false;
-    if (giveUp_) {
-        logDebug([&] { return "Give up " + fullName_ + " for a new request waiting for a worker thread."; });
-        return false;
-    }
-    return skipBody(request);
-}
-
-bool RequestWorker::awaitRequest(QvtpServerRequest& request) {
-    try {
-        request.getStartLine();
-        return true;
-    } catch (TimeoutException& e) {
-        logDebug(
-            [&] { return "TimeoutException - " + fullName_ + " timed out waiting for a request.  " + e.getMessage(); });
-    } catch (InterruptedException& e) {
-        logDebug([&] { return "InterruptedException - " + fullName_ + ". " + e.getMessage(); });
-    } catch (QvPipeException& e) {
-        if (!stop_) {
-            logError("QvPipeException - " + fullName_ + " error while reading request start line. " + e.getMessage());
+        switch (awaitNext()) {
+            case Next::REQUEST:
+                if (!serveRequest(in, idleTimeoutMs_)) return;
+                break;
+            case Next::SILENCE:
+                if (staysSilent()) return;
+                break;
+            case Next::GIVE_UP:
+                giveUp();
+                return;
         }
     }
-    return false;
 }
 
-bool RequestWorker::handle(QvtpServerRequest& request) {
-    try {
-        return dispatch(request);
-    } catch (IllegalStateException& e) {
-        logFailure("IllegalStateException - ", e.getMessage(), request);
-    } catch (InterruptedException& e) {
-        logError("InterruptedException - " + fullName_ + ". " + e.getMessage());
-    } catch (QvPipeException& e) {
-        if (!stop_) logFailure("QvPipeException - ", e.getMessage(), request);
-    } catch (const std::ios_base::failure&) {
-        if (!hasFailedStream()) throw;  // of a stream of the handler's own
-        if (!stop_) logFailure("QvPipeException - ", "A stream of the QvPipe was used after it failed.", request);
-    }
-    return false;
-}
-
-/// After its first failure, which is a QvPipeException, a standard stream throws failures of its own kind.
-bool RequestWorker::hasFailedStream() const {
-    return pipe_->getInputStream()->bad() || (!outputBuffer_.empty() && pipe_->getOutputStream()->bad());
-}
-
-void RequestWorker::logFailure(const char* kind, const std::string& message, QvtpServerRequest& request) const {
-    logError(kind + fullName_ + ". " + message);
-    logError("Could not process the " + request.getResource() + " request. The pipe will be closed.");
-}
-
-bool RequestWorker::dispatch(QvtpServerRequest& request) {
-    const std::string method = request.getMethod();
-    if (method == QvtpMessage::METHOD_NOTIFY) {
-        handleNotify(request);
-    } else if (method == QvtpMessage::METHOD_POST && server_->accessFlag_ != 0) {
-        handlePost(request);
-    } else {
-        // The worker's name stands where the method might be expected: log readers match this text.
-        logError("Unrecognized request method (" + fullName_ + "), the full message will be ignored.");
-        return false;
-    }
-    return true;
-}
-
-void RequestWorker::handleNotify(QvtpServerRequest& request) {
-    logDebug([&] { return "Begin processing of NOTIFY request (" + fullName_ + ")."; });
-    ++server_->totalNotifies_;
-    require(server_->getHandler()).handleNotify(&request);
-    logDebug([&] { return "Complete processing of NOTIFY request (" + fullName_ + ")."; });
-}
-
-void RequestWorker::handlePost(QvtpServerRequest& request) {
-    logDebug([&] { return "Begin processing of POST request (" + fullName_ + ")."; });
-    QvtpServerResponse response(server_, pipe_->getOutputStream(), &converter_);
-    ++server_->totalPosts_;
-    require(server_->getHandler()).handlePost(&request, &response);
-    logDebug([&] { return "Complete processing of POST request (" + fullName_ + ")."; });
-}
-
-/// Moves the stream to the next message, over what the handler left of this one. False if that is too much or fails.
-bool RequestWorker::skipBody(QvtpServerRequest& request) {
-    const std::shared_ptr<InputBuffer> body = request.bodyReader();
-    std::uint64_t budget = MAX_SKIPPED_BYTES;
-    try {
-        while (!body->isComplete()) {
-            if (!body->skipSome(budget)) return false;
+/// Waits without touching the stream, so that a time-out proves that not even a part of a request has come. A worker
+/// whose request ended while a connection waited can be asked for its thread until its client's next request; a client
+/// that was silent before anybody waited is not cut off.
+RequestWorker::Next RequestWorker::awaitNext() {
+    asked_ = false;
+    candidate_ = served_ && isConnectionWaiting();
+    if (isAskedToGiveUp(true)) return Next::GIVE_UP;
+    if (pipe_->getInputStream()->rdbuf()->in_avail() > 0) return Next::REQUEST;
+    const bool unlimited = idleTimeoutMs_ == 0;
+    const auto idleEnd =
+        unlimited ? Clock::time_point::max() : Clock::now() + std::chrono::milliseconds(idleTimeoutMs_);
+    resting_ = candidate_;
+    PipeControl::Input input = PipeControl::Input::WOKEN;
+    Next next = Next::REQUEST;
+    while (input != PipeControl::Input::THERE && next == Next::REQUEST) {
+        if (isAskedToGiveUp(false)) {
+            next = Next::GIVE_UP;
+        } else if (Clock::now() >= idleEnd) {
+            next = Next::SILENCE;
+        } else {
+            const auto end = endOfWait(idleEnd);
+            input = PipeControl::awaitInput(*pipe_, end == Clock::time_point::max() ? 0 : millisecondsUntil(end));
         }
-        return true;
+    }
+    resting_ = false;
+    return next;
+}
+
+/// Also one that the accept thread has not come to yet. The system is asked only when all threads are busy.
+bool RequestWorker::isConnectionWaiting() const {
+    return giveUp_ || (threads_->available() == 0 && PipeControl::hasClient(*server_->serverPipe_));
+}
+
+/// `requestEnded`: whether that was just now. Later only one worker gives up for each connection that waits: the one
+/// that was asked, or the first whose turn ends.
+bool RequestWorker::isAskedToGiveUp(bool requestEnded) {
+    if (readingEnded_) return true;
+    if (!candidate_ || !giveUp_) return false;
+    if (asked_.exchange(false)) return true;
+    return Clock::now() >= endOfTurn_.load() && (threads_->takeWanted() || requestEnded);
+}
+
+RequestWorker::Clock::time_point RequestWorker::endOfWait(Clock::time_point idleEnd) const {
+    const Clock::time_point endOfTurn = endOfTurn_;
+    return candidate_ && giveUp_ && Clock::now() < endOfTurn ? std::min(endOfTurn, idleEnd) : idleEnd;
+}
+
+bool RequestWorker::hasInput() const {
+    return pipe_->getInputStream()->rdbuf()->in_avail() > 0 || PipeControl::available(*pipe_) > 0;
+}
+
+/// Serves what has begun to arrive, for at most one step of the server's wait: a client that floods must not keep the
+/// thread.
+void RequestWorker::giveUp() {
+    const auto end = Clock::now() + std::chrono::milliseconds(std::max(idleTimeoutMs_ / 10, 1));
+    std::istream& in = *pipe_->getInputStream();
+    bool alive = true;
+    while (alive && !readingEnded_ && !stop_ && Clock::now() < end && hasInput()) {
+        alive = serveRequest(in, millisecondsUntil(end));
+    }
+    endReading();
+    if (alive) serveRest();
+    logDebug([&] { return "Give up " + fullName_ + " for a new request waiting for a worker thread."; });
+}
+
+void RequestWorker::beforeAnswer() {
+    if (giveUp_ && Clock::now() >= endOfTurn_.load() && body_ != nullptr && body_->isComplete()) endReading();
+}
+
+void RequestWorker::endReading() {
+    if (readingEnded_) return;
+    readingEnded_ = true;
+    PipeControl::endReading(*pipe_);
+}
+
+/// Serves what came before the end of reading. What has not come as a whole by now never will: it is dropped, and its
+/// client's write has failed.
+void RequestWorker::serveRest() {
+    RestInput rest(takeRest());
+    while (!stop_ && !rest.unread().empty()) {
+        if (!serveRequest(rest, receiveTimeoutMs_, &rest)) return;
+    }
+}
+
+/// The bytes that the stream holds, and those that the system does.
+std::string RequestWorker::takeRest() {
+    std::streambuf& area = *pipe_->getInputStream()->rdbuf();
+    std::string rest(static_cast<std::size_t>(std::max<std::streamsize>(area.in_avail(), 0)), '\0');
+    area.sgetn(rest.data(), static_cast<std::streamsize>(rest.size()));
+    try {
+        while (const std::size_t there = PipeControl::available(*pipe_)) {
+            const std::size_t filled = rest.size();
+            rest.resize(filled + there);
+            const int count = pipe_->readPipe(rest.data() + filled, 0, static_cast<int>(there), 1);
+            rest.resize(filled + static_cast<std::size_t>(std::max(count, 0)));
+            if (count < 0) break;
+        }
     } catch (QvPipeException&) {
-        return false;  // the client has gone or fallen silent; its request was handled
+        // The client has gone. What it left before was read.
     }
+    return rest;
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -3,10 +3,14 @@
 #include <qvtp/io/QvPipe.h>
 
 #include "common/Utf8String.h"
+#include "server/RestInput.h"
+#include "server/ThreadUse.h"
 
 #include <Poco/Runnable.h>
 
 #include <atomic>
+#include <chrono>
+#include <istream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,27 +22,55 @@ class QvPipeException;
 namespace Quovane::Qvtp {
 class QvtpServer;
 class QvtpServerRequest;
+class QvtpServerResponse;
 }  // namespace Quovane::Qvtp
 
 namespace Quovane::Internal::Qvtp {
 
+class InputBuffer;
+
 /// Serves one accepted connection on a pool thread: reads requests one after another and calls the handler for each.
 /// It hangs up when the client goes quiet, on any failure, when the server stops, and between two requests when the
 /// server needs its thread for a new connection. The server deletes it when it is no longer running.
+///
+/// It never drops a request that was accepted from its client: before it hangs up on a client that may still write, it
+/// breaks the client's next write and serves what was written before (docs/threading.md).
 class RequestWorker : public Poco::Runnable {
   public:
+    using Clock = std::chrono::steady_clock;
     using QvtpServer = Quovane::Qvtp::QvtpServer;
     using QvtpServerRequest = Quovane::Qvtp::QvtpServerRequest;
+    using QvtpServerResponse = Quovane::Qvtp::QvtpServerResponse;
 
     /// The server is not owned.
-    RequestWorker(std::unique_ptr<Quovane::Io::QvPipe> pipe, QvtpServer* server, const std::string& name);
+    RequestWorker(std::unique_ptr<Quovane::Io::QvPipe> pipe, QvtpServer* server, const std::string& name,
+                  std::shared_ptr<ThreadUse> threads);
     ~RequestWorker() override;
 
     void run() override;
 
-    /// From the server's thread: ends the loop and wakes it.
+    /// The answer to the current request is about to leave as a whole. Its client writes nothing more before it has
+    /// that: the moment to end reading, if the thread is to be given up, since no request can be cut by it.
+    void beforeAnswer();
+
+    // From the server's thread.
+
+    /// Ends the loop and wakes it.
     void stop();
+    /// Whether a connection waits for a thread.
     void setGiveUp(bool giveUp) { giveUp_ = giveUp; }
+    /// Whether its last request ended while a connection waited, and its client has sent nothing since: such a worker
+    /// can be asked for its thread.
+    bool isResting() const { return resting_; }
+    /// From when on it may be asked: its client has had it for a while then.
+    Clock::time_point endOfTurn() const { return endOfTurn_; }
+    /// Asks a resting worker for its thread.
+    void ask();
+    /// Makes a resting worker look at the clock: it is the next whose turn ends.
+    void nudge();
+    /// Closes the connection and frees its buffers, if a handler's exception has ended the worker and its client has
+    /// gone since.
+    void releaseIfDeserted();
 
     /// False when run() has done its last step: only then the worker may be deleted.
     bool isRunning() const { return running_; }
@@ -46,18 +78,37 @@ class RequestWorker : public Poco::Runnable {
     void endUnlessBegun() {
         if (!begun_) running_ = false;
     }
+    const std::string& getName() const { return name_; }
     const std::string& getFullName() const { return fullName_; }
 
   private:
+    enum class Next { REQUEST, SILENCE, GIVE_UP };
+
     void prepareStreams();
     void serveRequests();
-    bool serveRequest();
-    bool awaitRequest(QvtpServerRequest& request);
+    Next awaitNext();
+    bool isConnectionWaiting() const;
+    bool isAskedToGiveUp(bool requestEnded);
+    Clock::time_point endOfWait(Clock::time_point idleEnd) const;
+    bool hasInput() const;
+    bool staysSilent();
+    void giveUp();
+    void serveRest();
+    std::string takeRest();
+
+    bool serveRequest(std::istream& in, int headTimeoutMs, const RestInput* rest = nullptr);
+    template <typename Read>
+    bool tryRead(const Read& read);
     bool handle(QvtpServerRequest& request);
     bool dispatch(QvtpServerRequest& request);
     void handleNotify(QvtpServerRequest& request);
     void handlePost(QvtpServerRequest& request);
+    template <typename Call>
+    void callHandler(QvtpServerResponse* response, const Call& call);
+    void handleUnknownException(int policy, QvtpServerResponse* response);
+    void answerError(const QvtpServerResponse& response);
     bool skipBody(QvtpServerRequest& request);
+    void endReading();
     bool hasFailedStream() const;
     void logFailure(const char* kind, const std::string& message, QvtpServerRequest& request) const;
 
@@ -67,12 +118,23 @@ class RequestWorker : public Poco::Runnable {
     std::atomic<bool> running_{true};
     std::atomic<bool> begun_{false};
     std::atomic<bool> giveUp_{false};
+    std::atomic<bool> resting_{false};
+    std::atomic<bool> asked_{false};
+    std::atomic<bool> deserted_{false};  // a handler's exception has left run(): the connection is nobody's
+    std::atomic<Clock::time_point> endOfTurn_{Clock::time_point::max()};
     std::string name_;
     std::string fullName_;
-    std::vector<char> inputBuffer_;   // of the pipe's stream
-    std::vector<char> outputBuffer_;  // of the pipe's stream; empty if it does not write
+    std::shared_ptr<ThreadUse> threads_;
+    std::vector<char> inputBuffer_;      // of the pipe's stream
+    std::vector<char> outputBuffer_;     // of the pipe's stream; empty if it does not write
+    std::shared_ptr<InputBuffer> body_;  // of the current request
     int idleTimeoutMs_ = 0;
     int receiveTimeoutMs_ = 0;
+    bool served_ = false;         // a request has ended
+    bool candidate_ = false;      // it ended while a connection waited
+    bool handlerFailed_ = false;  // with an exception that is not the library's, which leaves run()
+    bool readingEnded_ = false;
+    bool mustClose_ = false;  // the same, but the connection is to be closed
     Quovane::Soa::Common::Xml::Utf8String converter_;
 };
 

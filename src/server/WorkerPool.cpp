@@ -3,16 +3,18 @@
 #include <qvtp/io/QvPipe.h>
 #include <qvtp/server/QvtpServer.h>
 
+#include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "server/RequestWorker.h"
+#include "server/ThreadUse.h"
 
-#include <Poco/Event.h>
-#include <Poco/Exception.h>
 #include <Poco/Mutex.h>
 #include <Poco/ThreadPool.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <exception>
 #include <utility>
 #include <vector>
 
@@ -33,74 +35,158 @@ constexpr std::int64_t LONG_WAIT_MS = 2001;
 void QvtpServer::initializeThreadPool() {
     const int wanted = maxRequestProcessors_;
     const int maximum = wanted == 0 ? DEFAULT_MAX_THREADS : std::max(wanted, MIN_THREADS);
-    Poco::Mutex::ScopedLock lock(*mutex_);
     threadPool_ = std::make_shared<Poco::ThreadPool>(MIN_THREADS, maximum, THREAD_IDLE_S);
+    std::atomic_store(&threads_, std::make_shared<ThreadUse>(maximum));
 }
 
-void QvtpServer::assignToWorkerThread(std::unique_ptr<Io::QvPipe> pipe) {
-    logDebug([&] { return "ServerQvPipe " + pipeName_ + " has accepted a QvPipe connection."; });
-    const std::string name = "Worker-" + std::to_string(++totalWorkersUsed_);
-    auto worker = std::make_unique<RequestWorker>(std::move(pipe), this, name);
-    freeFinishedWorkers();
-    // When the server stops meanwhile, the connection goes with the worker that never started.
-    if (waitForThread(*worker, worker->getFullName())) enterWorker(name, std::move(worker));
-}
+/// Finds a thread for one worker. The other workers are asked for theirs if need be.
+class QvtpServer::HandOver {
+  public:
+    HandOver(QvtpServer& server, RequestWorker& worker)
+        : server_(server),
+          worker_(worker),
+          threads_(*server.threads_),
+          stepMs_(std::max(server.idleTimeout_ / 10, 1)) {}
 
-/// Starts the worker as soon as there is a thread for it. False if the server stops first.
-bool QvtpServer::waitForThread(RequestWorker& worker, const std::string& fullName) {
-    const int stepMs = std::max(idleTimeout_ / 10, 1);
+    /// Starts the worker as soon as there is a thread for it. False if the server stops first.
+    bool startWorker();
+    /// Puts it into the map, which cannot fail.
+    void enterWorker(WorkerMap::node_type entry);
+
+  private:
+    enum class StartResult { STARTED, NO_THREAD, FAILED };
+
+    StartResult tryToStart();
+    void askForThread();
+    void awaitThread(std::uint64_t seenEnds, bool startFailed);
+    void logEndOfWait(std::int64_t waitedMs) const;
+
+    QvtpServer& server_;
+    RequestWorker& worker_;
+    ThreadUse& threads_;
+    const int stepMs_;
+};
+
+bool QvtpServer::HandOver::startWorker() {
+    const std::string& fullName = worker_.getFullName();
     std::int64_t waitedMs = 0;
-    while (!startWorker(worker, fullName)) {
+    for (;;) {
+        const std::uint64_t seenEnds = threads_.ends();
+        const StartResult result = tryToStart();
+        if (result == StartResult::STARTED) break;
         if (waitedMs == 0) logInfo([&] { return "Waiting for thread to process QvPipe worker " + fullName; });
         logDebug([&] { return "Still waiting for thread to process QvPipe worker " + fullName; });
-        cancelBusyWorkers(true);
-        if (stopping_->tryWait(stepMs) || !running_) return false;
-        waitedMs += stepMs;
-        freeFinishedWorkers();
+        server_.cancelBusyWorkers(true);
+        askForThread();
+        awaitThread(seenEnds, result == StartResult::FAILED);
+        if (!server_.running_) return false;
+        waitedMs += stepMs_;
+        server_.freeFinishedWorkers();
     }
-    if (waitedMs == 0) return true;
-    ++totalWaitsForThread_;
-    if (waitedMs >= LONG_WAIT_MS || isDebugEnabled()) {
-        logInfo([&] { return "Done waiting for thread to process QvPipe worker " + fullName; });
-        // The spelling is part of the interface: log readers match this text.
-        logInfo("Increase the MAX_REQUEST_PROCESSORS value if this propelem persists.");
-    }
+    if (waitedMs > 0) logEndOfWait(waitedMs);
     return true;
 }
 
-bool QvtpServer::startWorker(RequestWorker& worker, const std::string& fullName) {
+void QvtpServer::HandOver::logEndOfWait(std::int64_t waitedMs) const {
+    ++server_.totalWaitsForThread_;
+    if (waitedMs < LONG_WAIT_MS && !isDebugEnabled()) return;
+    logInfo([&] { return "Done waiting for thread to process QvPipe worker " + worker_.getFullName(); });
+    // The spelling is part of the interface: log readers match this text.
+    logInfo("Increase the MAX_REQUEST_PROCESSORS value if this propelem persists.");
+}
+
+QvtpServer::HandOver::StartResult QvtpServer::HandOver::tryToStart() {
+    Poco::ThreadPool& pool = *server_.threadPool_;
+    bool counted = false;
     try {
-        if (threadPool_->available() == 0 && maxRequestProcessors_ == 0) threadPool_->addCapacity(GROWTH);
-        if (threadPool_->available() < 1) return false;
-        threadPool_->start(worker, fullName);
-        return true;
-    } catch (Poco::Exception&) {
-        return false;  // no thread after all: the pool has given it away, or the system has none left
+        if (pool.available() == 0 && server_.maxRequestProcessors_ == 0) {
+            pool.addCapacity(GROWTH);
+            threads_.grow(GROWTH);
+        }
+        if (pool.available() < 1) return StartResult::NO_THREAD;
+        PipeControl::giveAway(*server_.serverPipe_);
+        threads_.begin();
+        counted = true;
+        pool.start(worker_, worker_.getFullName());
+        return StartResult::STARTED;
+    } catch (const std::exception&) {
+        // No thread after all: the pool has given it away, or the system has none left.
+    }
+    if (counted) threads_.cancel();
+    return StartResult::FAILED;
+}
+
+/// Asks the worker for its thread that has had its client longest, of those whose client is silent and whose turn is
+/// over. If there is none, the first whose turn ends gives up.
+void QvtpServer::HandOver::askForThread() {
+    Poco::Mutex::ScopedLock lock(*server_.mutex_);
+    const auto now = ThreadUse::Clock::now();
+    RequestWorker* longest = nullptr;
+    for (auto& [name, worker] : server_.workers_) {
+        if (worker->isResting() && (longest == nullptr || worker->endOfTurn() < longest->endOfTurn())) {
+            longest = worker.get();
+        }
+    }
+    if (longest != nullptr && longest->endOfTurn() <= now) {
+        longest->ask();
+        return;
+    }
+    threads_.setWanted(true);
+    for (auto& [name, worker] : server_.workers_) {
+        if (worker->isResting()) worker->nudge();
     }
 }
 
-void QvtpServer::enterWorker(const std::string& name, WorkerPtr worker) {
-    const std::string& fullName = worker->getFullName();
-    Poco::Mutex::ScopedLock lock(*mutex_);
-    cancelBusyWorkers(false);
-    WorkerPtr& entry = workers_[name];
-    entry = std::move(worker);
-    const int count = static_cast<int>(workers_.size());
-    peakThreads_ = std::max<int>(peakThreads_, count);
-    logDebug([&] { return text("Activated worker thread ", fullName, " (", count, ")."); });
+/// Waits until a thread may be had, for one step at most. The pool has a thread back shortly after its worker has ended,
+/// and says so to nobody: look closely then. After a start that failed only a thread that is there already will do.
+void QvtpServer::HandOver::awaitThread(std::uint64_t seenEnds, bool startFailed) {
+    const Poco::ThreadPool& pool = *server_.threadPool_;
+    const auto deadline = ThreadUse::Clock::now() + std::chrono::milliseconds(stepMs_);
+    bool mayGoOn = !startFailed || threads_.awaitEnd(seenEnds, deadline);
+    while (mayGoOn) {
+        seenEnds = threads_.ends();
+        const int used = pool.used();
+        if (startFailed ? pool.allocated() > used : pool.available() > 0) return;
+        const bool isReturning = used > threads_.busy();
+        mayGoOn = isReturning ? threads_.awaitReturn(deadline) : threads_.awaitEnd(seenEnds, deadline);
+    }
 }
 
-/// Deletes the workers that have ended; true always.
+void QvtpServer::HandOver::enterWorker(WorkerMap::node_type entry) {
+    Poco::Mutex::ScopedLock lock(*server_.mutex_);
+    server_.cancelBusyWorkers(false);
+    auto inserted = server_.workers_.insert(std::move(entry));
+    if (!inserted.inserted) std::swap(inserted.position->second, inserted.node.mapped());
+    const int count = static_cast<int>(server_.workers_.size());
+    server_.peakThreads_ = std::max<int>(server_.peakThreads_, count);
+    logDebug([&] { return text("Activated worker thread ", worker_.getFullName(), " (", count, ")."); });
+}
+
+/// What the entry in the map needs is there before the thread starts: entering the worker then cannot fail.
+void QvtpServer::assignToWorkerThread(std::unique_ptr<Io::QvPipe> pipe) {
+    logDebug([&] { return "ServerQvPipe " + pipeName_ + " has accepted a QvPipe connection."; });
+    const std::string name = "Worker-" + std::to_string(++totalWorkersUsed_);
+    WorkerMap prepared;
+    prepared.emplace(name, std::make_unique<RequestWorker>(std::move(pipe), this, name, std::atomic_load(&threads_)));
+    freeFinishedWorkers();
+    // When the server stops meanwhile, the connection goes with the worker that never started.
+    HandOver handOver(*this, *prepared.begin()->second);
+    if (handOver.startWorker()) handOver.enterWorker(prepared.extract(prepared.begin()));
+}
+
+/// Deletes the workers that have ended; true always. One that a handler's exception has ended stays, but keeps nothing
+/// open for a client that has gone.
 bool QvtpServer::freeFinishedWorkers() {
     Poco::Mutex::ScopedLock lock(*mutex_);
-    std::vector<std::string> names;
-    for (const auto& [name, worker] : workers_) names.push_back(name);
-    for (const std::string& name : names) {
-        const auto entry = workers_.find(name);
-        if (entry->second->isRunning()) continue;
+    for (auto entry = workers_.begin(); entry != workers_.end();) {
+        if (entry->second->isRunning()) {
+            entry->second->releaseIfDeserted();
+            ++entry;
+            continue;
+        }
         ++totalIdleTimeouts_;
         logDebug([&] { return "Deleting idle worker " + entry->second->getFullName() + "."; });
-        workers_.erase(entry);
+        entry = workers_.erase(entry);
     }
     return true;
 }
@@ -108,6 +194,7 @@ bool QvtpServer::freeFinishedWorkers() {
 void QvtpServer::cancelBusyWorkers(bool giveUp) {
     Poco::Mutex::ScopedLock lock(*mutex_);
     for (auto& [name, worker] : workers_) worker->setGiveUp(giveUp);
+    if (!giveUp) threads_->setWanted(false);
 }
 
 }  // namespace Quovane::Qvtp

@@ -49,6 +49,8 @@ class QVTP_API ServerQvPipe {
     int getAcceptTimeout() const;
 
   private:
+    friend class Internal::Qvtp::PipeControl;  // asks for the server whether clients wait
+
     void bindPipe(const std::string& path, bool first);
     void acceptPipe(const std::string& path, const std::string& displayName, int counter, bool readable, bool writable,
                     int timeoutMs, QvPipe& pipe);
@@ -64,7 +66,8 @@ class QVTP_API ServerQvPipe {
     int instanceCounter_ = 0;
     int acceptTimeout_ = 0;
     std::string prefix_;
-    bool established_ = false;  // an instance was there once, so the name is ours
+    bool established_ = false;              // an instance was there once, so the name is ours
+    std::atomic<bool> handingOver_{false};  // a client was accepted, and has no worker yet
     // close() sets and takes these while another thread is in accept().
     std::atomic<bool> closed_{false};
     std::atomic<NativeHandle> pipeHandle_{INVALID_NATIVE_HANDLE};

@@ -14,8 +14,11 @@ class QvtpServerResponse;
 /// request's body is skipped, up to 256 KiB; beyond that the connection is closed after the response.
 ///
 /// Exceptions: IllegalStateException and QvPipeException (which reading and writing throw), and what a body stream
-/// throws when it is used after that, are logged and close the connection; let them pass. Any other exception takes the
-/// worker out of service until the server stops, with its client still connected: catch your own.
+/// throws when it is used after that, are logged and close the connection; let them pass. Any other exception is logged
+/// too, and QvtpServer::setUnhandledExceptionPolicy() decides what becomes of the connection. Unless it is set, the
+/// client stays connected and waits for an answer that never comes, since the default must not send or close anything
+/// that the handler did not ask for. Use ANSWER: then the client gets a response of status 500, and a faulty handler
+/// costs one request.
 class QVTP_API QvtpHandler {
   public:
     virtual ~QvtpHandler();

@@ -8,20 +8,21 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 
 namespace Poco {
-class Event;
 class Mutex;
 class ThreadPool;
 }  // namespace Poco
 
 namespace Quovane::Internal::Qvtp {
 class RequestWorker;
-}
+class ThreadUse;
+}  // namespace Quovane::Internal::Qvtp
 
 namespace Quovane::Qvtp {
 
@@ -29,10 +30,14 @@ namespace Quovane::Qvtp {
 ///
 ///     QvtpServer server("prices", 1);
 ///     server.setHandler(&handler);
+///     server.setUnhandledExceptionPolicy(QvtpServer::ANSWER);
 ///     std::thread thread([&] { server.run(); });
 ///     ...
 ///     server.shutdown();
 ///     thread.join();
+///
+/// With more clients than workers the clients take turns, and nothing that was accepted from one of them is lost:
+/// docs/threading.md has the rules.
 ///
 /// run() occupies one thread; everything else may be called from any. Set options and handler before run(): a worker
 /// reads them when it takes over a connection.
@@ -46,6 +51,13 @@ class QVTP_API QvtpServer : public Poco::Runnable {
         IDLE_TIMEOUT = 4,            ///< integer, ms, 13000: a connection without a new request is closed; 0 never
         RECEIVE_TIMEOUT = 5,         ///< integer, ms, 3000: longest pause within a request's body; 0 without limit
         BUFFER_SIZE = 6,             ///< integer, bytes, 4096: the pieces of reading and writing; also the chunk size
+    };
+
+    /// What happens when a handler lets out an exception that is not of this library. See QvtpHandler.
+    enum UnhandledExceptionPolicy : int {
+        KEEP = 0,    ///< logged at WARN; the client stays connected, without an answer
+        CLOSE = 1,   ///< logged at ERROR; the connection is closed
+        ANSWER = 2,  ///< the same, after a response of status 500 if the handler has sent nothing yet
     };
 
     /// Takes the pipe name; clients connect from now on and wait until run(). `accessMode`: 1 for POST and NOTIFY,
@@ -69,9 +81,14 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     void setHandler(QvtpHandler* handler);
     QvtpHandler* getHandler() const;
 
+    /// KEEP unless it is set. CLOSE and ANSWER free the worker as well, so that a faulty handler costs one request and
+    /// no more; ANSWER is what most applications want. From any thread, at any time.
+    void setUnhandledExceptionPolicy(UnhandledExceptionPolicy policy);
+
     /// Accepts and serves until shutdown(), then stops the workers: closes their pipes and waits for the handlers that
     /// are still running, about ten seconds each, and four for all. A handler that does not return by then is left
-    /// alone, and its worker with it. A server runs once.
+    /// alone, and its worker with it. A server runs once. If the first threads cannot be started, that is logged at
+    /// ERROR, the name is given up, and run() returns.
     void run() override;
     /// Ends run(). Does nothing while isRunning() is false.
     void shutdown();
@@ -86,7 +103,9 @@ class QVTP_API QvtpServer : public Poco::Runnable {
   private:
     friend class Internal::Qvtp::RequestWorker;
     using WorkerPtr = std::unique_ptr<Internal::Qvtp::RequestWorker>;
+    using WorkerMap = std::map<std::string, WorkerPtr>;
     class RunGuard;
+    class QVTP_HIDDEN HandOver;
 
     const std::atomic<int>* integerOption(ServerOptions option) const;
     void acceptLoop();
@@ -100,9 +119,6 @@ class QVTP_API QvtpServer : public Poco::Runnable {
 
     void initializeThreadPool();
     void assignToWorkerThread(std::unique_ptr<Io::QvPipe> pipe);
-    bool startWorker(Internal::Qvtp::RequestWorker& worker, const std::string& fullName);
-    bool waitForThread(Internal::Qvtp::RequestWorker& worker, const std::string& fullName);
-    void enterWorker(const std::string& name, WorkerPtr worker);
     bool freeFinishedWorkers();
     void cancelBusyWorkers(bool giveUp);
 
@@ -118,9 +134,10 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     std::atomic<int> idleTimeout_{13000};
     std::atomic<int> receiveTimeout_{3000};
     std::atomic<int> bufferSize_{4096};
-    std::unique_ptr<Poco::Mutex> mutex_;            // recursive; goes after all that it guards
-    std::map<std::string, WorkerPtr> workers_;      // guarded by mutex_
-    std::shared_ptr<Poco::ThreadPool> threadPool_;  // guarded by mutex_
+    std::unique_ptr<Poco::Mutex> mutex_;                  // recursive; goes after all that it guards
+    WorkerMap workers_;                                   // guarded by mutex_
+    std::shared_ptr<Poco::ThreadPool> threadPool_;        // of the accept thread
+    std::shared_ptr<Internal::Qvtp::ThreadUse> threads_;  // shared with the workers; atomic
 
     // Statistics.
     std::atomic<int> totalPosts_{0};
@@ -130,8 +147,7 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     std::atomic<int> totalWaitsForThread_{0};
     std::atomic<int> peakThreads_{0};
 
-    std::unique_ptr<Poco::Event> stopping_;  // ends the wait for a free thread
-    std::atomic<bool> stoppingThreads_{false};
+    std::atomic<UnhandledExceptionPolicy> unhandledExceptionPolicy_{KEEP};
     std::atomic<bool> destroying_{false};
     std::mutex runMutex_;  // guards activeRuns_
     std::condition_variable runEnded_;

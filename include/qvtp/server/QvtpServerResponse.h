@@ -14,6 +14,7 @@ class Utf8String;
 namespace Quovane::Internal::Qvtp {
 class QvtpMessageOutImpl;
 class QvtpOStream;
+class RequestWorker;
 }  // namespace Quovane::Internal::Qvtp
 
 namespace Quovane::Qvtp {
@@ -58,6 +59,8 @@ class QVTP_API QvtpServerResponse : public QvtpMessageOut {
     void sendError(int code, const std::string& reason);
 
   private:
+    friend class Internal::Qvtp::RequestWorker;
+
     int statusCode_;
     std::string reasonPhrase_;
     QvtpServer* server_;  // not owned
@@ -65,6 +68,7 @@ class QVTP_API QvtpServerResponse : public QvtpMessageOut {
     std::unique_ptr<Internal::Qvtp::QvtpOStream> bodyStream_;
     std::unique_ptr<Internal::Qvtp::QvtpMessageOutImpl> impl_;
     int bufferSize_;  // read once: the server may be gone when a handler that never ended comes back
+    Internal::Qvtp::RequestWorker* worker_ = nullptr;  // not owned; null unless a worker serves the request
 };
 
 }  // namespace Quovane::Qvtp

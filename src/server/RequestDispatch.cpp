@@ -1,0 +1,199 @@
+// The part of RequestWorker that reads one request and has the handler answer it.
+
+#include <qvtp/io/IllegalStateException.h>
+#include <qvtp/io/InterruptedException.h>
+#include <qvtp/io/TimeoutException.h>
+#include <qvtp/server/QvtpServer.h>
+#include <qvtp/server/QvtpServerRequest.h>
+#include <qvtp/server/QvtpServerResponse.h>
+
+#include "common/CurrentException.h"
+#include "io/PipeControl.h"
+#include "logging/Log.h"
+#include "message/InputBuffer.h"
+#include "server/RequestWorker.h"
+
+#include <ios>
+#include <memory>
+
+namespace Quovane::Internal::Qvtp {
+
+using Quovane::Io::IllegalStateException;
+using Quovane::Io::InterruptedException;
+using Quovane::Io::QvPipeException;
+using Quovane::Io::TimeoutException;
+using Quovane::Qvtp::QvtpHandler;
+using Quovane::Qvtp::QvtpMessage;
+
+namespace {
+
+constexpr std::uint64_t MAX_SKIPPED_BYTES = 256 * 1024;
+
+QvtpHandler& require(QvtpHandler* handler) {
+    if (handler == nullptr) throw IllegalStateException("No handler has been set.");
+    return *handler;
+}
+
+}  // namespace
+
+/// Reads what begins a request. False if that fails: then it was logged, and the worker hangs up.
+template <typename Read>
+bool RequestWorker::tryRead(const Read& read) {
+    try {
+        read();
+        return true;
+    } catch (TimeoutException& e) {
+        logDebug(
+            [&] { return "TimeoutException - " + fullName_ + " timed out waiting for a request.  " + e.getMessage(); });
+    } catch (InterruptedException& e) {
+        logDebug([&] { return "InterruptedException - " + fullName_ + ". " + e.getMessage(); });
+    } catch (QvPipeException& e) {
+        if (!stop_) {
+            logError("QvPipeException - " + fullName_ + " error while reading request start line. " + e.getMessage());
+        }
+    }
+    return false;
+}
+
+/// The idle time-out is over. A last look at the pipe, which logs that; then the client's next write is broken, and
+/// what it wrote in between is served.
+bool RequestWorker::staysSilent() {
+    char none = 0;
+    if (tryRead([&] { pipe_->readPipe(&none, 0, 0, 1); })) return false;
+    endReading();
+    serveRest();
+    return true;
+}
+
+/// One request; false to hang up. From the pipe's stream, or from what was left when its reading ended: then only whole
+/// requests reach the handler.
+bool RequestWorker::serveRequest(std::istream& in, int headTimeoutMs, const RestInput* rest) {
+    pipe_->setReadTimeout(headTimeoutMs);
+    QvtpServerRequest request(server_, &in, &converter_);
+    if (!tryRead([&] { request.getStartLine(); })) return false;
+    body_ = request.bodyReader();
+    if (rest != nullptr && !body_->hasArrived(rest->unread())) return false;
+    pipe_->setReadTimeout(receiveTimeoutMs_);
+    if (!handle(request) || hasFailedStream()) return false;
+    served_ = true;
+    return skipBody(request);
+}
+
+bool RequestWorker::handle(QvtpServerRequest& request) {
+    try {
+        return dispatch(request);
+    } catch (IllegalStateException& e) {
+        logFailure("IllegalStateException - ", e.getMessage(), request);
+    } catch (InterruptedException& e) {
+        logError("InterruptedException - " + fullName_ + ". " + e.getMessage());
+    } catch (QvPipeException& e) {
+        if (!stop_) logFailure("QvPipeException - ", e.getMessage(), request);
+    } catch (const std::ios_base::failure&) {
+        if (!hasFailedStream()) throw;  // of a stream of the handler's own
+        if (!stop_) logFailure("QvPipeException - ", "A stream of the QvPipe was used after it failed.", request);
+    }
+    return false;
+}
+
+/// After its first failure, which is a QvPipeException, a standard stream throws failures of its own kind.
+bool RequestWorker::hasFailedStream() const {
+    return pipe_->getInputStream()->bad() || (!outputBuffer_.empty() && pipe_->getOutputStream()->bad());
+}
+
+void RequestWorker::logFailure(const char* kind, const std::string& message, QvtpServerRequest& request) const {
+    logError(kind + fullName_ + ". " + message);
+    logError("Could not process the " + request.getResource() + " request. The pipe will be closed.");
+}
+
+bool RequestWorker::dispatch(QvtpServerRequest& request) {
+    const std::string method = request.getMethod();
+    if (method == QvtpMessage::METHOD_NOTIFY) {
+        handleNotify(request);
+    } else if (method == QvtpMessage::METHOD_POST && server_->accessFlag_ != 0) {
+        handlePost(request);
+    } else {
+        // The worker's name stands where the method might be expected: log readers match this text.
+        logError("Unrecognized request method (" + fullName_ + "), the full message will be ignored.");
+        return false;
+    }
+    return !mustClose_;
+}
+
+/// Lets the exceptions through that the library knows; the others are the handler's own.
+template <typename Call>
+void RequestWorker::callHandler(QvtpServerResponse* response, const Call& call) {
+    QvtpHandler& handler = require(server_->getHandler());
+    const auto policy = server_->unhandledExceptionPolicy_.load();  // the server may be gone when the handler returns
+    try {
+        call(handler);
+    } catch (IllegalStateException&) {
+        throw;
+    } catch (QvPipeException&) {
+        throw;
+    } catch (const std::ios_base::failure&) {
+        if (hasFailedStream()) throw;
+        handleUnknownException(policy, response);  // of a stream of the handler's own
+    } catch (...) {
+        handleUnknownException(policy, response);
+    }
+}
+
+void RequestWorker::handleNotify(QvtpServerRequest& request) {
+    logDebug([&] { return "Begin processing of NOTIFY request (" + fullName_ + ")."; });
+    ++server_->totalNotifies_;
+    callHandler(nullptr, [&](QvtpHandler& handler) { handler.handleNotify(&request); });
+    if (mustClose_) return;
+    logDebug([&] { return "Complete processing of NOTIFY request (" + fullName_ + ")."; });
+}
+
+void RequestWorker::handlePost(QvtpServerRequest& request) {
+    logDebug([&] { return "Begin processing of POST request (" + fullName_ + ")."; });
+    QvtpServerResponse response(server_, pipe_->getOutputStream(), &converter_);
+    response.worker_ = this;
+    ++server_->totalPosts_;
+    callHandler(&response, [&](QvtpHandler& handler) { handler.handlePost(&request, &response); });
+    if (mustClose_) {
+        skipBody(request);  // the client reads the answer only when its request is written
+        return;
+    }
+    logDebug([&] { return "Complete processing of POST request (" + fullName_ + ")."; });
+}
+
+/// Within the handler of the exception, which leaves again unless the server was told to close such connections.
+void RequestWorker::handleUnknownException(int policy, QvtpServerResponse* response) {
+    const auto line = [&] {
+        return "Unhandled exception in the handler (" + fullName_ + "). " + describeCurrentException();
+    };
+    if (policy == QvtpServer::KEEP) {
+        logWarn(line);
+        handlerFailed_ = true;
+        throw;
+    }
+    logError(line);
+    mustClose_ = true;
+    if (policy == QvtpServer::ANSWER && response != nullptr && !stop_) answerError(*response);
+}
+
+/// Unless the handler has sent something already, in a response that has nothing of the handler's.
+void RequestWorker::answerError(const QvtpServerResponse& response) {
+    if (response.isCommitted()) return;
+    const int code = QvtpMessage::STATUS_SERVER_ERROR;
+    QvtpServerResponse answer(server_, pipe_->getOutputStream(), &converter_);
+    answer.sendError(code, QvtpMessage::STATUS_REASONS.at(code));
+}
+
+/// Moves the stream to the next message, over what the handler left of this one. False if that is too much or fails.
+bool RequestWorker::skipBody(QvtpServerRequest& request) {
+    const std::shared_ptr<InputBuffer> body = request.bodyReader();
+    std::uint64_t budget = MAX_SKIPPED_BYTES;
+    try {
+        while (!body->isComplete()) {
+            if (!body->skipSome(budget)) return false;
+        }
+        return true;
+    } catch (QvPipeException&) {
+        return false;  // the client has gone or fallen silent; its request was handled
+    }
+}
+
+}  // namespace Quovane::Internal::Qvtp

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+namespace Quovane::Internal::Qvtp {
+
+/// Counts the pool threads that serve a connection, and wakes the accept thread when one of them ends: the pool itself
+/// tells nobody. Server and workers share it, since a handler that never returns outlives its server.
+class ThreadUse {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    /// `capacity`: how many threads the pool may have.
+    explicit ThreadUse(int capacity) : capacity_(capacity) {}
+
+    void grow(int count);
+    void begin();
+    /// The start failed: the thread never ran.
+    void cancel();
+    /// A thread is about to go back to the pool.
+    void end();
+
+    int busy() const;
+    /// How many threads are free, also those that are just going back.
+    int available() const;
+    /// How often a thread has ended. Take it before a start that may fail: see awaitEnd().
+    std::uint64_t ends() const;
+    /// Waits until a thread has ended after `seenEnds` was taken. False at the deadline or after stop().
+    bool awaitEnd(std::uint64_t seenEnds, Clock::time_point deadline);
+    /// Lets a moment pass, for a thread that has ended and is on its way back to the pool. False as above.
+    bool awaitReturn(Clock::time_point deadline);
+    /// Ends every wait, now and later.
+    void stop();
+
+    /// A connection waits for a thread, and no worker was asked for its own yet: the first whose time with its client
+    /// is over takes it upon itself. False if another was first.
+    void setWanted(bool wanted);
+    bool takeWanted();
+
+  private:
+    mutable std::mutex mutex_;  // guards the rest
+    std::condition_variable changed_;
+    int capacity_;
+    int busy_ = 0;
+    std::uint64_t ends_ = 0;
+    bool stopped_ = false;
+    bool wanted_ = false;
+};
+
+}  // namespace Quovane::Internal::Qvtp
