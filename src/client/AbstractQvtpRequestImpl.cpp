@@ -198,7 +198,7 @@ void AbstractQvtpRequestImpl::dropPipe() {
 
 void AbstractQvtpRequestImpl::releasePipe() {
     if (pipe_ == nullptr) return;
-    const bool reusable = exchangeComplete_ && finishResponse();
+    const bool reusable = exchangeComplete_ && finishResponse() && nothingIsLeft();
     if (responseBody_ != nullptr) responseBody_->detach();
     if (!reusable) {
         dropPipe();
@@ -226,6 +226,16 @@ bool AbstractQvtpRequestImpl::finishResponse() {
     }
     pipe_->setReadTimeout(readTimeoutMs);
     return true;
+}
+
+/// Bytes that came with the response but do not belong to it would be taken for the beginning of the next one. Only
+/// what is in the stream's buffer is looked at: that costs no system call.
+bool AbstractQvtpRequestImpl::nothingIsLeft() const {
+    return !isAnswered() || pipe_->getInputStream()->rdbuf()->in_avail() <= 0;
+}
+
+bool AbstractQvtpRequestImpl::isAnswered() const {
+    return mode_.find('r') != std::string::npos;
 }
 
 }  // namespace Quovane::Internal::Qvtp

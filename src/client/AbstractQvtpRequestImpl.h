@@ -60,6 +60,8 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     void dropPipe();
     void releasePipe();
     bool finishResponse();
+    bool nothingIsLeft() const;
+    bool isAnswered() const;
 
     Quovane::Io::QvPipe* pipe_ = nullptr;  // not owned: the manager's
     QvtpClient* client_;                   // not owned

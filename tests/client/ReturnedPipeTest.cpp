@@ -92,6 +92,28 @@ TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBInChunksAtMost) {
     EXPECT_FALSE(isReused());
 }
 
+TEST_F(ReturnedPipe, IsGivenUpWithBytesBehindAResponseThatWasRead) {
+    post(OK_RESPONSE + std::string("x"), [&] { bodyOfResponse(); });
+    EXPECT_FALSE(isReused());
+    post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n0\r\n\r\n",
+         [&] { bodyOfResponse(); });
+    EXPECT_FALSE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsGivenUpWithBytesBehindAResponseThatWasSkipped) {
+    post(OK_RESPONSE + std::string(OK_RESPONSE));
+    EXPECT_FALSE(isReused());
+    post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n\r\n");
+    EXPECT_FALSE(isReused());
+}
+
+TEST_F(ReturnedPipe, IsGivenUpWithBytesBehindAResponseWithoutABody) {
+    post("QVTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\nx", [&] { bodyOfResponse(); });
+    EXPECT_FALSE(isReused());
+    post("QVTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\nx");
+    EXPECT_FALSE(isReused());
+}
+
 TEST_F(ReturnedPipe, IsGivenUpAfterAMalformedChunk) {
     post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabcXX0\r\n\r\n",
          [&] { response->getBodyStream()->ignore(100); });
