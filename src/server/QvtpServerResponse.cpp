@@ -11,12 +11,25 @@
 #include "message/QvtpOStream.h"
 #include "server/RequestWorker.h"
 
+#include <algorithm>
+
 namespace Quovane::Qvtp {
 
 using Internal::Qvtp::logErrorAndThrow;
 using Internal::Qvtp::QvtpMessageOutImpl;
 using Internal::Qvtp::QvtpOStream;
 using Io::IllegalStateException;
+
+namespace {
+
+/// Otherwise a reason, which may be the text of any exception, could end its line and smuggle in headers.
+std::string asOneLine(std::string reason) {
+    const auto endsLine = [](char c) { return c == '\r' || c == '\n' || c == '\0'; };
+    std::replace_if(reason.begin(), reason.end(), endsLine, ' ');
+    return reason;
+}
+
+}  // namespace
 
 QvtpServerResponse::QvtpServerResponse(QvtpServer* server, std::ostream* out, Soa::Common::Xml::Utf8String* converter)
     : statusCode_(STATUS_SERVER_ERROR),
@@ -31,7 +44,7 @@ QvtpServerResponse::QvtpServerResponse(QvtpServer* server, std::ostream* out, So
 QvtpServerResponse::~QvtpServerResponse() noexcept = default;
 
 std::string QvtpServerResponse::getStartLine() {
-    return Internal::Qvtp::text(Version::CURRENT_VERSION.toString(), " ", statusCode_, " ", reasonPhrase_);
+    return Internal::Qvtp::text(Version::CURRENT_VERSION.toString(), " ", statusCode_, " ", asOneLine(reasonPhrase_));
 }
 
 void QvtpServerResponse::addHeader(const std::string& name, const std::string& value) {

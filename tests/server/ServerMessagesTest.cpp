@@ -243,6 +243,14 @@ TEST_F(ServerResponse, SendsAnErrorWithTheCallersReason) {
     EXPECT_EQ(wire(), "QVTP/1.0 404 No such account\r\nContent-Length: 0\r\nServer: QvtpServer\r\n\r\n");
 }
 
+TEST_F(ServerResponse, SendsLineEndsInAReasonAsBlanks) {
+    const std::string reason("a\r\nX-Admin: yes\r\n\r\nb\0c\td\xFF", 25);
+    response.setReasonPhrase(reason);
+    EXPECT_EQ(response.getStartLine(), "QVTP/1.0 500 a  X-Admin: yes    b c\td\xFF");
+    response.sendError(400, reason);
+    EXPECT_EQ(wire(), "QVTP/1.0 400 a  X-Admin: yes    b c\td\xFF\r\nContent-Length: 0\r\nServer: QvtpServer\r\n\r\n");
+}
+
 TEST_F(ServerResponse, ReplacesABodyByAnError) {
     response.setBody("too early", 9);
     response.sendError(500, "Failed");

@@ -43,7 +43,7 @@ class QVTP_API QvtpServerResponse : public QvtpMessageOut {
 
     /// Sets the code, and its reason from STATUS_REASONS, or "None" for a code that is not there.
     void setStatusCode(int code);
-    /// Sets both as given. CR and LF must not be in the reason.
+    /// Sets both as given. CR, LF and NUL in a reason are sent as blanks.
     void setStatusCode(int code, const std::string& reason);
     void setReasonPhrase(const std::string& reason);
 
