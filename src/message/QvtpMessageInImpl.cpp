@@ -9,6 +9,8 @@
 #include "message/DirectionLabel.h"
 #include "message/StreamUtil.h"
 
+#include <new>
+
 namespace Quovane::Internal::Qvtp {
 
 using Quovane::Io::QvPipeException;
@@ -100,6 +102,15 @@ QvtpIStream& QvtpMessageInImpl::requireBody() {
 
 void QvtpMessageInImpl::getBody(char** data, size_t& length) {
     QvtpIStream& body = requireBody();
+    try {
+        readBody(body, data, length);
+    } catch (const std::bad_alloc&) {
+        // Of something small: blocks of the body's size name it themselves.
+        logErrorAndThrow<QvPipeException>("Not enough memory for a body.");
+    }
+}
+
+void QvtpMessageInImpl::readBody(QvtpIStream& body, char** data, size_t& length) {
     const std::string lengthText = getHeader(QvtpMessage::HEADER_CONTENT_LENGTH);
     if (!lengthText.empty()) {
         const int expected = StringUtils::toInteger(lengthText);

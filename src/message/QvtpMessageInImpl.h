@@ -39,6 +39,7 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
     std::uint64_t findBodyLength() const;
     bool isChunked() const;
     QvtpIStream& requireBody();
+    void readBody(QvtpIStream& body, char** data, size_t& length);
 
     HeaderBlock headers_;
     std::istream* pipeStream_;  // not owned

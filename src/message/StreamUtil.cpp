@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -20,8 +21,19 @@ bool isOver(const std::istream& in) {
     return in.eof() || in.bad();
 }
 
+/// Null if there is no memory for it. The peer chose the length, so that is a failure of its message, not of the
+/// program.
 std::unique_ptr<char[]> newBlock(std::size_t length) {
-    return std::unique_ptr<char[]>(new char[length + 1]);
+    return std::unique_ptr<char[]>(new (std::nothrow) char[length + 1]);
+}
+
+std::unique_ptr<char[]> newGrowingBlock(std::size_t capacity, std::size_t filled) {
+    std::unique_ptr<char[]> block = newBlock(capacity);
+    if (block == nullptr) {
+        logErrorAndThrow<Io::QvPipeException>(
+            text("Not enough memory for a body of which ", filled, " bytes were read."));
+    }
+    return block;
 }
 
 }  // namespace
@@ -47,6 +59,9 @@ void StreamUtil::readLine(std::istream& in, std::string& line) {
 void StreamUtil::readLength(std::istream& in, char** out, long length) {
     const std::size_t size = length > 0 ? static_cast<std::size_t>(length) : 0;
     std::unique_ptr<char[]> block = newBlock(size);
+    if (block == nullptr) {
+        logErrorAndThrow<Io::QvPipeException>(text("Not enough memory for a body of ", size, " bytes."));
+    }
     std::size_t filled = 0;
     while (filled < size && in.good()) {
         in.read(block.get() + filled, static_cast<std::streamsize>(size - filled));
@@ -64,11 +79,11 @@ void StreamUtil::readLength(std::istream& in, char** out, long length) {
 std::size_t StreamUtil::readToEnd(std::istream& in, char** out) {
     std::size_t capacity = INITIAL_CAPACITY;
     std::size_t filled = 0;
-    std::unique_ptr<char[]> block = newBlock(capacity);
+    std::unique_ptr<char[]> block = newGrowingBlock(capacity, filled);
     while (in.good()) {
         if (filled == capacity) {
             capacity *= 2;
-            std::unique_ptr<char[]> larger = newBlock(capacity);
+            std::unique_ptr<char[]> larger = newGrowingBlock(capacity, filled);
             std::copy_n(block.get(), filled, larger.get());
             block = std::move(larger);
         }

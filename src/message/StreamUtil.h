@@ -11,9 +11,11 @@ class StreamUtil {
     /// Reads one line without its LF or CRLF. Throws InterruptedException if the stream ends before the LF.
     static void readLine(std::istream& in, std::string& line);
     /// Reads exactly `length` bytes into a new block, with a zero byte after them, which the caller frees with
-    /// delete[]. 0 and less give an empty block. Throws QvPipeException (logged at WARN) if the stream ends first.
+    /// delete[]. 0 and less give an empty block. Throws QvPipeException if the stream ends first (logged at WARN) or if
+    /// there is no memory for so much (logged at ERROR).
     static void readLength(std::istream& in, char** out, long length);
-    /// Reads everything up to the end of the stream into such a block and returns the number of bytes.
+    /// Reads everything up to the end of the stream into such a block and returns the number of bytes. Throws
+    /// QvPipeException (logged at ERROR) if there is no memory for more.
     static std::size_t readToEnd(std::istream& in, char** out);
 };
 

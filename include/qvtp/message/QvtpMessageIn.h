@@ -39,6 +39,9 @@ class QVTP_API QvtpMessageIn : public QvtpMessage {
     /// stored when it throws. Throws QvPipeException: with code 1013 if the head could not be read, with code 1011 if
     /// it tells no length, and "Reached the stream end-of-file before the expected length." if a body of known length
     /// is cut off. Of a chunked body that is cut off it gives what came: see getBodyStream().
+    /// The peer chooses the length. If there is no memory for it, that is a QvPipeException too, never std::bad_alloc:
+    /// "Not enough memory for a body of N bytes.", or for a chunked body "Not enough memory for a body of which N bytes
+    /// were read.". Read bodies that may be large from the stream.
     virtual void getBody(char** data, size_t& length) = 0;
     /// A stream over the body, for bodies of any size. It belongs to the message and throws on badbit, so the
     /// exceptions of QvPipe reach whoever uses its own functions, such as read() and get(). They do not reach a copy by

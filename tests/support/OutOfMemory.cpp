@@ -1,0 +1,97 @@
+#include "support/OutOfMemory.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace qvtp_test {
+namespace {
+
+// Plain values: operator new may run before and after everything else.
+thread_local bool active = false;
+thread_local bool failed = false;
+thread_local bool failsOnce = false;
+thread_local long left = 0;
+thread_local std::size_t smallestSize = 0;
+thread_local long live = 0;
+
+bool mustFail(std::size_t size) {
+    if (!active || size < smallestSize) return false;
+    if (failed) return !failsOnce;
+    if (--left > 0) return false;
+    failed = true;
+    return true;
+}
+
+void* allocate(std::size_t size) noexcept {
+    if (mustFail(size)) return nullptr;
+    void* const block = std::malloc(size > 0 ? size : 1);
+    if (block != nullptr) ++live;
+    return block;
+}
+
+void* allocateOrThrow(std::size_t size) {
+    void* const block = allocate(size);
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
+}
+
+void release(void* block) noexcept {
+    if (block != nullptr) --live;
+    std::free(block);
+}
+
+}  // namespace
+
+OutOfMemory::OutOfMemory(long nth, Extent extent, std::size_t smallest) {
+    failed = false;
+    failsOnce = extent == ONCE;
+    left = nth;
+    smallestSize = smallest;
+    active = true;
+}
+
+OutOfMemory::~OutOfMemory() {
+    active = false;
+}
+
+bool OutOfMemory::hasFailed() const {
+    return failed;
+}
+
+long OutOfMemory::liveBlocks() {
+    return live;
+}
+
+}  // namespace qvtp_test
+
+// All forms, since a sanitizer has its own for those that are missing.
+void* operator new(std::size_t size) {
+    return qvtp_test::allocateOrThrow(size);
+}
+void* operator new[](std::size_t size) {
+    return qvtp_test::allocateOrThrow(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return qvtp_test::allocate(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return qvtp_test::allocate(size);
+}
+void operator delete(void* block) noexcept {
+    qvtp_test::release(block);
+}
+void operator delete[](void* block) noexcept {
+    qvtp_test::release(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+    qvtp_test::release(block);
+}
+void operator delete[](void* block, std::size_t) noexcept {
+    qvtp_test::release(block);
+}
+void operator delete(void* block, const std::nothrow_t&) noexcept {
+    qvtp_test::release(block);
+}
+void operator delete[](void* block, const std::nothrow_t&) noexcept {
+    qvtp_test::release(block);
+}
