@@ -58,8 +58,13 @@ std::vector<std::string> HeaderBlock::getHeaderNames() const {
 
 void HeaderBlock::addHeader(const std::string& name, const std::string& value) {
     const auto [entry, isNew] = headers_.try_emplace(keyOf(name));
-    if (isNew) entry->second.setName(name);
-    entry->second.addValues(value);
+    try {
+        if (isNew) entry->second.setName(name);
+        entry->second.addValues(value);
+    } catch (...) {
+        if (isNew) headers_.erase(entry);  // there is no header without what was to be in it
+        throw;
+    }
 }
 
 void HeaderBlock::setHeader(const std::string& name, const std::string& value) {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -43,11 +44,12 @@ void QvtpMessageOutImpl::setBody(const char* data, size_t length) {
     if (length > MAX_BODY_LENGTH) {
         throw Io::IllegalArgumentException("The body is too long to be framed by its length. Use a body stream.");
     }
+    std::unique_ptr<char[]> body(new char[length + 1]);
+    std::copy_n(data, length, body.get());
+    body[length] = '\0';
     // Added, not set: a second call leaves both lengths in the header, and peers read the first.
     addHeader(HEADER_CONTENT_LENGTH, std::to_string(length));
-    body_.reset(new char[length + 1]);
-    std::copy_n(data, length, body_.get());
-    body_[length] = '\0';
+    body_ = std::move(body);
     bodyLength_ = length;
 }
 

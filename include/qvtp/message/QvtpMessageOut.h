@@ -31,7 +31,7 @@ class QVTP_API QvtpMessageOut : public QvtpMessage {
     /// Copies the body and adds its length to HEADER_CONTENT_LENGTH. Call it once: the second call's length is added to
     /// the header's values, of which the receiver reads the first. `data` may be null if `length` is 0.
     /// Throws IllegalArgumentException if `length` is above 2147483647, which no receiver can read; a body stream has
-    /// no such limit.
+    /// no such limit. When it throws, the message is as it was.
     virtual void setBody(const char* data, size_t length) = 0;
 
     /// Whether the start line and headers have been written: later changes to them are lost.
