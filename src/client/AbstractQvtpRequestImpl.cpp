@@ -140,6 +140,7 @@ void AbstractQvtpRequestImpl::prepare() {
     dropPipe();
     checkBodyPresent();
     pipe_ = client_->getManager()->getPipe(pipeName_, mode_);
+    processId_ = System::currentProcessId();
     exchangeComplete_ = false;
 }
 
@@ -198,7 +199,9 @@ void AbstractQvtpRequestImpl::dropPipe() {
 
 void AbstractQvtpRequestImpl::releasePipe() {
     if (pipe_ == nullptr) return;
-    const bool reusable = exchangeComplete_ && finishResponse() && nothingIsLeft();
+    // In a forked child the connection is the parent's, and so is what can be read from it.
+    const bool isOwn = processId_ == System::currentProcessId();
+    const bool reusable = isOwn && exchangeComplete_ && finishResponse() && nothingIsLeft();
     if (responseBody_ != nullptr) responseBody_->detach();
     if (!reusable) {
         dropPipe();

@@ -70,16 +70,21 @@ DefaultConnectionManager::PipeInfoPtr DefaultConnectionManager::takeIdle(const s
     return info;
 }
 
-/// Pipes come back to the front, so everything behind the first stale one is older still.
+/// Pipes come back to the front, so everything behind the first stale one is older still. So it is with the pipes of
+/// the parent in a forked child: a connection that both used would mix their answers.
 void DefaultConnectionManager::purgeStale() {
     Guard guard(lock_);
     const std::int64_t nowMs = System::wallClockMs();
-    const auto isStale = [&](const PipeInfoPtr& info) { return nowMs - info->lastUsedMs > staleTimeoutMs_; };
+    const std::uint32_t processId = System::currentProcessId();
+    const auto isForeign = [&](const PipeInfoPtr& info) { return info->processId != processId; };
+    const auto isUseless = [&](const PipeInfoPtr& info) {
+        return isForeign(info) || nowMs - info->lastUsedMs > staleTimeoutMs_;
+    };
     for (auto& entry : available_) {
         IdlePipes& idle = entry.second;
-        const auto fresh = std::find_if(idle.begin(), idle.end(), isStale) - idle.begin();
+        const auto fresh = std::find_if(idle.begin(), idle.end(), isUseless) - idle.begin();
         while (idle.size() > static_cast<std::size_t>(fresh)) {
-            logDebug([&] { return "Deleting stale QvPipe " + idle.back()->binding; });
+            if (!isForeign(idle.back())) logDebug([&] { return "Deleting stale QvPipe " + idle.back()->binding; });
             idle.pop_back();
         }
     }
@@ -139,6 +144,7 @@ void DefaultConnectionManager::returnPipe(QvPipe* pipe) {
     if (found != used_.end()) {
         PipeInfoPtr info = std::move(found->second);
         used_.erase(found);
+        if (info->processId != System::currentProcessId()) return;  // the parent's: closed here, for this process alone
         info->lastUsedMs = System::wallClockMs();
         IdlePipes& idle = available_[info->key];
         idle.insert(idle.begin(), std::move(info));

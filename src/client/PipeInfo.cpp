@@ -1,5 +1,6 @@
 #include "client/PipeInfo.h"
 
+#include "common/System.h"
 #include "logging/Log.h"
 
 namespace Quovane::Internal::Qvtp {
@@ -10,7 +11,8 @@ constexpr std::streamsize BUFFER_SIZE = 4096;
 
 }  // namespace
 
-PipeInfo::PipeInfo(const std::string& poolKey, const std::string& bindingName) : key(poolKey), binding(bindingName) {}
+PipeInfo::PipeInfo(const std::string& poolKey, const std::string& bindingName)
+    : key(poolKey), binding(bindingName), processId(System::currentProcessId()) {}
 
 PipeInfo::~PipeInfo() {
     if (pipe == nullptr) return;

@@ -22,7 +22,8 @@ class PipeInfo {
     std::unique_ptr<Quovane::Io::QvPipe> pipe;
     std::int64_t lastUsedMs = 0;  // wall clock of the last return; 0: never returned
     std::string key;
-    std::string binding;  // names the pipe in log lines
+    std::string binding;            // names the pipe in log lines
+    const std::uint32_t processId;  // of the process that made it, the only one that may use the connection
 
   private:
     std::unique_ptr<char[]> inputBuffer_;

@@ -18,6 +18,9 @@ std::int64_t monotonicMs();
 /// The operating system's id of the calling thread.
 std::uint32_t currentThreadId();
 
+/// The operating system's id of this process: another one in a forked child.
+std::uint32_t currentProcessId();
+
 /// Suspends the calling thread for at least this long.
 void sleepMs(int milliseconds);
 

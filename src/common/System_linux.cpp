@@ -51,6 +51,10 @@ std::uint32_t currentThreadId() {
     return static_cast<std::uint32_t>(::syscall(SYS_gettid));
 }
 
+std::uint32_t currentProcessId() {
+    return static_cast<std::uint32_t>(::getpid());
+}
+
 void sleepMs(int milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }

@@ -90,6 +90,10 @@ std::uint32_t currentThreadId() {
     return ::GetCurrentThreadId();
 }
 
+std::uint32_t currentProcessId() {
+    return ::GetCurrentProcessId();
+}
+
 void sleepMs(int milliseconds) {
     ::Sleep(static_cast<DWORD>(std::max(milliseconds, 0)));
 }

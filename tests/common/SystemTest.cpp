@@ -53,6 +53,14 @@ TEST(SystemThreadId, StaysTheSameOnOneThreadAndDiffersOnAnother) {
     EXPECT_NE(mine, 0U);
 }
 
+TEST(SystemProcess, HasOneIdInAllThreads) {
+    const std::uint32_t mine = System::currentProcessId();
+    std::uint32_t other = 0;
+    std::thread([&] { other = System::currentProcessId(); }).join();
+    EXPECT_EQ(other, mine);
+    EXPECT_NE(mine, 0U);
+}
+
 TEST(SystemFileExists, TellsWhatIsThereFromWhatIsNot) {
     EXPECT_TRUE(System::fileExists("."));
     EXPECT_FALSE(System::fileExists("no such file, surely"));
