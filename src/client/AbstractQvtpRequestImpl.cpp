@@ -4,6 +4,7 @@
 #include <qvtp/io/IllegalStateException.h>
 #include <qvtp/message/Version.h>
 
+#include "client/DeadlineBuffer.h"
 #include "common/System.h"
 #include "logging/Log.h"
 #include "message/DirectionLabel.h"
@@ -211,24 +212,24 @@ void AbstractQvtpRequestImpl::releasePipe() {
     pipe_ = nullptr;
 }
 
-/// Skips what is left of the response, within limits. True when the pipe stands behind it.
+/// Skips what is left of the response, within limits. True when the pipe stands behind it. The body is to be detached
+/// then: what it reads from is gone.
 bool AbstractQvtpRequestImpl::finishResponse() {
     if (responseBody_ == nullptr || responseBody_->isComplete()) return true;
-    const int readTimeoutMs = pipe_->getReadTimeout();
-    const std::int64_t endMs = System::monotonicMs() + MAX_SKIP_MS;
-    std::uint64_t budget = MAX_SKIPPED_BYTES;
+    if (!pipe_->getInputStream()->good()) return false;
     try {
+        DeadlineBuffer buffer(pipe_, MAX_SKIP_MS);
+        std::istream in(&buffer);
+        in.exceptions(std::ios_base::badbit);
+        responseBody_->readFrom(&in);
+        std::uint64_t budget = MAX_SKIPPED_BYTES;
         while (!responseBody_->isComplete()) {
-            const std::int64_t leftMs = endMs - System::monotonicMs();
-            if (leftMs <= 0) return false;
-            pipe_->setReadTimeout(static_cast<int>(leftMs));
             if (!responseBody_->skipSome(budget)) return false;
         }
-    } catch (const std::exception&) {
+        return true;
+    } catch (...) {
         return false;  // the pipe failed, and is closed for it
     }
-    pipe_->setReadTimeout(readTimeoutMs);
-    return true;
 }
 
 /// Bytes that came with the response but do not belong to it would be taken for the beginning of the next one. Only

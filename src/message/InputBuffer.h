@@ -31,6 +31,9 @@ class InputBuffer {
     /// than `budget`, which it reduces, or if the body ended too early.
     bool skipSome(std::uint64_t& budget);
 
+    /// Goes on with another stream over the same bytes. It is not owned.
+    void readFrom(std::istream* stream) { stream_ = stream; }
+
     /// Ends the body: the stream now belongs to somebody else.
     void detach() { stream_ = nullptr; }
 

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace qvtp_test {
@@ -74,6 +76,33 @@ TEST_F(ReturnedPipe, IsGivenUpWhenTheRestDoesNotComeInTime) {
     EXPECT_GE(time, 95ms);
     EXPECT_LT(time, 10s);
     EXPECT_FALSE(isReused());
+}
+
+/// A byte every 30 ms, each in time for a read of its own: what a request waits for them is limited all the same.
+TEST_F(ReturnedPipe, IsGivenUpInTimeWhenTheRestDrips) {
+    const std::string chunked = "QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    for (const std::string& answer :
+         {chunked, chunked + "4000\r\n", std::string("QVTP/1.0 200 OK\r\nContent-Length: 60\r\n\r\n")}) {
+        auto request = std::make_unique<PostRequest>(&client, name, "/first");
+        request->setBody("x", 1);
+        pipe.reset();
+        exchange(*request, "x", answer);
+        std::atomic<bool> stop{false};
+        std::thread dripping([&] {
+            const std::string drops = std::string(20, '0') + "\r\n";  // of a size line, of data
+            for (std::size_t i = 0; i < drops.size() && !stop; ++i) {
+                if (thrownBy([&] { RawServer::write(*pipe, drops.substr(i, 1)); }) != "nothing") return;
+                std::this_thread::sleep_for(30ms);
+            }
+        });
+        const auto time = elapsed([&] { request.reset(); });
+        stop = true;
+        dripping.join();
+        EXPECT_GE(time, 95ms) << answer;
+        EXPECT_LT(time, 450ms) << answer;  // 600 without the limit
+        EXPECT_TRUE(isClosed(*pipe));
+        response.reset();
+    }
 }
 
 TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBAtMost) {
