@@ -11,6 +11,9 @@
 #include "common/MessageSink.h"
 #include "platform/PipePlatform.h"
 
+#include <mutex>
+#include <optional>
+
 namespace Quovane::Io {
 
 namespace {
@@ -41,7 +44,8 @@ void checkWritten(int result) {
 const std::string QvPipe::PIPE_NAME_PREFIX = PIPE_PATH_PREFIX;
 
 /// A stream and its buffer. The buffer works on the QvPipe that made it. When that object goes while copies still have
-/// the stream, an heir takes its place: a closed pipe, on which every read and write fails in the ordinary way.
+/// the stream, an heir takes its place: a closed pipe, on which every read and write fails in the ordinary way. Copies
+/// may go on several threads at once.
 template <typename Stream>
 class QvPipe::PipeStream : public Stream {
   public:
@@ -50,18 +54,21 @@ class QvPipe::PipeStream : public Stream {
         this->exceptions(std::ios_base::badbit);
     }
 
-    bool worksOn(const QvPipe* pipe) const { return buffer_.pipe_ == pipe; }
-
-    void inherit(const QvPipe& owner) {
-        heir_ = std::make_unique<QvPipe>();
+    /// Puts the heir in the pipe's place, if the stream works on this pipe. It needs no memory: this is for
+    /// destructors.
+    void leave(const QvPipe& owner) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (buffer_.pipe_ != &owner) return;
+        heir_.emplace();
         heir_->readTimeout_ = owner.readTimeout_;
-        buffer_.pipe_ = heir_.get();
+        buffer_.pipe_ = &*heir_;
         buffer_.dropArea();  // whoever gave it to the owner frees it now
     }
 
     /// Gives a stream without an owner to a copy that asks for it.
     void adopt(QvPipe* pipe) {
-        if (heir_ == nullptr) return;
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (!heir_) return;
         buffer_.pipe_ = pipe;
         heir_.reset();
     }
@@ -70,7 +77,8 @@ class QvPipe::PipeStream : public Stream {
     PipeBufferBase<char> buffer_;
 
   private:
-    std::unique_ptr<QvPipe> heir_;
+    std::mutex mutex_;  // guards whose the stream is: heir_ and the buffer's pipe
+    std::optional<QvPipe> heir_;
 };
 
 /// The stream that writes. Whole messages take the short way past its area.
@@ -160,12 +168,11 @@ QvPipe::~QvPipe() {
     orphan(outputStream_);
 }
 
-/// This object stops being what the stream works on.
+/// This object stops being what the stream works on. Of a stream that goes with it nobody asks for more.
 template <typename Stream>
 void QvPipe::orphan(const std::shared_ptr<Stream>& stream) {
     if (stream == nullptr || stream.use_count() == 1) return;
-    auto& pipeStream = static_cast<PipeStream<Stream>&>(*stream);
-    if (pipeStream.worksOn(this)) pipeStream.inherit(*this);
+    static_cast<PipeStream<Stream>&>(*stream).leave(*this);
 }
 
 void QvPipe::bind(const std::string& name, bool readable, bool writable) {

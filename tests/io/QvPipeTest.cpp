@@ -11,9 +11,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <future>
 #include <memory>
+#include <thread>
 
 namespace qvtp_test {
 namespace {
@@ -320,6 +322,31 @@ TEST_F(ConnectedPipe, KeepsItsStreamWhenACopyIsAssignedBack) {
     client = copy;
     writeTo(accepted, "x");
     EXPECT_EQ(in->get(), 'x');
+}
+
+/// Copies that have used their streams, and end on two threads at once.
+TEST_F(ConnectedPipe, EndsWithItsLastCopyOnWhateverThreads) {
+    for (int round = 0; round < 300; ++round) {
+        char areas[2][16];
+        auto original = std::make_unique<QvPipe>(client);
+        original->getInputStream()->rdbuf()->pubsetbuf(areas[0], sizeof areas[0]);
+        original->getOutputStream()->rdbuf()->pubsetbuf(areas[1], sizeof areas[1]);
+        *original->getOutputStream() << "pending";
+        auto copy = std::make_unique<QvPipe>(*original);
+        auto third = std::make_unique<QvPipe>(*copy);
+        std::atomic<int> ready{0};
+        const auto end = [&ready](std::unique_ptr<QvPipe>& pipe) {
+            ++ready;
+            while (ready < 2) std::this_thread::yield();
+            pipe.reset();
+        };
+        std::thread other([&] {
+            end(copy);
+            third.reset();
+        });
+        end(original);
+        other.join();
+    }
 }
 
 // ---- Log lines ----
