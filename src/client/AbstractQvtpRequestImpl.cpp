@@ -176,7 +176,7 @@ void AbstractQvtpRequestImpl::handleBrokenPipe(BrokenPipeException& e) {
     if (message_.isCommitted() && !message_.hasBody()) {
         // What was read from the body stream is lost.
         dropPipe();
-        logError("Lost connection to server, the request will be aborted. " + reason);
+        logError([&] { return "Lost connection to server, the request will be aborted. " + reason; });
         throw BrokenPipeException(reason, e.getCode());
     }
     logDebug([&] { return "Lost connection to server, attempt request with new connection. " + reason; });

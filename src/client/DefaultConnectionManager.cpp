@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <mutex>
+#include <new>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -63,15 +65,17 @@ DefaultConnectionManager::QvPipe* DefaultConnectionManager::getPipe(const std::s
 DefaultConnectionManager::PipeInfoPtr DefaultConnectionManager::takeIdle(const std::string& key) {
     Guard guard(lock_);
     purgeStale();
-    IdlePipes& idle = available_[key];
-    if (idle.empty()) return nullptr;
+    const auto found = available_.find(key);
+    if (found == available_.end()) return nullptr;
+    IdlePipes& idle = found->second;  // not empty: it was purged
     PipeInfoPtr info = std::move(idle.back());
     idle.pop_back();
     return info;
 }
 
 /// Pipes come back to the front, so everything behind the first stale one is older still. So it is with the pipes of
-/// the parent in a forked child: a connection that both used would mix their answers.
+/// the parent in a forked child: a connection that both used would mix their answers. Names without an idle pipe go
+/// too.
 void DefaultConnectionManager::purgeStale() {
     Guard guard(lock_);
     const std::int64_t nowMs = System::wallClockMs();
@@ -80,13 +84,14 @@ void DefaultConnectionManager::purgeStale() {
     const auto isUseless = [&](const PipeInfoPtr& info) {
         return isForeign(info) || nowMs - info->lastUsedMs > staleTimeoutMs_;
     };
-    for (auto& entry : available_) {
-        IdlePipes& idle = entry.second;
+    for (auto entry = available_.begin(); entry != available_.end();) {
+        IdlePipes& idle = entry->second;
         const auto fresh = std::find_if(idle.begin(), idle.end(), isUseless) - idle.begin();
         while (idle.size() > static_cast<std::size_t>(fresh)) {
             if (!isForeign(idle.back())) logDebug([&] { return "Deleting stale QvPipe " + idle.back()->binding; });
             idle.pop_back();
         }
+        entry = idle.empty() ? available_.erase(entry) : std::next(entry);
     }
 }
 
@@ -137,6 +142,16 @@ const PipeInfo* DefaultConnectionManager::findAvailable(const QvPipe* pipe) cons
     return nullptr;
 }
 
+/// Without the memory for its place in the pool the pipe is closed.
+void DefaultConnectionManager::keep(PipeInfoPtr info) {
+    try {
+        IdlePipes& idle = available_[info->key];
+        idle.insert(idle.begin(), std::move(info));
+    } catch (const std::bad_alloc&) {
+        // Closed with its owner.
+    }
+}
+
 void DefaultConnectionManager::returnPipe(QvPipe* pipe) {
     if (pipe == nullptr) return;
     Guard guard(lock_);
@@ -146,8 +161,7 @@ void DefaultConnectionManager::returnPipe(QvPipe* pipe) {
         used_.erase(found);
         if (info->processId != System::currentProcessId()) return;  // the parent's: closed here, for this process alone
         info->lastUsedMs = System::wallClockMs();
-        IdlePipes& idle = available_[info->key];
-        idle.insert(idle.begin(), std::move(info));
+        keep(std::move(info));
         return;
     }
     if (const PipeInfo* info = findAvailable(pipe)) logErrorAndThrow<IllegalStateException>(alreadyReturned(*info));

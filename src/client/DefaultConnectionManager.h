@@ -39,6 +39,7 @@ class DefaultConnectionManager : public Quovane::Qvtp::QvtpConnectionManager {
     PipeInfoPtr createPipe(const std::string& pipeName, const std::string& mode, const std::string& key);
     void connectPipe(PipeInfo& info, const std::string& pipeName, const std::string& mode) const;
     QvPipe* use(PipeInfoPtr info, const std::string& pipeName);
+    void keep(PipeInfoPtr info);
     const PipeInfo* findAvailable(const QvPipe* pipe) const;
 
     std::map<std::string, IdlePipes> available_;  // guarded by lock_
