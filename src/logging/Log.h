@@ -4,14 +4,15 @@
 
 #include "common/System.h"
 #include "common/Text.h"
+#include "logging/LogStep.h"
 
 #include <cstddef>
 #include <string>
 #include <type_traits>
 
-/// What the library's own code calls to log. Any thread may; nothing here throws but for lack of memory, and the
-/// thread's last error stays as it was. Literals go straight in; composed messages are lambdas, run only when the
-/// level is on: `logDebug([&] { return text("Using QvPipe (", name, "/", binding, ")"); })`.
+/// What the library's own code calls to log. Any thread may; nothing here throws, a line for which there is no memory
+/// is dropped, and the thread's last error stays as it was. Literals go straight in; composed messages are lambdas, run
+/// only when the level is on: `logDebug([&] { return text("Using QvPipe (", name, "/", binding, ")"); })`.
 namespace Quovane::Internal::Qvtp {
 
 using Quovane::Qvtp::CommunicationLevel;
@@ -43,28 +44,28 @@ template <typename Compose, typename = IfComposes<Compose>>
 void logError(const Compose& compose) {
     if (!isErrorEnabled()) return;
     System::LastErrorGuard guard;
-    logError(std::string(compose()));
+    logStep([&] { logError(std::string(compose())); });
 }
 
 template <typename Compose, typename = IfComposes<Compose>>
 void logWarn(const Compose& compose) {
     if (!isWarnEnabled()) return;
     System::LastErrorGuard guard;
-    logWarn(std::string(compose()));
+    logStep([&] { logWarn(std::string(compose())); });
 }
 
 template <typename Compose, typename = IfComposes<Compose>>
 void logInfo(const Compose& compose) {
     if (!isInfoEnabled()) return;
     System::LastErrorGuard guard;
-    logInfo(std::string(compose()));
+    logStep([&] { logInfo(std::string(compose())); });
 }
 
 template <typename Compose, typename = IfComposes<Compose>>
 void logDebug(const Compose& compose) {
     if (!isDebugEnabled()) return;
     System::LastErrorGuard guard;
-    logDebug(std::string(compose()));
+    logStep([&] { logDebug(std::string(compose())); });
 }
 
 /// Whether the communication log records this direction (INPUT or OUTPUT).

@@ -2,6 +2,7 @@
 
 #include "common/System.h"
 #include "logging/LogLine.h"
+#include "logging/LogStep.h"
 
 #include <mutex>
 
@@ -41,7 +42,7 @@ void Logger::configure(std::FILE* logFile, LoggingLevel level, std::FILE* commFi
     commLevel_.store(commFile != nullptr ? valid(commLevel) : CommunicationLevel::OFF, std::memory_order_relaxed);
 }
 
-bool Logger::isEnabled(CommunicationLevel direction) const {
+bool Logger::isEnabled(CommunicationLevel direction) {
     const int current = static_cast<int>(commLevel_.load(std::memory_order_relaxed));
     return (current & static_cast<int>(direction)) != 0;
 }
@@ -51,10 +52,12 @@ void Logger::writeLine(LoggingLevel level, const std::string& message) {
     System::LastErrorGuard lastError;
     Guard guard(lineLocks_[static_cast<std::size_t>(level)]);
     if (!isEnabled(level) || logFile_ == nullptr) return;
-    const std::string line =
-        LogLine::format(level, System::wallClockMs(), System::currentThreadId(), correlationId(), message);
-    std::fwrite(line.data(), 1, line.size(), logFile_);
-    std::fflush(logFile_);
+    logStep([&] {
+        const std::string line =
+            LogLine::format(level, System::wallClockMs(), System::currentThreadId(), correlationId(), message);
+        std::fwrite(line.data(), 1, line.size(), logFile_);
+        std::fflush(logFile_);
+    });
 }
 
 void Logger::writeCommunication(CommunicationLevel direction, const char* data, std::size_t length, bool header) {
@@ -62,12 +65,13 @@ void Logger::writeCommunication(CommunicationLevel direction, const char* data, 
     System::LastErrorGuard lastError;
     Guard guard(communicationLock_);
     if (!isEnabled(direction) || commFile_ == nullptr) return;
-    if (header) {
-        const std::string line = LogLine::formatCommunicationHeader(direction, System::wallClockMs(), correlationId());
-        std::fwrite(line.data(), 1, line.size(), commFile_);
-    }
-    if (length > 0) std::fwrite(data, 1, length, commFile_);
-    std::fflush(commFile_);
+    logStep([&] {
+        std::string line;
+        if (header) line = LogLine::formatCommunicationHeader(direction, System::wallClockMs(), correlationId());
+        if (header) std::fwrite(line.data(), 1, line.size(), commFile_);
+        if (length > 0) std::fwrite(data, 1, length, commFile_);
+        std::fflush(commFile_);
+    });
 }
 
 void Logger::setCorrelationId(const std::string& id) {

@@ -12,7 +12,8 @@
 namespace Quovane::Internal::Qvtp {
 
 /// The process-wide logger: its settings and the writing of lines and records. Created on first use and never freed, so
-/// that destructors of static objects may still log.
+/// that destructors of static objects may still log. The levels can be asked for without it: until it was configured
+/// there is nothing to log, and no memory is needed to know that.
 class Logger {
   public:
     using CommunicationLevel = Quovane::Qvtp::CommunicationLevel;
@@ -27,13 +28,13 @@ class Logger {
     /// returns, no thread writes to the former files any more, so they may be closed.
     void configure(std::FILE* logFile, LoggingLevel level, std::FILE* commFile, CommunicationLevel commLevel);
 
-    LoggingLevel level() const { return level_.load(std::memory_order_relaxed); }
-    bool isEnabled(LoggingLevel level) const { return this->level() >= level; }
-    bool isEnabled(CommunicationLevel direction) const;
+    static LoggingLevel level() { return level_.load(std::memory_order_relaxed); }
+    static bool isEnabled(LoggingLevel level) { return Logger::level() >= level; }
+    static bool isEnabled(CommunicationLevel direction);
 
-    /// Writes one line if the level is on and there is a file.
+    /// Writes one line if the level is on and there is a file. Drops it if there is no memory for it.
     void writeLine(LoggingLevel level, const std::string& message);
-    /// Writes one record if its direction is on and there is a file.
+    /// Writes one record if its direction is on and there is a file. Drops it if there is no memory for its header.
     void writeCommunication(CommunicationLevel direction, const char* data, std::size_t length, bool header);
 
     /// The calling thread's correlation id.
@@ -51,8 +52,8 @@ class Logger {
     RecursiveMutex communicationLock_;  // guards commFile_; keeps a record's header and bytes together
     std::FILE* logFile_ = nullptr;      // not owned
     std::FILE* commFile_ = nullptr;     // not owned
-    std::atomic<LoggingLevel> level_{LoggingLevel::OFF};
-    std::atomic<CommunicationLevel> commLevel_{CommunicationLevel::OFF};
+    static inline std::atomic<LoggingLevel> level_{LoggingLevel::OFF};
+    static inline std::atomic<CommunicationLevel> commLevel_{CommunicationLevel::OFF};
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -4,6 +4,7 @@
 #include "logging/Log.h"
 #include "message/Throughput.h"
 
+#include <new>
 #include <string>
 
 namespace Quovane::Internal::Qvtp {
@@ -11,7 +12,7 @@ namespace Quovane::Internal::Qvtp {
 using Quovane::Soa::Common::Xml::StringStream;
 
 BodyRecord::BodyRecord()
-    : capture_(isCommunicationEnabled(CommunicationLevel::OUTPUT) ? std::make_unique<StringStream>() : nullptr) {}
+    : capture_(isCommunicationEnabled(CommunicationLevel::OUTPUT) ? new (std::nothrow) StringStream : nullptr) {}
 
 BodyRecord::~BodyRecord() = default;
 
@@ -21,17 +22,21 @@ void BodyRecord::start() {
 
 void BodyRecord::add(const char* data, std::size_t length) {
     bytes_ += length;
-    if (capture_ != nullptr && length > 0) capture_->write(data, length);
+    if (capture_ == nullptr || length == 0) return;
+    // A record without one of its pieces would mislead its reader: then it is dropped whole.
+    if (!logStep([&] { capture_->write(data, length); })) capture_.reset();
 }
 
 void BodyRecord::log() {
     if (!isInfoEnabled()) return;
-    logInfo(Throughput::describeWritten(bytes_, startTimeMs_, System::wallClockMs()));
+    logInfo([&] { return Throughput::describeWritten(bytes_, startTimeMs_, System::wallClockMs()); });
     if (capture_ == nullptr) return;
-    capture_->write("\n", 1);
-    std::string written;
-    capture_->str(written);
-    logCommunication(CommunicationLevel::OUTPUT, written, false);
+    logStep([&] {
+        capture_->write("\n", 1);
+        std::string written;
+        capture_->str(written);
+        logCommunication(CommunicationLevel::OUTPUT, written, false);
+    });
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -28,7 +28,7 @@ bool continuesValue(const std::string& line) {
 
 void logLine(const std::string& line) {
     if (isCommunicationEnabled(CommunicationLevel::INPUT)) {
-        logCommunication(CommunicationLevel::INPUT, line + "\n", false);
+        logStep([&] { logCommunication(CommunicationLevel::INPUT, line + "\n", false); });
     }
 }
 

@@ -58,7 +58,7 @@ void QvtpMessageInImpl::readHead() {
     startLine_ = standInStartLine();
     std::string line = readStartLine();
     if (isCommunicationEnabled(CommunicationLevel::INPUT)) {
-        logCommunication(CommunicationLevel::INPUT, line + "\n", true);
+        logStep([&] { logCommunication(CommunicationLevel::INPUT, line + "\n", true); });
     }
     logDebug([&] { return label_ + line; });
     headers_.read(*pipeStream_, *converter_);
