@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <optional>
@@ -29,6 +30,14 @@ std::optional<std::string> environmentVariable(const char* name);
 
 /// Whether a file-status query on the path (UTF-8) succeeds.
 bool fileExists(const std::string& path);
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+/// Opens a file (UTF-8; on Linux any bytes) for reading, null if that fails.
+File openFile(const std::string& path);
 
 /// Calendar times that, unlike std::gmtime and std::localtime, share no buffer between threads.
 std::tm utcTime(std::time_t seconds);

@@ -70,6 +70,10 @@ bool fileExists(const std::string& path) {
     return ::stat(path.c_str(), &status) == 0;
 }
 
+File openFile(const std::string& path) {
+    return File(std::fopen(path.c_str(), "rbe"));
+}
+
 std::tm utcTime(std::time_t seconds) {
     std::tm result{};
     ::gmtime_r(&seconds, &result);

@@ -118,6 +118,10 @@ bool fileExists(const std::string& path) {
     return ::_wstat64(wide(path).c_str(), &status) == 0;
 }
 
+File openFile(const std::string& path) {
+    return File(::_wfopen(wide(path).c_str(), L"rb"));
+}
+
 std::tm utcTime(std::time_t seconds) {
     std::tm result{};
     const __time64_t time = seconds;

@@ -1,11 +1,12 @@
 #include <qvtp/config/QvtpConfig.h>
 
 #include "common/System.h"
+#include "config/ConfigurationFile.h"
+#include "config/ParserMemory.h"
 #include "config/XmlText.h"
 #include "logging/Log.h"
 
 #include <xercesc/dom/DOM.hpp>
-#include <xercesc/framework/LocalFileInputSource.hpp>
 #include <xercesc/parsers/XercesDOMParser.hpp>
 #include <xercesc/sax/HandlerBase.hpp>
 #include <xercesc/sax/SAXParseException.hpp>
@@ -26,11 +27,16 @@ namespace {
 constexpr char FILE_VARIABLE[] = "QvtpConfigurationFile";
 constexpr char DEFAULT_FILE[] = "QvtpConfig.xml";
 
+template <typename ParserException>
+void logMessage(const ParserException& e) {
+    logError([&] { return XmlText::toUtf8(e.getMessage()); });
+}
+
 /// Without it the parser keeps whatever it had read before an error. A document that is only invalid is kept, with a
 /// line.
 class StrictErrorHandler : public xercesc::HandlerBase {
   public:
-    void error(const xercesc::SAXParseException& e) override { logError(XmlText::toUtf8(e.getMessage())); }
+    void error(const xercesc::SAXParseException& e) override { logMessage(e); }
     void fatalError(const xercesc::SAXParseException& e) override { throw xercesc::SAXParseException(e); }
 };
 
@@ -112,6 +118,14 @@ void applyAttribute(QvtpServer& server, const DOMNode& attribute) {
     logUnrecognised("QvtpServer", attribute.getNodeName());
 }
 
+void initializeParser() {
+    try {
+        xercesc::XMLPlatformUtils::Initialize();
+    } catch (const xercesc::XMLException& e) {
+        logMessage(e);
+    }
+}
+
 template <typename Target>
 void applyEntry(Target& target, const DOMElement& entry) {
     const DOMNamedNodeMap* const attributes = entry.getAttributes();
@@ -146,11 +160,9 @@ QvtpConfig& QvtpConfig::getInstance() {
 }
 
 QvtpConfig::QvtpConfig() : document_(std::make_unique<Document>()) {
-    try {
-        xercesc::XMLPlatformUtils::Initialize();
-    } catch (const xercesc::XMLException& e) {
-        logError(XmlText::toUtf8(e.getMessage()));
-    }
+    // An initialisation that fails half-way can neither be used nor taken back: the parser library is not made for it.
+    const ParserMemory reserve;
+    initializeParser();
     loadConfigFile();
 }
 
@@ -160,27 +172,27 @@ QvtpConfig::~QvtpConfig() {
 }
 
 void QvtpConfig::loadConfigFile() {
-    const std::string path = configurationPath();
-    if (!System::fileExists(path)) {
-        logError("Cannot find qvtp Configuration file: " + path);
-        return;
-    }
-    logInfo([&] { return "Found qvtp configuration file: " + path; });
     try {
+        const std::string path = configurationPath();
+        if (!System::fileExists(path)) {
+            logError([&] { return "Cannot find qvtp Configuration file: " + path; });
+            return;
+        }
+        logInfo([&] { return "Found qvtp configuration file: " + path; });
         document_->parser = std::make_unique<xercesc::XercesDOMParser>();
         xercesc::XercesDOMParser& parser = *document_->parser;
         parser.setValidationScheme(xercesc::XercesDOMParser::Val_Auto);
         parser.setDoNamespaces(true);
         parser.setErrorHandler(&document_->errorHandler);
-        parser.parse(xercesc::LocalFileInputSource(XmlText::fromUtf8(path).c_str()));
+        parser.parse(ConfigurationFile(path));
         document_->document = parser.getDocument();
         document_->root = document_->document->getDocumentElement();
     } catch (const xercesc::XMLException& e) {
-        logError(XmlText::toUtf8(e.getMessage()));
+        logMessage(e);
     } catch (const xercesc::SAXException& e) {
-        logError(XmlText::toUtf8(e.getMessage()));
+        logMessage(e);
     } catch (const xercesc::DOMException& e) {
-        logError(XmlText::toUtf8(e.getMessage()));
+        logMessage(e);
     } catch (...) {
         logError("Unexpected Exception while parsing the Qvtp configuration file");
     }

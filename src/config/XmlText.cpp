@@ -2,6 +2,10 @@
 
 #include "common/Utf8String.h"
 
+#include <xercesc/util/OutOfMemoryException.hpp>
+
+#include <new>
+
 namespace Quovane::Internal::Qvtp::XmlText {
 
 using Quovane::Soa::Common::Xml::Utf8String;
@@ -16,14 +20,22 @@ std::basic_string<XMLCh> fromUtf8(const std::string& text) {
     std::string wellFormed;
     Utf8String::decode(text, wellFormed);  // the converter below refuses anything else
     const auto* bytes = reinterpret_cast<const XMLByte*>(wellFormed.data());
-    const xercesc::TranscodeFromStr converted(bytes, wellFormed.size(), UTF8);
-    return converted.str();
+    try {
+        const xercesc::TranscodeFromStr converted(bytes, wellFormed.size(), UTF8);
+        return converted.str();
+    } catch (const xercesc::OutOfMemoryException&) {
+        throw std::bad_alloc();
+    }
 }
 
 std::string toUtf8(const XMLCh* text) {
     if (text == nullptr) return {};
-    const xercesc::TranscodeToStr converted(text, UTF8);
-    return reinterpret_cast<const char*>(converted.str());
+    try {
+        const xercesc::TranscodeToStr converted(text, UTF8);
+        return reinterpret_cast<const char*>(converted.str());
+    } catch (const xercesc::OutOfMemoryException&) {
+        throw std::bad_alloc();
+    }
 }
 
 }  // namespace Quovane::Internal::Qvtp::XmlText

@@ -5,7 +5,8 @@
 
 #include <string>
 
-/// Conversions between the library's UTF-8 strings and the parser's UTF-16.
+/// Conversions between the library's UTF-8 strings and the parser's UTF-16. For want of memory they throw
+/// std::bad_alloc, not the parser's own exception.
 namespace Quovane::Internal::Qvtp::XmlText {
 
 std::basic_string<XMLCh> fromUtf8(const std::string& text);

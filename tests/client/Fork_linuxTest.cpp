@@ -2,18 +2,15 @@
 #include <qvtp/client/PostRequest.h>
 #include <qvtp/client/QvtpResponse.h>
 
+#include "support/Child.h"
 #include "support/Holdings.h"
 #include "support/PipeName.h"
 #include "support/Process.h"
 #include "support/TestServer.h"
-#include "support/Thrown.h"
 #include "support/Watchdog.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -22,9 +19,6 @@ namespace {
 
 using namespace Quovane::Qvtp;
 using Quovane::Io::QvPipe;
-
-constexpr int OTHER_EXCEPTION = 250;
-constexpr unsigned CHILD_LIMIT_SECONDS = 60;  // a child has no watchdog
 
 /// A client with an idle pipe to a server in another process: a fork copies the client, but no thread of the server.
 class Fork : public ::testing::Test {
@@ -58,21 +52,6 @@ class Fork : public ::testing::Test {
         return wrong;
     }
 
-    /// Runs an action in a child, which ends with its result; 0 means well.
-    static pid_t inChild(const std::function<int()>& action) {
-        const pid_t child = ::fork();
-        if (child != 0) return child;
-        ::alarm(CHILD_LIMIT_SECONDS);
-        int result = OTHER_EXCEPTION;
-        thrownBy([&] { result = action(); });
-        ::_exit(result);
-    }
-    static int resultOf(pid_t child) {
-        int status = 0;
-        EXPECT_EQ(::waitpid(child, &status, 0), child);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
     const std::string name = uniquePipeName();
     QvtpClient client;
     std::unique_ptr<Process> server;
@@ -80,13 +59,13 @@ class Fork : public ::testing::Test {
 
 TEST_F(Fork, NeverMixesTheAnswersOfParentAndChild) {
     constexpr int COUNT = 300;
-    const pid_t child = inChild([&] { return wrongAnswers("child ", COUNT) == 0 ? 0 : 1; });
+    const int child = startChild([&] { return wrongAnswers("child ", COUNT) == 0 ? 0 : 1; });
     EXPECT_EQ(wrongAnswers("parent ", COUNT), 0);
     EXPECT_EQ(resultOf(child), 0);
 }
 
 TEST_F(Fork, LeavesTheParentItsPipeWhenTheChildDropsIt) {
-    EXPECT_EQ(resultOf(inChild([&] { return post("child") == "child" ? 0 : 1; })), 0);
+    EXPECT_EQ(resultInChild([&] { return post("child") == "child" ? 0 : 1; }), 0);
     QvPipe* const pipe = client.getManager()->getPipe(name, "rw");
     pipe->writePipe("POST /echo QVTP/1.0\r\nContent-Length: 0\r\n\r\n", 0, 42);
     char answer[4] = {};
@@ -99,7 +78,7 @@ TEST_F(Fork, LeavesTheChildNoDescriptorOfAnIdlePipe) {
         const int before = Holdings::now().handles;
         return post("child") == "child" && Holdings::now().handles == before ? 0 : 1;
     };
-    EXPECT_EQ(resultOf(inChild(holdsAsManyAfterAPost)), 0);
+    EXPECT_EQ(resultInChild(holdsAsManyAfterAPost), 0);
 }
 
 TEST_F(Fork, LeavesTheParentTheAnswerToARequestThatTheChildDestroys) {
@@ -111,7 +90,7 @@ TEST_F(Fork, LeavesTheParentTheAnswerToARequestThatTheChildDestroys) {
         request.reset();
         return post("child") == "child" ? 0 : 1;
     };
-    EXPECT_EQ(resultOf(inChild(destroy)), 0);
+    EXPECT_EQ(resultInChild(destroy), 0);
     EXPECT_EQ(bodyOf(*response), body);
 }
 
@@ -122,7 +101,7 @@ TEST_F(Fork, ClosesAPipeOfTheParentThatTheChildGivesBack) {
         client.getManager()->returnPipe(pipe);
         return Holdings::now().handles < before ? 0 : 1;
     };
-    EXPECT_EQ(resultOf(inChild(giveBack)), 0);
+    EXPECT_EQ(resultInChild(giveBack), 0);
     client.getManager()->returnPipe(pipe);
     EXPECT_EQ(post("parent"), "parent");
 }

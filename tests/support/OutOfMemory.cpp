@@ -22,17 +22,26 @@ bool mustFail(std::size_t size) {
     return true;
 }
 
-void* allocate(std::size_t size) noexcept {
-    if (mustFail(size)) return nullptr;
-    void* const block = std::malloc(size > 0 ? size : 1);
-    if (block != nullptr) ++live;
-    return block;
+/// As the language has it: what fails is tried again as long as there is a handler that returns.
+void* allocateOrThrow(std::size_t size) {
+    for (;;) {
+        void* const block = mustFail(size) ? nullptr : std::malloc(size > 0 ? size : 1);
+        if (block != nullptr) {
+            ++live;
+            return block;
+        }
+        const std::new_handler handler = std::get_new_handler();
+        if (handler == nullptr) throw std::bad_alloc();
+        handler();
+    }
 }
 
-void* allocateOrThrow(std::size_t size) {
-    void* const block = allocate(size);
-    if (block == nullptr) throw std::bad_alloc();
-    return block;
+void* allocate(std::size_t size) noexcept {
+    try {
+        return allocateOrThrow(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 void release(void* block) noexcept {

@@ -1,0 +1,86 @@
+#include <qvtp/client/QvtpClient.h>
+#include <qvtp/config/QvtpConfig.h>
+#include <qvtp/message/QvtpMessage.h>
+
+#include "support/Child.h"
+#include "support/OutOfMemory.h"
+#include "support/Process.h"
+#include "support/Thrown.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace qvtp_test {
+namespace {
+
+using namespace Quovane::Qvtp;
+
+/// The first use of the configuration, in a child each time: a process reads it once.
+class ConfigWithoutMemory : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        writeFile(directory + "/settings.xml",
+                  "<root><QvtpClient function='F' component='C' stale_timeout='2'/></root>");
+        setEnvironment("QvtpConfigurationFile", directory + "/settings.xml");
+    }
+    void TearDown() override { unsetEnvironment("QvtpConfigurationFile"); }
+
+    static int staleTimeout() {
+        QvtpClient client;
+        QvtpConfig::getInstance().setQvtpClientOptions(client, "F", "C");
+        return client.getIntegerOption(QvtpClient::IDLE_TIMEOUT);
+    }
+
+    const std::string directory = makeTestDirectory();
+};
+
+enum Result { CONFIGURED, NOT_CONFIGURED, NO_ALLOCATION_LEFT };
+
+/// The nth allocation of the first getInstance() fails, and a second one is used.
+int configureAfterFailure(long n, int (*use)()) {
+    bool failed = false;
+    thrownBy([&] {
+        const OutOfMemory memory(n, OutOfMemory::ONCE);
+        failed = true;  // that is how it got out, if it did
+        QvtpConfig::getInstance();
+        failed = memory.hasFailed();
+    });
+    if (!failed) return NO_ALLOCATION_LEFT;
+    return use() == 2 ? CONFIGURED : NOT_CONFIGURED;
+}
+
+TEST_F(ConfigWithoutMemory, IsThereAtTheSecondCall) {
+    int result = CONFIGURED;
+    long n = 1;
+    while (result == CONFIGURED) {
+        result = resultInChild([n] { return configureAfterFailure(n, staleTimeout); });
+        EXPECT_TRUE(result == CONFIGURED || result == NO_ALLOCATION_LEFT) << n << ": " << result;
+        n += n < 20 ? 1 : 83;  // of some 4000
+    }
+    EXPECT_GT(n, 1000);
+}
+
+TEST_F(ConfigWithoutMemory, IsNoneWhenThereIsNotEnoughToParseTheFile) {
+    const std::string logFile = directory + "/log.txt";
+    const auto parseWithoutMemory = [&] {
+        QvtpMessage::setLoggingLevel(std::fopen(logFile.c_str(), "w"), LoggingLevel::ERROR, nullptr,
+                                     CommunicationLevel::OFF);
+        {
+            const OutOfMemory memory(2, OutOfMemory::FROM_THEN_ON, 100000);  // the parser's largest, after its reserve
+            QvtpConfig::getInstance();
+            if (!memory.hasFailed()) return 1;
+        }
+        if (staleTimeout() != 10000) return 2;
+        std::exit(0);  // what is left of the parser goes
+    };
+    EXPECT_EQ(resultInChild(parseWithoutMemory), 0);
+    EXPECT_THAT(contentsOfFile(logFile),
+                ::testing::HasSubstr("Unexpected Exception while parsing the Qvtp configuration file"));
+}
+
+}  // namespace
+}  // namespace qvtp_test
