@@ -12,7 +12,7 @@ using Quovane::Soa::Internal::Common::StringUtils;
 
 const std::string Version::sQvtpLabel = "QVTP/";
 
-const Version Version::CURRENT_VERSION(1, 0);
+const Version Version::CURRENT_VERSION(Constant(), 1, 0);
 
 Version::Version() : Version(1, 0) {}
 

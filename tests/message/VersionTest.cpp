@@ -114,4 +114,12 @@ TEST(VersionText, IsReadBackAsTheSameVersion) {
     }
 }
 
+/// Built before the objects of all other files.
+[[gnu::init_priority(101)]] const Version copiedFirst = Version::CURRENT_VERSION;
+
+TEST(VersionConstant, IsThereBeforeOtherStaticObjects) {
+    EXPECT_EQ(copiedFirst.getMajor(), 1);
+    EXPECT_EQ(copiedFirst.getMinor(), 0);
+}
+
 }  // namespace

@@ -10,7 +10,8 @@ namespace Quovane::Qvtp {
 /// object may be read by any thread. Nothing throws but for lack of memory.
 class QVTP_API Version {
   public:
-    /// The version that this library speaks and that every outgoing start line carries: 1.0.
+    /// The version that this library speaks and that every outgoing start line carries: 1.0. It is a constant of the
+    /// program: static objects may use it before and after everything else.
     static const Version CURRENT_VERSION;
 
     /// The current version.
@@ -37,6 +38,11 @@ class QVTP_API Version {
     std::string toString() const;
 
   private:
+    struct Constant {};
+    /// A template, and so no exported name, unlike Version(int, int).
+    template <typename Kind>
+    constexpr Version(Kind, int major, int minor) : major_(major), minor_(minor) {}
+
     static const std::string sQvtpLabel;
 
     int major_;
