@@ -142,6 +142,7 @@ void AbstractQvtpRequestImpl::prepare() {
     checkBodyPresent();
     pipe_ = client_->getManager()->getPipe(pipeName_, mode_);
     processId_ = System::currentProcessId();
+    announcesBody_ = message_.announcesBody(bodyStream_ != nullptr);
     exchangeComplete_ = false;
 }
 
@@ -202,7 +203,7 @@ void AbstractQvtpRequestImpl::releasePipe() {
     if (pipe_ == nullptr) return;
     // In a forked child the connection is the parent's, and so is what can be read from it.
     const bool isOwn = processId_ == System::currentProcessId();
-    const bool reusable = isOwn && exchangeComplete_ && finishResponse() && nothingIsLeft();
+    const bool reusable = isOwn && announcesBody_ && exchangeComplete_ && finishResponse() && nothingIsLeft();
     if (responseBody_ != nullptr) responseBody_->detach();
     if (!reusable) {
         dropPipe();

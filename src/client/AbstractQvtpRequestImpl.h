@@ -74,7 +74,8 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     std::istream* bodyStream_ = nullptr;  // not owned
     Quovane::Soa::Common::Xml::Utf8String encoder_;
     QvtpMessageOutImpl message_;
-    std::uint32_t processId_ = 0;                // in which pipe_ was taken
+    bool announcesBody_ = false;   // otherwise the server takes up the next request elsewhere than it begins
+    std::uint32_t processId_ = 0;  // in which pipe_ was taken
     std::shared_ptr<InputBuffer> responseBody_;  // shared with the response, which may be gone
     bool exchangeComplete_ = false;              // nothing failed: the pipe may be used again behind the response
     const int exceptionsBefore_ = std::uncaught_exceptions();  // of which none makes the destructor keep quiet

@@ -3,6 +3,7 @@
 #include <qvtp/io/IllegalArgumentException.h>
 
 #include "common/MessageSink.h"
+#include "common/StringUtils.h"
 #include "logging/Log.h"
 #include "message/BodyRecord.h"
 
@@ -11,6 +12,8 @@
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
+
+using Quovane::Soa::Internal::Common::StringUtils;
 
 namespace {
 
@@ -59,6 +62,15 @@ bool QvtpMessageOutImpl::isCommitted() const {
 
 std::uint64_t QvtpMessageOutImpl::getBodyLength() const {
     return hasBody() ? bodyLength_ : NO_BODY;
+}
+
+bool QvtpMessageOutImpl::announcesBody(bool chunked) const {
+    // As the receiver has it: the length comes first.
+    const std::string length = headers_.getHeader(HEADER_CONTENT_LENGTH);
+    if (chunked) {
+        return length.empty() && headers_.getHeader(HEADER_TRANSFER_ENCODING) == HEADER_CHUNKED_ENCODING;
+    }
+    return hasBody() && !length.empty() && bodyLength_ == static_cast<std::uint64_t>(StringUtils::toInteger(length));
 }
 
 void QvtpMessageOutImpl::writeBody(std::ostream* out) const {

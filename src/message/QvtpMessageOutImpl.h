@@ -38,6 +38,9 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     bool hasBody() const { return body_ != nullptr; }
     /// The length given to setBody(), or NO_BODY.
     std::uint64_t getBodyLength() const;
+    /// Whether the headers announce the body as it is sent, in chunks or whole: otherwise its receiver ends the message
+    /// elsewhere.
+    bool announcesBody(bool chunked) const;
     /// Writes the body given to setBody(), if any.
     void writeBody(std::ostream* out) const;
     void writeHeaders(std::ostream* out) override;

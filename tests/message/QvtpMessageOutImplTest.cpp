@@ -182,4 +182,22 @@ TEST(QvtpMessageOutImplLog, RecordsNothingWhenOnlyInputIsRecorded) {
     EXPECT_EQ(log.communication(), "");
 }
 
+TEST(QvtpMessageOutImplBody, IsAnnouncedByTheFirstLengthOrInChunks) {
+    OutgoingMessage message;
+    EXPECT_FALSE(message->announcesBody(false));
+    EXPECT_FALSE(message->announcesBody(true));
+    message.setBody("hello");
+    EXPECT_TRUE(message->announcesBody(false));
+    message.setBody("hi");
+    EXPECT_FALSE(message->announcesBody(false));
+    message.setHeader("content-length", "2");
+    EXPECT_TRUE(message->announcesBody(false));
+    message.removeHeader("Content-Length");
+    EXPECT_FALSE(message->announcesBody(false));
+    message.addHeader("Transfer-Encoding", "chunked");
+    EXPECT_TRUE(message->announcesBody(true));
+    message.addHeader("Content-Length", "2");
+    EXPECT_FALSE(message->announcesBody(true));
+}
+
 }  // namespace

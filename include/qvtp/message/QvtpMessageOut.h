@@ -29,7 +29,8 @@ class QVTP_API QvtpMessageOut : public QvtpMessage {
     virtual void removeHeader(const std::string& name) = 0;
 
     /// Copies the body and adds its length to HEADER_CONTENT_LENGTH. Call it once: the second call's length is added to
-    /// the header's values, of which the receiver reads the first. `data` may be null if `length` is 0.
+    /// the header's values, of which the receiver reads the first: it cuts the body off or waits for more. That spoils
+    /// this exchange only: a client gives up the connection after it. `data` may be null if `length` is 0.
     /// Throws IllegalArgumentException if `length` is above 2147483647, which no receiver can read; a body stream has
     /// no such limit. When it throws, the message is as it was.
     virtual void setBody(const char* data, size_t length) = 0;
