@@ -19,8 +19,9 @@ class QVTP_API OneWayRequest : public AbstractQvtpRequest {
   public:
     OneWayRequest(const OneWayRequest&) = delete;
     OneWayRequest& operator=(const OneWayRequest&) = delete;
-    /// Gives the pipe back to the pool, or closes it if the exchange has failed. An exception of the connection
-    /// manager's returnPipe() other than IllegalStateException may leave it.
+    /// Gives the pipe back to the pool, or closes it if the exchange has failed or, in a forked child, if the pipe is
+    /// the parent's. An exception of the connection manager's returnPipe() other than IllegalStateException may leave
+    /// it.
     ~OneWayRequest() noexcept(false) override;
 
     std::string getStartLine() override;

@@ -17,7 +17,9 @@ namespace Quovane::Qvtp {
 ///     request.setBody("12 EUR", 6);
 ///     std::unique_ptr<QvtpResponse> response(request.execute());
 ///
-/// Any thread may use it. It must outlive its requests, and they the reading of their responses.
+/// Any thread may use it. It must outlive its requests, and they the reading of their responses. In a forked child it
+/// makes pipes of its own: those of the parent are dropped there, and stay open in the parent. docs/threading.md has
+/// more about forks.
 class QVTP_API QvtpClient {
   public:
     enum ClientOptions : int {

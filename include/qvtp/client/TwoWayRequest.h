@@ -19,9 +19,11 @@ class QVTP_API TwoWayRequest : public AbstractQvtpRequest {
   public:
     TwoWayRequest(const TwoWayRequest&) = delete;
     TwoWayRequest& operator=(const TwoWayRequest&) = delete;
-    /// Gives the pipe back to the pool, or closes it if the response cannot be brought to its end at once. A response
-    /// that is read later ends there. An exception of the connection manager's returnPipe() other than
-    /// IllegalStateException may leave it.
+    /// Gives the pipe back to the pool, or closes it: if the exchange failed, if the rest of the response is more than
+    /// 64 KB or takes more than 100 ms, all in all, or if bytes came after the response that belong to no message.
+    /// (Those that are still on their way cannot be seen.) A response that is read later ends there. In a forked child
+    /// the parent's pipe is closed, for the child alone, without reading from it. An exception of the connection
+    /// manager's returnPipe() other than IllegalStateException may leave it.
     ~TwoWayRequest() noexcept(false) override;
 
     std::string getStartLine() override;

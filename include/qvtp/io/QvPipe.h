@@ -18,6 +18,7 @@ namespace Quovane::Io {
 /// One end of a local named pipe: the client's, opened by name, or the server's, filled in by ServerQvPipe::accept.
 ///
 /// Copies share the connection: closing one closes all. They also share the two streams, which the last copy frees.
+/// Copies may end on several threads at once. Closing and ending need no memory.
 /// One thread at a time reads and writes. close() may come from any thread; it makes a blocked call throw
 /// InterruptedException. After any exception from reading or writing the pipe is good for closing only.
 ///

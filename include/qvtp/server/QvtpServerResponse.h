@@ -49,6 +49,9 @@ class QVTP_API QvtpServerResponse : public QvtpMessageOut {
 
     /// A stream for a body of any length, sent in chunks of the server's BUFFER_SIZE; a flush sends what there is. It
     /// belongs to the response. The start line and headers go out with the first byte: set them before.
+    /// Read the whole body of the request before you write more than some 64 KB here: the client reads nothing until it
+    /// has written its whole request. Otherwise each waits for the other, the write times out after 10 seconds, and
+    /// both lose.
     std::ostream* getBodyStream();
 
     /// Sends the response, or its end after a body stream. Call it once. Throws IllegalStateException if no body was
