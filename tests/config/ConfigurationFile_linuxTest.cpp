@@ -17,7 +17,10 @@ using ::testing::HasSubstr;
 /// On Linux a path is any bytes.
 class ConfigurationPath : public ::testing::Test {
   protected:
-    void TearDown() override { unsetEnvironment("QvtpConfigurationFile"); }
+    void TearDown() override {
+        unsetEnvironment("QvtpConfigurationFile");
+        unsetEnvironment("ASAN_OPTIONS");
+    }
 
     /// What a process prints whose configuration file is this one, relative to the directory of the test.
     std::string probe(const std::string& path, const std::string& contents) {
@@ -52,6 +55,7 @@ TEST_F(ConfigurationPath, IsWhereTheGrammarIsLookedFor) {
     writeFile(directory + "/settings.dtd",
               "<!ELEMENT root (QvtpClient*)><!ELEMENT QvtpClient EMPTY><!ATTLIST QvtpClient function CDATA #REQUIRED "
               "component CDATA #REQUIRED stale_timeout CDATA '2'>");
+    setEnvironment("ASAN_OPTIONS", "detect_leaks=0");  // Xerces-C++ 3.2 loses an entity of such a file
     EXPECT_THAT(probe(directory + "/settings.xml",
                       "<!DOCTYPE root SYSTEM 'settings.dtd'><root><QvtpClient function='F' component='C'/></root>"),
                 HasSubstr("\nclient 60000 2 40960 QvtpClient\n"));
