@@ -40,7 +40,7 @@ ServerQvPipe::ServerQvPipe(const ServerQvPipe& other)
       instanceCounter_(other.instanceCounter_),
       acceptTimeout_(other.acceptTimeout_),
       prefix_(other.prefix_),
-      established_(other.established_),
+      lastInstance_(other.lastInstance_),
       closed_(other.closed_.load()),
       pipeHandle_(other.pipeHandle_.load()),
       eventHandle_(other.eventHandle_.load()) {}
@@ -53,7 +53,7 @@ ServerQvPipe& ServerQvPipe::operator=(const ServerQvPipe& other) {
     instanceCounter_ = other.instanceCounter_;
     acceptTimeout_ = other.acceptTimeout_;
     prefix_ = other.prefix_;
-    established_ = other.established_;
+    lastInstance_ = other.lastInstance_;
     closed_ = other.closed_.load();
     pipeHandle_ = other.pipeHandle_.load();
     eventHandle_ = other.eventHandle_.load();
@@ -82,11 +82,13 @@ bool ServerQvPipe::isBound() const {
 void ServerQvPipe::bindPipe(const std::string& path, bool first) {
     NativeHandle pipeHandle = INVALID_NATIVE_HANDLE;
     NativeHandle eventHandle = INVALID_NATIVE_HANDLE;
-    const int error = platformCreateInstance(path, readable_, writable_, first, pipeHandle, eventHandle);
+    const int error =
+        first ? platformCreateInstance(path, readable_, writable_, first, pipeHandle, eventHandle)
+              : platformCreateNextInstance(lastInstance_, path, readable_, writable_, pipeHandle, eventHandle);
     eventHandle_ = eventHandle;
     pipeHandle_ = pipeHandle;
     if (error != 0) throw BindException("CreateNamedPipe failed");
-    established_ = true;
+    lastInstance_ = pipeHandle;
 }
 
 QvPipe ServerQvPipe::accept() {
@@ -153,7 +155,7 @@ void ServerQvPipe::createNextInstance(const std::string& path) {
 /// After a failed create there is no instance to wait on: try again, but slowly, since the reason may still be there.
 /// Never for a name that could not be taken in the first place: it may be somebody else's.
 void ServerQvPipe::ensureInstance(const std::string& path) {
-    if (pipeHandle_ != INVALID_NATIVE_HANDLE || closed_ || !established_) return;
+    if (pipeHandle_ != INVALID_NATIVE_HANDLE || closed_ || lastInstance_ == INVALID_NATIVE_HANDLE) return;
     try {
         createNextInstance(path);
     } catch (BindException&) {

@@ -84,10 +84,8 @@ std::string directoryPath() {
 }
 
 /// A directory that others can write to, or that another user made, would let them put their own sockets there.
-bool isPrivate(int directory) {
-    struct stat status {};
-    return ::fstat(directory, &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == ::geteuid() &&
-           (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+bool isPrivate(const struct stat& status) {
+    return S_ISDIR(status.st_mode) && status.st_uid == ::geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 
 }  // namespace
@@ -96,7 +94,10 @@ int PipeAddress::resolve(const std::string& pipePath, Directory directory) {
     const std::string name = bareName(pipePath);
     if (name.empty()) return SystemError::INVALID_NAME;
     if (name.size() > MAX_NAME_LENGTH) return SystemError::NAME_TOO_LONG;
-    stem_ = stemOf(name);
+    const std::string stem = stemOf(name);
+    lockFile_ = stem + ".lock";
+    socketFile_ = stem + ".sock";
+    freshSocketFile_ = stem + ".new";
     directoryPath_ = directoryPath();
     return openDirectory(directory);
 }
@@ -111,12 +112,20 @@ int PipeAddress::openDirectory(Directory directory) {
         const bool isOther = errno == ENOTDIR || errno == ELOOP;
         return isOther ? SystemError::ACCESS_DENIED : SystemError::fromErrno(errno);
     }
-    return isPrivate(directory_.get()) ? SystemError::NONE : SystemError::ACCESS_DENIED;
+    struct stat status {};
+    if (::fstat(directory_.get(), &status) != 0 || !isPrivate(status)) return SystemError::ACCESS_DENIED;
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+    return SystemError::NONE;
+}
+
+bool PipeAddress::isSame(const PipeAddress& other) const {
+    return device_ == other.device_ && inode_ == other.inode_ && lockFile_ == other.lockFile_;
 }
 
 std::string PipeAddress::socketPath(const std::string& file) const {
     std::string path = directoryPath_ + "/" + file;
-    if (path.size() <= MAX_SOCKET_PATH) return path;
+    if (directoryPath_[0] == '/' && path.size() <= MAX_SOCKET_PATH) return path;
     return "/proc/self/fd/" + std::to_string(directory_.get()) + "/" + file;
 }
 

@@ -2,6 +2,7 @@
 
 #include "platform/Descriptor_linux.h"
 
+#include <cstdint>
 #include <string>
 
 namespace Quovane::Internal::Qvtp {
@@ -9,6 +10,9 @@ namespace Quovane::Internal::Qvtp {
 /// Where the files of one pipe name are: a private directory with `<stem>.lock` and `<stem>.sock` for each name
 /// (docs/porting.md says what they mean). Names that differ only in the case of ASCII letters, or in "/" against "\",
 /// are one.
+///
+/// It is found once and then kept: neither the environment nor the user, the current directory or the directory's mode
+/// matter to an address that has been resolved.
 class PipeAddress {
   public:
     enum class Directory { MUST_EXIST, CREATE };
@@ -17,22 +21,28 @@ class PipeAddress {
     /// the number of a SystemError.
     int resolve(const std::string& pipePath, Directory directory);
 
-    /// Directory and stem: what identifies the name within this process.
-    std::string key() const { return directoryPath_ + "/" + stem_; }
+    /// Whether both are one name in one directory, whatever the path on which each was found.
+    bool isSame(const PipeAddress& other) const;
+
     int directory() const { return directory_.get(); }
-    std::string lockFile() const { return stem_ + ".lock"; }
-    std::string socketFile() const { return stem_ + ".sock"; }
+    const std::string& lockFile() const { return lockFile_; }
+    const std::string& socketFile() const { return socketFile_; }
     /// The name under which a socket is bound before it listens.
-    std::string freshSocketFile() const { return stem_ + ".new"; }
-    /// A path to a file of the directory that fits into a socket address, however long the directory's own path is.
+    const std::string& freshSocketFile() const { return freshSocketFile_; }
+    /// A path to a file of the directory that fits into a socket address and does not depend on the current directory.
     std::string socketPath(const std::string& file) const;
 
   private:
     int openDirectory(Directory directory);
 
     std::string directoryPath_;
-    std::string stem_;
     Descriptor directory_;
+    std::uint64_t device_ = 0;  // with the inode: which directory it is
+    std::uint64_t inode_ = 0;
+    // Made once: a name is given up without any memory.
+    std::string lockFile_;
+    std::string socketFile_;
+    std::string freshSocketFile_;
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -9,6 +9,10 @@
 
 namespace Quovane::Internal::Qvtp {
 
+PipeObject::~PipeObject() {
+    if (!closed) close();
+}
+
 void PipeObject::close() {
     if (owner != ::getpid()) return;
     if (served != nullptr) {

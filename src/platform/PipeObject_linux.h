@@ -13,6 +13,12 @@ namespace Quovane::Internal::Qvtp {
 /// What a pipe handle stands for: a waiting instance or one end of a connection. Every running call holds a reference,
 /// so a descriptor is closed, and its number can be used again, only when the last of them has left.
 struct PipeObject {
+    PipeObject() = default;
+    /// Closes an object that got no handle.
+    ~PipeObject();
+    PipeObject(const PipeObject&) = delete;
+    PipeObject& operator=(const PipeObject&) = delete;
+
     bool readable = false;
     bool writable = false;
     Descriptor event;                      // signalled for good by the close

@@ -11,17 +11,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <map>
+#include <utility>
+#include <vector>
 
 namespace Quovane::Internal::Qvtp {
 
 namespace {
 
-using NameTable = std::map<std::string, std::shared_ptr<ServedName>>;
-
-/// Never freed: destructors of static objects may still close pipes.
-NameTable& nameTable() {
-    static NameTable* const table = new NameTable;
+/// The names that this process serves. Never freed: destructors of static objects may still close pipes.
+std::vector<std::shared_ptr<ServedName>>& nameTable() {
+    static auto* const table = new std::vector<std::shared_ptr<ServedName>>;
     return *table;
 }
 
@@ -42,33 +41,44 @@ std::mutex& ServedName::namesMutex() {
 ServedName::ServedName(PipeAddress address, char direction)
     : address_(std::move(address)), direction_(direction), owner_(::getpid()) {}
 
+ServedName::~ServedName() {
+    if (lock_.isOpen() && isOwn()) release();
+}
+
+bool ServedName::isOwn() const {
+    return owner_ == ::getpid();
+}
+
 int ServedName::addInstance(PipeAddress address, char direction, bool first, std::shared_ptr<ServedName>& name,
                             Descriptor& event) {
-    NameTable& table = nameTable();
-    const std::string key = address.key();
-    auto entry = table.find(key);
-    if (entry != table.end() && entry->second->owner_ != ::getpid()) {
-        table.erase(entry);
-        entry = table.end();
+    auto& table = nameTable();
+    const auto isInherited = [](const std::shared_ptr<ServedName>& entry) { return !entry->isOwn(); };
+    table.erase(std::remove_if(table.begin(), table.end(), isInherited), table.end());
+    for (const std::shared_ptr<ServedName>& entry : table) {
+        if (!entry->address_.isSame(address)) continue;
+        if (first) return SystemError::ACCESS_DENIED;
+        name = entry;
+        return name->addInstance(direction, event);
     }
-    const bool isNew = entry == table.end();
-    std::shared_ptr<ServedName> served =
-        isNew ? std::make_shared<ServedName>(std::move(address), direction) : entry->second;
-    if (!isNew && (first || served->direction_ != direction)) return SystemError::ACCESS_DENIED;
+    table.reserve(table.size() + 1);  // entering it is the last step and must not fail
+    const auto served = std::make_shared<ServedName>(std::move(address), direction);
+    int error = served->takeLock();
+    if (error == SystemError::NONE) error = served->addInstance(direction, event);
+    if (error != SystemError::NONE) return error;
+    table.push_back(served);
+    name = served;
+    return SystemError::NONE;
+}
 
-    int error = isNew ? served->takeLock() : SystemError::NONE;
-    if (error == SystemError::NONE) error = served->reserveEvent();
-    if (error == SystemError::NONE && served->listener_ == nullptr) error = served->listen();
-    if (error != SystemError::NONE) {
-        if (isNew && served->lock_.isOpen()) served->release();
-        return error;
-    }
-    ++served->ends_;
-    ++served->waiting_;
-    served->updateBacklog();
-    event = std::move(served->reservedEvent_);
-    if (isNew) table.emplace(key, served);
-    name = std::move(served);
+int ServedName::addInstance(char direction, Descriptor& event) {
+    if (direction != direction_) return SystemError::ACCESS_DENIED;
+    int error = reserveEvent();
+    if (error == SystemError::NONE && listener_ == nullptr) error = listen();
+    if (error != SystemError::NONE) return error;
+    ++ends_;
+    ++waiting_;
+    updateBacklog();
+    event = std::move(reservedEvent_);
     return SystemError::NONE;
 }
 
@@ -88,19 +98,20 @@ int ServedName::takeLock() {
 }
 
 int ServedName::listen() {
-    Descriptor socket = LocalSocket::create();
-    if (!socket.isOpen()) return SystemError::fromErrno(errno);
+    const auto socket = std::make_shared<Descriptor>(LocalSocket::create());
+    if (!socket->isOpen()) return SystemError::fromErrno(errno);
     // Bound under another name and renamed once it listens: no client meets a socket that refuses it, and a file that a
     // killed server left is replaced. The lock makes this process the only one that touches either name.
-    const std::string fresh = address_.freshSocketFile();
-    ::unlinkat(address_.directory(), fresh.c_str(), 0);
-    if (!LocalSocket::bind(socket.get(), address_.socketPath(fresh)) || ::listen(socket.get(), 0) != 0 ||
-        ::renameat(address_.directory(), fresh.c_str(), address_.directory(), address_.socketFile().c_str()) != 0) {
+    const char* const fresh = address_.freshSocketFile().c_str();
+    const std::string freshPath = address_.socketPath(address_.freshSocketFile());
+    ::unlinkat(address_.directory(), fresh, 0);
+    if (!LocalSocket::bind(socket->get(), freshPath) || ::listen(socket->get(), 0) != 0 ||
+        ::renameat(address_.directory(), fresh, address_.directory(), address_.socketFile().c_str()) != 0) {
         const int error = errno;
-        ::unlinkat(address_.directory(), fresh.c_str(), 0);
+        ::unlinkat(address_.directory(), fresh, 0);
         return SystemError::fromErrno(error);
     }
-    listener_ = std::make_shared<Descriptor>(std::move(socket));
+    listener_ = socket;
     return SystemError::NONE;
 }
 
@@ -122,17 +133,16 @@ void ServedName::instanceConnected() {
 }
 
 void ServedName::endClosed(bool waiting) {
-    if (owner_ != ::getpid()) return;
+    if (!isOwn()) return;
     if (waiting) --waiting_;
     --ends_;
-    if (waiting && waiting_ == 0) stopListening();
     if (waiting && waiting_ > 0) updateBacklog();
-    if (ends_ == 0) {
-        stopListening();
-        const std::shared_ptr<ServedName> self = nameTable()[address_.key()];
-        nameTable().erase(address_.key());
-        release();
-    }
+    if (waiting_ == 0 && (waiting || ends_ == 0)) stopListening();
+    if (ends_ > 0) return;
+    release();
+    auto& table = nameTable();
+    const auto isThis = [this](const std::shared_ptr<ServedName>& entry) { return entry.get() == this; };
+    table.erase(std::remove_if(table.begin(), table.end(), isThis), table.end());
 }
 
 void ServedName::stopListening() {

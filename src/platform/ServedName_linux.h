@@ -18,9 +18,12 @@ class ServedName {
     static std::mutex& namesMutex();
 
     /// Adds a waiting instance to the name, taking the name first if this process does not serve it. `event` receives
-    /// the instance's event. Returns 0 or the number of a SystemError; on failure everything is as it was.
+    /// the instance's event. Returns 0 or the number of a SystemError; on failure everything is as it was, also when
+    /// memory runs out.
     static int addInstance(PipeAddress address, char direction, bool first, std::shared_ptr<ServedName>& name,
                            Descriptor& event);
+    /// The same for a name that this process serves. It looks nothing up.
+    int addInstance(char direction, Descriptor& event);
 
     /// The byte of the lock file that tells clients what they may do: '1' the server reads, '2' it writes, '3' both.
     static char directionOf(bool readable, bool writable) {
@@ -35,14 +38,16 @@ class ServedName {
 
     /// A waiting instance became a connection.
     void instanceConnected();
-    /// A server end is closed; `waiting`: it was an instance that still waited.
+    /// A server end is closed; `waiting`: it was an instance that still waited. Takes no memory.
     void endClosed(bool waiting);
 
     ServedName(PipeAddress address, char direction);
+    ~ServedName();
     ServedName(const ServedName&) = delete;
     ServedName& operator=(const ServedName&) = delete;
 
   private:
+    bool isOwn() const;
     int takeLock();
     int listen();
     void stopListening();

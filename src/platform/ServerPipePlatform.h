@@ -20,6 +20,13 @@ inline constexpr int ABORTED = -4;
 int platformCreateInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
                            NativeHandle& eventHandle);
 
+/// Creates one more instance of the name that `sibling` belongs to, an instance or the server's end of a connection.
+/// Where a name has to be looked up, that was done once: what the environment says now plays no part, and it takes no
+/// descriptor that an accept has not set aside. Without a living sibling, and where names are the system's, it is
+/// platformCreateInstance with the path.
+int platformCreateNextInstance(NativeHandle sibling, const std::string& path, bool readable, bool writable,
+                               NativeHandle& pipeHandle, NativeHandle& eventHandle);
+
 /// Waits for a client on the instance. `timeoutMs`: 0 waits without limit; after a time-out the instance waits on.
 /// On success the two handles are the server's end of the connection. Returns an AcceptResult.
 int platformAccept(NativeHandle pipeHandle, NativeHandle eventHandle, int timeoutMs);

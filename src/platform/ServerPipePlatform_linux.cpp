@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -158,33 +159,70 @@ int acceptOn(NativeHandle pipeHandle, int timeoutMs) {
     return AcceptResult::CONNECT_ERROR;
 }
 
-}  // namespace
+/// Enters an instance of a name that was looked up just now.
+int addInstance(const std::string& path, bool first, PipeObject& object) {
+    PipeAddress address;
+    const int error = address.resolve(path, PipeAddress::Directory::CREATE);
+    if (error != SystemError::NONE) return error;
+    const char direction = ServedName::directionOf(object.readable, object.writable);
+    NamesGuard guard(ServedName::namesMutex());
+    const int result = ServedName::addInstance(std::move(address), direction, first, object.served, object.event);
+    if (result == SystemError::NONE) object.listener = object.served->listener();
+    return result;
+}
 
-int platformCreateInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
-                           NativeHandle& eventHandle) {
-    pipeHandle = INVALID_NATIVE_HANDLE;
-    eventHandle = INVALID_NATIVE_HANDLE;
+/// Enters an instance of the sibling's name. False if there is no such sibling any more.
+bool addInstance(NativeHandle sibling, PipeObject& object, int& error) {
+    const ObjectPtr known = HandleTable::instance().find(sibling);
+    if (known == nullptr || known->served == nullptr || known->owner != ::getpid()) return false;
+    NamesGuard guard(ServedName::namesMutex());
+    if (known->closed) return false;
+    error = known->served->addInstance(ServedName::directionOf(object.readable, object.writable), object.event);
+    if (error != SystemError::NONE) return true;
+    object.served = known->served;
+    object.listener = known->served->listener();
+    return true;
+}
 
-    auto object = std::make_shared<PipeObject>();
+/// Returns 0 or the number of a SystemError. Leaves nothing behind unless there is a handle.
+int makeInstance(NativeHandle sibling, const std::string& path, bool readable, bool writable, bool first,
+                 NativeHandle& pipeHandle) try {
+    const auto object = std::make_shared<PipeObject>();
     object->readable = readable;
     object->writable = writable;
     object->owner = ::getpid();
-    PipeAddress address;
-    int error = address.resolve(path, PipeAddress::Directory::CREATE);
-    if (error == SystemError::NONE) {
-        NamesGuard guard(ServedName::namesMutex());
-        const char direction = ServedName::directionOf(readable, writable);
-        error = ServedName::addInstance(std::move(address), direction, first, object->served, object->event);
-        if (error == SystemError::NONE) object->listener = object->served->listener();
-    }
+    int error = SystemError::NONE;
+    if (!addInstance(sibling, *object, error)) error = addInstance(path, first, *object);
+    if (error == SystemError::NONE) pipeHandle = HandleTable::instance().add(object);
+    return error;
+} catch (const std::bad_alloc&) {
+    return SystemError::NOT_ENOUGH_MEMORY;
+}
+
+int createInstance(NativeHandle sibling, const std::string& path, bool readable, bool writable, bool first,
+                   NativeHandle& pipeHandle, NativeHandle& eventHandle) {
+    pipeHandle = INVALID_NATIVE_HANDLE;
+    eventHandle = INVALID_NATIVE_HANDLE;
+    const int error = makeInstance(sibling, path, readable, writable, first, pipeHandle);
     if (error != SystemError::NONE) {
         logError([&] { return text("CreateNamedPipe failed: ", error); });
         return error;
     }
-    pipeHandle = HandleTable::instance().add(std::move(object));
     eventHandle = HandleTable::eventHandleOf(pipeHandle);
     logDebug([&] { return text("bindPipe: handle=", printable(pipeHandle), " event=", printable(eventHandle)); });
     return SystemError::NONE;
+}
+
+}  // namespace
+
+int platformCreateInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
+                           NativeHandle& eventHandle) {
+    return createInstance(INVALID_NATIVE_HANDLE, path, readable, writable, first, pipeHandle, eventHandle);
+}
+
+int platformCreateNextInstance(NativeHandle sibling, const std::string& path, bool readable, bool writable,
+                               NativeHandle& pipeHandle, NativeHandle& eventHandle) {
+    return createInstance(sibling, path, readable, writable, false, pipeHandle, eventHandle);
 }
 
 int platformAccept(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {

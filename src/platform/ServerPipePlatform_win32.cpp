@@ -153,6 +153,11 @@ int platformCreateInstance(const std::string& path, bool readable, bool writable
     return ERROR_SUCCESS;
 }
 
+int platformCreateNextInstance(NativeHandle, const std::string& path, bool readable, bool writable,
+                               NativeHandle& pipeHandle, NativeHandle& eventHandle) {
+    return platformCreateInstance(path, readable, writable, false, pipeHandle, eventHandle);
+}
+
 int platformAccept(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
     logDebug("Calling ConnectNamedPipe.");
     const int result = acceptOn(pipeHandle, timeoutMs);

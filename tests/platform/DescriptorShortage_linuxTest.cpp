@@ -5,8 +5,11 @@
 #include "support/Thrown.h"
 
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <deque>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -71,6 +74,92 @@ TEST_F(DescriptorShortage, IsMetBeforeAClientIsTakenAndNotWhenTheNextInstanceIsC
     EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
     EXPECT_EQ(createNext(next), 0);
 }
+
+TEST_F(DescriptorShortage, IsNoneForANextInstanceWhoseAcceptFoundTwo) {
+    End server, next, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    Shortage shortage;
+    shortage.release(2);  // the next instance's event and the connection
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+    EXPECT_EQ(platform::platformCreateNextInstance(server.pipe, path(), true, true, next.pipe, next.event), 0);
+}
+
+/// A server with few descriptors left, and clients of another process, one after the other. Each stays connected.
+class FewDescriptors : public DescriptorShortage, public ::testing::WithParamInterface<int> {
+  protected:
+    static constexpr int CLIENTS = 6;
+
+    void TearDown() override {
+        if (child > 0) ::waitpid(child, nullptr, 0);
+    }
+
+    /// The clients' process ends with the number of those that got no answer.
+    void startClients() {
+        child = ::fork();
+        if (child != 0) return;
+        int failures = 0;
+        std::deque<QvPipe> clients;
+        for (int i = 0; i < CLIENTS; ++i) {
+            QvPipe& client = clients.emplace_back();
+            const std::string thrown = thrownBy([&] {
+                client.setConnectTimeout(20000);
+                client.connect(name, true, true);
+                char byte = '?';
+                client.writePipe(&byte, 0, 1);
+                if (client.readPipe(&byte, 0, 1, 20000) != 1 || byte != '!') ++failures;
+            });
+            if (thrown != "nothing") ++failures;
+        }
+        ::_exit(failures);
+    }
+    int failedClients() {
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        child = 0;
+        return WEXITSTATUS(status);
+    }
+    static void answer(QvPipe& pipe) {
+        char byte = 0;
+        ASSERT_EQ(pipe.readPipe(&byte, 0, 1, 5000), 1);
+        pipe.writePipe("!", 0, 1);
+    }
+
+    pid_t child = 0;
+};
+
+TEST_P(FewDescriptors, ServeEveryClientOrLetItWait) {
+    ServerQvPipe server(name, true, true);
+    server.setAcceptTimeout(5000);
+    startClients();
+    LogCapture log(LogCapture::LoggingLevel::WARN);
+    Shortage shortage;
+    shortage.release(GetParam());
+    std::deque<QvPipe> connections;
+    int served = 0;
+    int shortages = 0;
+    while (served < CLIENTS) {
+        QvPipe& pipe = connections.emplace_back();
+        const std::string thrown = thrownBy([&] { server.accept(pipe); });
+        if (thrown == "nothing") {
+            ++served;
+            answer(pipe);
+            continue;
+        }
+        ASSERT_EQ(thrown, "QvPipeException: acceptPipe failed");
+        ++shortages;
+        connections.pop_back();
+        if (connections.empty()) shortage.release(2 - GetParam());
+        if (!connections.empty()) connections.pop_front();
+    }
+    shortage.end();
+    EXPECT_EQ(failedClients(), 0);
+    EXPECT_THAT(log.messages(),
+                ::testing::AllOf(::testing::SizeIs(shortages), ::testing::Each("ERROR Connect error: 4")));
+    EXPECT_GT(shortages, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(From0To8, FewDescriptors, ::testing::Range(0, 9));
 
 TEST_F(DescriptorShortage, IsNoHindranceToACloseDuringAccept) {
     End server, client;

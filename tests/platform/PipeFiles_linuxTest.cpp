@@ -93,7 +93,8 @@ TEST_F(PipeFiles, LieUnderTmpByUserWithoutTheVariable) {
         empty ? ::setenv("QVTP_PIPE_DIR", "", 1) : ::unsetenv("QVTP_PIPE_DIR");
         platform::PipeAddress address;
         ASSERT_EQ(address.resolve(path(), platform::PipeAddress::Directory::CREATE), 0);
-        EXPECT_EQ(address.key(), "/tmp/qvtp-pipe-" + std::to_string(::geteuid()) + "/" + name);
+        EXPECT_EQ(address.socketPath(address.socketFile()),
+                  "/tmp/qvtp-pipe-" + std::to_string(::geteuid()) + "/" + name + ".sock");
     }
 }
 

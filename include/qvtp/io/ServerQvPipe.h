@@ -66,8 +66,8 @@ class QVTP_API ServerQvPipe {
     int instanceCounter_ = 0;
     int acceptTimeout_ = 0;
     std::string prefix_;
-    bool established_ = false;              // an instance was there once, so the name is ours
-    std::atomic<bool> handingOver_{false};  // a client was accepted, and has no worker yet
+    NativeHandle lastInstance_ = INVALID_NATIVE_HANDLE;  // valid: the name is ours; the next instance joins this one
+    std::atomic<bool> handingOver_{false};               // a client was accepted, and has no worker yet
     // close() sets and takes these while another thread is in accept().
     std::atomic<bool> closed_{false};
     std::atomic<NativeHandle> pipeHandle_{INVALID_NATIVE_HANDLE};
