@@ -1,7 +1,9 @@
 #include "platform/LocalSocket_linux.h"
 
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -57,6 +59,11 @@ Descriptor create() {
 
 void reserveSendBuffer(int fd) {
     ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_SIZE, sizeof SEND_BUFFER_SIZE);
+}
+
+int unreadMemory(int fd) {
+    int memory = -1;
+    return ::ioctl(fd, SIOCOUTQ, &memory) == 0 ? memory : -1;
 }
 
 bool bind(int fd, const std::string& path) {

@@ -15,6 +15,10 @@ Descriptor create();
 /// pieces: the kernel counts its own bookkeeping too.
 void reserveSendBuffer(int fd);
 
+/// How much memory the kernel holds for what the peer has not read: more than its bytes, 0 for none, -1 if it does not
+/// say. It falls when the last byte of a buffer has been read.
+int unreadMemory(int fd);
+
 bool bind(int fd, const std::string& path);
 
 /// Connects without waiting: EAGAIN means that the server's queue is full.

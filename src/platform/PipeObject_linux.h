@@ -2,6 +2,7 @@
 
 #include "platform/Descriptor_linux.h"
 #include "platform/PipePlatform.h"
+#include "platform/ReaderPace_linux.h"
 #include "platform/ServedName_linux.h"
 
 #include <atomic>
@@ -30,6 +31,8 @@ struct PipeObject {
     std::atomic<bool> accepting{false};    // a client is being taken from the queue, or was
     std::atomic<bool> starved{false};      // an accept found no descriptors left, and none has succeeded since
     int owner = 0;                         // process id: see close()
+    ReaderPace pace;                       // of the peer; only for the thread that writes
+    int writeTimeoutMs = WRITE_TIMEOUT_MS;
 
     // A wait for input, which another thread may end without closing. The event is signalled for that only while such
     // a wait is running, and is reset when it ends: no other call ever finds it so.

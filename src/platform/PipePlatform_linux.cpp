@@ -27,7 +27,11 @@ namespace {
 using LocalSocket::WaitResult;
 using ObjectPtr = std::shared_ptr<PipeObject>;
 
-constexpr std::size_t PATIENCE_BYTES = 4096;  // this much progress earns a larger write a new WRITE_TIMEOUT_MS
+// A write that waits looks so often in its time-out whether the peer has taken something.
+constexpr int LOOKS = 100;
+
+// A message of this size becomes one buffer of the kernel, which its reader gets as a whole or not at all.
+constexpr std::size_t WHOLE_SIZE = 32768;
 
 /// Whether an operation in one direction can start at all: 0 or the number of a SystemError.
 int accessError(const ObjectPtr& object, bool PipeObject::*access) {
@@ -140,27 +144,23 @@ bool isBrokenPipe(int error) {
 /// One write of two blocks, in as many steps as the kernel takes it.
 class PendingWrite {
   public:
-    PendingWrite(const PipeObject& object, const char* first, std::size_t firstLength, const char* second = nullptr,
+    PendingWrite(PipeObject& object, const char* first, std::size_t firstLength, const char* second = nullptr,
                  std::size_t secondLength = 0)
         : object_(object),
           blocks_{{const_cast<char*>(first), firstLength}, {const_cast<char*>(second), secondLength}},
-          deadline_(Deadline::after(WRITE_TIMEOUT_MS)) {}
+          deadline_(Deadline::after(object.writeTimeoutMs)) {}
 
     int run() {
-        do {
-            const int result = runOnce();
-            if (result != WriteResult::WRITTEN) return result;
-        } while (left() > 0);
-        return WriteResult::WRITTEN;
+        int result = WriteResult::WRITTEN;
+        while (left() > 0 && result == WriteResult::WRITTEN) result = writeSome(0);
+        return result;
     }
 
-    /// Ends after the first progress.
-    int runOnce() {
+    /// Ends after the first progress. Up to `wholeSize` bytes leave in one piece or not at all.
+    int writeSome(std::size_t wholeSize) {
         for (;;) {
-            msghdr message{};
-            message.msg_iov = blocks_;
-            message.msg_iovlen = 2;
-            const ssize_t count = ::sendmsg(object_.socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+            const bool isSmall = left() <= std::max(wholeSize, ReaderPace::PIECE);
+            const ssize_t count = send(isSmall ? left() : object_.pace.limit());
             if (count < 0 && errno == EINTR) continue;
             if (count < 0 && !wouldBlock()) return fail(errno);
             if (count > 0) {
@@ -174,34 +174,59 @@ class PendingWrite {
     std::size_t left() const { return blocks_[0].iov_len + blocks_[1].iov_len; }
 
   private:
+    ssize_t send(std::size_t limit) const {
+        iovec blocks[] = {blocks_[0], blocks_[1]};
+        blocks[0].iov_len = std::min(blocks[0].iov_len, limit);
+        blocks[1].iov_len = std::min(blocks[1].iov_len, limit - blocks[0].iov_len);
+        msghdr message{};
+        message.msg_iov = blocks;
+        message.msg_iovlen = 2;
+        return ::sendmsg(object_.socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
+
     /// Progress restarts the clock, so that a slow but steady reader has as much time for a large block as for the same
     /// bytes in pieces. Less than a piece in a whole time-out is no progress.
     void advance(std::size_t count) {
         pending_ = true;  // begun: what ends it now is no longer an immediate failure
+        unread_ = -1;
         progress_ += count;
+        object_.pace.sent(object_.socket.get(), count);
         for (iovec& block : blocks_) {
             const std::size_t taken = std::min(count, block.iov_len);
             block.iov_base = static_cast<char*>(block.iov_base) + taken;
             block.iov_len -= taken;
             count -= taken;
         }
-        if (progress_ < PATIENCE_BYTES) return;
+        if (progress_ < ReaderPace::PIECE) return;
         progress_ = 0;
-        deadline_ = Deadline::after(WRITE_TIMEOUT_MS);
+        deadline_ = Deadline::after(object_.writeTimeoutMs);
     }
 
+    /// Waits for room, but only for a moment: the socket counts as writable when three quarters of its memory are free,
+    /// a send succeeds as soon as any is. False when the write has ended.
     bool await() {
         pending_ = true;
-        const WaitResult waited = LocalSocket::wait(object_.socket.get(), POLLOUT, object_.event.get(), deadline_);
+        if (unread_ < 0) unread_ = LocalSocket::unreadMemory(object_.socket.get());
+        const Deadline moment = Deadline::after(std::max(object_.writeTimeoutMs / LOOKS, 1));
+        const WaitResult waited = LocalSocket::wait(object_.socket.get(), POLLOUT, object_.event.get(), moment);
         if (object_.closed) {
             outcome_ = WriteResult::ABORTED;
             return false;
         }
+        if (waited == WaitResult::READY) return true;
         if (waited == WaitResult::FAILED) System::sleepMs(1);  // tried again, but not spun on
-        if (waited != WaitResult::TIMED_OUT) return true;
+        object_.pace.stalled();
+        // What the peer has taken may not make room enough yet, and is progress all the same.
+        if (hasBeenRead()) deadline_ = Deadline::after(object_.writeTimeoutMs);
+        if (!deadline_.isOver()) return true;
         logDebug("Write timed out.");
         outcome_ = WriteResult::TIMED_OUT;
         return false;
+    }
+
+    bool hasBeenRead() {
+        const int before = std::exchange(unread_, LocalSocket::unreadMemory(object_.socket.get()));
+        return unread_ >= 0 && unread_ < before;
     }
 
     int fail(int error) {
@@ -215,9 +240,10 @@ class PendingWrite {
         return WriteResult::FAILED;
     }
 
-    const PipeObject& object_;
+    PipeObject& object_;
     iovec blocks_[2];  // what is left of them
     std::size_t progress_ = 0;
+    int unread_ = -1;  // memory of what the peer has left, as of the last look since the last send
     Deadline deadline_;
     bool pending_ = false;
     int outcome_ = WriteResult::WRITTEN;
@@ -314,7 +340,7 @@ int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, 
         return WriteResult::FAILED;
     }
     PendingWrite write(*object, first, firstLength, second, secondLength);
-    const int result = write.runOnce();
+    const int result = write.writeSome(WHOLE_SIZE);
     written = firstLength + secondLength - write.left();
     return result;
 }

@@ -1,0 +1,129 @@
+#include "platform/LocalSocket_linux.h"
+#include "platform/PipeContract.h"
+#include "platform/PipeObject_linux.h"
+
+#include <atomic>
+#include <thread>
+
+namespace qvtp_test {
+namespace {
+
+/// A write that waits for its reader, with a shorter time-out and a reader that is quicker in proportion.
+class SlowReader : public PipeContract {
+  protected:
+    static constexpr auto TIMEOUT = 300ms;
+
+    void SetUp() override {
+        pair(server, client);
+        platform::HandleTable::instance().find(client.pipe)->writeTimeoutMs = static_cast<int>(TIMEOUT.count());
+    }
+    void TearDown() override {
+        client.close();
+        if (writer.joinable()) writer.join();
+    }
+
+    /// Writes blocks on a thread of its own until one fails or `blocks` are written.
+    void writeBlocks(std::size_t size, int blocks) {
+        writer = std::thread([this, size, blocks] {
+            const std::string block(size, 'x');
+            int last = 0;
+            for (int i = 0; i < blocks && last == 0; ++i) last = write(client, block);
+            result = last;
+            done = true;
+        });
+    }
+    void waitForFullBuffers() {
+        const int fd = platform::HandleTable::instance().find(client.pipe)->socket.get();
+        ASSERT_TRUE(eventually([&] { return platform::LocalSocket::unreadMemory(fd) > 400000; }));
+    }
+    /// Takes so many bytes every so often for several time-outs; false if the write ends meanwhile.
+    bool survives(int bytes, std::chrono::milliseconds pause) {
+        const auto end = std::chrono::steady_clock::now() + 4 * TIMEOUT;
+        while (std::chrono::steady_clock::now() < end) {
+            std::this_thread::sleep_for(pause);
+            if (done) return false;
+            std::string data;
+            EXPECT_EQ(read(server, data, bytes), bytes);
+        }
+        return true;
+    }
+
+    End server;
+    End client;
+    std::thread writer;
+    std::atomic<bool> done{false};
+    std::atomic<int> result{0};
+};
+
+struct Blocks {
+    std::size_t size;
+    int count;
+};
+
+std::string nameOf(const ::testing::TestParamInfo<Blocks>& parameter) {
+    return "Of" + std::to_string(parameter.param.size);
+}
+
+class SteadyReader : public SlowReader, public ::testing::WithParamInterface<Blocks> {};
+
+// 4096 bytes in 6 of 10 seconds.
+TEST_P(SteadyReader, IsNeverCutOff) {
+    writeBlocks(GetParam().size, GetParam().count);
+    waitForFullBuffers();
+    EXPECT_TRUE(survives(4096, TIMEOUT * 6 / 10));
+}
+
+// 20 kB a second.
+TEST_P(SteadyReader, IsNeverCutOffAtAHigherPace) {
+    writeBlocks(GetParam().size, GetParam().count);
+    waitForFullBuffers();
+    EXPECT_TRUE(survives(8192, TIMEOUT / 25));
+}
+
+INSTANTIATE_TEST_SUITE_P(OfBlocks, SteadyReader,
+                         ::testing::Values(Blocks{4096, 1024}, Blocks{4095, 1024}, Blocks{10000, 400},
+                                           Blocks{65536, 64}, Blocks{3 << 20, 1}),
+                         nameOf);
+
+TEST_F(SlowReader, IsNeverCutOffBehindManySmallMessages) {
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(write(client, std::string(300, 'x')), 0);
+        ASSERT_EQ(write(client, std::string(4096, 'x')), 0);
+    }
+    writeBlocks(1 << 20, 1);
+    waitForFullBuffers();
+    EXPECT_TRUE(survives(4096, TIMEOUT * 6 / 10));
+}
+
+TEST_F(SlowReader, IsCutOffOnceItTakesNothing) {
+    writeBlocks(1 << 20, 1);
+    waitForFullBuffers();
+    ASSERT_TRUE(survives(4096, TIMEOUT * 6 / 10));
+    const auto patience = elapsed([&] { EXPECT_TRUE(eventually([&] { return done.load(); })); });
+    EXPECT_GE(patience, TIMEOUT - 5ms);
+    EXPECT_LT(patience, TIMEOUT * 8 / 5);
+    EXPECT_EQ(result, WriteResult::TIMED_OUT);
+}
+
+TEST_F(SlowReader, IsCutOffWhenItTakesLessThanAPieceInAWholeTimeout) {
+    writeBlocks(1 << 20, 1);
+    waitForFullBuffers();
+    EXPECT_FALSE(survives(300, TIMEOUT / 8));
+    EXPECT_EQ(result, WriteResult::TIMED_OUT);
+}
+
+TEST_F(SlowReader, GetsLargeBuffersOnlyWhileItIsQuick) {
+    const platform::ReaderPace& pace = platform::HandleTable::instance().find(client.pipe)->pace;
+    EXPECT_EQ(pace.limit(), platform::ReaderPace::PIECE);
+    writeBlocks(4 << 20, 1);
+    readAll(server, 4 << 20);
+    writer.join();
+    EXPECT_GT(pace.limit(), platform::ReaderPace::PIECE);
+    writeBlocks(4 << 20, 1);
+    writer.join();
+    EXPECT_EQ(result, WriteResult::TIMED_OUT);
+    EXPECT_EQ(pace.limit(), platform::ReaderPace::PIECE);
+}
+
+}  // namespace
+}  // namespace qvtp_test
