@@ -19,6 +19,12 @@ using namespace Quovane::Internal::Qvtp;
 constexpr int RETRY_BACKOFF_MS = 100;
 constexpr int RETRY_STEP_MS = 5;
 
+/// Not a lambda of a member function: what is made with it would be exported.
+struct Accepting {
+    ServerQvPipe& server;
+    void operator()(QvPipe& pipe) const { server.accept(pipe); }
+};
+
 }  // namespace
 
 ServerQvPipe::ServerQvPipe() : prefix_(QvPipe::PIPE_NAME_PREFIX) {}
@@ -92,9 +98,7 @@ void ServerQvPipe::bindPipe(const std::string& path, bool first) {
 }
 
 QvPipe ServerQvPipe::accept() {
-    QvPipe pipe;  // built in the place of the result: a copy that went away here would close the connection
-    accept(pipe);
-    return pipe;
+    return QvPipe(QvPipe::InPlace(), Accepting{*this});
 }
 
 void ServerQvPipe::accept(QvPipe& pipe) {

@@ -107,6 +107,26 @@ TEST_F(ServerPipe, HandsOverAConnectionWithItsNameAndDirections) {
               "IllegalStateException: Pipe is not bound with write access.");
 }
 
+TEST_F(ServerPipe, ReturnsAConnectionWithoutACopyThatClosesIt) {
+    ServerQvPipe server(name, true, true);
+    QvPipe client(name, true, true);
+    LogCapture log;
+    QvPipe accepted = server.accept();
+    EXPECT_THAT(withoutHandles(log.messages()),
+                ::testing::Not(::testing::Contains(::testing::HasSubstr("Close Handles"))));
+    client.writePipe("x", 0, 1);
+    char byte = 0;
+    EXPECT_EQ(accepted.readPipe(&byte, 0, 1, 1000), 1);
+}
+
+TEST_F(ServerPipe, ClosesAConnectionThatItCannotReturn) {
+    ServerQvPipe server(name, true, true);
+    server.setAcceptTimeout(1);
+    LogCapture log;
+    EXPECT_EQ(thrownBy([&] { server.accept(); }), "TimeoutException: QvPipe accept timeout");
+    EXPECT_TRUE(log.contains("DEBUG Close Handles: handle=0xffffffffffffffff; event=0xffffffffffffffff"));
+}
+
 TEST_F(ServerPipe, CreatesTheNextInstanceAtOnce) {
     ServerQvPipe server(name, true, true);
     QvPipe first(name, true, true);

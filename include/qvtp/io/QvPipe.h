@@ -93,6 +93,15 @@ class QVTP_API QvPipe {
     class PipeStream;
     class QVTP_HIDDEN OutputStream;
 
+    struct InPlace {};
+    /// An unbound pipe that `complete` works on. To return one from a function in this way takes no copy, which would
+    /// close the connection for the other when it goes, whatever the compiler leaves out. What `complete` throws
+    /// destroys the pipe.
+    template <typename Complete>
+    QvPipe(InPlace, const Complete& complete) : QvPipe() {
+        complete(*this);
+    }
+
     void connectPipe(const std::string& path, const std::string& displayName, bool readable, bool writable,
                      int timeoutMs);
     void closePipe();
