@@ -105,7 +105,8 @@ void ServerQvPipe::accept(QvPipe& pipe) {
     if (!isBound()) throw IllegalStateException("Pipe is not bound.");
     if (closed_) throw IllegalStateException("Pipe is closed.");
     if (pipe.isBound()) throw IllegalStateException("Cannot provide a bound QvPipe to accept().");
-    const int counter = instanceCounter_++;
+    const int counter = instanceCounter_;
+    instanceCounter_ = static_cast<int>(static_cast<unsigned>(counter) + 1);  // goes on from the lowest number
     try {
         acceptPipe(prefix_ + name_, "/" + name_, counter, readable_, writable_, acceptTimeout_, pipe);
     } catch (TimeoutException& e) {

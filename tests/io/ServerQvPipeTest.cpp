@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <future>
+#include <limits>
 #include <memory>
 
 namespace qvtp_test {
@@ -18,6 +19,14 @@ namespace {
 
 using namespace Quovane::Io;
 using namespace std::chrono_literals;
+
+/// Access to a private member: an explicit instantiation may name it.
+template <int ServerQvPipe::*Member>
+struct Counter {
+    friend int& counterOf(ServerQvPipe& server) { return server.*Member; }
+};
+template struct Counter<&ServerQvPipe::instanceCounter_>;
+int& counterOf(ServerQvPipe& server);
 
 class ServerPipe : public ::testing::Test {
   protected:
@@ -145,6 +154,22 @@ TEST_F(ServerPipe, TimesOutAndAcceptsTheClientThatComesAfterwards) {
         95ms);
     const QvPipe client(name, true, true);
     EXPECT_EQ(thrownBy([&] { server.accept(); }), "nothing");
+}
+
+TEST_F(ServerPipe, CountsItsAcceptsForEver) {
+    ServerQvPipe server(name, true, true);
+    server.setAcceptTimeout(1);
+    counterOf(server) = std::numeric_limits<int>::max();
+    EXPECT_EQ(thrownBy([&] { server.accept(); }), "TimeoutException: QvPipe accept timeout");
+    EXPECT_EQ(counterOf(server), std::numeric_limits<int>::min());
+}
+
+TEST_F(ServerPipe, DoesNotCountWhatIsNoAccept) {
+    ServerQvPipe server(name, true, true);
+    QvPipe bound;
+    bound.bind("other", true, true);
+    EXPECT_NE(thrownBy([&] { server.accept(bound); }), "nothing");
+    EXPECT_EQ(counterOf(server), 0);
 }
 
 TEST_F(ServerPipe, InterruptsABlockedAcceptWhenClosed) {
