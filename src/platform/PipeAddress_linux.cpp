@@ -123,6 +123,18 @@ bool PipeAddress::isSame(const PipeAddress& other) const {
     return device_ == other.device_ && inode_ == other.inode_ && lockFile_ == other.lockFile_;
 }
 
+Descriptor PipeAddress::openLockFile(int flags) const {
+    const int fd = ::openat(directory_.get(), lockFile_.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY,
+                            S_IRUSR | S_IWUSR);
+    Descriptor file(fd);
+    struct stat status {};
+    const bool isOther = fd < 0 ? errno == ENXIO || errno == EISDIR  // a socket, a directory
+                                : ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode);
+    if (!isOther) return file;
+    errno = EACCES;
+    return Descriptor();
+}
+
 std::string PipeAddress::socketPath(const std::string& file) const {
     std::string path = directoryPath_ + "/" + file;
     if (directoryPath_[0] == '/' && path.size() <= MAX_SOCKET_PATH) return path;

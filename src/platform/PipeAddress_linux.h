@@ -25,7 +25,9 @@ class PipeAddress {
     bool isSame(const PipeAddress& other) const;
 
     int directory() const { return directory_.get(); }
-    const std::string& lockFile() const { return lockFile_; }
+    /// Opens the name's lock file with these flags of open(2), or returns a closed descriptor with errno set. It must
+    /// be a regular file: what somebody else has put in its place, which may block whoever opens it, is EACCES.
+    Descriptor openLockFile(int flags) const;
     const std::string& socketFile() const { return socketFile_; }
     /// The name under which a socket is bound before it listens.
     const std::string& freshSocketFile() const { return freshSocketFile_; }

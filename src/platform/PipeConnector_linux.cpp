@@ -103,21 +103,20 @@ PipeConnector::Attempt PipeConnector::attemptConnect(bool foreign) {
 }
 
 PipeConnector::Service PipeConnector::findService() const {
-    const int fd = ::openat(address_.directory(), address_.lockFile().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) {
+    const Descriptor file = address_.openLockFile(O_RDONLY);
+    if (!file.isOpen()) {
         const int error = errno;
         if (error == ENOENT) return findForeignService();
         return {error == EACCES ? Service::State::DENIED : Service::State::UNKNOWN, error, false};
     }
-    const Descriptor file(fd);
     struct flock query {};
     query.l_type = F_WRLCK;
     query.l_whence = SEEK_SET;
     // A question that never takes the lock, so that a server starting at this moment is not disturbed.
-    const bool isLocked = ::fcntl(fd, F_OFD_GETLK, &query) == 0 && query.l_type != F_UNLCK;
+    const bool isLocked = ::fcntl(file.get(), F_OFD_GETLK, &query) == 0 && query.l_type != F_UNLCK;
     if (!isLocked) return {Service::State::NONE, 0, false};
     char direction = 0;
-    if (::pread(fd, &direction, 1, 0) != 1) return {Service::State::STARTING, 0, false};
+    if (::pread(file.get(), &direction, 1, 0) != 1) return {Service::State::STARTING, 0, false};
     return {Service::State::SERVED, direction - '0', false};
 }
 

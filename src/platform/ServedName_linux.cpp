@@ -83,16 +83,14 @@ int ServedName::addInstance(char direction, Descriptor& event) {
 }
 
 int ServedName::takeLock() {
-    const int fd = ::openat(address_.directory(), address_.lockFile().c_str(),
-                            O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
-    if (fd < 0) return SystemError::fromErrno(errno);
-    Descriptor lock(fd);
+    Descriptor lock = address_.openLockFile(O_RDWR | O_CREAT);
+    if (!lock.isOpen()) return SystemError::fromErrno(errno);
     struct flock request = wholeFile(F_WRLCK);
-    if (::fcntl(fd, F_OFD_SETLK, &request) != 0) {
+    if (::fcntl(lock.get(), F_OFD_SETLK, &request) != 0) {
         const bool taken = errno == EAGAIN || errno == EACCES;
         return taken ? SystemError::ACCESS_DENIED : SystemError::fromErrno(errno);
     }
-    if (::pwrite(fd, &direction_, 1, 0) != 1) return SystemError::fromErrno(errno);
+    if (::pwrite(lock.get(), &direction_, 1, 0) != 1) return SystemError::fromErrno(errno);
     lock_ = std::move(lock);
     return SystemError::NONE;
 }

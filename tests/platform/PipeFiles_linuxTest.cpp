@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -383,6 +384,45 @@ TEST_F(PipeFiles, AreNotTakenForAForeignServersWhenTheLockCannotBeRead) {
     LogCapture log(LogCapture::LoggingLevel::ERROR);
     EXPECT_EQ(connectNamed(client, "loop", 200), ConnectResult::CANNOT_OPEN);
     EXPECT_THAT(log.messages(), ElementsAre("ERROR Could not open pipe. GLE=31"));
+}
+
+/// Something else in the place of a lock file.
+class ForeignLockFile : public PipeFiles {
+  protected:
+    void SetUp() override {
+        PipeFiles::SetUp();
+        ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
+        lock = directory + "/" + name + ".lock";
+    }
+    void expectRefusal() {
+        End server, client;
+        LogCapture log;
+        EXPECT_EQ(create(server), 5);
+        EXPECT_EQ(connect(client, 0), ConnectResult::ACCESS_DENIED);
+        EXPECT_THAT(log.messages(), ElementsAre("ERROR CreateNamedPipe failed: 5"));
+    }
+
+    std::string lock;
+};
+
+TEST_F(ForeignLockFile, IsRefusedWhenItIsAFifo) {
+    ASSERT_EQ(::mkfifo(lock.c_str(), 0600), 0);
+    expectRefusal();
+}
+
+TEST_F(ForeignLockFile, IsRefusedWhenItIsADevice) {
+    if (::mknod(lock.c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0) GTEST_SKIP() << "only root can make devices";
+    expectRefusal();
+}
+
+TEST_F(ForeignLockFile, IsRefusedWhenItIsASocket) {
+    ::close(listenAs(name + ".lock"));
+    expectRefusal();
+}
+
+TEST_F(ForeignLockFile, IsRefusedWhenItIsADirectory) {
+    ASSERT_EQ(::mkdir(lock.c_str(), 0700), 0);
+    expectRefusal();
 }
 
 TEST_F(PipeFiles, SurviveSignalsDuringAWait) {
