@@ -1,5 +1,7 @@
 #include "platform/LocalSocket_linux.h"
 
+#include "platform/Interruption_linux.h"
+
 #include <fcntl.h>
 #include <linux/sockios.h>
 #include <poll.h>
@@ -28,18 +30,20 @@ bool fillAddress(const std::string& path, sockaddr_un& address) {
     return true;
 }
 
-void setBlocking(int fd, bool blocking) {
-    const int flags = ::fcntl(fd, F_GETFL);
-    ::fcntl(fd, F_SETFL, blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);
+bool setBlocking(int fd, bool blocking) {
+    const int flags = uninterrupted([&] { return ::fcntl(fd, F_GETFL); });
+    if (flags < 0) return false;
+    const int changed = blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK;
+    return uninterrupted([&] { return ::fcntl(fd, F_SETFL, changed); }) == 0;
 }
 
 /// `left` in microseconds, rounded up: a remainder that rounds to 0 would mean for ever.
-void setSendTimeout(int fd, std::chrono::nanoseconds left) {
+bool setSendTimeout(int fd, std::chrono::nanoseconds left) {
     const auto microseconds = std::max<std::int64_t>((left.count() + 999) / 1000, 1);
     timeval value{};
     value.tv_sec = static_cast<time_t>(microseconds / 1000000);
     value.tv_usec = static_cast<suseconds_t>(microseconds % 1000000);
-    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value);
+    return ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value) == 0;
 }
 
 int pollOnce(pollfd* descriptors, nfds_t count, const Deadline& deadline) {
@@ -74,29 +78,26 @@ bool bind(int fd, const std::string& path) {
 bool connect(int fd, const std::string& path) {
     sockaddr_un address{};
     if (!fillAddress(path, address)) return false;
-    while (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        if (errno != EINTR) return false;
-    }
-    return true;
+    return uninterrupted([&] { return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address); }) ==
+           0;
 }
 
-bool connectBefore(int fd, const std::string& path, const Deadline& deadline) {
+QueueResult connectBefore(int fd, const std::string& path, const Deadline& deadline) {
     sockaddr_un address{};
-    if (!fillAddress(path, address)) return false;
-    setBlocking(fd, true);
+    if (!fillAddress(path, address) || !setBlocking(fd, true)) return QueueResult::FAILED;
     int result = -1;
     int error = EINTR;
     while (result != 0 && error == EINTR) {
-        if (!deadline.isUnlimited()) setSendTimeout(fd, deadline.left());
+        if (!deadline.isUnlimited() && !setSendTimeout(fd, deadline.left())) return QueueResult::FAILED;
         result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
         error = result == 0 ? 0 : errno;
         if (error == EINTR && deadline.isOver()) error = EAGAIN;
     }
+    // Reading and writing ask not to wait each time, so it does no harm if these two fail.
     const timeval unlimited{};
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &unlimited, sizeof unlimited);
     setBlocking(fd, false);
-    errno = error;
-    return result == 0;
+    return result == 0 ? QueueResult::CONNECTED : QueueResult::NOT_CONNECTED;
 }
 
 WaitResult wait(int fd, short events, int event, const Deadline& deadline) {

@@ -24,8 +24,11 @@ bool bind(int fd, const std::string& path);
 /// Connects without waiting: EAGAIN means that the server's queue is full.
 bool connect(int fd, const std::string& path);
 
-/// Connects and waits for a place in the queue until the deadline: EAGAIN means that the time is up.
-bool connectBefore(int fd, const std::string& path, const Deadline& deadline);
+enum class QueueResult { CONNECTED, NOT_CONNECTED, FAILED };
+
+/// Connects and waits for a place in the queue until the deadline. NOT_CONNECTED: the time is up or the queue went
+/// away. FAILED: the wait could not be given its limit, and there was none.
+QueueResult connectBefore(int fd, const std::string& path, const Deadline& deadline);
 
 enum class WaitResult { READY, SIGNALLED, TIMED_OUT, FAILED };
 

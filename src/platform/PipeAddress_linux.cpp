@@ -1,5 +1,6 @@
 #include "platform/PipeAddress_linux.h"
 
+#include "platform/Interruption_linux.h"
 #include "platform/PipePlatform.h"
 #include "platform/SystemError_linux.h"
 
@@ -106,7 +107,8 @@ int PipeAddress::openDirectory(Directory directory) {
     if (directory == Directory::CREATE && ::mkdir(directoryPath_.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
         return SystemError::fromErrno(errno);
     }
-    directory_ = Descriptor(::open(directoryPath_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const auto open = [&] { return ::open(directoryPath_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); };
+    directory_ = Descriptor(uninterrupted(open));
     if (!directory_.isOpen()) {
         // A file or a symbolic link in the directory's place is somebody's attempt, not a missing directory.
         const bool isOther = errno == ENOTDIR || errno == ELOOP;
@@ -124,8 +126,9 @@ bool PipeAddress::isSame(const PipeAddress& other) const {
 }
 
 Descriptor PipeAddress::openLockFile(int flags) const {
-    const int fd = ::openat(directory_.get(), lockFile_.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY,
-                            S_IRUSR | S_IWUSR);
+    const int allFlags = flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    const auto open = [&] { return ::openat(directory_.get(), lockFile_.c_str(), allFlags, S_IRUSR | S_IWUSR); };
+    const int fd = uninterrupted(open);
     Descriptor file(fd);
     struct stat status {};
     const bool isOther = fd < 0 ? errno == ENXIO || errno == EISDIR  // a socket, a directory

@@ -1,6 +1,7 @@
 #include "platform/PipeConnector_linux.h"
 
 #include "logging/Log.h"
+#include "platform/Interruption_linux.h"
 #include "platform/LocalSocket_linux.h"
 #include "platform/PipePlatform.h"
 #include "platform/SystemError_linux.h"
@@ -43,7 +44,9 @@ int PipeConnector::connect() {
     error_ = address_.resolve(path_, PipeAddress::Directory::MUST_EXIST);
     if (error_ != SystemError::NONE) return reportFailure();
     for (;;) {
-        switch (attempt()) {
+        Attempt outcome = attempt();
+        if (outcome == Attempt::BUSY) outcome = waitInQueue();
+        switch (outcome) {
             case Attempt::CONNECTED:
                 return ConnectResult::CONNECTED;
             case Attempt::DENIED:
@@ -51,8 +54,6 @@ int PipeConnector::connect() {
             case Attempt::FAILED:
                 return reportFailure();
             case Attempt::BUSY:
-                beginWaiting();
-                if (waitInQueue()) return ConnectResult::CONNECTED;
                 break;
             case Attempt::NOT_LISTENING:
                 // The server holds the name and is between two instances, or about to listen or to go.
@@ -113,10 +114,12 @@ PipeConnector::Service PipeConnector::findService() const {
     query.l_type = F_WRLCK;
     query.l_whence = SEEK_SET;
     // A question that never takes the lock, so that a server starting at this moment is not disturbed.
-    const bool isLocked = ::fcntl(file.get(), F_OFD_GETLK, &query) == 0 && query.l_type != F_UNLCK;
+    const auto ask = [&] { return ::fcntl(file.get(), F_OFD_GETLK, &query); };
+    const bool isLocked = uninterrupted(ask) == 0 && query.l_type != F_UNLCK;
     if (!isLocked) return {Service::State::NONE, 0, false};
     char direction = 0;
-    if (::pread(file.get(), &direction, 1, 0) != 1) return {Service::State::STARTING, 0, false};
+    const auto read = [&] { return ::pread(file.get(), &direction, 1, 0); };
+    if (uninterrupted(read) != 1) return {Service::State::STARTING, 0, false};
     return {Service::State::SERVED, direction - '0', false};
 }
 
@@ -155,9 +158,17 @@ void PipeConnector::beginWaiting() {
     waiting_ = true;
 }
 
-/// False when the time is up or the queue went away; the next attempt finds out which.
-bool PipeConnector::waitInQueue() {
-    return LocalSocket::connectBefore(socket_.get(), address_.socketPath(address_.socketFile()), deadline_);
+/// BUSY when the time is up or the queue went away; the next attempt finds out which.
+PipeConnector::Attempt PipeConnector::waitInQueue() {
+    beginWaiting();
+    switch (LocalSocket::connectBefore(socket_.get(), address_.socketPath(address_.socketFile()), deadline_)) {
+        case LocalSocket::QueueResult::CONNECTED:
+            return Attempt::CONNECTED;
+        case LocalSocket::QueueResult::NOT_CONNECTED:
+            return Attempt::BUSY;
+        default:
+            return fail(SystemError::fromErrno(errno));
+    }
 }
 
 }  // namespace Quovane::Internal::Qvtp

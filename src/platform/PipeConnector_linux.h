@@ -38,7 +38,7 @@ class PipeConnector {
     int reportFailure() const;
     int reportTimeout() const;
     void beginWaiting();
-    bool waitInQueue();
+    Attempt waitInQueue();
 
     const std::string& path_;
     bool readable_;

@@ -1,5 +1,6 @@
 #include "platform/ServedName_linux.h"
 
+#include "platform/Interruption_linux.h"
 #include "platform/LocalSocket_linux.h"
 #include "platform/SystemError_linux.h"
 
@@ -86,11 +87,12 @@ int ServedName::takeLock() {
     Descriptor lock = address_.openLockFile(O_RDWR | O_CREAT);
     if (!lock.isOpen()) return SystemError::fromErrno(errno);
     struct flock request = wholeFile(F_WRLCK);
-    if (::fcntl(lock.get(), F_OFD_SETLK, &request) != 0) {
+    if (uninterrupted([&] { return ::fcntl(lock.get(), F_OFD_SETLK, &request); }) != 0) {
         const bool taken = errno == EAGAIN || errno == EACCES;
         return taken ? SystemError::ACCESS_DENIED : SystemError::fromErrno(errno);
     }
-    if (::pwrite(lock.get(), &direction_, 1, 0) != 1) return SystemError::fromErrno(errno);
+    if (uninterrupted([&] { return ::pwrite(lock.get(), &direction_, 1, 0); }) != 1)
+        return SystemError::fromErrno(errno);
     lock_ = std::move(lock);
     return SystemError::NONE;
 }
@@ -153,9 +155,9 @@ void ServedName::stopListening() {
 /// Unlocks before it closes: a forked child may still hold the same open file description.
 void ServedName::release() {
     // A client that meets the next server's lock before its direction must not take this one's for it.
-    [[maybe_unused]] const int truncated = ::ftruncate(lock_.get(), 0);
+    uninterrupted([&] { return ::ftruncate(lock_.get(), 0); });
     struct flock request = wholeFile(F_UNLCK);
-    ::fcntl(lock_.get(), F_OFD_SETLK, &request);
+    uninterrupted([&] { return ::fcntl(lock_.get(), F_OFD_SETLK, &request); });
     lock_.reset();
 }
 

@@ -24,7 +24,7 @@ using LocalSocket::WaitResult;
 using ObjectPtr = std::shared_ptr<PipeObject>;
 using NamesGuard = std::lock_guard<std::mutex>;
 
-constexpr int SHORTAGE_BACKOFF_MS = 100;
+constexpr int PAUSE_MS = 100;
 
 // Results of a wait as the log prints them.
 constexpr std::uint32_t WAIT_SIGNALLED = 0;
@@ -44,7 +44,7 @@ class Acceptor {
     int enterConnection(Descriptor socket);
     int waitForClient();
     int complete(int error);
-    WaitResult waitForShortageToEnd();
+    void pause();
     int reportConnectError(int error);
 
     PipeObject& object_;
@@ -122,7 +122,7 @@ int Acceptor::waitForClient() {
         const int error = takeClient();
         if (error == SystemError::PIPE_CONNECTED) return complete(SystemError::IO_PENDING);
         if (SystemError::isShortage(error) && object_.starved) {
-            waitForShortageToEnd();
+            pause();
         } else if (error != SystemError::IO_PENDING) {
             return complete(error);
         }
@@ -137,18 +137,17 @@ int Acceptor::complete(int error) {
     return error == SystemError::IO_PENDING ? AcceptResult::CONNECTED : reportConnectError(error);
 }
 
-WaitResult Acceptor::waitForShortageToEnd() {
-    return LocalSocket::wait(-1, 0, object_.event.get(), Deadline::after(SHORTAGE_BACKOFF_MS));
+/// A close ends it.
+void Acceptor::pause() {
+    LocalSocket::wait(-1, 0, object_.event.get(), Deadline::after(PAUSE_MS));
 }
 
-/// When descriptors have run out the client stays in the queue and the next try fails at once: say so once, and keep
-/// the caller's loop from spinning.
+/// What keeps a client from being taken is there for the next try too: keep the caller's loop from spinning. A shortage
+/// is reported once.
 int Acceptor::reportConnectError(int error) {
     logError([&] { return text("Connect error: ", error); });
-    if (SystemError::isShortage(error)) {
-        object_.starved = true;
-        waitForShortageToEnd();
-    }
+    if (SystemError::isShortage(error)) object_.starved = true;
+    pause();
     return AcceptResult::CONNECT_ERROR;
 }
 

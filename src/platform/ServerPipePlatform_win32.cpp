@@ -17,6 +17,8 @@ namespace Quovane::Internal::Qvtp {
 namespace {
 
 constexpr DWORD BUFFER_SIZE = 65536;
+constexpr DWORD PAUSE_MS = 100;
+constexpr DWORD PAUSE_STEP_MS = 5;
 
 HANDLE createInstance(const std::string& path, bool readable, bool writable, bool first) {
     DWORD mode = FILE_FLAG_OVERLAPPED;
@@ -51,7 +53,7 @@ class Accepting {
             case ERROR_IO_PENDING:
                 return complete(deadline);
             default:
-                return reportConnectError(error);
+                return reportLastingError(error);
         }
     }
 
@@ -91,7 +93,7 @@ class Accepting {
             case ERROR_OPERATION_ABORTED:
                 return AcceptResult::ABORTED;
             default:
-                return reportConnectError(error);
+                return reportLastingError(error);
         }
     }
 
@@ -112,6 +114,15 @@ class Accepting {
             error = begin();
             if (error != ERROR_IO_PENDING) return waited;
         }
+    }
+
+    /// What keeps a client from being taken may be there for the next try too: keep the caller's loop from spinning.
+    int reportLastingError(DWORD error) {
+        const int result = reportConnectError(error);
+        for (DWORD waited = 0; waited < PAUSE_MS && !object_.isClosed(); waited += PAUSE_STEP_MS) {
+            ::Sleep(PAUSE_STEP_MS);
+        }
+        return result;
     }
 
     PipeObject& object_;

@@ -1,0 +1,118 @@
+#include "platform/PipeAddress_linux.h"
+#include "platform/PipeContract.h"
+#include "support/FailingCall_linux.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace qvtp_test {
+namespace {
+
+using Call = CallFailure::Call;
+
+/// Calls of the system that fail where no test can bring that about otherwise.
+class SystemCalls : public PipeContract {
+  protected:
+    /// A server, a client, a few bytes each way, the end. Returns what went wrong.
+    std::string exchange() {
+        End server, client, next;
+        if (create(server) != 0) return "create";
+        if (connect(client) != 0) return "connect";
+        if (accept(server) != 0) return "accept";
+        if (platform::platformCreateNextInstance(server.pipe, path(), true, true, next.pipe, next.event) != 0) {
+            return "create next";
+        }
+        if (write(client, "there") != 0 || readText(server) != "there") return "client's write";
+        if (write(server, "back") != 0 || readText(client) != "back") return "server's write";
+        next.close();
+        server.close();
+        End late;
+        if (connect(late) != ConnectResult::CANNOT_OPEN) return "close";
+        platform::PipeAddress address;
+        address.resolve(path(), platform::PipeAddress::Directory::MUST_EXIST);
+        char direction = 0;
+        const bool isEmpty = ::read(address.openLockFile(O_RDONLY).get(), &direction, 1) == 0;
+        return isEmpty ? "nothing" : "direction of a name that nobody serves";
+    }
+};
+
+class InterruptedCall : public SystemCalls, public ::testing::WithParamInterface<Call> {};
+
+TEST_P(InterruptedCall, IsMadeAgain) {
+    int failures = 0;
+    for (bool isLast = false; !isLast;) {
+        const CallFailure failure(GetParam(), EINTR, 3, failures);
+        EXPECT_EQ(exchange(), "nothing") << "number " << failures;
+        isLast = !failure.hasHappened();
+        ++failures;
+    }
+    EXPECT_GT(failures, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(OfFilesAndSockets, InterruptedCall,
+                         ::testing::Values(Call::ACCEPT, Call::FCNTL, Call::FTRUNCATE, Call::OPEN, Call::PREAD,
+                                           Call::PWRITE, Call::SEND));
+
+TEST_F(SystemCalls, FailAConnectWhoseWaitCouldHaveNoLimit) {
+    for (const Call call : {Call::SETSOCKOPT, Call::FCNTL}) {
+        End server, first, second;
+        ASSERT_EQ(create(server), 0);
+        ASSERT_EQ(connect(first), 0);
+        LogCapture log(LogCapture::LoggingLevel::ERROR);
+        const CallFailure failure(call, EINVAL, 1000, 1);  // the first of the socket's size, or of the lock
+        EXPECT_LT(elapsed([&] { EXPECT_EQ(connect(second, 5000), ConnectResult::CANNOT_OPEN); }), AT_ONCE);
+        EXPECT_TRUE(failure.hasHappened());
+        EXPECT_THAT(log.messages(), ElementsAre("ERROR Could not open pipe. GLE=31"));
+    }
+}
+
+TEST_F(SystemCalls, PauseAnAcceptThatFailsForAReasonThatLasts) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    for (int i = 0; i < 3; ++i) {
+        const CallFailure failure(Call::ACCEPT, EACCES);
+        EXPECT_GE(elapsed([&] { EXPECT_EQ(accept(server, 0), AcceptResult::CONNECT_ERROR); }), 95ms);
+    }
+    EXPECT_THAT(log.messages(),
+                ElementsAre("ERROR Connect error: 5", "ERROR Connect error: 5", "ERROR Connect error: 5"));
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+}
+
+TEST_F(SystemCalls, PauseNoAcceptOnAHandleThatMeansNothing) {
+    EXPECT_LT(elapsed([&] { EXPECT_EQ(accept(End(), 0), AcceptResult::CONNECT_ERROR); }), 95ms);
+}
+
+TEST_F(SystemCalls, EndThePauseOfAnAcceptThatIsClosed) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    auto accepting = std::async(std::launch::async, [&] {
+        const CallFailure failure(Call::ACCEPT, EACCES);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(accept(server, 0), AcceptResult::CONNECT_ERROR);
+        return std::chrono::steady_clock::now() - start;
+    });
+    ASSERT_TRUE(eventually([&] { return log.contains("ERROR Connect error: 5"); }));
+    server.close();
+    EXPECT_LT(accepting.get(), 95ms);
+}
+
+TEST_F(SystemCalls, FailAWriteForWhichTheSystemHasNoMemory) {
+    End server, client;
+    pair(server, client);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    {
+        const CallFailure failure(Call::SEND, ENOBUFS);
+        EXPECT_EQ(write(client, "x"), WriteResult::FAILED);
+    }
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR WriteFile error: 8"));
+    EXPECT_EQ(write(client, "x"), WriteResult::WRITTEN);
+}
+
+}  // namespace
+}  // namespace qvtp_test

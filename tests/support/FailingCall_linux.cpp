@@ -1,0 +1,201 @@
+// The functions are defined under both of their names, the one for small files and the one for large ones.
+#undef _FILE_OFFSET_BITS
+#ifndef _GNU_SOURCE
+#define _GNU_SOURCE
+#endif
+
+#include "support/FailingCall_linux.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+
+namespace qvtp_test {
+
+namespace {
+
+using Call = CallFailure::Call;
+
+/// Plain data, so that it needs no call itself.
+struct Plan {
+    bool active;
+    bool happened;
+    Call call;
+    int error;
+    int times;
+    int after;
+};
+thread_local Plan plan{};
+
+bool isToFail(Call call) {
+    if (!plan.active || plan.call != call) return false;
+    if (plan.after > 0) {
+        --plan.after;
+        return false;
+    }
+    if (plan.times == 0) return false;
+    --plan.times;
+    plan.happened = true;
+    errno = plan.error;
+    return true;
+}
+
+/// The function that this one hides.
+template <typename Function>
+Function hidden(const char* name) {
+    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+CallFailure::CallFailure(Call call, int error, int times, int after) {
+    plan = Plan{true, false, call, error, times, after};
+}
+
+CallFailure::~CallFailure() {
+    plan.active = false;
+}
+
+bool CallFailure::hasHappened() const {
+    return plan.happened;
+}
+
+}  // namespace qvtp_test
+
+using qvtp_test::Call;
+using qvtp_test::hidden;
+using qvtp_test::isToFail;
+
+namespace {
+
+using Open = int (*)(const char*, int, ...);
+using OpenAt = int (*)(int, const char*, int, ...);
+using Fcntl = int (*)(int, int, ...);
+
+int openBy(Open open, const char* path, int flags, mode_t mode) {
+    return isToFail(Call::OPEN) ? -1 : open(path, flags, mode);
+}
+
+int openBy(OpenAt open, int directory, const char* path, int flags, mode_t mode) {
+    return isToFail(Call::OPEN) ? -1 : open(directory, path, flags, mode);
+}
+
+mode_t modeOf(int flags, va_list& arguments) {
+    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+    static const auto real = hidden<Open>("open");
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    return openBy(real, path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...) {
+    static const auto real = hidden<Open>("open64");
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    return openBy(real, path, flags, mode);
+}
+
+int openat(int directory, const char* path, int flags, ...) {
+    static const auto real = hidden<OpenAt>("openat");
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    return openBy(real, directory, path, flags, mode);
+}
+
+int openat64(int directory, const char* path, int flags, ...) {
+    static const auto real = hidden<OpenAt>("openat64");
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    return openBy(real, directory, path, flags, mode);
+}
+
+// Every argument fits into a pointer.
+
+int fcntl(int fd, int command, ...) {
+    static const auto real = hidden<Fcntl>("fcntl");
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return isToFail(Call::FCNTL) ? -1 : real(fd, command, argument);
+}
+
+int fcntl64(int fd, int command, ...) {
+    static const auto real = hidden<Fcntl>("fcntl64");
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return isToFail(Call::FCNTL) ? -1 : real(fd, command, argument);
+}
+
+int ftruncate(int fd, off_t length) noexcept {
+    static const auto real = hidden<int (*)(int, off_t)>("ftruncate");
+    return isToFail(Call::FTRUNCATE) ? -1 : real(fd, length);
+}
+
+int ftruncate64(int fd, off64_t length) noexcept {
+    static const auto real = hidden<int (*)(int, off64_t)>("ftruncate64");
+    return isToFail(Call::FTRUNCATE) ? -1 : real(fd, length);
+}
+
+ssize_t pread(int fd, void* data, size_t size, off_t offset) {
+    static const auto real = hidden<ssize_t (*)(int, void*, size_t, off_t)>("pread");
+    return isToFail(Call::PREAD) ? -1 : real(fd, data, size, offset);
+}
+
+ssize_t pread64(int fd, void* data, size_t size, off64_t offset) {
+    static const auto real = hidden<ssize_t (*)(int, void*, size_t, off64_t)>("pread64");
+    return isToFail(Call::PREAD) ? -1 : real(fd, data, size, offset);
+}
+
+ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) {
+    static const auto real = hidden<ssize_t (*)(int, const void*, size_t, off_t)>("pwrite");
+    return isToFail(Call::PWRITE) ? -1 : real(fd, data, size, offset);
+}
+
+ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offset) {
+    static const auto real = hidden<ssize_t (*)(int, const void*, size_t, off64_t)>("pwrite64");
+    return isToFail(Call::PWRITE) ? -1 : real(fd, data, size, offset);
+}
+
+int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    static const auto real = hidden<int (*)(int, sockaddr*, socklen_t*, int)>("accept4");
+    return isToFail(Call::ACCEPT) ? -1 : real(fd, address, length, flags);
+}
+
+ssize_t send(int fd, const void* data, size_t size, int flags) {
+    static const auto real = hidden<ssize_t (*)(int, const void*, size_t, int)>("send");
+    return isToFail(Call::SEND) ? -1 : real(fd, data, size, flags);
+}
+
+ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    static const auto real = hidden<ssize_t (*)(int, const msghdr*, int)>("sendmsg");
+    return isToFail(Call::SEND) ? -1 : real(fd, message, flags);
+}
+
+int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
+    static const auto real = hidden<int (*)(int, int, int, const void*, socklen_t)>("setsockopt");
+    return isToFail(Call::SETSOCKOPT) ? -1 : real(fd, level, option, value, length);
+}
+
+}  // extern "C"

@@ -1,0 +1,23 @@
+#pragma once
+
+namespace qvtp_test {
+
+/// While it lives, calls of the system that the calling thread makes fail: `times` of them, after the first `after` of
+/// their kind. Other threads are not affected. One at a time on each thread.
+///
+/// A program that uses it links the CMake target qvtp_test_calls, which puts itself before the functions of the C
+/// library.
+class CallFailure {
+  public:
+    enum class Call { ACCEPT, FCNTL, FTRUNCATE, OPEN, PREAD, PWRITE, SEND, SETSOCKOPT };
+
+    CallFailure(Call call, int error, int times = 1, int after = 0);
+    ~CallFailure();
+    CallFailure(const CallFailure&) = delete;
+    CallFailure& operator=(const CallFailure&) = delete;
+
+    /// Whether one has failed: a loop over `after` ends when none has.
+    bool hasHappened() const;
+};
+
+}  // namespace qvtp_test
