@@ -1,5 +1,6 @@
 #include "platform/PipeObject_linux.h"
 
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,8 +14,12 @@ PipeObject::~PipeObject() {
     if (!closed) close();
 }
 
+bool PipeObject::isOwn() const {
+    return owner == ::getpid();
+}
+
 void PipeObject::close() {
-    if (owner != ::getpid()) return;
+    if (!isOwn()) return;
     if (served != nullptr) {
         std::lock_guard<std::mutex> guard(ServedName::namesMutex());
         closed = true;
@@ -32,7 +37,20 @@ struct HandleTable::State {
     NativeHandle next = 4;
 };
 
-HandleTable::HandleTable() : state_(new State) {}
+HandleTable::HandleTable() : state_(new State) {
+    // A forked child has one thread. Were another one within the locks, they would stay locked there.
+    ::pthread_atfork(
+        [] {
+            ServedName::namesMutex().lock();
+            instance().state_->mutex.lock();
+        },
+        unlockAll, unlockAll);
+}
+
+void HandleTable::unlockAll() {
+    instance().state_->mutex.unlock();
+    ServedName::namesMutex().unlock();
+}
 
 HandleTable& HandleTable::instance() {
     static HandleTable* const table = new HandleTable;  // never freed: destructors of static objects may close pipes

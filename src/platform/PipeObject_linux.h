@@ -30,7 +30,7 @@ struct PipeObject {
     std::atomic<bool> closed{false};       // the same
     std::atomic<bool> accepting{false};    // a client is being taken from the queue, or was
     std::atomic<bool> starved{false};      // an accept found no descriptors left, and none has succeeded since
-    int owner = 0;                         // process id: see close()
+    int owner = 0;                         // process id
     ReaderPace pace;                       // of the peer; only for the thread that writes
     int writeTimeoutMs = WRITE_TIMEOUT_MS;
 
@@ -40,6 +40,10 @@ struct PipeObject {
     bool woken = false;
     bool awaitingInput = false;
     bool endAwaited = false;  // the end came during such a wait; for the thread that reads
+
+    /// Whether this process made it: a forked child inherits what it stands for, but not the right to end or to serve
+    /// it.
+    bool isOwn() const;
 
     /// Marks the object closed, lets the peer see the end, and wakes every thread that waits on it. In a forked child
     /// it does nothing: a shutdown there would end the parent's connection.
@@ -62,6 +66,7 @@ class HandleTable {
   private:
     HandleTable();
     ~HandleTable() = delete;
+    static void unlockAll();
     struct State;
     State* const state_;
 };

@@ -152,7 +152,9 @@ int Acceptor::reportConnectError(int error) {
 }
 
 int acceptOn(NativeHandle pipeHandle, int timeoutMs) {
-    if (const ObjectPtr object = HandleTable::instance().find(pipeHandle)) return Acceptor(*object, timeoutMs).run();
+    const ObjectPtr object = HandleTable::instance().find(pipeHandle);
+    // A forked child would take the clients of its parent.
+    if (object != nullptr && object->isOwn()) return Acceptor(*object, timeoutMs).run();
     logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", SystemError::INVALID_HANDLE); });
     logError([&] { return text("Connect error: ", SystemError::INVALID_HANDLE); });
     return AcceptResult::CONNECT_ERROR;
@@ -173,7 +175,7 @@ int addInstance(const std::string& path, bool first, PipeObject& object) {
 /// Enters an instance of the sibling's name. False if there is no such sibling any more.
 bool addInstance(NativeHandle sibling, PipeObject& object, int& error) {
     const ObjectPtr known = HandleTable::instance().find(sibling);
-    if (known == nullptr || known->served == nullptr || known->owner != ::getpid()) return false;
+    if (known == nullptr || known->served == nullptr || !known->isOwn()) return false;
     NamesGuard guard(ServedName::namesMutex());
     if (known->closed) return false;
     error = known->served->addInstance(ServedName::directionOf(object.readable, object.writable), object.event);

@@ -346,6 +346,91 @@ TEST_F(PipeFiles, LetAForkedChildCloseWithoutHarmToTheParent) {
     EXPECT_EQ(connect(other), 0);
 }
 
+TEST_F(PipeFiles, LetAForkedChildTakeNoClientOfItsParents) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    EXPECT_EQ(inChild([&] { return accept(server, 1000); }), AcceptResult::CONNECT_ERROR);
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR Connect error: 6"));
+    ASSERT_EQ(accept(server), AcceptResult::CONNECTED);
+    ASSERT_EQ(write(client, "to the parent"), 0);
+    EXPECT_EQ(readText(server), "to the parent");
+}
+
+TEST_F(PipeFiles, LetAForkedChildCreateNoInstanceOfItsParentsName) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    EXPECT_EQ(inChild([&] {
+                  End next;
+                  return platform::platformCreateNextInstance(server.pipe, path(), true, true, next.pipe, next.event);
+              }),
+              5);
+    EXPECT_EQ(connect(client), 0);
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+}
+
+TEST_F(PipeFiles, LetAForkedChildServeANameOfItsOwn) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    EXPECT_EQ(inChild([&] {
+                  End own, ownClient;
+                  const std::string other = name + "-child";
+                  if (createNamed(own, other) != 0) return 1;
+                  if (connectNamed(ownClient, other, 2000) != 0) return 2;
+                  return accept(own);
+              }),
+              0);
+    EXPECT_EQ(connect(client), 0);
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+}
+
+TEST_F(PipeFiles, LetTheServerPipeOfAForkedChildDoNoHarmToTheParents) {
+    ServerQvPipe server(name, true, true);
+    server.setAcceptTimeout(2000);
+    QvPipe client(name, true, true);
+    EXPECT_EQ(inChild([&] {
+                  const bool isRefused = thrownBy([&] { server.accept(); }) == "QvPipeException: acceptPipe failed";
+                  server.close();
+                  return isRefused ? 0 : 1;
+              }),
+              0);
+    QvPipe accepted;
+    EXPECT_EQ(thrownBy([&] { server.accept(accepted); }), "nothing");
+    client.writePipe("x", 0, 1);
+    char byte = 0;
+    EXPECT_EQ(accepted.readPipe(&byte, 0, 1, 1000), 1);
+    EXPECT_EQ(thrownBy([&] { QvPipe(name, true, true); }), "nothing");
+}
+
+TEST_F(PipeFiles, LetAForkedChildCloseWhateverOtherThreadsAreDoing) {
+    End server, client;
+    pair(server, client);
+    std::atomic<bool> done{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&] {
+            while (!done) {
+                End own;
+                createNamed(own, name + "-own");  // by one of them at a time
+            }
+        });
+    }
+    int hung = 0;
+    for (int i = 0; i < 200 && hung == 0; ++i) {
+        hung += inChild([&] {
+                    ::alarm(10);  // ends a child that hangs
+                    client.close();
+                    server.close();
+                    End own;
+                    return createNamed(own, name + "-child");
+                }) != 0;
+    }
+    done = true;
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(hung, 0);
+}
+
 TEST_F(PipeFiles, GiveTheNameAwayWhenTheParentClosesAlthoughAChildLives) {
     End server, client;
     pair(server, client);
