@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 #include <utility>
 
@@ -116,7 +117,11 @@ void PipeObject::prepareToWaitAgain(const Operation& operation) const {
 void PipeObject::keep(std::unique_ptr<Operation> operation) {
     const auto isComplete = [](const std::unique_ptr<Operation>& kept) { return !kept->isPending(); };
     kept_.erase(std::remove_if(kept_.begin(), kept_.end(), isComplete), kept_.end());
-    kept_.push_back(std::move(operation));
+    try {
+        kept_.push_back(std::move(operation));
+    } catch (const std::bad_alloc&) {
+        static_cast<void>(operation.release());  // lost rather than freed under the system's hands
+    }
 }
 
 bool PipeObject::beginInputWait() {

@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -249,17 +250,14 @@ class PendingWrite {
     int outcome_ = WriteResult::WRITTEN;
 };
 
-}  // namespace
+// ---- Connecting ----
 
-int platformConnect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
-                    NativeHandle& eventHandle) {
-    pipeHandle = INVALID_NATIVE_HANDLE;
-    eventHandle = INVALID_NATIVE_HANDLE;
+/// Returns a ConnectResult or the number of a SystemError: there is a handle then, but no event.
+int connectTo(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle) try {
     PipeConnector connector(path, readable, writable, timeoutMs);
     const int result = connector.connect();
     if (result != ConnectResult::CONNECTED) return result;
-
-    auto object = std::make_shared<PipeObject>();
+    const auto object = std::make_shared<PipeObject>();
     object->readable = readable;
     object->writable = writable;
     object->socket = connector.takeSocket();
@@ -267,13 +265,27 @@ int platformConnect(const std::string& path, bool readable, bool writable, int t
     object->event = Descriptor::event();
     const int eventError = object->event.isOpen() ? SystemError::NONE : SystemError::fromErrno(errno);
     object->connected = true;
-    pipeHandle = HandleTable::instance().add(std::move(object));
+    pipeHandle = HandleTable::instance().add(object);
+    return eventError;
+} catch (const std::bad_alloc&) {
+    logError([&] { return text("Could not open pipe. GLE=", SystemError::NOT_ENOUGH_MEMORY); });
+    return ConnectResult::CANNOT_OPEN;
+}
+
+}  // namespace
+
+int platformConnect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
+                    NativeHandle& eventHandle) {
+    pipeHandle = INVALID_NATIVE_HANDLE;
+    eventHandle = INVALID_NATIVE_HANDLE;
+    const int result = connectTo(path, readable, writable, timeoutMs, pipeHandle);
+    if (pipeHandle == INVALID_NATIVE_HANDLE) return result;
     logDebug([&] {
         return text("CreateFile - ", path, " handle=", printable(pipeHandle), " GetLastError=", SystemError::NONE);
     });
-    if (eventError != SystemError::NONE) {
-        logError([&] { return text("CreateEvent failed: ", eventError); });
-        return eventError;
+    if (result != ConnectResult::CONNECTED) {
+        logError([&] { return text("CreateEvent failed: ", result); });
+        return result;
     }
     eventHandle = HandleTable::eventHandleOf(pipeHandle);
     return ConnectResult::CONNECTED;

@@ -11,10 +11,10 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 // Results are judged by the last error. Log calls leave it as they found it.
 
@@ -310,12 +310,9 @@ class Writing {
     std::size_t left_;
 };
 
-}  // namespace
-
-int platformConnect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
-                    NativeHandle& eventHandle) {
-    pipeHandle = INVALID_NATIVE_HANDLE;
-    eventHandle = INVALID_NATIVE_HANDLE;
+/// Returns a ConnectResult, or the system's number for an event that could not be made; the pipe is open then.
+int connectTo(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
+              NativeHandle& eventHandle) try {
     const auto object = std::make_shared<PipeObject>();
     const DWORD access = accessMask(readable, writable);
     HANDLE pipe = openPipe(path, access);
@@ -336,23 +333,39 @@ int platformConnect(const std::string& path, bool readable, bool writable, int t
     }
     eventHandle = reinterpret_cast<NativeHandle>(event);
     return ConnectResult::CONNECTED;
+} catch (const std::bad_alloc&) {
+    logError([&] { return text("Could not open pipe. GLE=", ERROR_NOT_ENOUGH_MEMORY); });
+    return ConnectResult::CANNOT_OPEN;
 }
 
-int platformRead(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs) {
+}  // namespace
+
+int platformConnect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
+                    NativeHandle& eventHandle) {
+    pipeHandle = INVALID_NATIVE_HANDLE;
+    eventHandle = INVALID_NATIVE_HANDLE;
+    return connectTo(path, readable, writable, timeoutMs, pipeHandle, eventHandle);
+}
+
+int platformRead(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs) try {
     const PipeCall call(pipeHandle);
     if (!call) return reportReadError(ERROR_INVALID_HANDLE);
     return Reading(call.object(), buffer, length).run(timeoutMs);
+} catch (const std::bad_alloc&) {
+    return reportReadError(ERROR_NOT_ENOUGH_MEMORY);
 }
 
-int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int length) {
+int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int length) try {
     if (length <= 0) return WriteResult::WRITTEN;
     const PipeCall call(pipeHandle);
     if (!call) return reportWriteError(ERROR_INVALID_HANDLE);
     return Writing(call.object(), data, static_cast<std::size_t>(length)).run();
+} catch (const std::bad_alloc&) {
+    return reportWriteError(ERROR_NOT_ENOUGH_MEMORY);
 }
 
 int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, std::size_t firstLength,
-                      const char* second, std::size_t secondLength, std::size_t& written) {
+                      const char* second, std::size_t secondLength, std::size_t& written) try {
     written = 0;
     if (firstLength + secondLength == 0) return WriteResult::WRITTEN;
     const PipeCall call(pipeHandle);
@@ -364,12 +377,16 @@ int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, 
     const int result = writing.runOnce();
     written = joined.size() - writing.left();
     return result;
+} catch (const std::bad_alloc&) {
+    return reportWriteError(ERROR_NOT_ENOUGH_MEMORY);
 }
 
-int platformAwaitInput(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
+int platformAwaitInput(NativeHandle pipeHandle, NativeHandle, int timeoutMs) try {
     const PipeCall call(pipeHandle);
     if (!call) return InputResult::FAILED;
     return InputWait(call.object()).run(timeoutMs);
+} catch (const std::bad_alloc&) {
+    return InputResult::INPUT;  // the read reports it
 }
 
 void platformWake(NativeHandle pipeHandle) {
@@ -395,8 +412,8 @@ bool platformPeerHasClosed(NativeHandle pipeHandle) {
     DWORD count = 0;
     while (::PeekNamedPipe(call.object().pipe(), nullptr, 0, nullptr, &count, nullptr)) {
         if (count == 0) return false;
-        std::vector<char> dropped(count);
-        if (Reading(call.object(), dropped.data(), static_cast<int>(count)).run(1) <= 0) return false;
+        char dropped[4096];
+        if (platformRead(pipeHandle, pipeHandle, dropped, sizeof dropped, 1) <= 0) return false;
     }
     return ::GetLastError() == ERROR_BROKEN_PIPE || ::GetLastError() == ERROR_PIPE_NOT_CONNECTED;
 }

@@ -8,6 +8,7 @@
 #include <windows.h>
 
 #include <memory>
+#include <new>
 #include <utility>
 
 // Results are judged by the last error. Log calls leave it as they found it.
@@ -129,26 +130,27 @@ class Accepting {
     std::unique_ptr<Operation> operation_;
 };
 
-int acceptOn(NativeHandle pipeHandle, int timeoutMs) {
+int acceptOn(NativeHandle pipeHandle, int timeoutMs) try {
     const PipeCall call(pipeHandle);
     if (call) return Accepting(call.object()).run(timeoutMs);
     logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", ERROR_INVALID_HANDLE); });
     return reportConnectError(ERROR_INVALID_HANDLE);
+} catch (const std::bad_alloc&) {
+    const int result = reportConnectError(ERROR_NOT_ENOUGH_MEMORY);
+    ::Sleep(PAUSE_MS);
+    return result;
 }
 
-}  // namespace
+int reportCreateError(DWORD error) {
+    logError([&] { return text("CreateNamedPipe failed: ", error); });
+    return static_cast<int>(error);
+}
 
-int platformCreateInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
-                           NativeHandle& eventHandle) {
-    pipeHandle = INVALID_NATIVE_HANDLE;
-    eventHandle = INVALID_NATIVE_HANDLE;
+int makeInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
+                 NativeHandle& eventHandle) try {
     const auto object = std::make_shared<PipeObject>();
     const HANDLE pipe = createInstance(path, readable, writable, first);
-    if (pipe == INVALID_HANDLE_VALUE) {
-        const DWORD error = ::GetLastError();
-        logError([&] { return text("CreateNamedPipe failed: ", error); });
-        return static_cast<int>(error);
-    }
+    if (pipe == INVALID_HANDLE_VALUE) return reportCreateError(::GetLastError());
     const HANDLE event = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
     const DWORD eventError = ::GetLastError();
     // Unlike a client's end, an instance whose event is null is there: clients may wait for it, its accept fails.
@@ -162,6 +164,17 @@ int platformCreateInstance(const std::string& path, bool readable, bool writable
     }
     logDebug([&] { return text("bindPipe: handle=", printable(pipeHandle), " event=", printable(eventHandle)); });
     return ERROR_SUCCESS;
+} catch (const std::bad_alloc&) {
+    return reportCreateError(ERROR_NOT_ENOUGH_MEMORY);
+}
+
+}  // namespace
+
+int platformCreateInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
+                           NativeHandle& eventHandle) {
+    pipeHandle = INVALID_NATIVE_HANDLE;
+    eventHandle = INVALID_NATIVE_HANDLE;
+    return makeInstance(path, readable, writable, first, pipeHandle, eventHandle);
 }
 
 int platformCreateNextInstance(NativeHandle, const std::string& path, bool readable, bool writable,

@@ -20,6 +20,8 @@ bool renewsWriteTimeOnProgress();
 bool deliversTimedOutWrites();
 /// Whether the reading of a connection can be ended on its own, so that the peer's next write breaks.
 bool closesHalfOfAPipe();
+/// Whether accepts, reads and writes take memory, and may fail for want of it.
+bool needsMemoryToTransfer();
 /// Whether "a" and "a." and "a/../b" are three names.
 bool keepsNamesAsTheyAre();
 /// The length of a name that is too long. 247 bytes are documented to work.

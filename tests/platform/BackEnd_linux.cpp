@@ -34,6 +34,10 @@ bool closesHalfOfAPipe() {
     return true;
 }
 
+bool needsMemoryToTransfer() {
+    return false;
+}
+
 bool keepsNamesAsTheyAre() {
     return true;
 }

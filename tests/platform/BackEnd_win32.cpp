@@ -135,6 +135,10 @@ bool closesHalfOfAPipe() {
     return false;
 }
 
+bool needsMemoryToTransfer() {
+    return true;
+}
+
 bool keepsNamesAsTheyAre() {
     return false;
 }
