@@ -213,7 +213,7 @@ void AbstractQvtpRequestImpl::releasePipe() {
     pipe_ = nullptr;
 }
 
-/// Skips what is left of the response, within limits. True when the pipe stands behind it. The body is to be detached
+/// Skips what is left of the response, within limits. True when the pipe stands after it. The body is to be detached
 /// then: what it reads from is gone.
 bool AbstractQvtpRequestImpl::finishResponse() {
     if (responseBody_ == nullptr || responseBody_->isComplete()) return true;

@@ -121,7 +121,7 @@ TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBInChunksAtMost) {
     EXPECT_FALSE(isReused());
 }
 
-TEST_F(ReturnedPipe, IsGivenUpWithBytesBehindAResponseThatWasRead) {
+TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseThatWasRead) {
     post(OK_RESPONSE + std::string("x"), [&] { bodyOfResponse(); });
     EXPECT_FALSE(isReused());
     post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n0\r\n\r\n",
@@ -129,14 +129,14 @@ TEST_F(ReturnedPipe, IsGivenUpWithBytesBehindAResponseThatWasRead) {
     EXPECT_FALSE(isReused());
 }
 
-TEST_F(ReturnedPipe, IsGivenUpWithBytesBehindAResponseThatWasSkipped) {
+TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseThatWasSkipped) {
     post(OK_RESPONSE + std::string(OK_RESPONSE));
     EXPECT_FALSE(isReused());
     post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n\r\n");
     EXPECT_FALSE(isReused());
 }
 
-TEST_F(ReturnedPipe, IsGivenUpWithBytesBehindAResponseWithoutABody) {
+TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseWithoutABody) {
     post("QVTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\nx", [&] { bodyOfResponse(); });
     EXPECT_FALSE(isReused());
     post("QVTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\nx");

@@ -22,8 +22,10 @@ std::string wire(OutgoingMessage& message) {
 template <typename Prepare>
 void expectUnchangedByAFailedBody(const Prepare& prepare) {
     const std::string body(1000, 'b');
-    long n = 1;
-    for (bool failed = true; failed; ++n) {
+    long n = 0;
+    bool failed = true;
+    while (failed) {
+        ++n;
         OutgoingMessage expected, message;
         prepare(expected);
         prepare(message);
@@ -39,7 +41,7 @@ void expectUnchangedByAFailedBody(const Prepare& prepare) {
             EXPECT_EQ(wire(message), wire(expected)) << n;
         }
     }
-    EXPECT_GT(n, 3);  // the block and a header at least
+    EXPECT_GT(n, 2);  // the block and a header at least
 }
 
 TEST(SetBodyWithoutMemory, LeavesTheMessageAsItWas) {
