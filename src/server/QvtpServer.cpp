@@ -48,7 +48,9 @@ void acceptInto(ServerQvPipe& serverPipe, QvPipe& pipe, const std::string& pipeN
     } catch (InterruptedException&) {
         throw;
     } catch (QvPipeException& e) {
-        logError("QvtpServer failed to accept a QvPipe on the named pipe " + pipeName + ". " + e.getMessage());
+        logError([&] {
+            return "QvtpServer failed to accept a QvPipe on the named pipe " + pipeName + ". " + e.getMessage();
+        });
     }
 }
 
@@ -80,7 +82,8 @@ QvtpServer::QvtpServer(const std::string& pipeName, int accessMode)
         serverPipe_ = std::make_unique<ServerQvPipe>(pipeName_, true, writable_);
         logDebug([&] { return "QvTpServer is using Pipe " + pipeName_; });
     } catch (QvPipeException& e) {
-        logError("Failed to create the QvtpServer with the named pipe " + pipeName_ + ". " + e.getMessage());
+        logError(
+            [&] { return "Failed to create the QvtpServer with the named pipe " + pipeName_ + ". " + e.getMessage(); });
     }
 }
 
@@ -182,7 +185,7 @@ int QvtpServer::totalRequestProcessors() const {
 void QvtpServer::run() {
     const RunGuard active(*this);
     if (serverPipe_ == nullptr) {
-        logError("QvtpServer " + pipeName_ + " cannot run without its named pipe.");
+        logError([&] { return "QvtpServer " + pipeName_ + " cannot run without its named pipe."; });
         return;
     }
     logDebug([&] { return "QvTpServer is running on Pipe " + pipeName_; });
@@ -276,7 +279,7 @@ void QvtpServer::deleteWorkers() {
     Poco::Mutex::ScopedLock lock(*mutex_);
     for (auto& [name, worker] : workers_) {
         if (worker->isRunning()) {
-            logInfo("************* Worker thread not deleted: " + name);
+            logInfo([&] { return "************* Worker thread not deleted: " + worker->getName(); });
             abandon(std::move(worker));
         } else {
             worker.reset();

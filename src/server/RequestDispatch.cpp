@@ -49,7 +49,9 @@ bool RequestWorker::tryRead(const Read& read) {
         logDebug([&] { return "InterruptedException - " + fullName_ + ". " + e.getMessage(); });
     } catch (QvPipeException& e) {
         if (!stop_) {
-            logError("QvPipeException - " + fullName_ + " error while reading request start line. " + e.getMessage());
+            logError([&] {
+                return "QvPipeException - " + fullName_ + " error while reading request start line. " + e.getMessage();
+            });
         }
     }
     return false;
@@ -85,7 +87,7 @@ bool RequestWorker::handle(QvtpServerRequest& request) {
     } catch (IllegalStateException& e) {
         logFailure("IllegalStateException - ", e.getMessage(), request);
     } catch (InterruptedException& e) {
-        logError("InterruptedException - " + fullName_ + ". " + e.getMessage());
+        logError([&] { return "InterruptedException - " + fullName_ + ". " + e.getMessage(); });
     } catch (QvPipeException& e) {
         if (!stop_) logFailure("QvPipeException - ", e.getMessage(), request);
     } catch (const std::ios_base::failure&) {
@@ -101,8 +103,8 @@ bool RequestWorker::hasFailedStream() const {
 }
 
 void RequestWorker::logFailure(const char* kind, const std::string& message, QvtpServerRequest& request) const {
-    logError(kind + fullName_ + ". " + message);
-    logError("Could not process the " + request.getResource() + " request. The pipe will be closed.");
+    logError([&] { return kind + fullName_ + ". " + message; });
+    logError([&] { return "Could not process the " + request.getResource() + " request. The pipe will be closed."; });
 }
 
 bool RequestWorker::dispatch(QvtpServerRequest& request) {
@@ -113,7 +115,7 @@ bool RequestWorker::dispatch(QvtpServerRequest& request) {
         handlePost(request);
     } else {
         // The worker's name stands where the method might be expected: log readers match this text.
-        logError("Unrecognized request method (" + fullName_ + "), the full message will be ignored.");
+        logError([&] { return "Unrecognized request method (" + fullName_ + "), the full message will be ignored."; });
         return false;
     }
     return !mustClose_;

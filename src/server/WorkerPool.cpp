@@ -137,8 +137,9 @@ void QvtpServer::HandOver::askForThread() {
     }
 }
 
-/// Waits until a thread may be had, for one step at most. The pool has a thread back shortly after its worker has ended,
-/// and says so to nobody: look closely then. After a start that failed only a thread that is there already will do.
+/// Waits until a thread may be had, for one step at most. The pool has a thread back shortly after its worker has
+/// ended, and says so to nobody: look closely then. After a start that failed only a thread that is there already will
+/// do.
 void QvtpServer::HandOver::awaitThread(std::uint64_t seenEnds, bool startFailed) {
     const Poco::ThreadPool& pool = *server_.threadPool_;
     const auto deadline = ThreadUse::Clock::now() + std::chrono::milliseconds(stepMs_);

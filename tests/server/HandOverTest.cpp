@@ -245,7 +245,7 @@ TEST_F(HandOver, LeavesEveryClientItsTurn) {
                 PostRequest request(&client, server.name, "/p");
                 request.setBody("x", 1);
                 const std::string thrown = thrownBy([&] { std::unique_ptr<QvtpResponse>(request.execute()); });
-                if (backend::closesHalfOfAPipe()) EXPECT_EQ(thrown, "nothing");
+                EXPECT_TRUE(thrown == "nothing" || !backend::closesHalfOfAPipe()) << thrown;
             }
         }));
     }
