@@ -6,7 +6,8 @@
 #include <string>
 
 /// The contract between the pipe classes and the operating system, implemented once per system beside this file.
-/// The routines return result codes and log; they throw nothing of their own. What each must do in every situation
+/// The routines return result codes and log; they throw nothing. Lack of memory is a failure like any other, with error
+/// 8 in its line, and leaves nothing behind; closes need none. What each must do in every situation
 /// is in docs/porting.md and in the contract test, which every back end passes.
 namespace Quovane::Internal::Qvtp {
 
