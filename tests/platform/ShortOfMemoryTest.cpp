@@ -1,3 +1,4 @@
+#include "logging/Log.h"
 #include "platform/PipeContract.h"
 #include "support/FailingAllocation.h"
 #include "support/Holdings.h"
@@ -12,6 +13,8 @@ using Duration = AllocationFailure::Duration;
 /// Routines that find no memory, at each of their allocations in turn. Long names, so that texts need memory too.
 class ShortOfMemory : public PipeContract, public ::testing::WithParamInterface<Duration> {
   protected:
+    void SetUp() override { platform::loggingLevel(); }  // the log's own beginning is none of this
+
     struct Ends {
         End server, client, next;
     };
