@@ -7,6 +7,22 @@ namespace Quovane::Qvtp {
 
 using namespace Quovane::Internal::Qvtp;
 
+struct QvtpClient::IntegerOptions {
+    /// Where an option is kept; null for one that is not an integer.
+    static std::atomic<int> QvtpClient::*fieldOf(ClientOptions option) {
+        switch (option) {
+            case CONNECTION_TIMEOUT:
+                return &QvtpClient::connectionTimeout_;
+            case IDLE_TIMEOUT:
+                return &QvtpClient::idleTimeout_;
+            case BUFFER_SIZE:
+                return &QvtpClient::bufferSize_;
+            default:
+                return nullptr;
+        }
+    }
+};
+
 QvtpClient::QvtpClient() = default;
 
 QvtpClient::QvtpClient(QvtpConnectionManager* manager) : manager_(manager) {}
@@ -39,8 +55,8 @@ void QvtpClient::setOption(ClientOptions option, const std::string& value) {
 }
 
 void QvtpClient::setOption(ClientOptions option, int value) {
-    if (std::atomic<int>* field = integerOption(option)) {
-        *field = value;
+    if (const auto field = IntegerOptions::fieldOf(option)) {
+        this->*field = value;
         return;
     }
     // Only the refusal is logged at DEBUG; an option that is taken leaves no line.
@@ -58,23 +74,9 @@ std::string QvtpClient::getStringOption(ClientOptions option) const {
 }
 
 int QvtpClient::getIntegerOption(ClientOptions option) const {
-    if (const std::atomic<int>* field = const_cast<QvtpClient*>(this)->integerOption(option)) return *field;
+    if (const auto field = IntegerOptions::fieldOf(option)) return this->*field;
     logError("Attempt to retrieve an invalid integer option");
     return -1;
-}
-
-/// Null for an option that is not an integer.
-std::atomic<int>* QvtpClient::integerOption(ClientOptions option) {
-    switch (option) {
-        case CONNECTION_TIMEOUT:
-            return &connectionTimeout_;
-        case IDLE_TIMEOUT:
-            return &idleTimeout_;
-        case BUFFER_SIZE:
-            return &bufferSize_;
-        default:
-            return nullptr;
-    }
 }
 
 }  // namespace Quovane::Qvtp

@@ -6,19 +6,15 @@
 #include "common/Utf8String.h"
 #include "message/DirectionLabel.h"
 #include "message/QvtpMessageInImpl.h"
+#include "message/StartLine.h"
 
 namespace Quovane::Qvtp {
 
 using Internal::Qvtp::InputBuffer;
 using Internal::Qvtp::QvtpMessageInImpl;
+using Internal::Qvtp::StartLine;
 using Soa::Common::Xml::Utf8String;
 using Soa::Internal::Common::StringUtils;
-
-namespace {
-
-constexpr char BLANK = ' ';
-
-}  // namespace
 
 QvtpResponse::QvtpResponse() : client_(nullptr) {}
 
@@ -61,27 +57,20 @@ std::shared_ptr<InputBuffer> QvtpResponse::bodyReader() const {
 
 int QvtpResponse::getStatusCode() {
     try {
-        const std::string line = getStartLine();
-        const std::size_t blank = line.find(BLANK);
-        const std::size_t start = blank == std::string::npos ? 0 : blank + 1;
-        const std::size_t end = line.find(BLANK, start);
-        return StringUtils::toInteger(std::string_view(line).substr(start, end - start));
+        const StartLine line(getStartLine());
+        return StringUtils::toInteger(line.hasBlank() ? line.second() : line.first());
     } catch (Io::QvPipeException&) {
         return STATUS_SERVER_ERROR;
     }
 }
 
 std::string QvtpResponse::getReasonPhrase() {
-    const std::string line = getStartLine();
-    const std::size_t first = line.find(BLANK);
-    const std::size_t second = first == std::string::npos ? first : line.find(BLANK, first + 1);
-    return second == std::string::npos ? std::string() : StringUtils::trim(std::string_view(line).substr(second));
+    return StringUtils::trim(StartLine(getStartLine()).rest());
 }
 
 Version QvtpResponse::getQvtpVersion() {
     try {
-        const std::string line = getStartLine();
-        return Version(line.substr(0, line.find(BLANK)));
+        return Version(std::string(StartLine(getStartLine()).first()));
     } catch (Io::QvPipeException&) {
         return Version::CURRENT_VERSION;
     }

@@ -1,19 +1,26 @@
 #include "common/OBufferWriter.h"
 
+#include "common/WireSyntax.h"
+
 #include <algorithm>
 #include <charconv>
+#include <string_view>
 
 namespace Quovane::Soa::Internal::Common {
 
 namespace {
 
-constexpr char LINE_END[] = "\r\n";
-constexpr std::streamsize LINE_END_LENGTH = 2;
+using Quovane::Internal::Qvtp::WireSyntax::LAST_CHUNK;
+using Quovane::Internal::Qvtp::WireSyntax::LINE_END;
+
+void writeText(std::ostream& out, std::string_view text) {
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
 
 void writeChunkSize(std::ostream& out, std::size_t size) {
-    char line[2 * sizeof size + LINE_END_LENGTH];
+    char line[2 * sizeof size + LINE_END.size()];
     char* end = std::to_chars(line, line + 2 * sizeof size, size, 16).ptr;
-    end = std::copy_n(LINE_END, LINE_END_LENGTH, end);
+    end = std::copy(LINE_END.begin(), LINE_END.end(), end);
     out.write(line, end - line);
 }
 
@@ -50,7 +57,7 @@ void OBufferWriter::flush() {
 
 void OBufferWriter::send() {
     writeBuffered();
-    if (chunked_) out_->write("0\r\n\r\n", 5);
+    if (chunked_) writeText(*out_, LAST_CHUNK);
     out_->flush();
 }
 
@@ -63,7 +70,7 @@ void OBufferWriter::writeBuffered() {
 void OBufferWriter::writeOut(const char* data, std::size_t length) {
     if (chunked_) writeChunkSize(*out_, length);
     out_->write(data, static_cast<std::streamsize>(length));
-    if (chunked_) out_->write(LINE_END, LINE_END_LENGTH);
+    if (chunked_) writeText(*out_, LINE_END);
 }
 
 }  // namespace Quovane::Soa::Internal::Common

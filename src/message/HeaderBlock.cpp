@@ -1,6 +1,7 @@
 #include "message/HeaderBlock.h"
 
 #include "common/StringUtils.h"
+#include "common/WireSyntax.h"
 #include "logging/Log.h"
 #include "message/StreamUtil.h"
 
@@ -13,9 +14,7 @@ using Quovane::Soa::Internal::Common::StringUtils;
 
 namespace {
 
-constexpr std::string_view WHITE_SPACE = " \t\r\n";
-constexpr std::string_view BLANKS = " \t";
-constexpr char LINE_END[] = "\r\n";
+using namespace WireSyntax;
 
 /// Independent of the locale: bytes above 127 stay as they are.
 char upperCase(char c) {

@@ -2,6 +2,7 @@
 
 #include "common/StringUtils.h"
 #include "common/System.h"
+#include "common/WireSyntax.h"
 #include "logging/Log.h"
 #include "message/Throughput.h"
 
@@ -14,7 +15,6 @@ using Quovane::Soa::Internal::Common::StringUtils;
 namespace {
 
 constexpr std::size_t SIZE_LINE_CAPACITY = 20;  // at most 19 characters before the line feed
-constexpr std::size_t LINE_END_LENGTH = 2;
 constexpr std::size_t SKIP_PIECE = 4096;
 
 }  // namespace
@@ -72,9 +72,9 @@ std::size_t InputBuffer::readData(char* buffer, std::size_t size) {
 
 /// Reads the line end behind a chunk's data.
 bool InputBuffer::endChunk() {
-    char lineEnd[2] = {};
+    char lineEnd[WireSyntax::LINE_END.size()] = {};
     if (!stream_->bad()) stream_->read(lineEnd, sizeof lineEnd);
-    if (stream_->good() && stream_->gcount() == 2 && lineEnd[0] == '\r' && lineEnd[1] == '\n') return true;
+    if (stream_->good() && std::string_view(lineEnd, sizeof lineEnd) == WireSyntax::LINE_END) return true;
     return fail("Bad end of chunk");
 }
 
@@ -102,8 +102,8 @@ bool InputBuffer::hasArrived(std::string_view bytes) const {
         std::uint32_t size = 0;
         if (!StringUtils::scanHexadecimal(bytes.substr(0, lineEnd), size)) return true;
         bytes.remove_prefix(lineEnd + 1);
-        if (bytes.size() < std::uint64_t{size} + LINE_END_LENGTH) return false;
-        bytes.remove_prefix(size + LINE_END_LENGTH);
+        if (bytes.size() < std::uint64_t{size} + WireSyntax::LINE_END.size()) return false;
+        bytes.remove_prefix(size + WireSyntax::LINE_END.size());
         if (size == 0) return true;
     }
 }

@@ -1,6 +1,7 @@
 #include "message/QvtpHeader.h"
 
 #include "common/StringUtils.h"
+#include "common/WireSyntax.h"
 
 #include <string_view>
 
@@ -10,11 +11,10 @@ using Quovane::Soa::Internal::Common::StringUtils;
 
 namespace {
 
-constexpr std::string_view SEPARATORS = " \t\r\n";
-constexpr char DELIMITER = ',';
+using namespace WireSyntax;
 
 bool isSeparator(char c) {
-    return SEPARATORS.find(c) != std::string_view::npos;
+    return WHITE_SPACE.find(c) != std::string_view::npos;
 }
 
 }  // namespace
@@ -43,10 +43,10 @@ void QvtpHeader::setName(const std::string& name) {
 void QvtpHeader::addValues(const std::string& valueText) {
     std::string_view rest = valueText;
     for (;;) {
-        const std::size_t start = rest.find_first_not_of(SEPARATORS);
+        const std::size_t start = rest.find_first_not_of(WHITE_SPACE);
         if (start == std::string_view::npos) return;
         const std::size_t end = rest.find(DELIMITER, start);
-        const std::string_view piece = StringUtils::trim(rest.substr(start, end - start), SEPARATORS);
+        const std::string_view piece = StringUtils::trim(rest.substr(start, end - start), WHITE_SPACE);
         if (!piece.empty()) values_.emplace_back(piece);
         if (end == std::string_view::npos) return;
         rest.remove_prefix(end + 1);

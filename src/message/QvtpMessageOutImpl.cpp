@@ -4,6 +4,7 @@
 
 #include "common/MessageSink.h"
 #include "common/StringUtils.h"
+#include "common/WireSyntax.h"
 #include "logging/Log.h"
 #include "message/BodyRecord.h"
 
@@ -17,7 +18,6 @@ using Quovane::Soa::Internal::Common::StringUtils;
 
 namespace {
 
-constexpr char LINE_END[] = "\r\n";
 constexpr std::size_t MAX_BODY_LENGTH = std::numeric_limits<std::int32_t>::max();
 
 }  // namespace
@@ -78,9 +78,10 @@ void QvtpMessageOutImpl::writeBody(std::ostream* out) const {
 }
 
 std::string QvtpMessageOutImpl::composeHead(const std::string& startLine) const {
-    std::string head = startLine + LINE_END;
+    std::string head = startLine;
+    head += WireSyntax::LINE_END;
     headers_.write(head, *converter_);
-    head += LINE_END;
+    head += WireSyntax::LINE_END;
     return head;
 }
 

@@ -56,7 +56,44 @@ void acceptInto(ServerQvPipe& serverPipe, QvPipe& pipe, const std::string& pipeN
 
 }  // namespace
 
-/// Tells the destructor that a thread is in run().
+/// Stops the workers when the accept loop ends, however it does.
+class QvtpServer::StopGuard {
+  public:
+    explicit StopGuard(QvtpServer& server) : server_(server) {}
+    ~StopGuard() {
+        server_.running_ = false;
+        server_.stopWorkers();
+    }
+    StopGuard(const StopGuard&) = delete;
+    StopGuard& operator=(const StopGuard&) = delete;
+
+  private:
+    QvtpServer& server_;
+};
+
+struct QvtpServer::IntegerOptions {
+    /// Where an option is kept; null for one that is not an integer.
+    static std::atomic<int> QvtpServer::*fieldOf(ServerOptions option) {
+        switch (option) {
+            case ACCESS_MODE:
+                return &QvtpServer::accessFlag_;
+            case MAX_REQUEST_PROCESSORS:
+                return &QvtpServer::maxRequestProcessors_;
+            case ACCEPT_TIMEOUT:
+                return &QvtpServer::acceptTimeout_;
+            case IDLE_TIMEOUT:
+                return &QvtpServer::idleTimeout_;
+            case RECEIVE_TIMEOUT:
+                return &QvtpServer::receiveTimeout_;
+            case BUFFER_SIZE:
+                return &QvtpServer::bufferSize_;
+            default:
+                return nullptr;
+        }
+    }
+};
+
+/// Reports to the destructor that a thread is in run().
 class QvtpServer::RunGuard {
   public:
     explicit RunGuard(QvtpServer& server) : server_(server) {
@@ -94,34 +131,13 @@ QvtpServer::~QvtpServer() {
     runEnded_.wait(lock, [this] { return activeRuns_ == 0; });
 }
 
-/// Null for an option that is not an integer.
-const std::atomic<int>* QvtpServer::integerOption(ServerOptions option) const {
-    switch (option) {
-        case ACCESS_MODE:
-            return &accessFlag_;
-        case MAX_REQUEST_PROCESSORS:
-            return &maxRequestProcessors_;
-        case ACCEPT_TIMEOUT:
-            return &acceptTimeout_;
-        case IDLE_TIMEOUT:
-            return &idleTimeout_;
-        case RECEIVE_TIMEOUT:
-            return &receiveTimeout_;
-        case BUFFER_SIZE:
-            return &bufferSize_;
-        default:
-            return nullptr;
-    }
-}
-
 void QvtpServer::setOption(ServerOptions option, int value) {
-    auto* const field = const_cast<std::atomic<int>*>(integerOption(option));
-    if (field == nullptr) {
-        logError("Attempt to set a non integer option.");
+    if (const auto field = IntegerOptions::fieldOf(option)) {
+        // The access flag is true whatever is set: the constructor's access mode has decided the direction.
+        this->*field = option == ACCESS_MODE ? 1 : value;
         return;
     }
-    // The access flag is true whatever is set: the constructor's access mode has decided the direction.
-    *field = option == ACCESS_MODE ? 1 : value;
+    logError("Attempt to set a non integer option.");
 }
 
 void QvtpServer::setOption(ServerOptions option, const std::string& value) {
@@ -134,7 +150,7 @@ void QvtpServer::setOption(ServerOptions option, const std::string& value) {
 }
 
 int QvtpServer::getIntegerOption(ServerOptions option) const {
-    if (const std::atomic<int>* field = integerOption(option)) return *field;
+    if (const auto field = IntegerOptions::fieldOf(option)) return this->*field;
     logError("Attempt to get a non integer option.");
     return -1;
 }
@@ -202,15 +218,10 @@ void QvtpServer::run() {
     serverPipe_->setAcceptTimeout(acceptTimeout_);
     running_ = true;
     if (destroying_) running_ = false;
-    try {
+    {
+        const StopGuard stopAtTheEnd(*this);
         acceptLoop();
-    } catch (...) {  // nothing of ours: the workers must not outlive it all the same
-        running_ = false;
-        stopWorkers();
-        throw;
     }
-    running_ = false;
-    stopWorkers();
     logSummary();
     logInfo([&] { return "QvtpServer " + pipeName_ + " is stopped."; });
 }

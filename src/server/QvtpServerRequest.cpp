@@ -6,17 +6,13 @@
 #include "common/Utf8String.h"
 #include "message/DirectionLabel.h"
 #include "message/QvtpMessageInImpl.h"
+#include "message/StartLine.h"
 
 namespace Quovane::Qvtp {
 
 using Internal::Qvtp::InputBuffer;
 using Internal::Qvtp::QvtpMessageInImpl;
-
-namespace {
-
-constexpr char BLANK = ' ';
-
-}  // namespace
+using Internal::Qvtp::StartLine;
 
 QvtpServerRequest::QvtpServerRequest(QvtpServer* server, std::istream* in, Soa::Common::Xml::Utf8String* converter)
     : server_(server), converter_(converter) {
@@ -56,8 +52,7 @@ std::shared_ptr<InputBuffer> QvtpServerRequest::bodyReader() const {
 
 std::string QvtpServerRequest::getMethod() {
     try {
-        const std::string line = getStartLine();
-        return line.substr(0, line.find(BLANK));
+        return std::string(StartLine(getStartLine()).first());
     } catch (Io::QvPipeException&) {
         return METHOD_NONE;
     }
@@ -65,12 +60,8 @@ std::string QvtpServerRequest::getMethod() {
 
 std::string QvtpServerRequest::getResource() {
     try {
-        const std::string line = getStartLine();
-        const std::size_t blank = line.find(BLANK);
-        if (blank == std::string::npos) return {};
-        const std::size_t start = blank + 1;
         std::string resource;
-        converter_->decode(line.substr(start, line.find(BLANK, start) - start), resource);
+        converter_->decode(std::string(StartLine(getStartLine()).second()), resource);
         return resource;
     } catch (Io::QvPipeException&) {
         return {};
@@ -79,9 +70,7 @@ std::string QvtpServerRequest::getResource() {
 
 Version QvtpServerRequest::getQvtpVersion() {
     try {
-        const std::string line = getStartLine();
-        const std::size_t blank = line.rfind(BLANK);
-        return Version(blank == std::string::npos ? line : line.substr(blank + 1));
+        return Version(std::string(StartLine(getStartLine()).last()));
     } catch (Io::QvPipeException&) {
         return Version::CURRENT_VERSION;
     }

@@ -12,7 +12,7 @@
 #include <utility>
 
 // How a worker shares its thread: waiting for a client, parting from it, and its end. What it does with a request is in
-// RequestDispatch.cpp.
+// RequestWorkerDispatch.cpp.
 
 namespace Quovane::Internal::Qvtp {
 

@@ -112,19 +112,35 @@ class RequestWorker : public Poco::Runnable {
     bool hasFailedStream() const;
     void logFailure(const char* kind, const std::string& message, QvtpServerRequest& request) const;
 
+    // The life of a worker, and what tells its states apart:
+    //
+    //   state                    begun_  running_  resting_  deserted_
+    //   waits for a thread       no      yes       no        no
+    //   serves, or waits         yes     yes       no        no
+    //   waits, can be asked      yes     yes       yes       no
+    //   a handler's exception    yes     yes       no        yes         the thread has gone, the entry stays
+    //   ended                    yes     no        no        no          may be deleted
+    //
+    // What it is told: stop_ ends it now. giveUp_ says that a connection waits for a thread, and asked_ that this
+    // worker is to give up its own before its client's next request.
+
     QvtpServer* server_;  // not owned
     std::unique_ptr<Quovane::Io::QvPipe> pipe_;
+    const std::string name_;
+    const std::string fullName_;  // with the pipe's name, as the log lines have it
+    std::shared_ptr<ThreadUse> threads_;
+
+    // Set by one thread, read by another.
     std::atomic<bool> stop_{false};
     std::atomic<bool> running_{true};
     std::atomic<bool> begun_{false};
     std::atomic<bool> giveUp_{false};
     std::atomic<bool> resting_{false};
     std::atomic<bool> asked_{false};
-    std::atomic<bool> deserted_{false};  // a handler's exception has left run(): the connection is nobody's
+    std::atomic<bool> deserted_{false};
     std::atomic<Clock::time_point> endOfTurn_{Clock::time_point::max()};
-    std::string name_;
-    std::string fullName_;
-    std::shared_ptr<ThreadUse> threads_;
+
+    // Of the worker's own thread.
     std::vector<char> inputBuffer_;      // of the pipe's stream
     std::vector<char> outputBuffer_;     // of the pipe's stream; empty if it does not write
     std::shared_ptr<InputBuffer> body_;  // of the current request
@@ -132,9 +148,9 @@ class RequestWorker : public Poco::Runnable {
     int receiveTimeoutMs_ = 0;
     bool served_ = false;         // a request has ended
     bool candidate_ = false;      // it ended while a connection waited
+    bool readingEnded_ = false;   // the client's next write breaks
     bool handlerFailed_ = false;  // with an exception that is not the library's, which leaves run()
-    bool readingEnded_ = false;
-    bool mustClose_ = false;  // the same, but the connection is to be closed
+    bool mustClose_ = false;      // the same, but the connection is to be closed
     Quovane::Soa::Common::Xml::Utf8String converter_;
 };
 

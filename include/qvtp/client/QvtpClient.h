@@ -55,7 +55,7 @@ class QVTP_API QvtpClient {
     int getIntegerOption(ClientOptions option) const;
 
   private:
-    std::atomic<int>* integerOption(ClientOptions option);
+    struct QVTP_HIDDEN IntegerOptions;
 
     QvtpConnectionManager* manager_ = nullptr;
     bool ownsManager_ = false;

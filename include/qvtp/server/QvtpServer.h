@@ -105,9 +105,10 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     using WorkerPtr = std::unique_ptr<Internal::Qvtp::RequestWorker>;
     using WorkerMap = std::map<std::string, WorkerPtr>;
     class RunGuard;
+    class StopGuard;
+    struct QVTP_HIDDEN IntegerOptions;
     class QVTP_HIDDEN HandOver;
 
-    const std::atomic<int>* integerOption(ServerOptions option) const;
     void acceptLoop();
     void stopWorkers();
     void requestStop();
@@ -121,6 +122,18 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     void assignToWorkerThread(std::unique_ptr<Io::QvPipe> pipe);
     bool freeFinishedWorkers();
     void cancelBusyWorkers(bool giveUp);
+
+    // The life of a server. Its pipe name is taken in all states but the last, if it could be taken at all.
+    //
+    //   state                       running_  activeRuns_
+    //   constructed                 no        0
+    //   run() prepares its threads  no        1
+    //   run() accepts               yes       1
+    //   run() stops its workers     no        1
+    //   stopped                     no        0
+    //
+    // destroying_ keeps a run() that has begun from accepting. The end of running_ is announced to the accept thread by
+    // closing the server pipe, and to its wait for a thread by threads_.
 
     std::string pipeName_;
     bool writable_;  // the direction of the pipes, which the access flag does not show
