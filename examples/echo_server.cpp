@@ -9,6 +9,8 @@
 
 #include "common.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -107,8 +109,14 @@ int main(int argc, char** argv) {
                   << std::endl;
         server.setHandler(&handler);
         server.setUnhandledExceptionPolicy(QvtpServer::ANSWER);
-        std::thread thread([&] { server.run(); });
-        std::cin.ignore(std::numeric_limits<std::streamsize>::max());
+        // A shutdown() before run() accepts has no effect: wait until it does, or has ended because it cannot.
+        std::atomic<bool> ended{false};
+        std::thread thread([&] {
+            server.run();
+            ended = true;
+        });
+        while (!server.isRunning() && !ended) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (!ended) std::cin.ignore(std::numeric_limits<std::streamsize>::max());
         server.shutdown();
         thread.join();
         std::cout << "server: stopped" << std::endl;

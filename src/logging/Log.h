@@ -18,54 +18,58 @@ namespace Quovane::Internal::Qvtp {
 using Quovane::Qvtp::CommunicationLevel;
 using Quovane::Qvtp::LoggingLevel;
 
-/// The current level.
 LoggingLevel loggingLevel();
-
-bool isErrorEnabled();
-bool isWarnEnabled();
-bool isInfoEnabled();
-bool isDebugEnabled();
-
-void logError(const std::string& message);
-void logWarn(const std::string& message);
-void logInfo(const std::string& message);
-void logDebug(const std::string& message);
-
-// Literals: no string is built while the level is off.
-void logError(const char* message);
-void logWarn(const char* message);
-void logInfo(const char* message);
-void logDebug(const char* message);
+bool isEnabled(LoggingLevel level);
+void log(LoggingLevel level, const std::string& message);
+/// A literal: no string is built while the level is off.
+void log(LoggingLevel level, const char* message);
 
 template <typename Compose>
 using IfComposes = std::enable_if_t<std::is_invocable_r_v<std::string, Compose>>;
 
 template <typename Compose, typename = IfComposes<Compose>>
-void logError(const Compose& compose) {
-    if (!isErrorEnabled()) return;
+void log(LoggingLevel level, const Compose& compose) {
+    if (!isEnabled(level)) return;
     System::LastErrorGuard guard;
-    logStep([&] { logError(std::string(compose())); });
+    logStep([&] { log(level, std::string(compose())); });
 }
 
-template <typename Compose, typename = IfComposes<Compose>>
-void logWarn(const Compose& compose) {
-    if (!isWarnEnabled()) return;
-    System::LastErrorGuard guard;
-    logStep([&] { logWarn(std::string(compose())); });
+// The four names under which the code logs. A message is a string, a literal or what composes one.
+
+template <typename Message>
+void logError(const Message& message) {
+    log(LoggingLevel::ERROR, message);
 }
 
-template <typename Compose, typename = IfComposes<Compose>>
-void logInfo(const Compose& compose) {
-    if (!isInfoEnabled()) return;
-    System::LastErrorGuard guard;
-    logStep([&] { logInfo(std::string(compose())); });
+template <typename Message>
+void logWarn(const Message& message) {
+    log(LoggingLevel::WARN, message);
 }
 
-template <typename Compose, typename = IfComposes<Compose>>
-void logDebug(const Compose& compose) {
-    if (!isDebugEnabled()) return;
-    System::LastErrorGuard guard;
-    logStep([&] { logDebug(std::string(compose())); });
+template <typename Message>
+void logInfo(const Message& message) {
+    log(LoggingLevel::INFO, message);
+}
+
+template <typename Message>
+void logDebug(const Message& message) {
+    log(LoggingLevel::DEBUG, message);
+}
+
+inline bool isErrorEnabled() {
+    return isEnabled(LoggingLevel::ERROR);
+}
+
+inline bool isWarnEnabled() {
+    return isEnabled(LoggingLevel::WARN);
+}
+
+inline bool isInfoEnabled() {
+    return isEnabled(LoggingLevel::INFO);
+}
+
+inline bool isDebugEnabled() {
+    return isEnabled(LoggingLevel::DEBUG);
 }
 
 /// Whether the communication log records this direction (INPUT or OUTPUT).

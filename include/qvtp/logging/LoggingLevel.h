@@ -1,5 +1,12 @@
 #pragma once
 
+// Applications and <windows.h> may have macros of these names: they are set aside for the length of this header. Use the
+// enumerators where no such macro is defined, or by their number.
+#pragma push_macro("ERROR")
+#pragma push_macro("DEBUG")
+#undef ERROR
+#undef DEBUG
+
 namespace Quovane::Qvtp {
 
 /// How much the diagnostic log records. A line is written when the current level is at least the line's own level.
@@ -21,3 +28,6 @@ enum class CommunicationLevel : int {
 };
 
 }  // namespace Quovane::Qvtp
+
+#pragma pop_macro("DEBUG")
+#pragma pop_macro("ERROR")
