@@ -18,13 +18,12 @@ namespace Quovane::Internal::Qvtp {
 using Quovane::Io::BrokenPipeException;
 using Quovane::Io::IllegalStateException;
 using Quovane::Io::QvPipeException;
-using Quovane::Qvtp::QvtpConnectionManager;
 using Quovane::Qvtp::Version;
 
 namespace {
 
 // What a request does for a response that was not read to its end, before it gives up the connection.
-constexpr std::uint64_t MAX_SKIPPED_BYTES = 64 * 1024;
+constexpr std::uint64_t MAX_SKIPPED_BYTES = std::uint64_t{64} * 1024;
 constexpr int MAX_SKIP_MS = 100;
 
 }  // namespace

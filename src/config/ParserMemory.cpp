@@ -7,7 +7,7 @@ namespace Quovane::Internal::Qvtp {
 
 namespace {
 
-constexpr std::size_t RESERVE = 1024 * 1024;  // the initialisation needs about 700 KB
+constexpr std::size_t RESERVE = std::size_t{1024} * 1024;  // the initialisation needs about 700 KB
 
 // What the handler needs, on whatever thread it runs.
 std::atomic<void*> reserve{nullptr};

@@ -14,7 +14,6 @@
 namespace Quovane::Internal::Qvtp {
 
 using Quovane::Io::QvPipeException;
-using Quovane::Qvtp::QvtpMessage;
 using Quovane::Qvtp::Version;
 using Quovane::Soa::Internal::Common::StringUtils;
 

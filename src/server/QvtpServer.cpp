@@ -288,7 +288,8 @@ void QvtpServer::waitForWorkers() {
 
 void QvtpServer::deleteWorkers() {
     Poco::Mutex::ScopedLock lock(*mutex_);
-    for (auto& [name, worker] : workers_) {
+    for (auto& entry : workers_) {
+        WorkerPtr& worker = entry.second;
         if (worker->isRunning()) {
             logInfo([&] { return "************* Worker thread not deleted: " + worker->getName(); });
             abandon(std::move(worker));

@@ -27,7 +27,7 @@ using Quovane::Qvtp::QvtpMessage;
 
 namespace {
 
-constexpr std::uint64_t MAX_SKIPPED_BYTES = 256 * 1024;
+constexpr std::uint64_t MAX_SKIPPED_BYTES = std::uint64_t{256} * 1024;
 
 QvtpHandler& require(QvtpHandler* handler) {
     if (handler == nullptr) throw IllegalStateException("No handler has been set.");
