@@ -1,6 +1,7 @@
 #include <qvtp/io/QvPipe.h>
 #include <qvtp/io/ServerQvPipe.h>
 
+#include "common/System.h"
 #include "platform/PipeAddress_linux.h"
 #include "platform/PipeContract.h"
 #include "support/Thrown.h"
@@ -22,6 +23,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <thread>
 
 namespace qvtp_test {
@@ -42,6 +44,7 @@ class PipeFiles : public PipeContract {
     void TearDown() override {
         const std::string command = "rm -rf " + root;
         ASSERT_EQ(std::system(command.c_str()), 0);
+        before ? ::setenv("QVTP_PIPE_DIR", before->c_str(), 1) : ::unsetenv("QVTP_PIPE_DIR");
     }
 
     void use(const std::string& path) {
@@ -77,6 +80,7 @@ class PipeFiles : public PipeContract {
         return fd;
     }
 
+    const std::optional<std::string> before = platform::System::environmentVariable("QVTP_PIPE_DIR");
     std::string root;
     std::string directory;
 };

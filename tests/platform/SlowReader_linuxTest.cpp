@@ -48,6 +48,15 @@ class SlowReader : public PipeContract {
         return true;
     }
 
+    void takeBlock(int size) const {
+        std::vector<char> buffer(65536);
+        while (size > 0) {
+            const int count = platform::platformRead(server.pipe, server.event, buffer.data(), 65536, 5000);
+            ASSERT_GT(count, 0);
+            size -= count;
+        }
+    }
+
     End server;
     End client;
     std::thread writer;
@@ -115,9 +124,12 @@ TEST_F(SlowReader, IsCutOffWhenItTakesLessThanAPieceInAWholeTimeout) {
 TEST_F(SlowReader, GetsLargeBuffersOnlyWhileItIsQuick) {
     const platform::ReaderPace& pace = platform::HandleTable::instance().find(client.pipe)->pace;
     EXPECT_EQ(pace.limit(), platform::ReaderPace::PIECE);
-    writeBlocks(4 << 20, 1);
-    readAll(server, 4 << 20);
-    writer.join();
+    // As quick as this machine is: it may be busy.
+    for (int round = 0; round < 100 && pace.limit() == platform::ReaderPace::PIECE; ++round) {
+        writeBlocks(4 << 20, 1);
+        takeBlock(4 << 20);
+        writer.join();
+    }
     EXPECT_GT(pace.limit(), platform::ReaderPace::PIECE);
     writeBlocks(4 << 20, 1);
     writer.join();
