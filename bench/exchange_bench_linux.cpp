@@ -3,6 +3,8 @@
 
 #include <qvtp/qvtp.h>
 
+#include "examples/BodyOf.h"
+
 #include <benchmark/benchmark.h>
 
 #include <sys/prctl.h>
@@ -32,12 +34,9 @@ struct Peers {
 class EchoHandler : public QvtpHandler {
     void handleNotify(QvtpServerRequest*) override {}
     void handlePost(QvtpServerRequest* request, QvtpServerResponse* response) override {
-        char* data = nullptr;
-        size_t length = 0;
-        request->getBody(&data, length);
-        const std::unique_ptr<char[]> owner(data);
+        const std::string body = example::bodyOf(*request);
         response->setStatusCode(QvtpMessage::STATUS_OK);
-        response->setBody(data, length);
+        response->setBody(body.data(), body.size());
         response->send();
     }
 };
@@ -87,11 +86,7 @@ void postEcho(benchmark::State& state) {
         PostRequest request(&client, peers.pipe, "/echo");
         request.setBody(body.data(), body.size());
         const std::unique_ptr<QvtpResponse> response(request.execute());
-        char* data = nullptr;
-        size_t length = 0;
-        response->getBody(&data, length);
-        const std::unique_ptr<char[]> owner(data);
-        if (length != body.size()) state.SkipWithError("wrong answer");
+        if (example::bodyOf(*response).size() != body.size()) state.SkipWithError("wrong answer");
     }
 }
 

@@ -2,6 +2,7 @@
 //
 //     echo_client PIPE RESOURCE TEXT [THREADS ROUNDS [LOG [COMMUNICATION-LOG]]]
 
+#include "BodyOf.h"
 #include "common.h"
 
 #include <atomic>
@@ -28,11 +29,7 @@ Answer post(QvtpClient& client, const std::string& pipe, const std::string& reso
     request.addHeader("Content-Type", "text/plain");
     request.setBody(text.data(), text.size());
     const std::unique_ptr<QvtpResponse> response(request.execute());
-    char* data = nullptr;
-    size_t length = 0;
-    response->getBody(&data, length);
-    const std::unique_ptr<char[]> owner(data);
-    return {response->getStatusCode(), response->getReasonPhrase(), std::string(data, length)};
+    return {response->getStatusCode(), response->getReasonPhrase(), example::bodyOf(*response)};
 }
 
 /// One client serves all threads; each request takes a pipe of its own from its pool.

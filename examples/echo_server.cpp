@@ -7,6 +7,7 @@
 // NOTIFY         prints what it was sent
 // anything else  404, by sendError
 
+#include "BodyOf.h"
 #include "common.h"
 
 #include <atomic>
@@ -31,13 +32,13 @@ class EchoHandler : public QvtpHandler {
     explicit EchoHandler(std::string spoolFile) : spoolFile_(std::move(spoolFile)) {}
 
     void handleNotify(QvtpServerRequest* request) override {
-        print("NOTIFY " + request->getResource() + ": " + bodyOf(*request));
+        print("NOTIFY " + request->getResource() + ": " + example::bodyOf(*request));
     }
 
     void handlePost(QvtpServerRequest* request, QvtpServerResponse* response) override {
         const std::string resource = request->getResource();
         if (resource == "/echo") {
-            const std::string body = bodyOf(*request);
+            const std::string body = example::bodyOf(*request);
             response->setStatusCode(QvtpMessage::STATUS_OK);
             response->setBody(body.data(), body.size());
             response->send();
@@ -49,14 +50,6 @@ class EchoHandler : public QvtpHandler {
     }
 
   private:
-    static std::string bodyOf(QvtpServerRequest& request) {
-        char* data = nullptr;
-        size_t length = 0;
-        request.getBody(&data, length);
-        const std::unique_ptr<char[]> owner(data);
-        return std::string(data, length);
-    }
-
     // The client reads the response only when its whole request is written: what is large must be taken in first.
     void stream(QvtpServerRequest& request, QvtpServerResponse& response) {
         const std::lock_guard<std::mutex> guard(spoolMutex_);

@@ -1,5 +1,6 @@
 #include <qvtp/client/QvtpResponse.h>
 
+#include "examples/BodyOf.h"
 #include "support/FailingStreamBuf.h"
 #include "support/Thrown.h"
 
@@ -87,11 +88,7 @@ TEST_F(Response, PassesHeadersAndBodyOn) {
     EXPECT_EQ(r.getHeader("x-A"), "1");
     EXPECT_THAT(r.getHeaders("X-A"), ::testing::ElementsAre("1", "2"));
     EXPECT_THAT(r.getHeaderNames(), ::testing::ElementsAre("Content-Length", "X-A"));
-    char* data = nullptr;
-    size_t size = 0;
-    r.getBody(&data, size);
-    const std::unique_ptr<char[]> body(data);
-    EXPECT_EQ(std::string(data, size), "hello");
+    EXPECT_EQ(example::bodyOf(r), "hello");
 }
 
 TEST_F(Response, StreamsItsBody) {

@@ -4,6 +4,7 @@
 #include <qvtp/client/PostRequest.h>
 #include <qvtp/client/QvtpResponse.h>
 
+#include "examples/BodyOf.h"
 #include "support/PipeName.h"
 #include "support/RawServer.h"
 #include "support/Thrown.h"
@@ -44,13 +45,7 @@ class Requests : public ::testing::Test {
         if (pipe == nullptr) pipe = server.accept();
         return RawServer::readUntil(*pipe, ending);
     }
-    std::string bodyOfResponse() {
-        char* data = nullptr;
-        size_t size = 0;
-        response->getBody(&data, size);
-        const std::unique_ptr<char[]> body(data);
-        return std::string(data, size);
-    }
+    std::string bodyOfResponse() { return example::bodyOf(*response); }
     /// Whether the client has hung up, with nothing left to read.
     bool isClosed(QvPipe& end) {
         char byte = 0;

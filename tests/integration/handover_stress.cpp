@@ -11,6 +11,8 @@
 
 #include <qvtp/qvtp.h>
 
+#include "examples/BodyOf.h"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -38,14 +40,7 @@ std::string pipeName() {
     return "handover-stress-" + std::to_string(random()) + std::to_string(random());
 }
 
-template <typename Message>
-std::string bodyOf(Message& message) {
-    char* data = nullptr;
-    size_t length = 0;
-    message.getBody(&data, length);
-    const std::unique_ptr<char[]> body(data);
-    return std::string(data, length);
-}
+using example::bodyOf;
 
 std::string textOf(Quovane::Io::QvPipeException& e) {
     return e.getMessage();

@@ -1,7 +1,7 @@
 #include <qvtp/io/ServerQvPipe.h>
 
-#include "support/FailingAllocation.h"
 #include "support/Holdings.h"
+#include "support/OutOfMemory.h"
 #include "support/PipeName.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@ namespace qvtp_test {
 namespace {
 
 using namespace Quovane::Io;
-using Duration = AllocationFailure::Duration;
+using Duration = OutOfMemory::Extent;
 
 /// A server pipe that finds no memory, at each of its allocations in turn.
 class ServerPipeWithoutMemory : public ::testing::TestWithParam<Duration> {
@@ -44,9 +44,9 @@ TEST_P(ServerPipeWithoutMemory, LeavesNothingBehindThatIsInTheWay) {
     for (int n = 1; n < 1000; ++n) {
         bool isLast = false;
         {
-            const AllocationFailure failure(n, GetParam());
+            const OutOfMemory failure(n, GetParam());
             const bool hasServed = serve();
-            isLast = !failure.hasHappened();
+            isLast = !failure.hasFailed();
             ASSERT_TRUE(hasServed || !isLast);
         }
         ASSERT_TRUE(serve()) << n;
@@ -58,7 +58,8 @@ TEST_P(ServerPipeWithoutMemory, LeavesNothingBehindThatIsInTheWay) {
     FAIL() << "allocates without end";
 }
 
-INSTANTIATE_TEST_SUITE_P(OnceAndLasting, ServerPipeWithoutMemory, ::testing::Values(Duration::ONCE, Duration::LASTING));
+INSTANTIATE_TEST_SUITE_P(OnceAndLasting, ServerPipeWithoutMemory,
+                         ::testing::Values(OutOfMemory::ONCE, OutOfMemory::FROM_THEN_ON));
 
 }  // namespace
 }  // namespace qvtp_test

@@ -1,7 +1,7 @@
 #include <qvtp/io/ServerQvPipe.h>
 
-#include "support/FailingAllocation.h"
 #include "support/LogCapture.h"
+#include "support/OutOfMemory.h"
 #include "support/PipeName.h"
 #include "support/Process.h"
 #include "support/Thrown.h"
@@ -43,9 +43,9 @@ class ServerPipeRecovery : public ::testing::Test {
             accepted = std::make_unique<QvPipe>();
             std::string thrown;
             {
-                const AllocationFailure failure(n);
+                const OutOfMemory failure(n, OutOfMemory::ONCE);
                 thrown = thrownBy([&] { server->accept(*accepted); });
-                ASSERT_TRUE(failure.hasHappened()) << "no allocation is the next instance's";
+                ASSERT_TRUE(failure.hasFailed()) << "no allocation is the next instance's";
             }
             if (thrown == NO_INSTANCE && accepted->isBound()) return;
             accepted.reset();

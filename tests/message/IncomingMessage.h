@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Utf8String.h"
+#include "examples/BodyOf.h"
 #include "message/DirectionLabel.h"
 #include "message/QvtpMessageInImpl.h"
 
@@ -23,19 +24,11 @@ class IncomingMessage {
         : pipe_(bytes), message_(&pipe_, bufferSize, label, &converter_) {}
 
     QvtpMessageInImpl* operator->() { return &message_; }
-    std::string body() { return bodyOf(message_); }
+    std::string body() { return example::bodyOf(message_); }
     /// What was not read of the bytes.
     std::string left() {
         pipe_.clear();
         return {std::istreambuf_iterator<char>(pipe_), {}};
-    }
-
-    static std::string bodyOf(QvtpMessageInImpl& message) {
-        char* data = nullptr;
-        std::size_t length = 0;
-        message.getBody(&data, length);
-        const std::unique_ptr<char[]> block(data);
-        return {block.get(), length};
     }
 
   private:

@@ -52,7 +52,7 @@ std::string describeBody(QvtpMessageInImpl& message, By by) {
     std::string body;
     const std::string thrown = thrownBy([&] {
         if (by == By::BLOCK) {
-            body = IncomingMessage::bodyOf(message);
+            body = example::bodyOf(message);
         } else {
             body.assign(std::istreambuf_iterator<char>(*message.getBodyStream()), {});
         }

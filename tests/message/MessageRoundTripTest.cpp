@@ -98,7 +98,7 @@ TEST(MessageRoundTrip, GivesBackMessageAfterMessageOnOnePipe) {
     Quovane::Soa::Common::Xml::Utf8String converter;
     for (const char* body : {"one", "two", "", "", "last"}) {
         QvtpMessageInImpl message(&pipe, BUFFER_SIZE, DirectionLabel::ACCEPT, &converter);
-        EXPECT_EQ(IncomingMessage::bodyOf(message), body);
+        EXPECT_EQ(example::bodyOf(message), body);
     }
 }
 

@@ -1,14 +1,14 @@
 #include "logging/Log.h"
 #include "platform/PipeContract.h"
-#include "support/FailingAllocation.h"
 #include "support/Holdings.h"
+#include "support/OutOfMemory.h"
 
 namespace qvtp_test {
 namespace {
 
 constexpr int NOT_ENOUGH_MEMORY = 8;
 
-using Duration = AllocationFailure::Duration;
+using Duration = OutOfMemory::Extent;
 
 /// Routines that find no memory, at each of their allocations in turn. Long names, so that texts need memory too.
 class ShortOfMemory : public PipeContract, public ::testing::WithParamInterface<Duration> {
@@ -61,9 +61,9 @@ TEST_P(ShortOfMemory, IsAFailureThatLeavesNothingBehind) {
         bool isLast = false;
         {
             Ends ends;
-            const AllocationFailure failure(n, GetParam());
+            const OutOfMemory failure(n, GetParam());
             begin(ends);
-            isLast = !failure.hasHappened();
+            isLast = !failure.hasFailed();
         }
         Ends ends;
         begin(ends);
@@ -76,19 +76,20 @@ TEST_P(ShortOfMemory, IsAFailureThatLeavesNothingBehind) {
     FAIL() << "allocates without end";
 }
 
-INSTANTIATE_TEST_SUITE_P(OnceAndLasting, ShortOfMemory, ::testing::Values(Duration::ONCE, Duration::LASTING));
+INSTANTIATE_TEST_SUITE_P(OnceAndLasting, ShortOfMemory,
+                         ::testing::Values(OutOfMemory::ONCE, OutOfMemory::FROM_THEN_ON));
 
 TEST_P(ShortOfMemory, IsNoHindranceToAClose) {
     for (int round = 0; round < 2; ++round) {
         Ends ends;
         begin(ends);
         ASSERT_TRUE(ends.next.isOpen());
-        const AllocationFailure failure(1, GetParam());
+        const OutOfMemory failure(1, GetParam());
         ends.client.close();
         platform::platformCloseServer(ends.next.pipe, ends.next.event);
         ends.next.forget();
         ends.server.close();
-        EXPECT_FALSE(failure.hasHappened());
+        EXPECT_FALSE(failure.hasFailed());
     }
     End late;
     EXPECT_EQ(platform::platformConnect(longPath, true, true, 100, late.pipe, late.event), ConnectResult::CANNOT_OPEN);

@@ -3,6 +3,7 @@
 #include <qvtp/server/QvtpServerResponse.h>
 
 #include "common/Utf8String.h"
+#include "examples/BodyOf.h"
 #include "support/HasForm.h"
 #include "support/LogCapture.h"
 #include "support/PipeName.h"
@@ -91,11 +92,7 @@ TEST_F(ServerRequest, PassesHeadersAndBodyOn) {
     EXPECT_EQ(r.getHeader("x"), "1");
     EXPECT_THAT(r.getHeaders("X"), ElementsAre("1", "2"));
     EXPECT_THAT(r.getHeaderNames(), ElementsAre("Content-Length", "X"));
-    char* data = nullptr;
-    size_t length = 0;
-    r.getBody(&data, length);
-    const std::unique_ptr<char[]> body(data);
-    EXPECT_EQ(std::string(data, length), "abc");
+    EXPECT_EQ(example::bodyOf(r), "abc");
 }
 
 TEST_F(ServerRequest, IsLoggedAsAccepted) {

@@ -3,6 +3,7 @@
 
 #include <qvtp/qvtp.h>
 
+#include "examples/BodyOf.h"
 #include "support/PipeName.h"
 #include "support/TemporaryFile.h"
 #include "support/Thrown.h"
@@ -171,11 +172,7 @@ class UpperCaseHandler : public QvtpHandler {
     void handlePost(QvtpServerRequest* request, QvtpServerResponse* response) override {
         // The library hands out its classes; the program asks for their type.
         isRequest = dynamic_cast<QvtpMessageIn*>(request) != nullptr && typeid(*request) == typeid(QvtpServerRequest);
-        char* body = nullptr;
-        size_t length = 0;
-        request->getBody(&body, length);
-        const std::unique_ptr<char[]> owner(body);
-        std::string text(body, length);
+        std::string text = example::bodyOf(*request);
         for (char& c : text) c = static_cast<char>(c - 'a' + 'A');
         response->setStatusCode(QvtpMessage::STATUS_OK);
         response->setBody(text.data(), text.size());
@@ -190,11 +187,7 @@ std::string post(const std::string& name, const std::string& text) {
     PostRequest request(&client, name, "/");
     request.setBody(text.data(), text.size());
     const std::unique_ptr<QvtpResponse> response(request.execute());
-    char* body = nullptr;
-    size_t length = 0;
-    response->getBody(&body, length);  // allocated there, freed here
-    const std::unique_ptr<char[]> owner(body);
-    return std::string(body, length);
+    return example::bodyOf(*response);  // allocated there, freed here
 }
 
 TEST(SharedLibrary, CallsAHandlerOfTheProgram) {

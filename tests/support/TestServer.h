@@ -4,6 +4,7 @@
 #include <qvtp/server/QvtpServerRequest.h>
 #include <qvtp/server/QvtpServerResponse.h>
 
+#include "examples/BodyOf.h"
 #include "support/PipeName.h"
 #include "support/Watchdog.h"
 
@@ -15,15 +16,7 @@
 
 namespace qvtp_test {
 
-/// The whole body of a message, freed as it must be.
-template <typename Message>
-std::string bodyOf(Message& message) {
-    char* data = nullptr;
-    size_t length = 0;
-    message.getBody(&data, length);
-    const std::unique_ptr<char[]> body(data);
-    return std::string(data, length);
-}
+using example::bodyOf;
 
 /// A handler made of two functions. By default a POST is answered with its own body.
 class TestHandler : public Quovane::Qvtp::QvtpHandler {
