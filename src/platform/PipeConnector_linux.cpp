@@ -1,8 +1,9 @@
 #include "platform/PipeConnector_linux.h"
 
-#include "logging/Log.h"
+#include "common/System.h"
 #include "platform/Interruption_linux.h"
 #include "platform/LocalSocket_linux.h"
+#include "platform/PipeLog.h"
 #include "platform/PipePlatform.h"
 #include "platform/SystemError_linux.h"
 
@@ -11,7 +12,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -21,11 +21,6 @@ namespace {
 constexpr int RETRY_MS = 5;
 constexpr int SERVER_READS = 1;
 constexpr int SERVER_WRITES = 2;
-
-/// The time-out as the log lines print it: an unsigned number, all ones without limit.
-std::uint32_t printableTimeout(int timeoutMs) {
-    return timeoutMs == 0 ? UINT32_MAX : static_cast<std::uint32_t>(timeoutMs);
-}
 
 }  // namespace
 
@@ -143,18 +138,17 @@ int PipeConnector::reportFailure() const {
     // Whoever has begun to wait waits for a server that went away.
     if (waiting_ && error_ == SystemError::FILE_NOT_FOUND) return reportTimeout();
     if (error_ == SystemError::ACCESS_DENIED) return ConnectResult::ACCESS_DENIED;
-    logError([&] { return text("Could not open pipe. GLE=", error_); });
+    PipeLog::connectFailed(error_);
     return ConnectResult::CANNOT_OPEN;
 }
 
 int PipeConnector::reportTimeout() const {
-    logDebug(
-        [&] { return text("Could not open pipe ", path_, " after ", printableTimeout(timeoutMs_), " milliseconds."); });
+    PipeLog::connectTimedOut(path_, timeoutMs_);
     return ConnectResult::TIMED_OUT;
 }
 
 void PipeConnector::beginWaiting() {
-    if (!waiting_) logDebug("Waiting for named pipe.");
+    if (!waiting_) PipeLog::waitsForInstance();
     waiting_ = true;
 }
 

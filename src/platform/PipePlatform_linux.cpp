@@ -1,9 +1,9 @@
 #include "platform/PipePlatform.h"
 
 #include "common/System.h"
-#include "logging/Log.h"
 #include "platform/LocalSocket_linux.h"
 #include "platform/PipeConnector_linux.h"
+#include "platform/PipeLog.h"
 #include "platform/PipeObject_linux.h"
 #include "platform/SystemError_linux.h"
 
@@ -63,7 +63,7 @@ int readCount(ssize_t count, std::size_t length) {
 }
 
 int reportReadError(int error) {
-    logWarn([&] { return text("ReadFile error: ", error); });
+    PipeLog::readRefused(error);
     return ReadResult::FAILED;
 }
 
@@ -74,7 +74,7 @@ int readPending(const PipeObject& object, char* buffer, std::size_t length, int 
         const WaitResult waited = LocalSocket::wait(object.socket.get(), POLLIN, object.event.get(), deadline);
         if (object.closed) return ReadResult::ABORTED;
         if (waited == WaitResult::TIMED_OUT) {
-            logDebug("Read timed out.");
+            PipeLog::readTimedOut();
             return ReadResult::TIMED_OUT;
         }
         if (waited != WaitResult::READY) return 0;
@@ -83,7 +83,7 @@ int readPending(const PipeObject& object, char* buffer, std::size_t length, int 
         if (object.closed && count <= 0) return ReadResult::ABORTED;
         if (count >= 0) return readCount(count, length);
         if (error != EAGAIN && error != EWOULDBLOCK) {
-            logError([&] { return text("ReadFile failed: ", SystemError::fromErrno(error)); });
+            PipeLog::readFailed(SystemError::fromErrno(error));
             return ReadResult::FAILED;
         }
     }
@@ -220,7 +220,7 @@ class PendingWrite {
         // What the peer has taken may not make room enough yet, and is progress all the same.
         if (hasBeenRead()) deadline_ = Deadline::after(object_.writeTimeoutMs);
         if (!deadline_.isOver()) return true;
-        logDebug("Write timed out.");
+        PipeLog::writeTimedOut();
         outcome_ = WriteResult::TIMED_OUT;
         return false;
     }
@@ -233,11 +233,11 @@ class PendingWrite {
     int fail(int error) {
         if (object_.closed) return WriteResult::ABORTED;
         if (isBrokenPipe(error)) {
-            if (!pending_) logDebug("WriteFile broken pipe");
+            if (!pending_) PipeLog::writeFoundBrokenPipe();
             return WriteResult::BROKEN;
         }
-        const char* label = pending_ ? "WriteFile failed: " : "WriteFile error: ";
-        logError([&] { return text(label, SystemError::fromErrno(error)); });
+        const int number = SystemError::fromErrno(error);
+        pending_ ? PipeLog::writeFailed(number) : PipeLog::writeRefused(number);
         return WriteResult::FAILED;
     }
 
@@ -268,7 +268,7 @@ int connectTo(const std::string& path, bool readable, bool writable, int timeout
     pipeHandle = HandleTable::instance().add(object);
     return eventError;
 } catch (const std::bad_alloc&) {
-    logError([&] { return text("Could not open pipe. GLE=", SystemError::NOT_ENOUGH_MEMORY); });
+    PipeLog::connectFailed(SystemError::NOT_ENOUGH_MEMORY);
     return ConnectResult::CANNOT_OPEN;
 }
 
@@ -280,11 +280,9 @@ int platformConnect(const std::string& path, bool readable, bool writable, int t
     eventHandle = INVALID_NATIVE_HANDLE;
     const int result = connectTo(path, readable, writable, timeoutMs, pipeHandle);
     if (pipeHandle == INVALID_NATIVE_HANDLE) return result;
-    logDebug([&] {
-        return text("CreateFile - ", path, " handle=", printable(pipeHandle), " GetLastError=", SystemError::NONE);
-    });
+    PipeLog::connected(path, printable(pipeHandle), SystemError::NONE);
     if (result != ConnectResult::CONNECTED) {
-        logError([&] { return text("CreateEvent failed: ", result); });
+        PipeLog::eventFailed(result);
         return result;
     }
     eventHandle = HandleTable::eventHandleOf(pipeHandle);
@@ -348,7 +346,7 @@ int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, 
     const ObjectPtr object = HandleTable::instance().find(pipeHandle);
     const int refused = accessError(object, &PipeObject::writable);
     if (refused != SystemError::NONE) {
-        logError([&] { return text("WriteFile error: ", refused); });
+        PipeLog::writeRefused(refused);
         return WriteResult::FAILED;
     }
     PendingWrite write(*object, first, firstLength, second, secondLength);
@@ -362,14 +360,14 @@ int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int l
     const ObjectPtr object = HandleTable::instance().find(pipeHandle);
     const int refused = accessError(object, &PipeObject::writable);
     if (refused != SystemError::NONE) {
-        logError([&] { return text("WriteFile error: ", refused); });
+        PipeLog::writeRefused(refused);
         return WriteResult::FAILED;
     }
     return PendingWrite(*object, data, static_cast<std::size_t>(length)).run();
 }
 
 void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle) {
-    logDebug([&] { return text("Close Handles: handle=", printable(pipeHandle), "; event=", printable(eventHandle)); });
+    PipeLog::pipeCloses(pipeHandle, eventHandle);
     if (const ObjectPtr object = HandleTable::instance().remove(pipeHandle)) object->close();
 }
 

@@ -1,8 +1,8 @@
 #include "platform/PipePlatform.h"
 
-#include "logging/Log.h"
 #include "platform/Deadline.h"
 #include "platform/Operation_win32.h"
+#include "platform/PipeLog.h"
 #include "platform/PipeObject_win32.h"
 
 #include <windows.h>
@@ -41,12 +41,12 @@ int openBusyPipe(const std::string& path, DWORD access, int timeoutMs, HANDLE& p
         const DWORD error = ::GetLastError();
         if (error == ERROR_ACCESS_DENIED) return ConnectResult::ACCESS_DENIED;
         if (error != ERROR_PIPE_BUSY) {
-            logError([&] { return text("Could not open pipe. GLE=", error); });
+            PipeLog::connectFailed(error);
             return ConnectResult::CANNOT_OPEN;
         }
-        logDebug("Waiting for named pipe.");
+        PipeLog::waitsForInstance();
         if (!::WaitNamedPipeA(path.c_str(), limit)) {
-            logDebug([&] { return text("Could not open pipe ", path, " after ", limit, " milliseconds."); });
+            PipeLog::connectTimedOut(path, timeoutMs);
             return ConnectResult::TIMED_OUT;
         }
         pipe = openPipe(path, access);
@@ -57,7 +57,7 @@ int openBusyPipe(const std::string& path, DWORD access, int timeoutMs, HANDLE& p
 // ---- Reading ----
 
 int reportReadError(DWORD error) {
-    logWarn([&] { return text("ReadFile error: ", error); });
+    PipeLog::readRefused(error);
     return ReadResult::FAILED;
 }
 
@@ -106,7 +106,7 @@ class Reading {
         if (waited != WAIT_OBJECT_0) {
             object_.pendingRead = std::move(operation_);
             if (waited != WAIT_TIMEOUT) return 0;
-            logDebug("Read timed out.");
+            PipeLog::readTimedOut();
             return ReadResult::TIMED_OUT;
         }
         const bool closed = object_.isClosed();
@@ -127,7 +127,7 @@ class Reading {
                 if (!closed) return std::nullopt;  // the thread that began it has ended
                 return ReadResult::ABORTED;
             default:
-                logError([&] { return text("ReadFile failed: ", error); });
+                PipeLog::readFailed(error);
                 return ReadResult::FAILED;
         }
     }
@@ -220,14 +220,14 @@ class InputWait {
 int reportWriteError(DWORD error) {
     switch (error) {
         case ERROR_OPERATION_ABORTED:
-            logInfo("WriteFile aborted.");
+            PipeLog::writeWasAborted();
             return WriteResult::ABORTED;
         case ERROR_BROKEN_PIPE:
         case ERROR_NO_DATA:
-            logDebug("WriteFile broken pipe");
+            PipeLog::writeFoundBrokenPipe();
             return WriteResult::BROKEN;
         default:
-            logError([&] { return text("WriteFile error: ", error); });
+            PipeLog::writeRefused(error);
             return WriteResult::FAILED;
     }
 }
@@ -239,7 +239,7 @@ int reportPendingWriteError(DWORD error) {
         case ERROR_BROKEN_PIPE:
             return WriteResult::BROKEN;
         default:
-            logError([&] { return text("WriteFile failed: ", error); });
+            PipeLog::writeFailed(error);
             return WriteResult::FAILED;
     }
 }
@@ -270,7 +270,7 @@ class Writing {
         const DWORD size = static_cast<DWORD>(left_);
         if (::WriteFile(object_.pipe(), operation->data(), size, &count, operation->record())) {
             if (count > 0) return advance(count);
-            logDebug("WriteFile succeeded but wrote no bytes.");
+            PipeLog::writeTookNothing();
             return WriteResult::WRITTEN;
         }
         const DWORD error = ::GetLastError();
@@ -285,7 +285,7 @@ class Writing {
             const int result =
                 waited == WAIT_TIMEOUT ? WriteResult::TIMED_OUT : reportPendingWriteError(::GetLastError());
             object_.keep(std::move(operation));
-            if (waited == WAIT_TIMEOUT) logDebug("Write timed out.");
+            if (waited == WAIT_TIMEOUT) PipeLog::writeTimedOut();
             return result;
         }
         DWORD count = 0;
@@ -293,7 +293,7 @@ class Writing {
         if (operation->isPending()) object_.keep(std::move(operation));
         if (error != ERROR_IO_PENDING) return reportPendingWriteError(error);
         if (count > 0) return advance(count);
-        logDebug("writePipe: woke up without completing I/O");
+        PipeLog::pendingWriteTookNothing();
         return WriteResult::WRITTEN;
     }
 
@@ -319,22 +319,20 @@ int connectTo(const std::string& path, bool readable, bool writable, int timeout
     const int result = openBusyPipe(path, access, timeoutMs, pipe);
     if (result != ConnectResult::CONNECTED) return result;
     const DWORD lastError = ::GetLastError();
-    logDebug([&] {
-        return text("CreateFile - ", path, " handle=", static_cast<const void*>(pipe), " GetLastError=", lastError);
-    });
+    PipeLog::connected(path, pipe, lastError);
 
     const HANDLE event = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
     const DWORD eventError = ::GetLastError();
     object->adopt(pipe, event);
     pipeHandle = HandleTable::instance().add(object);
     if (event == nullptr) {
-        logError([&] { return text("CreateEvent failed: ", eventError); });
+        PipeLog::eventFailed(eventError);
         return static_cast<int>(eventError);
     }
     eventHandle = reinterpret_cast<NativeHandle>(event);
     return ConnectResult::CONNECTED;
 } catch (const std::bad_alloc&) {
-    logError([&] { return text("Could not open pipe. GLE=", ERROR_NOT_ENOUGH_MEMORY); });
+    PipeLog::connectFailed(ERROR_NOT_ENOUGH_MEMORY);
     return ConnectResult::CANNOT_OPEN;
 }
 
@@ -419,7 +417,7 @@ bool platformPeerHasClosed(NativeHandle pipeHandle) {
 }
 
 void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle) {
-    logDebug([&] { return text("Close Handles: handle=", printable(pipeHandle), "; event=", printable(eventHandle)); });
+    PipeLog::pipeCloses(pipeHandle, eventHandle);
     if (const auto object = HandleTable::instance().remove(pipeHandle)) object->close();
 }
 

@@ -1,7 +1,7 @@
 #include "platform/ServerPipePlatform.h"
 
-#include "logging/Log.h"
 #include "platform/LocalSocket_linux.h"
+#include "platform/PipeLog.h"
 #include "platform/PipeObject_linux.h"
 #include "platform/SystemError_linux.h"
 
@@ -51,15 +51,11 @@ class Acceptor {
     Deadline deadline_;
 };
 
-void logWaitResult(std::uint32_t status) {
-    logDebug([&] { return text("ServerQvPipe_acceptPipe WaitForSingleObject status = ", status); });
-}
-
 int Acceptor::run() {
     int error = takeClient();
     // A shortage that has been reported once is waited out like a client that has not come yet.
     if (SystemError::isShortage(error) && object_.starved) error = SystemError::IO_PENDING;
-    logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", error); });
+    PipeLog::acceptBegun(error);
     switch (error) {
         case SystemError::PIPE_CONNECTED:
             return AcceptResult::CONNECTED;
@@ -116,7 +112,7 @@ int Acceptor::waitForClient() {
         // A client that cannot be taken for want of descriptors keeps the listener ready: look at the time as well.
         const bool timedOut = waited == WaitResult::TIMED_OUT || (object_.starved && deadline_.isOver());
         if (timedOut || waited == WaitResult::FAILED) {
-            logWaitResult(timedOut ? WAIT_TIMED_OUT : WAIT_BROKEN);
+            PipeLog::acceptWaited(timedOut ? WAIT_TIMED_OUT : WAIT_BROKEN);
             return timedOut ? AcceptResult::TIMED_OUT : AcceptResult::WAIT_ERROR;
         }
         const int error = takeClient();
@@ -131,8 +127,8 @@ int Acceptor::waitForClient() {
 
 /// The end of a wait. `error` is IO_PENDING for success: the number that a completed operation leaves behind.
 int Acceptor::complete(int error) {
-    logWaitResult(WAIT_SIGNALLED);
-    logDebug([&] { return text("GetOverlappedResult - GetLastError=", error); });
+    PipeLog::acceptWaited(WAIT_SIGNALLED);
+    PipeLog::acceptCompleted(error);
     if (error == SystemError::OPERATION_ABORTED) return AcceptResult::ABORTED;
     return error == SystemError::IO_PENDING ? AcceptResult::CONNECTED : reportConnectError(error);
 }
@@ -145,7 +141,7 @@ void Acceptor::pause() {
 /// What keeps a client from being taken is there for the next try too: keep the caller's loop from spinning. A shortage
 /// is reported once.
 int Acceptor::reportConnectError(int error) {
-    logError([&] { return text("Connect error: ", error); });
+    PipeLog::acceptFailed(error);
     if (SystemError::isShortage(error)) object_.starved = true;
     pause();
     return AcceptResult::CONNECT_ERROR;
@@ -155,8 +151,7 @@ int acceptOn(NativeHandle pipeHandle, int timeoutMs) {
     const ObjectPtr object = HandleTable::instance().find(pipeHandle);
     // A forked child would take the clients of its parent.
     if (object != nullptr && object->isOwn()) return Acceptor(*object, timeoutMs).run();
-    logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", SystemError::INVALID_HANDLE); });
-    logError([&] { return text("Connect error: ", SystemError::INVALID_HANDLE); });
+    PipeLog::acceptRefused(SystemError::INVALID_HANDLE);
     return AcceptResult::CONNECT_ERROR;
 }
 
@@ -206,11 +201,11 @@ int createInstance(NativeHandle sibling, const std::string& path, bool readable,
     eventHandle = INVALID_NATIVE_HANDLE;
     const int error = makeInstance(sibling, path, readable, writable, first, pipeHandle);
     if (error != SystemError::NONE) {
-        logError([&] { return text("CreateNamedPipe failed: ", error); });
+        PipeLog::createFailed(error);
         return error;
     }
     eventHandle = HandleTable::eventHandleOf(pipeHandle);
-    logDebug([&] { return text("bindPipe: handle=", printable(pipeHandle), " event=", printable(eventHandle)); });
+    PipeLog::instanceCreated(pipeHandle, eventHandle);
     return SystemError::NONE;
 }
 
@@ -227,10 +222,10 @@ int platformCreateNextInstance(NativeHandle sibling, const std::string& path, bo
 }
 
 int platformAccept(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
-    logDebug("Calling ConnectNamedPipe.");
+    PipeLog::acceptCalled();
     const int result = acceptOn(pipeHandle, timeoutMs);
     if (result == AcceptResult::ABORTED) return result;
-    logDebug([&] { return text("ServerQvPipe_acceptPipe retval = ", result); });
+    PipeLog::acceptReturns(result);
     return result;
 }
 
@@ -249,8 +244,7 @@ bool platformHasClient(NativeHandle pipeHandle) {
 }
 
 void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle) {
-    // A blank where the other close has a semicolon: readers of these lines match this form.
-    logDebug([&] { return text("Close Handles: handle=", printable(pipeHandle), " event= ", printable(eventHandle)); });
+    PipeLog::instanceCloses(pipeHandle, eventHandle);
     if (const ObjectPtr object = HandleTable::instance().remove(pipeHandle)) object->close();
 }
 

@@ -1,8 +1,8 @@
 #include "platform/ServerPipePlatform.h"
 
-#include "logging/Log.h"
 #include "platform/Deadline.h"
 #include "platform/Operation_win32.h"
+#include "platform/PipeLog.h"
 #include "platform/PipeObject_win32.h"
 
 #include <windows.h>
@@ -32,7 +32,7 @@ HANDLE createInstance(const std::string& path, bool readable, bool writable, boo
 }
 
 int reportConnectError(DWORD error) {
-    logError([&] { return text("Connect error: ", error); });
+    PipeLog::acceptFailed(error);
     return AcceptResult::CONNECT_ERROR;
 }
 
@@ -46,7 +46,7 @@ class Accepting {
         const Deadline deadline = Deadline::after(timeoutMs);
         const DWORD error = continueOrBegin();
         if (error == ERROR_SUCCESS) return AcceptResult::CONNECTED;
-        logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", error); });
+        PipeLog::acceptBegun(error);
         switch (error) {
             case ERROR_PIPE_CONNECTED:
             case ERROR_NO_DATA:  // the client has gone again; what it wrote is there
@@ -79,12 +79,12 @@ class Accepting {
     int complete(const Deadline& deadline) {
         DWORD error = ERROR_IO_PENDING;
         const DWORD waited = waitForClient(deadline, error);
-        logDebug([&] { return text("ServerQvPipe_acceptPipe WaitForSingleObject status = ", waited); });
+        PipeLog::acceptWaited(waited);
         if (waited != WAIT_OBJECT_0) {
             object_.pendingConnect = std::move(operation_);
             return waited == WAIT_TIMEOUT ? AcceptResult::TIMED_OUT : AcceptResult::WAIT_ERROR;
         }
-        logDebug([&] { return text("GetOverlappedResult - GetLastError=", error); });
+        PipeLog::acceptCompleted(error);
         switch (error) {
             case ERROR_SUCCESS:
             case ERROR_PIPE_CONNECTED:
@@ -133,8 +133,8 @@ class Accepting {
 int acceptOn(NativeHandle pipeHandle, int timeoutMs) try {
     const PipeCall call(pipeHandle);
     if (call) return Accepting(call.object()).run(timeoutMs);
-    logDebug([&] { return text("ServerQvPipe_acceptPipe error = ", ERROR_INVALID_HANDLE); });
-    return reportConnectError(ERROR_INVALID_HANDLE);
+    PipeLog::acceptRefused(ERROR_INVALID_HANDLE);
+    return AcceptResult::CONNECT_ERROR;
 } catch (const std::bad_alloc&) {
     const int result = reportConnectError(ERROR_NOT_ENOUGH_MEMORY);
     ::Sleep(PAUSE_MS);
@@ -142,7 +142,7 @@ int acceptOn(NativeHandle pipeHandle, int timeoutMs) try {
 }
 
 int reportCreateError(DWORD error) {
-    logError([&] { return text("CreateNamedPipe failed: ", error); });
+    PipeLog::createFailed(error);
     return static_cast<int>(error);
 }
 
@@ -159,10 +159,10 @@ int makeInstance(const std::string& path, bool readable, bool writable, bool fir
     pipeHandle = HandleTable::instance().add(object);
     eventHandle = reinterpret_cast<NativeHandle>(event);
     if (failed) {
-        logError([&] { return text("CreateEvent failed: ", eventError); });
+        PipeLog::eventFailed(eventError);
         return static_cast<int>(eventError);
     }
-    logDebug([&] { return text("bindPipe: handle=", printable(pipeHandle), " event=", printable(eventHandle)); });
+    PipeLog::instanceCreated(pipeHandle, eventHandle);
     return ERROR_SUCCESS;
 } catch (const std::bad_alloc&) {
     return reportCreateError(ERROR_NOT_ENOUGH_MEMORY);
@@ -183,10 +183,10 @@ int platformCreateNextInstance(NativeHandle, const std::string& path, bool reada
 }
 
 int platformAccept(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
-    logDebug("Calling ConnectNamedPipe.");
+    PipeLog::acceptCalled();
     const int result = acceptOn(pipeHandle, timeoutMs);
     if (result == AcceptResult::ABORTED) return result;
-    logDebug([&] { return text("ServerQvPipe_acceptPipe retval = ", result); });
+    PipeLog::acceptReturns(result);
     return result;
 }
 
@@ -195,8 +195,7 @@ bool platformHasClient(NativeHandle) {
 }
 
 void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle) {
-    // A blank where the other close has a semicolon: readers of these lines match this form.
-    logDebug([&] { return text("Close Handles: handle=", printable(pipeHandle), " event= ", printable(eventHandle)); });
+    PipeLog::instanceCloses(pipeHandle, eventHandle);
     if (const auto object = HandleTable::instance().remove(pipeHandle)) object->close();
 }
 
