@@ -70,7 +70,7 @@ PipeConnector::Attempt PipeConnector::attempt() {
         case Service::State::NONE:
             return fail(SystemError::FILE_NOT_FOUND);
         case Service::State::UNKNOWN:
-            return fail(SystemError::fromErrno(service.direction));
+            return fail(service.error);
         case Service::State::SERVED:
             break;
     }
@@ -103,7 +103,8 @@ PipeConnector::Service PipeConnector::findService() const {
     if (!file.isOpen()) {
         const int error = errno;
         if (error == ENOENT) return findForeignService();
-        return {error == EACCES ? Service::State::DENIED : Service::State::UNKNOWN, error, false};
+        if (error == EACCES) return {Service::State::DENIED};
+        return {Service::State::UNKNOWN, 0, false, SystemError::fromErrno(error)};
     }
     struct flock query {};
     query.l_type = F_WRLCK;
@@ -111,18 +112,19 @@ PipeConnector::Service PipeConnector::findService() const {
     // A question that never takes the lock, so that a server starting at this moment is not disturbed.
     const auto ask = [&] { return ::fcntl(file.get(), F_OFD_GETLK, &query); };
     const bool isLocked = uninterrupted(ask) == 0 && query.l_type != F_UNLCK;
-    if (!isLocked) return {Service::State::NONE, 0, false};
+    if (!isLocked) return {Service::State::NONE};
     char direction = 0;
     const auto read = [&] { return ::pread(file.get(), &direction, 1, 0); };
-    if (uninterrupted(read) != 1) return {Service::State::STARTING, 0, false};
-    return {Service::State::SERVED, direction - '0', false};
+    if (uninterrupted(read) != 1) return {Service::State::STARTING};
+    return {Service::State::SERVED, direction - '0'};
 }
 
 PipeConnector::Service PipeConnector::findForeignService() const {
     struct stat status {};
     const bool exists =
         ::fstatat(address_.directory(), address_.socketFile().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    return {exists ? Service::State::SERVED : Service::State::NONE, SERVER_READS | SERVER_WRITES, true};
+    if (!exists) return {Service::State::NONE};
+    return {Service::State::SERVED, SERVER_READS | SERVER_WRITES, true};
 }
 
 bool PipeConnector::allows(int direction) const {

@@ -22,11 +22,12 @@ class PipeConnector {
   private:
     enum class Attempt { CONNECTED, BUSY, NOT_LISTENING, DENIED, FAILED };
 
-    /// What the files of the name tell.
+    /// What the files of the name say.
     struct Service {
         enum class State { NONE, SERVED, STARTING, DENIED, UNKNOWN } state;
-        int direction;  // bit 0: the server reads; bit 1: it writes. An errno for UNKNOWN
-        bool foreign;   // a socket without a lock file: not a server of this library
+        int direction = 0;     // of SERVED. Bit 0: the server reads; bit 1: it writes
+        bool foreign = false;  // of SERVED: a socket without a lock file, not a server of this library
+        int error = 0;         // of UNKNOWN: the number of a SystemError
     };
 
     Service findService() const;
