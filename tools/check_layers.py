@@ -29,7 +29,8 @@ THIRD_PARTY = {"Poco/": "server", "xercesc/": "config"}
 SYSTEM_HEADER = re.compile(
     r"^(sys/|linux/|arpa/|netinet/|windows\.h$|win\w+\.h$|ws2|(io|process|direct|psapi|tlhelp32|fibersapi)\.h$|"
     r"(unistd|fcntl|poll|dirent|pthread|signal|malloc|sched|semaphore|dlfcn|spawn|termios)\.h$)", re.I)
-PLATFORM_FILE = re.compile(r"_(linux|win32)(Test)?\.cpp$")
+PLATFORM_FILE = re.compile(r"_(linux|win32)(Test\.cpp|\.cpp|\.h)$")
+PLATFORM_HEADER = re.compile(r"_(linux|win32)\.h$")
 CONDITIONAL = re.compile(
     r"^\s*#\s*(if|ifdef|ifndef|elif)\b.*\b(_WIN32|_WIN64|WIN32|_MSC_VER|__MINGW\w*|__linux__|__unix__)\b")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
@@ -70,6 +71,8 @@ class Checker:
             match = INCLUDE.match(line)
             if match and SYSTEM_HEADER.match(match[2]) and not PLATFORM_FILE.search(path.name):
                 self.complain(path, number, f"{match[2]} belongs into a file named for its system")
+            if match and PLATFORM_HEADER.search(match[2]) and not PLATFORM_FILE.search(path.name):
+                self.complain(path, number, f"{match[2]} is for files that are named for its system")
             if CONDITIONAL.match(line):
                 self.complain(path, number, "code for one system belongs into a file named for it")
 

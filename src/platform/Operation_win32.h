@@ -1,9 +1,9 @@
 #pragma once
 
+#include <windows.h>
+
 #include <cstddef>
 #include <memory>
-
-struct _OVERLAPPED;  // OVERLAPPED, without the system's header
 
 namespace Quovane::Internal::Qvtp {
 
@@ -11,13 +11,12 @@ namespace Quovane::Internal::Qvtp {
 /// be long after the routine that began it has returned. Both live here, never on a stack or in the caller's memory.
 class Operation {
   public:
-    /// `event`, a handle, is signalled by the completion; `size` bytes for the data of a read or a write.
-    Operation(void* event, std::size_t size);
-    ~Operation();
+    /// `event` is signalled by the completion; `size` bytes for the data of a read or a write.
+    Operation(HANDLE event, std::size_t size);
     Operation(const Operation&) = delete;
     Operation& operator=(const Operation&) = delete;
 
-    _OVERLAPPED* record() const { return record_.get(); }
+    OVERLAPPED* record() const { return record_.get(); }
     char* data() const { return data_.get(); }
     std::size_t size() const { return size_; }
 
@@ -25,7 +24,7 @@ class Operation {
     bool isPending() const;
 
   private:
-    const std::unique_ptr<_OVERLAPPED> record_;
+    const std::unique_ptr<OVERLAPPED> record_;
     const std::unique_ptr<char[]> data_;
     const std::size_t size_;
 };
