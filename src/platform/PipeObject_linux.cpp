@@ -1,11 +1,12 @@
 #include "platform/PipeObject_linux.h"
 
+#include "platform/SystemError_linux.h"
+
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <mutex>
-#include <unordered_map>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -31,53 +32,63 @@ void PipeObject::close() {
     if (event.isOpen()) event.signal();
 }
 
-struct HandleTable::State {
-    std::mutex mutex;  // guards what follows
-    std::unordered_map<NativeHandle, std::shared_ptr<PipeObject>> objects;
-    NativeHandle next = 4;
-};
-
-HandleTable::HandleTable() : state_(new State) {
-    // A forked child has one thread. Were another one within the locks, they would stay locked there.
-    ::pthread_atfork(
-        [] {
-            ServedName::namesMutex().lock();
-            instance().state_->mutex.lock();
-        },
-        unlockAll, unlockAll);
+int PipeObject::accessError(bool allowed) const {
+    if (!connected) return SystemError::PIPE_LISTENING;
+    return allowed ? SystemError::NONE : SystemError::ACCESS_DENIED;
 }
 
-void HandleTable::unlockAll() {
-    instance().state_->mutex.unlock();
+LocalSocket::WaitResult PipeObject::wait(short events, const Deadline& deadline) const {
+    return LocalSocket::wait(socket.get(), events, event.get(), deadline);
+}
+
+bool PipeObject::beginInputWait() {
+    const std::lock_guard<std::mutex> guard(wakeMutex_);
+    if (std::exchange(woken_, false)) return false;
+    awaitingInput_ = true;
+    return true;
+}
+
+void PipeObject::endInputWait() {
+    const std::lock_guard<std::mutex> guard(wakeMutex_);
+    if (!std::exchange(awaitingInput_, false) || !std::exchange(woken_, false)) return;
+    event.unsignal();
+    if (closed) event.signal();  // that may have been taken back as well
+}
+
+void PipeObject::wakeInputWait() {
+    const std::lock_guard<std::mutex> guard(wakeMutex_);
+    woken_ = true;
+    if (awaitingInput_) event.signal();
+}
+
+namespace {
+
+void lockAll() {
+    ServedName::namesMutex().lock();
+    pipeTable().lock().lock();
+}
+
+void unlockAll() {
+    pipeTable().lock().unlock();
     ServedName::namesMutex().unlock();
 }
 
-HandleTable& HandleTable::instance() {
-    static HandleTable* const table = new HandleTable;  // never freed: destructors of static objects may close pipes
+PipeTable* makeTable() {
+    auto* const table = new PipeTable;
+    // A forked child has one thread. Were another one within the locks, they would stay locked there.
+    ::pthread_atfork(lockAll, unlockAll, unlockAll);
+    return table;
+}
+
+}  // namespace
+
+PipeTable& pipeTable() {
+    static PipeTable* const table = makeTable();  // never freed: destructors of static objects may close pipes
     return *table;
 }
 
-NativeHandle HandleTable::add(std::shared_ptr<PipeObject> object) {
-    std::lock_guard<std::mutex> guard(state_->mutex);
-    const NativeHandle handle = state_->next;
-    state_->next += 4;
-    state_->objects.emplace(handle, std::move(object));
-    return handle;
-}
-
-std::shared_ptr<PipeObject> HandleTable::find(NativeHandle handle) {
-    std::lock_guard<std::mutex> guard(state_->mutex);
-    const auto found = state_->objects.find(handle);
-    return found != state_->objects.end() ? found->second : nullptr;
-}
-
-std::shared_ptr<PipeObject> HandleTable::remove(NativeHandle handle) {
-    std::lock_guard<std::mutex> guard(state_->mutex);
-    const auto found = state_->objects.find(handle);
-    if (found == state_->objects.end()) return nullptr;
-    std::shared_ptr<PipeObject> object = std::move(found->second);
-    state_->objects.erase(found);
-    return object;
+const void* printable(NativeHandle handle) {
+    return reinterpret_cast<const void*>(handle);
 }
 
 }  // namespace Quovane::Internal::Qvtp

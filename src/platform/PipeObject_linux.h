@@ -1,24 +1,46 @@
 #pragma once
 
+#include "platform/Deadline.h"
 #include "platform/Descriptor_linux.h"
-#include "platform/PipePlatform.h"
+#include "platform/HandleTable.h"
+#include "platform/LocalSocket_linux.h"
+#include "platform/PipeBackEnd.h"
 #include "platform/ReaderPace_linux.h"
 #include "platform/ServedName_linux.h"
 
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
 /// What a pipe handle stands for: a waiting instance or one end of a connection. Every running call holds a reference,
 /// so a descriptor is closed, and its number can be used again, only when the last of them has left.
-struct PipeObject {
+class PipeObject {
+  public:
     PipeObject() = default;
     /// Closes an object that got no handle.
     ~PipeObject();
     PipeObject(const PipeObject&) = delete;
     PipeObject& operator=(const PipeObject&) = delete;
+
+    /// A call begins, ends. Here the reference that it holds is enough.
+    void enter() {}
+    void leave() {}
+    /// Marks the object closed, lets the peer see the end, and wakes every thread that waits on it. In a forked child
+    /// it does nothing: a shutdown there would end the parent's connection.
+    void close();
+    bool isClosed() const { return closed; }
+
+    /// Whether this process made it: a forked child inherits what it stands for, but not the right to end or to serve
+    /// it.
+    bool isOwn() const;
+
+    /// Whether an operation can start at all whose direction is `allowed`: 0 or the number of a SystemError.
+    int accessError(bool allowed) const;
+    /// Waits until the connection is ready for `events` (as in poll) or the event is signalled.
+    LocalSocket::WaitResult wait(short events, const Deadline& deadline) const;
 
     bool readable = false;
     bool writable = false;
@@ -33,42 +55,32 @@ struct PipeObject {
     int owner = 0;                         // process id
     ReaderPace pace;                       // of the peer; only for the thread that writes
     int writeTimeoutMs = WRITE_TIMEOUT_MS;
+    bool endAwaited = false;  // the end came during a wait for input; for the thread that reads
 
     // A wait for input, which another thread may end without closing. The event is signalled for that only while such
     // a wait is running, and is reset when it ends: no other call ever finds it so.
-    std::mutex wakeMutex;  // guards the next two
-    bool woken = false;
-    bool awaitingInput = false;
-    bool endAwaited = false;  // the end came during such a wait; for the thread that reads
+    /// False if the wait was woken before it began.
+    bool beginInputWait();
+    void endInputWait();
+    void wakeInputWait();
 
-    /// Whether this process made it: a forked child inherits what it stands for, but not the right to end or to serve
-    /// it.
-    bool isOwn() const;
-
-    /// Marks the object closed, lets the peer see the end, and wakes every thread that waits on it. In a forked child
-    /// it does nothing: a shutdown there would end the parent's connection.
-    void close();
+  private:
+    std::mutex wakeMutex_;  // guards the next two
+    bool woken_ = false;
+    bool awaitingInput_ = false;
 };
 
-/// The handles of this process. Values count up and are never used again, so a stale one can never reach a stranger.
-class HandleTable {
+/// Values count up, by more than one: the value after a pipe's is that of its event.
+class CountedNumbers {
   public:
-    static HandleTable& instance();
-
-    /// Enters the object. Its event handle is eventHandleOf(the result).
-    NativeHandle add(std::shared_ptr<PipeObject> object);
-    /// Null for a stale or invalid handle.
-    std::shared_ptr<PipeObject> find(NativeHandle handle);
-    std::shared_ptr<PipeObject> remove(NativeHandle handle);
-
+    NativeHandle next(const PipeObject&) { return std::exchange(next_, next_ + 4); }
     static NativeHandle eventHandleOf(NativeHandle pipeHandle) { return pipeHandle + 1; }
 
   private:
-    HandleTable();
-    ~HandleTable() = delete;
-    static void unlockAll();
-    struct State;
-    State* const state_;
+    NativeHandle next_ = 4;
 };
+
+using PipeTable = HandleTable<PipeObject, std::mutex, CountedNumbers>;
+PipeTable& pipeTable();
 
 }  // namespace Quovane::Internal::Qvtp

@@ -1,13 +1,10 @@
 #include "platform/PipeObject_win32.h"
 
-#include <windows.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <new>
-#include <unordered_map>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -44,7 +41,7 @@ const void* printable(NativeHandle handle) {
     return reinterpret_cast<const void*>(static_cast<std::uintptr_t>(static_cast<std::uint32_t>(handle)));
 }
 
-void PipeObject::adopt(void* pipe, void* event) {
+void PipeObject::adopt(HANDLE pipe, HANDLE event) {
     pipe_ = pipe;
     event_ = event;
 }
@@ -56,7 +53,7 @@ void PipeObject::leave() {
     if (abandoned_) release();
 }
 
-/// Mark closed, wake, wait until they have left, release. A call whose operation begins only behind the cancellation
+/// Mark closed, wake, wait until they have left, release. A call whose operation begins only after the cancellation
 /// sees the mark and cancels it itself.
 void PipeObject::close() {
     closed_ = true;
@@ -142,57 +139,14 @@ void PipeObject::wakeInputWait() {
     if (awaitingInput_) ::SetEvent(event_);
 }
 
-namespace {
+NativeHandle NumberedHandles::next(const PipeObject& object) {
+    number_ = number_ % LAST_NUMBER + 1;
+    return valueOf(object.pipe(), number_);
+}
 
-/// When a process ends and its threads have disappeared, one of them with this lock held, the system ends the process
-/// at once instead of waiting for it.
-class Lock {
-  public:
-    void lock() { ::AcquireSRWLockExclusive(&lock_); }
-    void unlock() { ::ReleaseSRWLockExclusive(&lock_); }
-
-  private:
-    SRWLOCK lock_ = SRWLOCK_INIT;
-};
-
-}  // namespace
-
-struct HandleTable::State {
-    Lock lock;  // guards the rest
-    std::unordered_map<NativeHandle, std::shared_ptr<PipeObject>> objects;
-    std::uint32_t number = 0;
-};
-
-HandleTable::HandleTable() : state_(new State) {}
-
-HandleTable& HandleTable::instance() {
-    static HandleTable* const table = new HandleTable;  // never freed: destructors of static objects may close pipes
+PipeTable& pipeTable() {
+    static PipeTable* const table = new PipeTable;  // never freed: destructors of static objects may close pipes
     return *table;
-}
-
-NativeHandle HandleTable::add(std::shared_ptr<PipeObject> object) {
-    const std::lock_guard<Lock> guard(state_->lock);
-    state_->number = state_->number % LAST_NUMBER + 1;
-    const NativeHandle handle = valueOf(object->pipe(), state_->number);
-    state_->objects[handle] = std::move(object);
-    return handle;
-}
-
-std::shared_ptr<PipeObject> HandleTable::enter(NativeHandle handle) {
-    const std::lock_guard<Lock> guard(state_->lock);
-    const auto found = state_->objects.find(handle);
-    if (found == state_->objects.end()) return nullptr;
-    found->second->enter();
-    return found->second;
-}
-
-std::shared_ptr<PipeObject> HandleTable::remove(NativeHandle handle) {
-    const std::lock_guard<Lock> guard(state_->lock);
-    const auto found = state_->objects.find(handle);
-    if (found == state_->objects.end()) return nullptr;
-    std::shared_ptr<PipeObject> object = std::move(found->second);
-    state_->objects.erase(found);
-    return object;
 }
 
 }  // namespace Quovane::Internal::Qvtp

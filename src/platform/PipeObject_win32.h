@@ -1,11 +1,15 @@
 #pragma once
 
 #include "platform/Deadline.h"
+#include "platform/HandleTable.h"
 #include "platform/Operation_win32.h"
-#include "platform/PipePlatform.h"
+#include "platform/PipeBackEnd.h"
+
+#include <windows.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,8 +20,6 @@ namespace Quovane::Internal::Qvtp {
 /// What a pipe handle stands for: a waiting instance or one end of a connection. It owns the pipe and the event of all
 /// its operations. A close waits for the running calls (PipeCall) before it releases both, so it can neither take the
 /// event away from a thread that is about to wait on it, nor free memory that the system still writes to.
-///
-/// Handles of the system (HANDLE) are void* here, its numbers (DWORD) unsigned long.
 class PipeObject {
   public:
     PipeObject() = default;
@@ -26,10 +28,10 @@ class PipeObject {
     PipeObject& operator=(const PipeObject&) = delete;
 
     /// Takes both over. `event` may be null: the pipe can then only be closed.
-    void adopt(void* pipe, void* event);
+    void adopt(HANDLE pipe, HANDLE event);
 
-    void* pipe() const { return pipe_; }
-    void* event() const { return event_; }
+    HANDLE pipe() const { return pipe_; }
+    HANDLE event() const { return event_; }
     bool isClosed() const { return closed_; }
 
     /// A call begins, ends.
@@ -39,10 +41,10 @@ class PipeObject {
     void close();
 
     /// Waits until the operation, which was reported as pending, signals the event.
-    unsigned long wait(const Operation& operation, const Deadline& deadline) const;
+    DWORD wait(const Operation& operation, const Deadline& deadline) const;
     /// The outcome of an operation whose wait has ended: ERROR_IO_PENDING for success, as the last error reads after a
     /// pending operation that succeeded, or why it failed.
-    unsigned long finish(const Operation& operation, unsigned long& count) const;
+    DWORD finish(const Operation& operation, DWORD& count) const;
     /// Before the wait for an operation that an earlier call began: the event may be signalled, or not, by another one.
     void prepareToWaitAgain(const Operation& operation) const;
     /// Keeps what the system may still write to until it has completed, at the latest until the pipe is released.
@@ -66,8 +68,8 @@ class PipeObject {
     void release();
     void settle(std::unique_ptr<Operation> operation) const;
 
-    void* pipe_ = nullptr;   // null when released
-    void* event_ = nullptr;  // null if none could be made
+    HANDLE pipe_ = nullptr;   // null when released
+    HANDLE event_ = nullptr;  // null if none could be made
     std::atomic<bool> closed_{false};
     std::atomic<int> calls_{0};
     std::mutex mutex_;              // guards abandoned_, and the notice of the last call to a close
@@ -79,39 +81,28 @@ class PipeObject {
     bool awaitingInput_ = false;
 };
 
-/// The pipes of this process by handle. A value is the system's own handle with a running number above it: the system
-/// gives its values out again after a close, and a stale handle must not mean another pipe then.
-class HandleTable {
+/// When a process ends and its threads have disappeared, one of them with this lock held, the system ends the process
+/// at once instead of waiting for it.
+class SlimLock {
   public:
-    static HandleTable& instance();
-
-    NativeHandle add(std::shared_ptr<PipeObject> object);
-    /// The object, entered (PipeObject::enter). Null for a stale or invalid handle.
-    std::shared_ptr<PipeObject> enter(NativeHandle handle);
-    std::shared_ptr<PipeObject> remove(NativeHandle handle);
+    void lock() { ::AcquireSRWLockExclusive(&lock_); }
+    void unlock() { ::ReleaseSRWLockExclusive(&lock_); }
 
   private:
-    HandleTable();
-    ~HandleTable() = delete;
-    struct State;
-    State* const state_;
+    SRWLOCK lock_ = SRWLOCK_INIT;
 };
 
-/// One running call on a pipe. False for a stale or invalid handle.
-class PipeCall {
+/// A value is the system's own handle with a running number above it: the system gives its values out again after a
+/// close, and a stale handle must not mean another pipe then.
+class NumberedHandles {
   public:
-    explicit PipeCall(NativeHandle handle) : object_(HandleTable::instance().enter(handle)) {}
-    ~PipeCall() {
-        if (object_ != nullptr) object_->leave();
-    }
-    PipeCall(const PipeCall&) = delete;
-    PipeCall& operator=(const PipeCall&) = delete;
-
-    explicit operator bool() const { return object_ != nullptr; }
-    PipeObject& object() const { return *object_; }
+    NativeHandle next(const PipeObject& object);
 
   private:
-    const std::shared_ptr<PipeObject> object_;
+    std::uint32_t number_ = 0;
 };
+
+using PipeTable = HandleTable<PipeObject, SlimLock, NumberedHandles>;
+PipeTable& pipeTable();
 
 }  // namespace Quovane::Internal::Qvtp

@@ -15,7 +15,7 @@ class SlowReader : public PipeContract {
 
     void SetUp() override {
         pair(server, client);
-        platform::HandleTable::instance().find(client.pipe)->writeTimeoutMs = static_cast<int>(TIMEOUT.count());
+        platform::pipeTable().enter(client.pipe)->writeTimeoutMs = static_cast<int>(TIMEOUT.count());
     }
     void TearDown() override {
         client.close();
@@ -33,7 +33,7 @@ class SlowReader : public PipeContract {
         });
     }
     void waitForFullBuffers() {
-        const int fd = platform::HandleTable::instance().find(client.pipe)->socket.get();
+        const int fd = platform::pipeTable().enter(client.pipe)->socket.get();
         ASSERT_TRUE(eventually([&] { return platform::LocalSocket::unreadMemory(fd) > 400000; }));
     }
     /// Takes so many bytes every so often for several time-outs; false if the write ends meanwhile.
@@ -122,7 +122,7 @@ TEST_F(SlowReader, IsCutOffWhenItTakesLessThanAPieceInAWholeTimeout) {
 }
 
 TEST_F(SlowReader, GetsLargeBuffersOnlyWhileItIsQuick) {
-    const platform::ReaderPace& pace = platform::HandleTable::instance().find(client.pipe)->pace;
+    const platform::ReaderPace& pace = platform::pipeTable().enter(client.pipe)->pace;
     EXPECT_EQ(pace.limit(), platform::ReaderPace::PIECE);
     // As quick as this machine is: it may be busy.
     for (int round = 0; round < 100 && pace.limit() == platform::ReaderPace::PIECE; ++round) {

@@ -1,17 +1,14 @@
-#include "platform/PipePlatform.h"
+#include "platform/PipeBackEnd.h"
 
 #include "platform/Deadline.h"
 #include "platform/Operation_win32.h"
 #include "platform/PipeLog.h"
 #include "platform/PipeObject_win32.h"
 
-#include <windows.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -56,38 +53,35 @@ int openBusyPipe(const std::string& path, DWORD access, int timeoutMs, HANDLE& p
 
 // ---- Reading ----
 
-int reportReadError(DWORD error) {
-    PipeLog::readRefused(error);
-    return ReadResult::FAILED;
-}
-
 /// One read. The bytes arrive in memory of the object and are copied: a read that times out stays pending and must not
 /// find the caller's buffer gone. The next read goes on waiting for it, so that what it took is not lost.
 class Reading {
   public:
-    Reading(PipeObject& object, char* buffer, int length)
-        : object_(object), buffer_(buffer), length_(static_cast<std::size_t>(std::max(length, 0))) {}
+    Reading(PipeObject& object, char* buffer, std::size_t length) : object_(object), buffer_(buffer), length_(length) {}
 
     int run(int timeoutMs) {
         if (!object_.unread.empty()) return deliverUnread();
         if (std::exchange(object_.endAwaited, false)) return 0;
-        const Deadline deadline = Deadline::after(timeoutMs);
-        std::optional<int> result;
-        while (!result) result = step(deadline);
-        return *result;
+        const std::optional<int> result = begin();
+        return result ? *result : await(Deadline::after(timeoutMs));
     }
 
   private:
-    /// Nothing if the wait ended for another reason than this read.
-    std::optional<int> step(const Deadline& deadline) {
-        DWORD count = 0;
-        const DWORD error = continueOrBegin(count);
-        if (error == ERROR_SUCCESS) return deliver(count);
-        if (error != ERROR_IO_PENDING) return reportReadError(error);
-        return complete(object_.wait(*operation_, deadline));
+    int await(const Deadline& deadline) {
+        std::optional<int> result;
+        while (!result) result = complete(object_.wait(*operation_, deadline));
+        return *result;
     }
 
-    DWORD continueOrBegin(DWORD& count) {
+    /// Nothing if it has to wait.
+    std::optional<int> begin() {
+        DWORD count = 0;
+        const DWORD error = continueOrRead(count);
+        if (error == ERROR_IO_PENDING) return std::nullopt;
+        return error == ERROR_SUCCESS ? deliver(count) : refuse(error);
+    }
+
+    DWORD continueOrRead(DWORD& count) {
         operation_ = std::move(object_.pendingRead);
         if (operation_ != nullptr) {
             object_.prepareToWaitAgain(*operation_);
@@ -102,6 +96,7 @@ class Reading {
         return ::GetLastError();
     }
 
+    /// Nothing if the wait ended for another reason than this read.
     std::optional<int> complete(DWORD waited) {
         if (waited != WAIT_OBJECT_0) {
             object_.pendingRead = std::move(operation_);
@@ -113,22 +108,21 @@ class Reading {
         if (operation_->isPending()) {
             object_.pendingRead = std::move(operation_);
             if (closed) return ReadResult::ABORTED;
-            return std::nullopt;  // another operation has signalled the event
+            return begin();  // another operation has signalled the event
         }
         DWORD count = 0;
         const DWORD error = object_.finish(*operation_, count);
         switch (error) {
             case ERROR_IO_PENDING:
-                if (count == 0 && operation_->size() == 0 && length_ > 0) return std::nullopt;  // asked for no bytes
+                if (count == 0 && operation_->size() == 0 && length_ > 0) return begin();  // asked for no bytes
                 return deliver(count);
             case ERROR_BROKEN_PIPE:
                 return deliver(count);
             case ERROR_OPERATION_ABORTED:
-                if (!closed) return std::nullopt;  // the thread that began it has ended
+                if (!closed) return begin();  // the thread that began it has ended
                 return ReadResult::ABORTED;
             default:
-                PipeLog::readFailed(error);
-                return ReadResult::FAILED;
+                return fail(error);
         }
     }
 
@@ -143,6 +137,18 @@ class Reading {
         const std::size_t given = object_.unread.copy(buffer_, length_);
         object_.unread.erase(0, given);
         return static_cast<int>(given);
+    }
+
+    /// It failed at once.
+    static int refuse(DWORD error) {
+        PipeLog::readRefused(error);
+        return ReadResult::FAILED;
+    }
+
+    /// It failed after a wait.
+    static int fail(DWORD error) {
+        PipeLog::readFailed(error);
+        return ReadResult::FAILED;
     }
 
     PipeObject& object_;
@@ -162,27 +168,34 @@ class InputWait {
 
     int run(int timeoutMs) {
         if (!object_.beginInputWait()) return InputResult::WOKEN;
-        if (!object_.unread.empty() || object_.endAwaited) return InputResult::INPUT;
-        const Deadline deadline = Deadline::after(timeoutMs);
-        std::optional<int> result;
-        while (!result) result = step(deadline);
-        return *result;
+        const std::optional<int> result = begin();
+        return result ? *result : await(Deadline::after(timeoutMs));
     }
 
   private:
-    /// Nothing if the wait has to begin anew.
-    std::optional<int> step(const Deadline& deadline) {
+    int await(const Deadline& deadline) {
+        std::optional<int> result;
+        while (!result) result = complete(object_.wait(*operation_, deadline));
+        return *result;
+    }
+
+    /// Nothing if it has to wait.
+    std::optional<int> begin() {
+        if (!object_.unread.empty() || object_.endAwaited) return InputResult::INPUT;
         operation_ = std::move(object_.pendingRead);
         if (operation_ != nullptr) {
             object_.prepareToWaitAgain(*operation_);
-        } else {
-            DWORD count = 0;
-            operation_ = std::make_unique<Operation>(object_.event(), 0);
-            const BOOL done = ::ReadFile(object_.pipe(), operation_->data(), 0, &count, operation_->record());
-            // Whatever it is, the next read finds it at once too.
-            if (done || ::GetLastError() != ERROR_IO_PENDING) return InputResult::INPUT;
+            return std::nullopt;
         }
-        const DWORD waited = object_.wait(*operation_, deadline);
+        DWORD count = 0;
+        operation_ = std::make_unique<Operation>(object_.event(), 0);
+        const BOOL done = ::ReadFile(object_.pipe(), operation_->data(), 0, &count, operation_->record());
+        if (!done && ::GetLastError() == ERROR_IO_PENDING) return std::nullopt;
+        return InputResult::INPUT;  // whatever it is, the next read finds it at once too
+    }
+
+    /// Nothing if the wait has to go on.
+    std::optional<int> complete(DWORD waited) {
         const bool closed = object_.isClosed();
         if (waited != WAIT_OBJECT_0 || operation_->isPending()) {
             object_.pendingRead = std::move(operation_);
@@ -190,10 +203,6 @@ class InputWait {
             if (closed) return InputResult::ABORTED;
             return waited == WAIT_OBJECT_0 ? InputResult::WOKEN : InputResult::INPUT;
         }
-        return complete(closed);
-    }
-
-    std::optional<int> complete(bool closed) {
         DWORD count = 0;
         switch (object_.finish(*operation_, count)) {
             case ERROR_IO_PENDING:
@@ -204,10 +213,10 @@ class InputWait {
                 object_.endAwaited = true;
                 return InputResult::INPUT;
             case ERROR_OPERATION_ABORTED:
-                if (!closed) return std::nullopt;  // the thread that began it has ended
+                if (!closed) return begin();  // the thread that began it has ended
                 return InputResult::ABORTED;
             default:
-                return InputResult::INPUT;
+                return InputResult::INPUT;  // the read reports why
         }
     }
 
@@ -216,33 +225,6 @@ class InputWait {
 };
 
 // ---- Writing ----
-
-int reportWriteError(DWORD error) {
-    switch (error) {
-        case ERROR_OPERATION_ABORTED:
-            PipeLog::writeWasAborted();
-            return WriteResult::ABORTED;
-        case ERROR_BROKEN_PIPE:
-        case ERROR_NO_DATA:
-            PipeLog::writeFoundBrokenPipe();
-            return WriteResult::BROKEN;
-        default:
-            PipeLog::writeRefused(error);
-            return WriteResult::FAILED;
-    }
-}
-
-int reportPendingWriteError(DWORD error) {
-    switch (error) {
-        case ERROR_OPERATION_ABORTED:
-            return WriteResult::ABORTED;
-        case ERROR_BROKEN_PIPE:
-            return WriteResult::BROKEN;
-        default:
-            PipeLog::writeFailed(error);
-            return WriteResult::FAILED;
-    }
-}
 
 /// One write, repeated for what the system did not take. The bytes are copied, since a write that times out stays
 /// pending while the caller goes on.
@@ -274,24 +256,25 @@ class Writing {
             return WriteResult::WRITTEN;
         }
         const DWORD error = ::GetLastError();
-        if (error != ERROR_IO_PENDING) return reportWriteError(error);
+        if (error != ERROR_IO_PENDING) return refuse(error);
         const DWORD waited = object_.wait(*operation, Deadline::after(WRITE_TIMEOUT_MS));
         return complete(std::move(operation), waited);
     }
 
+    /// Nothing while there is more to write.
     std::optional<int> complete(std::unique_ptr<Operation> operation, DWORD waited) {
         if (waited != WAIT_OBJECT_0) {
             // Without an event there is no wait. The bytes must not be sent again: the first try may yet succeed.
-            const int result =
-                waited == WAIT_TIMEOUT ? WriteResult::TIMED_OUT : reportPendingWriteError(::GetLastError());
+            const DWORD error = ::GetLastError();
             object_.keep(std::move(operation));
-            if (waited == WAIT_TIMEOUT) PipeLog::writeTimedOut();
-            return result;
+            if (waited != WAIT_TIMEOUT) return fail(error);
+            PipeLog::writeTimedOut();
+            return WriteResult::TIMED_OUT;
         }
         DWORD count = 0;
         const DWORD error = object_.finish(*operation, count);
         if (operation->isPending()) object_.keep(std::move(operation));
-        if (error != ERROR_IO_PENDING) return reportPendingWriteError(error);
+        if (error != ERROR_IO_PENDING) return fail(error);
         if (count > 0) return advance(count);
         PipeLog::pendingWriteTookNothing();
         return WriteResult::WRITTEN;
@@ -305,120 +288,120 @@ class Writing {
         return std::nullopt;
     }
 
+    /// It failed at once.
+    static int refuse(DWORD error) {
+        switch (error) {
+            case ERROR_OPERATION_ABORTED:
+                PipeLog::writeWasAborted();
+                return WriteResult::ABORTED;
+            case ERROR_BROKEN_PIPE:
+            case ERROR_NO_DATA:
+                PipeLog::writeFoundBrokenPipe();
+                return WriteResult::BROKEN;
+            default:
+                PipeLog::writeRefused(error);
+                return WriteResult::FAILED;
+        }
+    }
+
+    /// It failed after a wait.
+    static int fail(DWORD error) {
+        switch (error) {
+            case ERROR_OPERATION_ABORTED:
+                return WriteResult::ABORTED;
+            case ERROR_BROKEN_PIPE:
+                return WriteResult::BROKEN;
+            default:
+                PipeLog::writeFailed(error);
+                return WriteResult::FAILED;
+        }
+    }
+
     PipeObject& object_;
     const char* data_;
     std::size_t left_;
 };
 
-/// Returns a ConnectResult, or the system's number for an event that could not be made; the pipe is open then.
-int connectTo(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
-              NativeHandle& eventHandle) try {
+}  // namespace
+
+namespace BackEnd {
+
+std::shared_ptr<PipeObject> enter(NativeHandle pipeHandle) {
+    return pipeTable().enter(pipeHandle);
+}
+
+void leave(PipeObject& object) {
+    object.leave();
+}
+
+void close(NativeHandle pipeHandle) {
+    if (const auto object = pipeTable().remove(pipeHandle)) object->close();
+}
+
+int connect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
+            NativeHandle& eventHandle) {
     const auto object = std::make_shared<PipeObject>();
     const DWORD access = accessMask(readable, writable);
     HANDLE pipe = openPipe(path, access);
     const int result = openBusyPipe(path, access, timeoutMs, pipe);
     if (result != ConnectResult::CONNECTED) return result;
-    const DWORD lastError = ::GetLastError();
-    PipeLog::connected(path, pipe, lastError);
-
+    PipeLog::connected(path, pipe, ::GetLastError());
     const HANDLE event = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
     const DWORD eventError = ::GetLastError();
     object->adopt(pipe, event);
-    pipeHandle = HandleTable::instance().add(object);
-    if (event == nullptr) {
-        PipeLog::eventFailed(eventError);
-        return static_cast<int>(eventError);
-    }
+    pipeHandle = pipeTable().add(object);
+    if (event == nullptr) return static_cast<int>(eventError);
     eventHandle = reinterpret_cast<NativeHandle>(event);
     return ConnectResult::CONNECTED;
-} catch (const std::bad_alloc&) {
-    PipeLog::connectFailed(ERROR_NOT_ENOUGH_MEMORY);
-    return ConnectResult::CANNOT_OPEN;
 }
 
-}  // namespace
-
-int platformConnect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
-                    NativeHandle& eventHandle) {
-    pipeHandle = INVALID_NATIVE_HANDLE;
-    eventHandle = INVALID_NATIVE_HANDLE;
-    return connectTo(path, readable, writable, timeoutMs, pipeHandle, eventHandle);
+int read(PipeObject& object, char* buffer, std::size_t length, int timeoutMs) {
+    return Reading(object, buffer, length).run(timeoutMs);
 }
 
-int platformRead(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs) try {
-    const PipeCall call(pipeHandle);
-    if (!call) return reportReadError(ERROR_INVALID_HANDLE);
-    return Reading(call.object(), buffer, length).run(timeoutMs);
-} catch (const std::bad_alloc&) {
-    return reportReadError(ERROR_NOT_ENOUGH_MEMORY);
+int write(PipeObject& object, const char* data, std::size_t length) {
+    return Writing(object, data, length).run();
 }
 
-int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int length) try {
-    if (length <= 0) return WriteResult::WRITTEN;
-    const PipeCall call(pipeHandle);
-    if (!call) return reportWriteError(ERROR_INVALID_HANDLE);
-    return Writing(call.object(), data, static_cast<std::size_t>(length)).run();
-} catch (const std::bad_alloc&) {
-    return reportWriteError(ERROR_NOT_ENOUGH_MEMORY);
-}
-
-int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, std::size_t firstLength,
-                      const char* second, std::size_t secondLength, std::size_t& written) try {
-    written = 0;
-    if (firstLength + secondLength == 0) return WriteResult::WRITTEN;
-    const PipeCall call(pipeHandle);
-    if (!call) return reportWriteError(ERROR_INVALID_HANDLE);
-    // One call of the system for what fits into the pipe, from one block: a named pipe has no gathered write.
+/// One call of the system for what fits into the pipe, from one block: a named pipe has no gathered write.
+int writeSome(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
+              std::size_t secondLength, std::size_t& written) {
     std::string joined(first, std::min(firstLength, GATHERED_SIZE));
     joined.append(second, std::min(secondLength, GATHERED_SIZE - joined.size()));
-    Writing writing(call.object(), joined.data(), joined.size());
+    Writing writing(object, joined.data(), joined.size());
     const int result = writing.runOnce();
     written = joined.size() - writing.left();
     return result;
-} catch (const std::bad_alloc&) {
-    return reportWriteError(ERROR_NOT_ENOUGH_MEMORY);
 }
 
-int platformAwaitInput(NativeHandle pipeHandle, NativeHandle, int timeoutMs) try {
-    const PipeCall call(pipeHandle);
-    if (!call) return InputResult::FAILED;
-    return InputWait(call.object()).run(timeoutMs);
-} catch (const std::bad_alloc&) {
-    return InputResult::INPUT;  // the read reports it
+int awaitInput(PipeObject& object, int timeoutMs) {
+    return InputWait(object).run(timeoutMs);
 }
 
-void platformWake(NativeHandle pipeHandle) {
-    const PipeCall call(pipeHandle);
-    if (call) call.object().wakeInputWait();
+void wake(PipeObject& object) {
+    object.wakeInputWait();
 }
 
-std::size_t platformAvailable(NativeHandle pipeHandle) {
-    const PipeCall call(pipeHandle);
-    if (!call) return 0;
+std::size_t available(PipeObject& object) {
     DWORD count = 0;
-    const BOOL known = ::PeekNamedPipe(call.object().pipe(), nullptr, 0, nullptr, &count, nullptr);
-    return call.object().unread.size() + (known ? count : 0);
+    const BOOL known = ::PeekNamedPipe(object.pipe(), nullptr, 0, nullptr, &count, nullptr);
+    return object.unread.size() + (known ? count : 0);
 }
 
 /// A named pipe has no half that could be closed: the caller looks at what is available and leaves.
-void platformEndReading(NativeHandle) {}
+void endReading(PipeObject&) {}
 
-bool platformPeerHasClosed(NativeHandle pipeHandle) {
-    const PipeCall call(pipeHandle);
-    if (!call) return true;
-    // The end shows only when nothing is left before it.
+/// The end shows only when nothing is left before it.
+bool peerHasClosed(PipeObject& object) {
     DWORD count = 0;
-    while (::PeekNamedPipe(call.object().pipe(), nullptr, 0, nullptr, &count, nullptr)) {
+    while (::PeekNamedPipe(object.pipe(), nullptr, 0, nullptr, &count, nullptr)) {
         if (count == 0) return false;
         char dropped[4096];
-        if (platformRead(pipeHandle, pipeHandle, dropped, sizeof dropped, 1) <= 0) return false;
+        if (read(object, dropped, sizeof dropped, 1) <= 0) return false;
     }
     return ::GetLastError() == ERROR_BROKEN_PIPE || ::GetLastError() == ERROR_PIPE_NOT_CONNECTED;
 }
 
-void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle) {
-    PipeLog::pipeCloses(pipeHandle, eventHandle);
-    if (const auto object = HandleTable::instance().remove(pipeHandle)) object->close();
-}
+}  // namespace BackEnd
 
 }  // namespace Quovane::Internal::Qvtp

@@ -1,14 +1,11 @@
-#include "platform/ServerPipePlatform.h"
+#include "platform/PipeBackEnd.h"
 
 #include "platform/Deadline.h"
 #include "platform/Operation_win32.h"
 #include "platform/PipeLog.h"
 #include "platform/PipeObject_win32.h"
 
-#include <windows.h>
-
 #include <memory>
-#include <new>
 #include <utility>
 
 // Results are judged by the last error. Log calls leave it as they found it.
@@ -18,23 +15,9 @@ namespace Quovane::Internal::Qvtp {
 namespace {
 
 constexpr DWORD BUFFER_SIZE = 65536;
-constexpr DWORD PAUSE_MS = 100;
-constexpr DWORD PAUSE_STEP_MS = 5;
+constexpr int PAUSE_STEP_MS = 5;
 
-HANDLE createInstance(const std::string& path, bool readable, bool writable, bool first) {
-    DWORD mode = FILE_FLAG_OVERLAPPED;
-    if (readable) mode |= PIPE_ACCESS_INBOUND;
-    if (writable) mode |= PIPE_ACCESS_OUTBOUND;
-    if (first) mode |= FILE_FLAG_FIRST_PIPE_INSTANCE;
-    SECURITY_ATTRIBUTES security{sizeof(SECURITY_ATTRIBUTES), nullptr, FALSE};
-    return ::CreateNamedPipeA(path.c_str(), mode, PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT,
-                              PIPE_UNLIMITED_INSTANCES, BUFFER_SIZE, BUFFER_SIZE, 0, &security);
-}
-
-int reportConnectError(DWORD error) {
-    PipeLog::acceptFailed(error);
-    return AcceptResult::CONNECT_ERROR;
-}
+// ---- Accepting ----
 
 /// Waits for a client on one instance. A wait that times out stays pending, and the next accept goes on with it: begun
 /// anew each time, they would pile up until a client comes.
@@ -44,7 +27,7 @@ class Accepting {
 
     int run(int timeoutMs) {
         const Deadline deadline = Deadline::after(timeoutMs);
-        const DWORD error = continueOrBegin();
+        const DWORD error = begin();
         if (error == ERROR_SUCCESS) return AcceptResult::CONNECTED;
         PipeLog::acceptBegun(error);
         switch (error) {
@@ -54,12 +37,13 @@ class Accepting {
             case ERROR_IO_PENDING:
                 return complete(deadline);
             default:
-                return reportLastingError(error);
+                return fail(error);
         }
     }
 
   private:
-    DWORD continueOrBegin() {
+    /// Goes on with what an accept that timed out has left.
+    DWORD begin() {
         operation_ = std::move(object_.pendingConnect);
         if (operation_ != nullptr) {
             DWORD count = 0;
@@ -68,10 +52,11 @@ class Accepting {
             if (object_.finish(*operation_, count) == ERROR_IO_PENDING) return ERROR_PIPE_CONNECTED;
             // It has failed meanwhile, perhaps only because the thread that began it is gone: the next says why.
         }
-        return begin();
+        return takeClient();
     }
 
-    DWORD begin() {
+    /// One try.
+    DWORD takeClient() {
         operation_ = std::make_unique<Operation>(object_.event(), 0);
         return ::ConnectNamedPipe(object_.pipe(), operation_->record()) ? ERROR_SUCCESS : ::GetLastError();
     }
@@ -94,7 +79,7 @@ class Accepting {
             case ERROR_OPERATION_ABORTED:
                 return AcceptResult::ABORTED;
             default:
-                return reportLastingError(error);
+                return fail(error);
         }
     }
 
@@ -112,91 +97,68 @@ class Accepting {
             error = object_.finish(*operation_, count);
             if (operation_->isPending()) object_.pendingConnect = std::move(operation_);
             if (closed || error != ERROR_OPERATION_ABORTED) return waited;
-            error = begin();
+            error = takeClient();
             if (error != ERROR_IO_PENDING) return waited;
         }
     }
 
     /// What keeps a client from being taken may be there for the next try too: keep the caller's loop from spinning.
-    int reportLastingError(DWORD error) {
-        const int result = reportConnectError(error);
-        for (DWORD waited = 0; waited < PAUSE_MS && !object_.isClosed(); waited += PAUSE_STEP_MS) {
+    int fail(DWORD error) const {
+        PipeLog::acceptFailed(error);
+        pause();
+        return AcceptResult::CONNECT_ERROR;
+    }
+
+    /// A close ends it.
+    void pause() const {
+        for (int waited = 0; waited < BackEnd::ACCEPT_PAUSE_MS && !object_.isClosed(); waited += PAUSE_STEP_MS) {
             ::Sleep(PAUSE_STEP_MS);
         }
-        return result;
     }
 
     PipeObject& object_;
     std::unique_ptr<Operation> operation_;
 };
 
-int acceptOn(NativeHandle pipeHandle, int timeoutMs) try {
-    const PipeCall call(pipeHandle);
-    if (call) return Accepting(call.object()).run(timeoutMs);
-    PipeLog::acceptRefused(ERROR_INVALID_HANDLE);
-    return AcceptResult::CONNECT_ERROR;
-} catch (const std::bad_alloc&) {
-    const int result = reportConnectError(ERROR_NOT_ENOUGH_MEMORY);
-    ::Sleep(PAUSE_MS);
-    return result;
+// ---- Instances ----
+
+HANDLE openInstance(const std::string& path, bool readable, bool writable, bool first) {
+    DWORD mode = FILE_FLAG_OVERLAPPED;
+    if (readable) mode |= PIPE_ACCESS_INBOUND;
+    if (writable) mode |= PIPE_ACCESS_OUTBOUND;
+    if (first) mode |= FILE_FLAG_FIRST_PIPE_INSTANCE;
+    SECURITY_ATTRIBUTES security{sizeof(SECURITY_ATTRIBUTES), nullptr, FALSE};
+    return ::CreateNamedPipeA(path.c_str(), mode, PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT,
+                              PIPE_UNLIMITED_INSTANCES, BUFFER_SIZE, BUFFER_SIZE, 0, &security);
 }
 
-int reportCreateError(DWORD error) {
-    PipeLog::createFailed(error);
-    return static_cast<int>(error);
-}
+}  // namespace
 
-int makeInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
-                 NativeHandle& eventHandle) try {
+namespace BackEnd {
+
+int createInstance(NativeHandle, const std::string& path, bool readable, bool writable, bool first,
+                   NativeHandle& pipeHandle, NativeHandle& eventHandle) {
     const auto object = std::make_shared<PipeObject>();
-    const HANDLE pipe = createInstance(path, readable, writable, first);
-    if (pipe == INVALID_HANDLE_VALUE) return reportCreateError(::GetLastError());
+    const HANDLE pipe = openInstance(path, readable, writable, first);
+    if (pipe == INVALID_HANDLE_VALUE) return static_cast<int>(::GetLastError());
     const HANDLE event = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
     const DWORD eventError = ::GetLastError();
     // Unlike a client's end, an instance whose event is null is there: clients may wait for it, its accept fails.
     const bool failed = event == INVALID_HANDLE_VALUE;
     object->adopt(pipe, failed ? nullptr : event);
-    pipeHandle = HandleTable::instance().add(object);
+    pipeHandle = pipeTable().add(object);
     eventHandle = reinterpret_cast<NativeHandle>(event);
-    if (failed) {
-        PipeLog::eventFailed(eventError);
-        return static_cast<int>(eventError);
-    }
-    PipeLog::instanceCreated(pipeHandle, eventHandle);
-    return ERROR_SUCCESS;
-} catch (const std::bad_alloc&) {
-    return reportCreateError(ERROR_NOT_ENOUGH_MEMORY);
+    return failed ? static_cast<int>(eventError) : ERROR_SUCCESS;
 }
 
-}  // namespace
-
-int platformCreateInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
-                           NativeHandle& eventHandle) {
-    pipeHandle = INVALID_NATIVE_HANDLE;
-    eventHandle = INVALID_NATIVE_HANDLE;
-    return makeInstance(path, readable, writable, first, pipeHandle, eventHandle);
+int accept(PipeObject& object, int timeoutMs) {
+    return Accepting(object).run(timeoutMs);
 }
 
-int platformCreateNextInstance(NativeHandle, const std::string& path, bool readable, bool writable,
-                               NativeHandle& pipeHandle, NativeHandle& eventHandle) {
-    return platformCreateInstance(path, readable, writable, false, pipeHandle, eventHandle);
-}
-
-int platformAccept(NativeHandle pipeHandle, NativeHandle, int timeoutMs) {
-    PipeLog::acceptCalled();
-    const int result = acceptOn(pipeHandle, timeoutMs);
-    if (result == AcceptResult::ABORTED) return result;
-    PipeLog::acceptReturns(result);
-    return result;
-}
-
-bool platformHasClient(NativeHandle) {
+bool hasClient(PipeObject&) {
     return false;
 }
 
-void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle) {
-    PipeLog::instanceCloses(pipeHandle, eventHandle);
-    if (const auto object = HandleTable::instance().remove(pipeHandle)) object->close();
-}
+}  // namespace BackEnd
 
 }  // namespace Quovane::Internal::Qvtp

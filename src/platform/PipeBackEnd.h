@@ -1,0 +1,68 @@
+#pragma once
+
+#include "platform/PipePlatform.h"
+#include "platform/ServerPipePlatform.h"
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace Quovane::Internal::Qvtp {
+
+/// What a handle stands for. Each system has its own.
+class PipeObject;
+
+/// What is different on each system. The routines of PipePlatform.h and ServerPipePlatform.h are written once over
+/// these functions. They return what the routine of that name returns, for an object that a running call has entered,
+/// and log what happens to the operation. They may throw std::bad_alloc; the routine reports it.
+namespace BackEnd {
+
+/// How long an accept takes to fail for a reason that lasts, so that its caller's loop does not spin.
+inline constexpr int ACCEPT_PAUSE_MS = 100;
+
+/// The object of the handle, null for a stale or invalid one. leave() ends what enter() began.
+std::shared_ptr<PipeObject> enter(NativeHandle pipeHandle);
+void leave(PipeObject& object);
+/// Makes the handle stale and closes its object. Takes no memory.
+void close(NativeHandle pipeHandle);
+
+/// Both handles are invalid before. A result that is a failure leaves a pipe handle only where just the event could not
+/// be made.
+int connect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
+            NativeHandle& eventHandle);
+/// The same. `sibling` may be stale or invalid.
+int createInstance(NativeHandle sibling, const std::string& path, bool readable, bool writable, bool first,
+                   NativeHandle& pipeHandle, NativeHandle& eventHandle);
+
+int read(PipeObject& object, char* buffer, std::size_t length, int timeoutMs);
+int write(PipeObject& object, const char* data, std::size_t length);
+int writeSome(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
+              std::size_t secondLength, std::size_t& written);
+int awaitInput(PipeObject& object, int timeoutMs);
+void wake(PipeObject& object);
+std::size_t available(PipeObject& object);
+void endReading(PipeObject& object);
+bool peerHasClosed(PipeObject& object);
+int accept(PipeObject& object, int timeoutMs);
+bool hasClient(PipeObject& object);
+
+}  // namespace BackEnd
+
+/// One running call on a pipe. False for a stale or invalid handle.
+class PipeCall {
+  public:
+    explicit PipeCall(NativeHandle pipeHandle) : object_(BackEnd::enter(pipeHandle)) {}
+    ~PipeCall() {
+        if (object_ != nullptr) BackEnd::leave(*object_);
+    }
+    PipeCall(const PipeCall&) = delete;
+    PipeCall& operator=(const PipeCall&) = delete;
+
+    explicit operator bool() const { return object_ != nullptr; }
+    PipeObject& object() const { return *object_; }
+
+  private:
+    const std::shared_ptr<PipeObject> object_;
+};
+
+}  // namespace Quovane::Internal::Qvtp

@@ -1,0 +1,374 @@
+#include "platform/PipeBackEnd.h"
+
+#include "common/System.h"
+#include "platform/LocalSocket_linux.h"
+#include "platform/PipeConnector_linux.h"
+#include "platform/PipeLog.h"
+#include "platform/PipeObject_linux.h"
+#include "platform/SystemError_linux.h"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <utility>
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+using LocalSocket::WaitResult;
+
+// A write that waits looks so often in its time-out whether the peer has taken something.
+constexpr int LOOKS = 100;
+
+// A message of this size becomes one buffer of the kernel, which its reader gets as a whole or not at all.
+constexpr std::size_t WHOLE_SIZE = 32768;
+
+/// One try to read, without waiting: the count, 0 at the end (also when the peer left data of ours unread), -1 with
+/// errno. With length 0 it only looks whether there is anything.
+ssize_t receive(int fd, char* buffer, std::size_t length) {
+    char probe = 0;
+    for (;;) {
+        const ssize_t count =
+            length > 0 ? ::recv(fd, buffer, length, MSG_DONTWAIT) : ::recv(fd, &probe, 1, MSG_DONTWAIT | MSG_PEEK);
+        if (count >= 0) return count;
+        if (errno == ECONNRESET) return 0;
+        if (errno != EINTR) return -1;
+    }
+}
+
+bool wouldBlock(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
+
+// ---- Reading ----
+
+/// One read.
+class Reading {
+  public:
+    Reading(PipeObject& object, char* buffer, std::size_t length) : object_(object), buffer_(buffer), length_(length) {}
+
+    int run(int timeoutMs) {
+        const std::optional<int> result = begin();
+        return result ? *result : await(Deadline::after(timeoutMs));
+    }
+
+  private:
+    int await(const Deadline& deadline) {
+        std::optional<int> result;
+        while (!result) result = complete(object_.wait(POLLIN, deadline));
+        return *result;
+    }
+
+    /// Nothing if it has to wait.
+    std::optional<int> begin() {
+        const int refused = object_.accessError(object_.readable);
+        if (refused != SystemError::NONE) return refuse(refused);
+        const ssize_t count = receive(object_.socket.get(), buffer_, length_);
+        const int error = errno;
+        if (count > 0) return deliver(count);
+        if (count == 0 && std::exchange(object_.endAwaited, false)) return 0;
+        if (count < 0 && wouldBlock(error)) return std::nullopt;
+        if (object_.isClosed()) return ReadResult::ABORTED;
+        return refuse(count == 0 ? SystemError::BROKEN_PIPE : SystemError::fromErrno(error));
+    }
+
+    /// Nothing if the wait ended for another reason than this read.
+    std::optional<int> complete(WaitResult waited) {
+        if (object_.isClosed()) return ReadResult::ABORTED;
+        if (waited == WaitResult::TIMED_OUT) {
+            PipeLog::readTimedOut();
+            return ReadResult::TIMED_OUT;
+        }
+        if (waited != WaitResult::READY) return 0;
+        const ssize_t count = receive(object_.socket.get(), buffer_, length_);
+        const int error = errno;
+        if (object_.isClosed() && count <= 0) return ReadResult::ABORTED;
+        if (count >= 0) return deliver(count);
+        if (wouldBlock(error)) return std::nullopt;
+        return fail(SystemError::fromErrno(error));
+    }
+
+    int deliver(ssize_t count) const { return length_ > 0 ? static_cast<int>(count) : 0; }
+
+    /// It failed at once.
+    static int refuse(int error) {
+        PipeLog::readRefused(error);
+        return ReadResult::FAILED;
+    }
+
+    /// It failed after a wait.
+    static int fail(int error) {
+        PipeLog::readFailed(error);
+        return ReadResult::FAILED;
+    }
+
+    PipeObject& object_;
+    char* const buffer_;
+    const std::size_t length_;
+};
+
+/// One wait for input. Another thread may end it through platformWake.
+class InputWait {
+  public:
+    explicit InputWait(PipeObject& object) : object_(object) {}
+    ~InputWait() { object_.endInputWait(); }
+    InputWait(const InputWait&) = delete;
+    InputWait& operator=(const InputWait&) = delete;
+
+    int run(int timeoutMs) {
+        if (!object_.beginInputWait()) return InputResult::WOKEN;
+        const std::optional<int> result = begin();
+        return result ? *result : await(Deadline::after(timeoutMs));
+    }
+
+  private:
+    int await(const Deadline& deadline) {
+        std::optional<int> result;
+        while (!result) result = complete(object_.wait(POLLIN, deadline));
+        return *result;
+    }
+
+    /// Nothing if it has to wait.
+    std::optional<int> begin() { return look(false); }
+
+    /// Nothing if the wait has to go on.
+    std::optional<int> complete(WaitResult waited) {
+        switch (waited) {
+            case WaitResult::TIMED_OUT:
+                return InputResult::TIMED_OUT;
+            case WaitResult::SIGNALLED:
+                return object_.isClosed() ? InputResult::ABORTED : InputResult::WOKEN;
+            case WaitResult::READY:
+                return look(true);
+            default:
+                return InputResult::INPUT;  // the read reports why
+        }
+    }
+
+    std::optional<int> look(bool waited) {
+        const ssize_t count = receive(object_.socket.get(), nullptr, 0);
+        const bool mustWait = count < 0 && wouldBlock(errno);
+        if (object_.isClosed()) return InputResult::ABORTED;
+        if (count == 0) object_.endAwaited = waited;
+        if (mustWait) return std::nullopt;
+        return InputResult::INPUT;
+    }
+
+    PipeObject& object_;
+};
+
+// ---- Writing ----
+
+/// One write of two blocks, in as many steps as the kernel takes it.
+class Writing {
+  public:
+    Writing(PipeObject& object, const char* first, std::size_t firstLength, const char* second = nullptr,
+            std::size_t secondLength = 0)
+        : object_(object),
+          blocks_{{const_cast<char*>(first), firstLength}, {const_cast<char*>(second), secondLength}},
+          deadline_(Deadline::after(object.writeTimeoutMs)) {}
+
+    int run() {
+        std::optional<int> result;
+        while (!result) result = step(ReaderPace::PIECE);
+        return *result;
+    }
+
+    /// Ends after the first progress.
+    int runOnce() { return step(WHOLE_SIZE).value_or(WriteResult::WRITTEN); }
+
+    std::size_t left() const { return blocks_[0].iov_len + blocks_[1].iov_len; }
+
+  private:
+    /// Up to `wholeSize` bytes leave in one piece or not at all. Nothing while there is more to write.
+    std::optional<int> step(std::size_t wholeSize) {
+        const int refused = object_.accessError(object_.writable);
+        if (refused != SystemError::NONE) return refuse(refused);
+        for (;;) {
+            const ssize_t count = send(left() <= wholeSize ? left() : object_.pace.limit());
+            const int error = errno;
+            if (count > 0) return advance(static_cast<std::size_t>(count));
+            if (count < 0 && error == EINTR) continue;
+            if (count < 0 && !wouldBlock(error)) return end(error);
+            const std::optional<int> result = complete(waitForRoom());
+            if (result) return result;
+        }
+    }
+
+    ssize_t send(std::size_t limit) const {
+        iovec blocks[] = {blocks_[0], blocks_[1]};
+        blocks[0].iov_len = std::min(blocks[0].iov_len, limit);
+        blocks[1].iov_len = std::min(blocks[1].iov_len, limit - blocks[0].iov_len);
+        msghdr message{};
+        message.msg_iov = blocks;
+        message.msg_iovlen = 2;
+        return ::sendmsg(object_.socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
+
+    /// Waits only for a moment: the socket counts as writable when three quarters of its memory are free, a send
+    /// succeeds as soon as any is.
+    WaitResult waitForRoom() {
+        pending_ = true;
+        if (unread_ < 0) unread_ = LocalSocket::unreadMemory(object_.socket.get());
+        return object_.wait(POLLOUT, Deadline::after(std::max(object_.writeTimeoutMs / LOOKS, 1)));
+    }
+
+    /// Nothing if it is worth another try.
+    std::optional<int> complete(WaitResult waited) {
+        if (object_.isClosed()) return WriteResult::ABORTED;
+        if (waited == WaitResult::READY) return std::nullopt;
+        if (waited == WaitResult::FAILED) System::sleepMs(1);  // tried again, but not spun on
+        object_.pace.stalled();
+        // What the peer has taken may not make room enough yet, and is progress all the same.
+        if (hasBeenRead()) deadline_ = Deadline::after(object_.writeTimeoutMs);
+        if (!deadline_.isOver()) return std::nullopt;
+        PipeLog::writeTimedOut();
+        return WriteResult::TIMED_OUT;
+    }
+
+    bool hasBeenRead() {
+        const int before = std::exchange(unread_, LocalSocket::unreadMemory(object_.socket.get()));
+        return unread_ >= 0 && unread_ < before;
+    }
+
+    /// Progress restarts the clock, so that a slow but steady reader has as much time for a large block as for the same
+    /// bytes in pieces. Less than a piece in a whole time-out is no progress. Nothing while there is more to write.
+    std::optional<int> advance(std::size_t count) {
+        pending_ = true;  // begun: what ends it now is no longer an immediate failure
+        unread_ = -1;
+        progress_ += count;
+        object_.pace.sent(object_.socket.get(), count);
+        for (iovec& block : blocks_) {
+            const std::size_t taken = std::min(count, block.iov_len);
+            block.iov_base = static_cast<char*>(block.iov_base) + taken;
+            block.iov_len -= taken;
+            count -= taken;
+        }
+        if (left() == 0) return WriteResult::WRITTEN;
+        if (progress_ >= ReaderPace::PIECE) {
+            progress_ = 0;
+            deadline_ = Deadline::after(object_.writeTimeoutMs);
+        }
+        return std::nullopt;
+    }
+
+    /// The system takes nothing more.
+    int end(int error) const {
+        if (object_.isClosed()) return WriteResult::ABORTED;
+        if (error == EPIPE || error == ECONNRESET) {
+            if (!pending_) PipeLog::writeFoundBrokenPipe();
+            return WriteResult::BROKEN;
+        }
+        const int number = SystemError::fromErrno(error);
+        return pending_ ? fail(number) : refuse(number);
+    }
+
+    /// It failed at once.
+    static int refuse(int error) {
+        PipeLog::writeRefused(error);
+        return WriteResult::FAILED;
+    }
+
+    /// It failed after a wait, or after a part.
+    static int fail(int error) {
+        PipeLog::writeFailed(error);
+        return WriteResult::FAILED;
+    }
+
+    PipeObject& object_;
+    iovec blocks_[2];  // what is left of them
+    std::size_t progress_ = 0;
+    int unread_ = -1;  // memory of what the peer has left, as of the last look since the last send
+    Deadline deadline_;
+    bool pending_ = false;
+};
+
+}  // namespace
+
+namespace BackEnd {
+
+std::shared_ptr<PipeObject> enter(NativeHandle pipeHandle) {
+    return pipeTable().enter(pipeHandle);
+}
+
+void leave(PipeObject& object) {
+    object.leave();
+}
+
+void close(NativeHandle pipeHandle) {
+    if (const auto object = pipeTable().remove(pipeHandle)) object->close();
+}
+
+int connect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
+            NativeHandle& eventHandle) {
+    PipeConnector connector(path, readable, writable, timeoutMs);
+    const int result = connector.connect();
+    if (result != ConnectResult::CONNECTED) return result;
+    const auto object = std::make_shared<PipeObject>();
+    object->readable = readable;
+    object->writable = writable;
+    object->socket = connector.takeSocket();
+    object->owner = ::getpid();
+    object->event = Descriptor::event();
+    const int eventError = object->event.isOpen() ? SystemError::NONE : SystemError::fromErrno(errno);
+    object->connected = true;
+    pipeHandle = pipeTable().add(object);
+    PipeLog::connected(path, printable(pipeHandle), SystemError::NONE);
+    if (eventError != SystemError::NONE) return eventError;
+    eventHandle = CountedNumbers::eventHandleOf(pipeHandle);
+    return ConnectResult::CONNECTED;
+}
+
+int read(PipeObject& object, char* buffer, std::size_t length, int timeoutMs) {
+    return Reading(object, buffer, length).run(timeoutMs);
+}
+
+int write(PipeObject& object, const char* data, std::size_t length) {
+    return Writing(object, data, length).run();
+}
+
+int writeSome(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
+              std::size_t secondLength, std::size_t& written) {
+    Writing writing(object, first, firstLength, second, secondLength);
+    const int result = writing.runOnce();
+    written = firstLength + secondLength - writing.left();
+    return result;
+}
+
+int awaitInput(PipeObject& object, int timeoutMs) {
+    if (object.accessError(object.readable) != SystemError::NONE) return InputResult::FAILED;
+    return InputWait(object).run(timeoutMs);
+}
+
+void wake(PipeObject& object) {
+    object.wakeInputWait();
+}
+
+std::size_t available(PipeObject& object) {
+    if (object.accessError(object.readable) != SystemError::NONE) return 0;
+    int count = 0;
+    return ::ioctl(object.socket.get(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+void endReading(PipeObject& object) {
+    if (object.accessError(object.readable) == SystemError::NONE) ::shutdown(object.socket.get(), SHUT_RD);
+}
+
+bool peerHasClosed(PipeObject& object) {
+    if (!object.connected) return false;
+    pollfd descriptor{object.socket.get(), 0, 0};
+    return ::poll(&descriptor, 1, 0) > 0 && (descriptor.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+}  // namespace BackEnd
+
+}  // namespace Quovane::Internal::Qvtp

@@ -1,0 +1,107 @@
+#include "platform/PipePlatform.h"
+
+#include "platform/PipeBackEnd.h"
+#include "platform/PipeLog.h"
+#include "platform/SystemError.h"
+
+#include <new>
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+int refuseRead(int error) {
+    PipeLog::readRefused(error);
+    return ReadResult::FAILED;
+}
+
+int refuseWrite(int error) {
+    PipeLog::writeRefused(error);
+    return WriteResult::FAILED;
+}
+
+int connectTo(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
+              NativeHandle& eventHandle) try {
+    return BackEnd::connect(path, readable, writable, timeoutMs, pipeHandle, eventHandle);
+} catch (const std::bad_alloc&) {
+    PipeLog::connectFailed(SystemError::NOT_ENOUGH_MEMORY);
+    return ConnectResult::CANNOT_OPEN;
+}
+
+}  // namespace
+
+int platformConnect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
+                    NativeHandle& eventHandle) {
+    pipeHandle = INVALID_NATIVE_HANDLE;
+    eventHandle = INVALID_NATIVE_HANDLE;
+    const int result = connectTo(path, readable, writable, timeoutMs, pipeHandle, eventHandle);
+    const bool lacksEvent = result != ConnectResult::CONNECTED && pipeHandle != INVALID_NATIVE_HANDLE;
+    if (lacksEvent) PipeLog::eventFailed(result);
+    return result;
+}
+
+int platformRead(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs) try {
+    const PipeCall call(pipeHandle);
+    if (!call) return refuseRead(SystemError::INVALID_HANDLE);
+    return BackEnd::read(call.object(), buffer, length > 0 ? static_cast<std::size_t>(length) : 0, timeoutMs);
+} catch (const std::bad_alloc&) {
+    return refuseRead(SystemError::NOT_ENOUGH_MEMORY);
+}
+
+int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int length) try {
+    if (length <= 0) return WriteResult::WRITTEN;
+    const PipeCall call(pipeHandle);
+    if (!call) return refuseWrite(SystemError::INVALID_HANDLE);
+    return BackEnd::write(call.object(), data, static_cast<std::size_t>(length));
+} catch (const std::bad_alloc&) {
+    return refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
+}
+
+int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, std::size_t firstLength,
+                      const char* second, std::size_t secondLength, std::size_t& written) try {
+    written = 0;
+    if (firstLength + secondLength == 0) return WriteResult::WRITTEN;
+    const PipeCall call(pipeHandle);
+    if (!call) return refuseWrite(SystemError::INVALID_HANDLE);
+    return BackEnd::writeSome(call.object(), first, firstLength, second, secondLength, written);
+} catch (const std::bad_alloc&) {
+    return refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
+}
+
+int platformAwaitInput(NativeHandle pipeHandle, NativeHandle, int timeoutMs) try {
+    const PipeCall call(pipeHandle);
+    return call ? BackEnd::awaitInput(call.object(), timeoutMs) : InputResult::FAILED;
+} catch (const std::bad_alloc&) {
+    return InputResult::INPUT;  // the read reports it
+}
+
+void platformWake(NativeHandle pipeHandle) {
+    const PipeCall call(pipeHandle);
+    if (call) BackEnd::wake(call.object());
+}
+
+std::size_t platformAvailable(NativeHandle pipeHandle) {
+    const PipeCall call(pipeHandle);
+    return call ? BackEnd::available(call.object()) : 0;
+}
+
+void platformEndReading(NativeHandle pipeHandle) {
+    const PipeCall call(pipeHandle);
+    if (call) BackEnd::endReading(call.object());
+}
+
+bool platformPeerHasClosed(NativeHandle pipeHandle) try {
+    const PipeCall call(pipeHandle);
+    return !call || BackEnd::peerHasClosed(call.object());
+} catch (const std::bad_alloc&) {
+    // What the peer left could not be dropped, and its end shows only after that.
+    PipeLog::readRefused(SystemError::NOT_ENOUGH_MEMORY);
+    return false;
+}
+
+void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle) {
+    PipeLog::pipeCloses(pipeHandle, eventHandle);
+    BackEnd::close(pipeHandle);
+}
+
+}  // namespace Quovane::Internal::Qvtp
