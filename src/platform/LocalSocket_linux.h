@@ -32,7 +32,7 @@ QueueResult connectBefore(int fd, const std::string& path, const Deadline& deadl
 
 enum class WaitResult { READY, SIGNALLED, TIMED_OUT, FAILED };
 
-/// Waits until `fd` is ready for `events` (as in poll) or `event` is signalled, which goes first. Never FAILED behind
+/// Waits until `fd` is ready for `events` (as in poll) or `event` is signalled, which goes first. Never FAILED after
 /// the deadline: who tries again after a failure comes to an end.
 WaitResult wait(int fd, short events, int event, const Deadline& deadline);
 

@@ -67,7 +67,7 @@ void PipeObject::close() {
     if (!abandoned_) release();
 }
 
-/// No call is running any more. What is still pending was left behind by time-outs.
+/// No call is running any more. What is still pending was left by time-outs.
 void PipeObject::release() {
     if (pipe_ == nullptr) return;
     ::CancelIoEx(pipe_, nullptr);

@@ -50,7 +50,7 @@ class PipeObject {
     /// Keeps what the system may still write to until it has completed, at the latest until the pipe is released.
     void keep(std::unique_ptr<Operation> operation);
 
-    // What calls that timed out have left behind for the next of their kind. Like the pipe itself, for one thread at a
+    // What calls that timed out have left for the next of their kind. Like the pipe itself, for one thread at a
     // time.
     std::unique_ptr<Operation> pendingRead;
     std::unique_ptr<Operation> pendingConnect;

@@ -5,10 +5,33 @@
 #include <cstddef>
 #include <string>
 
-/// The contract between the pipe classes and the operating system, implemented once per system beside this file.
-/// The routines return result codes and log; they throw nothing. Lack of memory is a failure like any other, with error
-/// 8 in its line, and leaves nothing behind; closes need none. What each must do in every situation
-/// is in docs/porting.md and in the contract test, which every back end passes.
+/// The contract between the pipe classes and the operating system. The routines are written once, over what each system
+/// has of its own (PipeBackEnd.h). The contract test checks them, and every back end passes it. docs/porting.md says
+/// what differs.
+///
+/// Results: the routines return the numbers named here. They log what happened and throw nothing. "At once" means
+/// without waiting for a time-out. Numbers in log lines, such as "GLE=2", are those of Windows on every system.
+///
+/// Handles: a pipe has two, its own and that of its event. The event is what a named pipe of Windows has: each
+/// operation signals it, and the pipe's owner keeps both. Linux derives it from the pipe handle. The signatures are the
+/// same on both, and only the log lines of a close use what is passed. A handle stays what it was after its close: it
+/// is stale then, and never reaches a pipe that was opened later.
+///
+/// Stale and invalid handles: a routine fails, with error 6 in its line if it has one. A close has no effect.
+///
+/// Threads: on one handle, one thread reads or waits for input, one writes, one accepts. They may be different threads
+/// at the same time. platformWake, platformHasClient and a close are for any thread at any time. The rest is for the
+/// thread that reads.
+///
+/// Closing: any thread may close, at any time, also while calls run. Each of these ends as ABORTED. The system's own
+/// handles are released when the last call has left; on Windows the close waits for that, half a second at most. A call
+/// that begins after the close finds a stale handle. Of two closes of one handle, the second has no effect.
+///
+/// Last error: back ends judge results by errno or GetLastError. So no log call changes it. Callers judge by the
+/// returned number alone.
+///
+/// Memory: running out of it is a failure like any other, with error 8 in its line. It leaves nothing behind. A close
+/// needs none.
 namespace Quovane::Internal::Qvtp {
 
 using Quovane::Io::INVALID_NATIVE_HANDLE;
@@ -17,7 +40,8 @@ using Quovane::Io::NativeHandle;
 /// What stands before the bare name in a pipe's path: the local machine's pipe namespace.
 inline constexpr char PIPE_PATH_PREFIX[] = R"(\\.\pipe\)";
 
-/// Results of platformConnect; any other value is an operating-system error number.
+/// Results of platformConnect. Any other value is the system's error number for an event that could not be made: the
+/// pipe handle is valid then and has to be closed.
 namespace ConnectResult {
 inline constexpr int CONNECTED = 0;
 inline constexpr int TIMED_OUT = 1;
@@ -32,6 +56,7 @@ inline constexpr int FAILED = -3;
 inline constexpr int ABORTED = -4;
 }  // namespace ReadResult
 
+/// Results of platformWrite and platformWriteSome.
 namespace WriteResult {
 inline constexpr int WRITTEN = 0;
 inline constexpr int FAILED = 4;
@@ -49,35 +74,60 @@ inline constexpr int FAILED = -3;
 inline constexpr int ABORTED = -4;
 }  // namespace InputResult
 
-/// How long platformWrite waits for the peer to take bytes.
+/// How long a write waits for the peer to take bytes.
 inline constexpr int WRITE_TIMEOUT_MS = 10000;
 
-/// Opens the client end of the pipe. `timeoutMs`: how long to wait for a free instance, 0 without limit (a pipe that
-/// does not exist fails at once). Both handles are invalid unless they were opened.
+/// Opens the client end of the pipe. `timeoutMs`: how long to wait for a free instance, 0 without limit. Both handles
+/// are invalid unless they were opened. Returns a ConnectResult:
+/// - An instance waits: CONNECTED, before the server accepts.
+/// - Every instance is taken: it waits for the next one, then TIMED_OUT. Also if the server goes meanwhile.
+/// - Nobody serves the name: CANNOT_OPEN at once, ERROR "... GLE=2".
+/// - The client wants a direction that the server does not have: ACCESS_DENIED, no line.
+/// - Memory runs out: CANNOT_OPEN, ERROR "... GLE=8".
 int platformConnect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
                     NativeHandle& eventHandle);
 
-/// Reads at most `length` bytes as soon as there are any. `timeoutMs`: 0 waits without limit. Returns the count (0: the
-/// peer closed meanwhile) or a ReadResult.
+/// Reads at most `length` bytes as soon as there are any. `timeoutMs`: 0 waits without limit. Returns the count or a
+/// ReadResult:
+/// - Bytes are there, or come: their count. What is more than `length` stays for the next read.
+/// - `length` is 0: it waits until bytes are there, takes none, and returns 0.
+/// - The peer closes while the read waits: 0.
+/// - The peer had closed before and left nothing: FAILED, WARN "... 109".
+/// - Time-out: TIMED_OUT. Bytes that come later are there for the next read.
+/// - A close while it waits: ABORTED, no line.
+/// - The handle is stale, or does not read: FAILED at once, WARN "... 6" or "... 5".
 int platformRead(NativeHandle pipeHandle, NativeHandle eventHandle, char* buffer, int length, int timeoutMs);
 
-/// Writes all `length` bytes. Returns a WriteResult.
+/// Writes all `length` bytes. Returns a WriteResult:
+/// - `length` is 0 or less: WRITTEN, and nothing happens.
+/// - 65536 bytes, and nobody reads: WRITTEN at once.
+/// - Much more, and nobody reads: TIMED_OUT after WRITE_TIMEOUT_MS. A part may arrive.
+/// - The peer has closed, or closes while the write waits: BROKEN.
+/// - A close while it waits: ABORTED.
+/// - The handle is stale, or does not write: FAILED at once, ERROR "... 6" or "... 5".
 int platformWrite(NativeHandle pipeHandle, NativeHandle eventHandle, const char* data, int length);
 
-/// Writes the beginning of two blocks that follow each other: at least one byte, as many as one call of the system
-/// takes. `written` receives how many. The rest is for platformWrite. Returns a WriteResult; a length of 0 for both is
-/// WRITTEN. On Linux a small message leaves as a whole or not at all: the kernel queues up to about 48 KiB in one
-/// piece.
+/// Writes the beginning of two blocks that follow each other. Like platformWrite, but:
+/// - WRITTEN means at least one byte, as many as one call of the system takes. `written` receives how many.
+///   platformWrite is for the rest.
+/// - Both lengths are 0: WRITTEN, and nothing happens.
+/// On Linux a small message leaves as a whole or not at all: up to 32 KiB.
 int platformWriteSome(NativeHandle pipeHandle, NativeHandle eventHandle, const char* first, std::size_t firstLength,
                       const char* second, std::size_t secondLength, std::size_t& written);
 
-/// Waits until a read would not wait: bytes are there, or the peer has closed. It takes nothing and logs nothing, and
-/// an end that comes while it waits is found by the next read as one that came while that read waited. For the thread
-/// that reads. `timeoutMs`: 0 waits without limit. Returns an InputResult; FAILED for a handle that cannot be read.
+/// Waits until a read would not wait. It takes nothing and logs nothing. `timeoutMs`: 0 waits without limit. Returns an
+/// InputResult:
+/// - Bytes are there, or come, or the peer closes: INPUT. The next read finds it as if it had waited itself: an end
+///   that came during the wait is a count of 0.
+/// - platformWake, also before the wait began: WOKEN.
+/// - Time-out: TIMED_OUT.
+/// - A close while it waits: ABORTED.
+/// - The handle is stale: FAILED. The same for one that does not read, or INPUT where only the read finds that out.
+/// - Memory runs out: INPUT. The read reports it.
 int platformAwaitInput(NativeHandle pipeHandle, NativeHandle eventHandle, int timeoutMs);
 
-/// Ends the running platformAwaitInput of the handle with WOKEN, or else the next one. From any thread. No other call
-/// of the handle notices.
+/// Ends the running platformAwaitInput of the handle with WOKEN, or else the next one. No other call of the handle
+/// notices.
 void platformWake(NativeHandle pipeHandle);
 
 /// How many bytes a read would find without waiting. 0 also at the end, and for a handle that cannot be read.
@@ -87,12 +137,14 @@ std::size_t platformAvailable(NativeHandle pipeHandle);
 /// arrives. On Windows a pipe has no half: there the call has no effect.
 void platformEndReading(NativeHandle pipeHandle);
 
-/// Whether the peer has closed its end. On Windows the call may drop bytes that the peer left: it is for a connection
-/// that nobody will read any more.
+/// Whether the peer has closed its end. True for a stale handle. On Windows the call may drop bytes that the peer left:
+/// it is for a connection that nobody will read any more.
 bool platformPeerHasClosed(NativeHandle pipeHandle);
 
-/// Ends every pending operation of the handle, from any thread, and closes both handles. Invalid and stale handles are
-/// allowed and have no effect but the log line.
+/// Closes both handles:
+/// - Every running call of the handle ends as ABORTED.
+/// - The peer reads what was written before, then finds the end.
+/// - The handle is stale or invalid: nothing but the log line.
 void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle);
 
 /// A handle in the form in which log lines print it: as the operating system knows it, where it does.

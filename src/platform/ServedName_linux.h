@@ -25,7 +25,8 @@ class ServedName {
     /// The same for a name that this process serves. It looks nothing up.
     int addInstance(char direction, Descriptor& event);
 
-    /// The byte of the lock file that tells clients what they may do: '1' the server reads, '2' it writes, '3' both.
+    /// The byte of the lock file, from which clients see what they may do: '1' the server reads, '2' it writes, '3'
+    /// both.
     static char directionOf(bool readable, bool writable) {
         return static_cast<char>('0' + (readable ? 1 : 0) + (writable ? 2 : 0));
     }

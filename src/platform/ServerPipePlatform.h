@@ -4,9 +4,11 @@
 
 #include <string>
 
-/// The server's part of the contract in PipePlatform.h.
+/// The server's part of the contract. What PipePlatform.h says about handles, threads, closing, the last error and
+/// memory is true here too.
 namespace Quovane::Internal::Qvtp {
 
+/// Results of platformAccept.
 namespace AcceptResult {
 inline constexpr int CONNECTED = 0;
 inline constexpr int TIMED_OUT = 1;
@@ -15,27 +17,41 @@ inline constexpr int CONNECT_ERROR = 3;
 inline constexpr int ABORTED = -4;
 }  // namespace AcceptResult
 
-/// Creates an instance of the pipe that waits for a client. `first`: fail if anybody serves the name already. The
-/// flags are the server's own: what it reads, clients write. Returns 0 or the operating system's error number.
+/// Creates an instance of the pipe that waits for a client. `first`: this is to be the first instance of the name. The
+/// directions are the server's own: what it reads, clients write. Returns 0 or the system's error number:
+/// - The name is served, by anybody, and this is to be its first instance: 5.
+/// - The name is served with another direction: 5.
+/// - Memory runs out: 8.
+/// A failure has its line at ERROR. Both handles are invalid then, unless just the event could not be made: then the
+/// pipe handle has to be closed.
 int platformCreateInstance(const std::string& path, bool readable, bool writable, bool first, NativeHandle& pipeHandle,
                            NativeHandle& eventHandle);
 
 /// Creates one more instance of the name that `sibling` belongs to, an instance or the server's end of a connection.
-/// Where a name has to be looked up, that was done once: what the environment says now plays no part, and it takes no
-/// descriptor that an accept has not set aside. Without a living sibling, and where names are the system's, it is
-/// platformCreateInstance with the path.
+/// Results are those of platformCreateInstance:
+/// - The sibling lives: no look-up of the name, whatever the environment says now, and no descriptor that an accept has
+///   not set aside.
+/// - The sibling is stale, or names are the system's: as platformCreateInstance does with the path.
 int platformCreateNextInstance(NativeHandle sibling, const std::string& path, bool readable, bool writable,
                                NativeHandle& pipeHandle, NativeHandle& eventHandle);
 
-/// Waits for a client on the instance. `timeoutMs`: 0 waits without limit; after a time-out the instance waits on.
-/// On success the two handles are the server's end of the connection. Returns an AcceptResult.
+/// Waits for a client on the instance. `timeoutMs`: 0 waits without limit. Returns an AcceptResult:
+/// - A client is there already, comes later, or has come and gone: CONNECTED. The two handles are the server's end of
+///   the connection from now on, and what the client wrote is there.
+/// - Time-out: TIMED_OUT. The instance waits on, and the next accept goes on with it.
+/// - A close while it waits: ABORTED.
+/// - It fails for a reason that lasts: CONNECT_ERROR, ERROR "Connect error: ...". It returns after 100 ms, or at a
+/// close,
+///   so that its caller's loop does not spin.
+/// - The handle is stale: CONNECT_ERROR at once, ERROR "... 6".
+/// - The wait itself fails: WAIT_ERROR.
 int platformAccept(NativeHandle pipeHandle, NativeHandle eventHandle, int timeoutMs);
 
 /// Whether a client has connected to the waiting instance and waits to be accepted. On Windows always false: there the
 /// connection itself ends the accept.
 bool platformHasClient(NativeHandle pipeHandle);
 
-/// Like platformClose, for a waiting instance; it differs in its log line.
+/// Like platformClose, for a waiting instance. It differs in its log line.
 void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle);
 
 }  // namespace Quovane::Internal::Qvtp
