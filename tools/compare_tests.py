@@ -4,12 +4,13 @@
     tools/compare_tests.py --linux LIST.json --windows RESULTS.xml
 
 LIST is the output of `ctest --show-only=json-v1`, RESULTS the file of `ctest --output-junit`. Prints what was skipped,
-with the reason that the test gave. Fails if the two sets differ or a test was skipped without a line in the file of
-differences, or without a reason, and if a line there fits no test. Each line is a kind, a pattern as in a shell, and
-after a bar the reason. The kinds: tests of "linux" alone, tests of "windows" alone, and tests that may be skipped on
-"wine", but run on Windows.
+with the reason that the test gave. Fails if the two sets differ or a test was skipped without a line in
+tests/differences.txt, or without a reason, and if a line there fits no test. Such a line is a kind, a pattern as in a
+shell, and after a bar the reason. The kinds: tests of "linux" alone, tests of "windows" alone, and tests that may be
+skipped on "wine", but run on Windows.
 
-It also fails if a test that docs/porting.md names for a difference of the systems is none of either list.
+It also fails if a difference that docs/porting.md describes has no test. Each heading of its chapter needs a line
+"differs  heading : tests" in tests/differences.txt, and each such line a heading, and tests that are in one of the lists.
 """
 
 import argparse
@@ -23,18 +24,29 @@ import xml.etree.ElementTree
 REASON = re.compile(r"^[^\n]*: Skipped\s*\n([^\n]*)", re.MULTILINE)
 
 
+def literal(pattern):
+    """Brackets stand for themselves: names of tests have some."""
+    return pattern.replace("[", "[[]")
+
+
 def read_differences(file):
-    """The patterns by kind. Brackets in them stand for themselves: names of tests have some."""
-    patterns = {"linux": [], "windows": [], "wine": []}
+    """The patterns by kind, and by heading those of the tests that hold a difference."""
+    patterns, differs = {"linux": [], "windows": [], "wine": []}, {}
     for line in file.read_text(encoding="utf-8").splitlines():
         if not line.strip() or line.startswith("#"):
             continue
-        rule, bar, reason = line.partition("|")
-        kind, pattern = rule.split()
+        kind, rule = line.split(maxsplit=1)
+        if kind == "differs":
+            heading, _, tests = rule.rpartition(" : ")
+            if not heading or not tests.split():
+                sys.exit(f"compare_tests: without a test: {line}")
+            differs.setdefault(heading.strip(), []).extend(literal(test) for test in tests.split())
+            continue
+        pattern, bar, reason = rule.partition("|")
         if not bar or not reason.strip():
             sys.exit(f"compare_tests: without a reason: {line}")
-        patterns[kind].append(pattern.replace("[", "[[]"))
-    return patterns
+        patterns[kind].append(literal(pattern.strip()))
+    return patterns, differs
 
 
 def read_linux(file):
@@ -62,28 +74,25 @@ def complaints(names, patterns, what, kind, known=None):
             yield f"fits no test: {kind} {pattern}"
 
 
-def tests_in_document(file):
-    """The patterns of tests in the last column of the table of differences; ".Name" is of the suite before it."""
-    table = re.search(r"^\| \| Linux \|.*\n\|[-|]+\|\n((?:\|.*\n)+)", file.read_text(encoding="utf-8"), re.MULTILINE)
-    for line in table.group(1).splitlines() if table else ():
-        names = re.findall(r"`([^`]+)`", line.split(" | ")[-1])
-        if len(line.split(" | ")) != 5 or not names:
-            sys.exit(f"compare_tests: a difference without a test: {line}")
-        suite = ""
-        for name in names:
-            name = suite + name if name.startswith(".") else name
-            suite = name.rpartition(".")[0]
-            layered = re.match(r"(common|logging|platform|io|message|client|server|config|integration|shared)\.", name)
-            yield name if layered or "." not in name and "/" not in name else f"platform.{name}"
+def documented_differences(file):
+    """The headings of the chapter of differences."""
+    chapter = re.search(r"^## What differs\n(.*?)^## ", file.read_text(encoding="utf-8"), re.MULTILINE | re.DOTALL)
+    return re.findall(r"^### (.*)$", chapter.group(1), re.MULTILINE) if chapter else []
 
 
-def undocumented(file, tests):
-    names = list(tests_in_document(file))
-    if not names:
-        yield f"no table of differences in {file}"
-    for name in names:
-        if not any(fnmatch.fnmatchcase(test, name) or test.startswith(name + ".") for test in tests):
-            yield f"in {file.name}, but no test: {name}"
+def undocumented(headings, differs, tests):
+    """What the document and the file of differences do not say of each other, and tests that nobody has."""
+    if not headings:
+        yield "docs/porting.md has no differences"
+    for heading in headings:
+        if heading not in differs:
+            yield f"a difference without a test: {heading}"
+    for heading, patterns in differs.items():
+        if heading not in headings:
+            yield f"not in docs/porting.md: {heading}"
+        for pattern in patterns:
+            if not any(fnmatch.fnmatchcase(test, pattern) or test.startswith(pattern + ".") for test in tests):
+                yield f"no test: {pattern}, of: {heading}"
 
 
 def main():
@@ -93,7 +102,8 @@ def main():
     parser.add_argument("--windows", type=pathlib.Path, required=True)
     arguments = parser.parse_args()
 
-    patterns = read_differences(root / "tests" / "differences.txt")
+    patterns, differs = read_differences(root / "tests" / "differences.txt")
+    headings = documented_differences(root / "docs" / "porting.md")
     linux = read_linux(arguments.linux)
     windows, skipped = read_windows(arguments.windows)
     problems = [
@@ -101,7 +111,7 @@ def main():
         *complaints(windows - linux, patterns["windows"], "only on Windows", "windows"),
         *complaints(skipped.keys(), patterns["wine"], "skipped", "wine", known=linux & windows),
         *(f"skipped without a reason: {name}" for name, reason in sorted(skipped.items()) if not reason),
-        *undocumented(root / "docs" / "porting.md", linux | windows),
+        *undocumented(headings, differs, linux | windows),
     ]
 
     print(f"\n{len(windows)} tests on Windows, {len(linux)} on Linux, {len(linux & windows)} of them the same.")
