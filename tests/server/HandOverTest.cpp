@@ -188,11 +188,13 @@ TEST_F(HandOver, BreaksTheNextWriteOfTheClientWhichSendsAgainUnseen) {
 }
 
 TEST_F(HandOver, ReachesEverybodyWhenAllKeepTheirPipesAfterOneRequest) {
-    // The first three are in the handler when the others begin to wait.
+    // Every request takes a while, so that others wait when it ends: a client that was silent before anybody waited
+    // would keep its worker.
     std::promise<void> release;
     const std::shared_future<void> released = release.get_future().share();
     server.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse& response) {
         released.wait();
+        std::this_thread::sleep_for(20ms);
         const std::string body = bodyOf(request);
         response.setBody(body.data(), body.size());
         response.send();
