@@ -19,9 +19,9 @@ class QVTP_API OneWayRequest : public AbstractQvtpRequest {
   public:
     OneWayRequest(const OneWayRequest&) = delete;
     OneWayRequest& operator=(const OneWayRequest&) = delete;
-    /// Gives the pipe back to the pool, or closes it if the exchange has failed or, in a forked child, if the pipe is
-    /// the parent's. An exception of the connection manager's returnPipe() other than IllegalStateException may leave
-    /// it.
+    /// Gives the pipe back to the pool. It closes the pipe instead if the exchange has failed, or in a forked child if
+    /// the pipe is the parent's. An exception of the connection manager's returnPipe() other than
+    /// IllegalStateException may leave it.
     ~OneWayRequest() noexcept(false) override;
 
     std::string getStartLine() override;
@@ -36,10 +36,14 @@ class QVTP_API OneWayRequest : public AbstractQvtpRequest {
     void setBodyStream(std::istream* stream) override;
 
     /// Sends the request.
-    /// Throws IllegalStateException (no body, two bodies, executed before, or the connection broke after the head of a
-    /// request with a whole body was sent), BrokenPipeException (it broke in the middle of a body stream),
-    /// QvPipeException "The body stream failed before its end.", and the exceptions of the connection manager and of
-    /// QvPipe. A connection that breaks before the head is out is replaced, and the request sent again, unseen.
+    /// A connection that breaks before the head is out is replaced, and the request is sent again: the caller does not
+    /// notice. Throws
+    /// - IllegalStateException: no body, two bodies, or executed before. It also means that the connection broke after
+    ///   the head of a request with a whole body was sent; the server may have acted on it or not;
+    /// - BrokenPipeException: the connection broke in the middle of a body stream;
+    /// - QvPipeException: no connection could be made, or "The body stream failed before its end.";
+    /// - the exceptions of the connection manager, if it is the application's, and those of QvPipe for reading and
+    ///   writing.
     void execute();
 
   protected:

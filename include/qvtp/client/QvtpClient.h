@@ -17,9 +17,9 @@ namespace Quovane::Qvtp {
 ///     request.setBody("12 EUR", 6);
 ///     std::unique_ptr<QvtpResponse> response(request.execute());
 ///
-/// Any thread may use it. It must outlive its requests, and they the reading of their responses. In a forked child it
-/// makes pipes of its own: those of the parent are dropped there, and stay open in the parent. docs/threading.md has
-/// more about forks.
+/// Any thread may use it. It must outlive its requests. A request must outlive the reading of its response. In a forked
+/// child the client makes pipes of its own: those of the parent are dropped there, and stay open in the parent.
+/// docs/threading.md has more about forks.
 class QVTP_API QvtpClient {
   public:
     enum ClientOptions : int {
@@ -38,8 +38,8 @@ class QVTP_API QvtpClient {
     /// Closes the pipes of its own manager.
     virtual ~QvtpClient();
 
-    /// The connection manager; belongs to whoever made it. The first call makes the client's own, with the time-outs
-    /// as they stand then: setting CONNECTION_TIMEOUT or IDLE_TIMEOUT later has no effect on it.
+    /// The connection manager; it belongs to whoever made it. The first call makes the client's own, with the time-outs
+    /// of that moment. Setting CONNECTION_TIMEOUT or IDLE_TIMEOUT later has no effect on it.
     QvtpConnectionManager* getManager();
 
     /// The version of the protocol that this client speaks.

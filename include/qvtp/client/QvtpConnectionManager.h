@@ -17,15 +17,16 @@ class QVTP_API QvtpConnectionManager {
     virtual ~QvtpConnectionManager();
 
     /// A connected pipe of this name for the caller alone. `mode`: "w" for requests without a response, "rw" for those
-    /// with one; pipes of different modes never mix. Never null: throws QvPipeException if there is none to be had.
+    /// with one. Pipes of different modes never mix. Never null: throws QvPipeException if it cannot give one. The
+    /// client's own manager throws that class for every failure to connect, and none of its subclasses.
     /// Streams of the pipe must have buffers (rdbuf()->pubsetbuf()): without one an output stream fails.
     virtual Io::QvPipe* getPipe(const std::string& pipeName, const std::string& mode) = 0;
     /// Takes a pipe back after a complete exchange, with nothing left to read in its stream's buffer. The client's own
     /// manager closes it if there is no memory to keep it. Throws IllegalStateException for a pipe that is not handed
     /// out.
     virtual void returnPipe(Io::QvPipe* pipe) = 0;
-    /// Closes and deletes a pipe after a failure. Throws IllegalStateException for a pipe that is not handed out; the
-    /// client's own manager has closed and deleted it then all the same.
+    /// Closes and deletes a pipe after a failure. Throws IllegalStateException for a pipe that is not handed out. The
+    /// client's own manager throws that too, but first it closes and deletes a pipe that it does not know.
     virtual void removePipe(Io::QvPipe* pipe) = 0;
 
   protected:

@@ -42,7 +42,7 @@ class QVTP_API QvtpResponse : public QvtpMessageIn {
 
     /// The status code, 0 if it is not a number, 500 if the response cannot be read (QvPipeException).
     int getStatusCode();
-    /// The text behind the status code, trimmed; empty if there is none. Throws as getStartLine().
+    /// The text after the status code, trimmed; empty if there is none. Throws as getStartLine().
     std::string getReasonPhrase();
     /// The version of the server's protocol; the current one if the response cannot be read (QvPipeException).
     Version getQvtpVersion();

@@ -19,11 +19,13 @@ class QVTP_API TwoWayRequest : public AbstractQvtpRequest {
   public:
     TwoWayRequest(const TwoWayRequest&) = delete;
     TwoWayRequest& operator=(const TwoWayRequest&) = delete;
-    /// Gives the pipe back to the pool, or closes it: if the exchange failed, if the rest of the response is more than
-    /// 64 KB or takes more than 100 ms, all in all, or if bytes came after the response that belong to no message.
-    /// (Those that are still on their way cannot be seen.) A response that is read later ends there. In a forked child
-    /// the parent's pipe is closed, for the child alone, without reading from it. An exception of the connection
-    /// manager's returnPipe() other than IllegalStateException may leave it.
+    /// Gives the pipe back to the pool. It closes the pipe instead
+    /// - if the exchange failed;
+    /// - if the rest of the response is more than 64 KB, or takes more than 100 ms all in all;
+    /// - if bytes came after the response that belong to no message (those that come later cannot be seen);
+    /// - in a forked child, if the pipe is the parent's: for the child alone, without reading from it.
+    /// A response that is read later ends there. An exception of the connection manager's returnPipe() other than
+    /// IllegalStateException may leave it.
     ~TwoWayRequest() noexcept(false) override;
 
     std::string getStartLine() override;
@@ -39,11 +41,15 @@ class QVTP_API TwoWayRequest : public AbstractQvtpRequest {
 
     /// Sends the request and reads the head of the response, which belongs to the caller: delete it, before the
     /// request. There is no time-out for the response unless the connection manager sets a read time-out on its pipes.
-    /// Throws IllegalStateException (no body, two bodies, executed before, or the connection broke after the head of a
-    /// request with a whole body was sent), BrokenPipeException (it broke in the middle of a body stream),
-    /// QvPipeException "The body stream failed before its end.", and the exceptions of the connection manager and of
-    /// QvPipe. A connection that breaks before the head is out is replaced, and the request sent again, unseen.
-    /// InterruptedException or QvPipeException if the server hangs up instead of answering.
+    /// A connection that breaks before the head is out is replaced, and the request is sent again: the caller does not
+    /// notice. Throws
+    /// - IllegalStateException: no body, two bodies, or executed before. It also means that the connection broke after
+    ///   the head of a request with a whole body was sent; the server may have acted on it or not;
+    /// - BrokenPipeException: the connection broke in the middle of a body stream;
+    /// - QvPipeException: no connection could be made, or "The body stream failed before its end.";
+    /// - the exceptions of the connection manager, if it is the application's, and those of QvPipe for reading and
+    ///   writing;
+    /// - InterruptedException or QvPipeException: the server hung up instead of answering.
     QvtpResponse* execute();
 
   protected:

@@ -24,8 +24,8 @@ namespace Quovane::Qvtp {
 class QVTP_API QvtpConfig {
   public:
     /// Reads the file at the first call, from any thread; later changes to file or variable have no effect. On Linux
-    /// its path may be of any bytes. If there is no memory to begin with, std::bad_alloc leaves this call and the next
-    /// one begins anew; if it runs out while the file is parsed, there is no configuration.
+    /// its path may be of any bytes. If there is no memory to begin with, std::bad_alloc leaves this call, and the next
+    /// call begins anew. If memory runs out while the file is parsed, there is no configuration.
     static QvtpConfig& getInstance();
 
     QvtpConfig(const QvtpConfig&) = delete;

@@ -7,7 +7,7 @@
 
 namespace Quovane::Io {
 
-/// The name of a server pipe could not be taken: another server holds it, or no pipe can have it.
+/// The name of a server pipe could not be taken: another server has it, or no pipe can have it.
 /// Text, code and copying are those of QvPipeException.
 class QVTP_API BindException : public QvPipeException {
   public:

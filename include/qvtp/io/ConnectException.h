@@ -7,7 +7,8 @@
 
 namespace Quovane::Io {
 
-/// A client could not open the pipe: no server has created the name, or access is denied.
+/// A client could not open the pipe: no server has created the name, or access is denied. QvPipe throws it. A request
+/// throws QvPipeException with the same text instead.
 /// Text, code and copying are those of QvPipeException.
 class QVTP_API ConnectException : public QvPipeException {
   public:

@@ -7,8 +7,8 @@
 namespace Quovane::Io {
 
 /// A call with an argument that no call may have: a mistake in the program, not a failure of the pipe.
-/// It has no base class; `catch (const std::exception&)` does not catch it. It has no accessors: its text is for
-/// whoever reads the throw site.
+/// It has no base class: `catch (const std::exception&)` does not see it. It has no accessors: its text is for whoever
+/// reads the place that throws it.
 class QVTP_API IllegalArgumentException {
   public:
     explicit IllegalArgumentException(const std::string& message);

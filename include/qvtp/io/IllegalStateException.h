@@ -6,8 +6,17 @@
 
 namespace Quovane::Io {
 
-/// A call that the object's state does not allow: a mistake in the program, not a failure of the pipe.
-/// It has no base class; `catch (const std::exception&)` does not catch it.
+/// A call that the object's state does not allow: a mistake in the program. One case is none.
+///
+/// A request throws it also for a connection that broke after the head of a request with a whole body was sent: "The
+/// start line and headers have already been committed to the request. Cannot send again." The server may have acted on
+/// that request or not. So a program without mistakes can meet it too.
+///
+/// It has no base class: `catch (const std::exception&)` does not see it. Give it a clause of its own:
+///
+///     } catch (QvPipeException& e) {              // the transport
+///     } catch (const IllegalStateException& e) {  // a mistake, or a connection that broke after the head
+///     }
 class QVTP_API IllegalStateException {
   public:
     explicit IllegalStateException(const std::string& message);

@@ -17,7 +17,7 @@ namespace Quovane::Io {
 
 /// One end of a local named pipe: the client's, opened by name, or the server's, filled in by ServerQvPipe::accept.
 ///
-/// Copies share the connection: closing one closes all. They also share the two streams, which the last copy frees.
+/// Copies share the connection: closing one closes all. They also share the two streams; the last copy frees them.
 /// Copies may end on several threads at once. Closing and ending need no memory.
 /// One thread at a time reads and writes. close() may come from any thread; it makes a blocked call throw
 /// InterruptedException. After any exception from reading or writing the pipe is good for closing only.
@@ -37,8 +37,8 @@ class QVTP_API QvPipe {
     /// Binds and connects, without any time-out: a busy server is waited for without limit.
     /// Throws as connect(name, readable, writable).
     QvPipe(const std::string& name, bool readable, bool writable);
-    /// The copy has every field of the original, handles and streams included; no handle is duplicated or counted. What
-    /// an assigned pipe had open stays open out of reach: close it first.
+    /// The copy has every field of the original, handles and streams too. No handle is duplicated or counted. Close a
+    /// pipe before you assign to it: what it had open stays open otherwise, and nobody can reach it.
     QvPipe(const QvPipe& other);
     QvPipe& operator=(const QvPipe& other);
     /// Closes the connection, for all copies.
@@ -50,8 +50,8 @@ class QVTP_API QvPipe {
     /// Whether the pipe has a name. Closing does not take it away.
     bool isBound() const;
 
-    /// Opens the client's end of the bound name. A name that no server has created fails at once; a server whose
-    /// instances are all busy is waited for, for the connect time-out.
+    /// Opens the client's end of the bound name. A name that no server has created fails at once. A server whose
+    /// instances are all busy is waited for, as long as the connect time-out says.
     /// Throws IllegalStateException (not bound), ConnectException (no server, or access denied: the server does not
     /// offer this direction, or belongs to another user), TimeoutException (busy), QvPipeException (anything else).
     /// It does not look whether the pipe is open already: close it first.
@@ -94,8 +94,8 @@ class QVTP_API QvPipe {
     class QVTP_HIDDEN OutputStream;
 
     struct InPlace {};
-    /// An unbound pipe that `complete` works on. To return one from a function in this way takes no copy, which would
-    /// close the connection for the other when it goes, whatever the compiler leaves out. What `complete` throws
+    /// An unbound pipe that `complete` works on. A function that returns a pipe in this way makes no copy, whatever the
+    /// compiler leaves out. A copy would close the connection for the other when it goes. What `complete` throws
     /// destroys the pipe.
     template <typename Complete>
     QvPipe(InPlace, const Complete& complete) : QvPipe() {

@@ -9,8 +9,8 @@ namespace Quovane::Io {
 
 /// A failure of a pipe or of a message that travels on one: the base of the transport's exceptions.
 ///
-/// It is a standard stream failure, so a stream over a pipe reports it like any other stream, and the chain
-/// std::ios_base::failure, std::system_error, std::runtime_error, std::exception catches it too.
+/// It is a failure of a standard stream, and a stream over a pipe reports it like any other stream. Its bases are
+/// std::ios_base::failure, std::system_error, std::runtime_error and std::exception: each of them catches it too.
 /// The accessors are not const: catch it by plain reference, `catch (QvPipeException& e)`.
 /// Objects are values; one object is used by one thread at a time.
 class QVTP_API QvPipeException : public std::ios_base::failure {

@@ -13,7 +13,7 @@ namespace Quovane::Io {
 /// the connection to a QvPipe, and creates the next instance at once.
 ///
 /// One thread calls accept(); close() may come from any other and ends a blocked accept(). Copies share the handles:
-/// the first that is closed or destroyed ends the waiting instance for all, while isClosed() tells only of itself.
+/// the first that is closed or destroyed ends the waiting instance for all. isClosed() reports only its own state.
 ///
 /// On Linux the pipe directory is looked up once, by bind(): what happens later to the environment, the user, the
 /// current directory or the directory's mode does not matter. In a forked child accept() fails and close() does
@@ -37,8 +37,8 @@ class QVTP_API ServerQvPipe {
 
     /// Waits for the next client, for the accept time-out. The result has a connect time-out of 10000 and no read
     /// time-out. Throws IllegalStateException (not bound, or closed), TimeoutException (the instance waits on, the next
-    /// call uses it), InterruptedException (closed during the call), QvPipeException (anything else, after a pause of
-    /// 100 ms where the reason may last: a caller may simply try again).
+    /// call uses it), InterruptedException (closed during the call), QvPipeException (anything else). Where the reason
+    /// of a QvPipeException may last, the call takes 100 ms: a caller may simply try again.
     QvPipe accept();
     /// The same into a pipe of the caller's, which must be unbound: IllegalStateException otherwise. A QvPipeException
     /// "CreateNamedPipe failed" means that the next instance could not be made (the next call tries again); `pipe`

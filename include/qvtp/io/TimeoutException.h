@@ -7,8 +7,8 @@
 
 namespace Quovane::Io {
 
-/// A connect, read, write or accept ran out of time.
-/// Text, code and copying are those of QvPipeException.
+/// A connect, read, write or accept ran out of time. A request whose connect ran out of time throws QvPipeException
+/// with the same text instead. Text, code and copying are those of QvPipeException.
 class QVTP_API TimeoutException : public QvPipeException {
   public:
     explicit TimeoutException(const std::string& message);

@@ -12,15 +12,15 @@ namespace Quovane::Qvtp {
 
 /// A message that is read: a request on the server, a response on the client.
 ///
-/// Start line and headers are read from the pipe when they are first needed, and only once; the body after them when it
-/// is asked for, also once. One thread at a time uses a message. Reading throws the exceptions of QvPipe, and
-/// InterruptedException if the peer's stream ends inside the head.
+/// Start line and headers are read from the pipe when they are first needed, and only once. The body is read when it is
+/// asked for, also once. One thread at a time uses a message. Reading throws the exceptions of QvPipe, and
+/// InterruptedException if the peer's stream ends before or inside the head.
 class QVTP_API QvtpMessageIn : public QvtpMessage {
   public:
     ~QvtpMessageIn() noexcept override;
 
     /// The start line, waiting for it if it has not been read. If reading the head failed before, a stand-in: status
-    /// 500 for a response, method NONE for a request. Throws QvPipeException with code 1011 if the head tells no length
+    /// 500 for a response, method NONE for a request. Throws QvPipeException with code 1011 if the head gives no length
     /// of the body.
     virtual std::string getStartLine() = 0;
 
@@ -37,7 +37,7 @@ class QVTP_API QvtpMessageIn : public QvtpMessage {
     /// Reads the whole body into a new array that belongs to the caller: free it with delete[].
     /// A zero byte follows the `length` bytes. Of a body of known length nothing may have been read before. Nothing is
     /// stored when it throws. Throws QvPipeException: with code 1013 if the head could not be read, with code 1011 if
-    /// it tells no length, and "Reached the stream end-of-file before the expected length." if a body of known length
+    /// it gives no length, and "Reached the stream end-of-file before the expected length." if a body of known length
     /// is cut off. Of a chunked body that is cut off it gives what came: see getBodyStream().
     /// The peer chooses the length. If there is no memory for it, that is a QvPipeException too, never std::bad_alloc:
     /// "Not enough memory for a body of N bytes.", or for a chunked body "Not enough memory for a body of which N bytes
@@ -46,8 +46,8 @@ class QVTP_API QvtpMessageIn : public QvtpMessage {
     /// A stream over the body, for bodies of any size. It belongs to the message and throws on badbit, so the
     /// exceptions of QvPipe reach whoever uses its own functions, such as read() and get(). They do not reach a copy by
     /// `out << stream->rdbuf()`: the standard library drops them there, and the copy just ends.
-    /// A chunked body that is malformed or ends between two chunks is logged at ERROR; like one that ends inside a
-    /// chunk, which is not logged, it ends early. Throws like getBody() if there is no head.
+    /// A chunked body that is malformed or cut off ends early, without an exception. That is logged at ERROR, unless it
+    /// is cut off inside a chunk. Throws like getBody() if there is no head.
     virtual std::istream* getBodyStream() = 0;
 
   protected:

@@ -12,8 +12,7 @@ namespace Quovane::Qvtp {
 ///
 /// Header names are matched without regard to case or to white space around them and are written as given, in the order
 /// of their upper-cased names. A value text is cut at its commas into several values, so no value can contain one. CR,
-/// LF and NUL in a value are sent as blanks. Names are not checked: they must be tokens as RFC 9110 section 5.6.2 has
-/// it.
+/// LF and NUL in a value are sent as blanks. Names are not checked: they must be tokens of RFC 9110 section 5.6.2.
 class QVTP_API QvtpMessageOut : public QvtpMessage {
   public:
     ~QvtpMessageOut() noexcept(false) override;
@@ -28,9 +27,9 @@ class QVTP_API QvtpMessageOut : public QvtpMessage {
     /// Removes the header, if there is one.
     virtual void removeHeader(const std::string& name) = 0;
 
-    /// Copies the body and adds its length to HEADER_CONTENT_LENGTH. Call it once: the second call's length is added to
-    /// the header's values, of which the receiver reads the first: it cuts the body off or waits for more. That spoils
-    /// this exchange only: a client gives up the connection after it. `data` may be null if `length` is 0.
+    /// Copies the body and adds its length to HEADER_CONTENT_LENGTH. `data` may be null if `length` is 0. Call it once.
+    /// A second call adds its length to the header's values, but the receiver reads the first: it cuts the body off or
+    /// waits for more. That spoils this exchange only: a client gives up the connection after it.
     /// Throws IllegalArgumentException if `length` is above 2147483647, which no receiver can read; a body stream has
     /// no such limit. When it throws, the message is as it was.
     virtual void setBody(const char* data, size_t length) = 0;

@@ -7,7 +7,7 @@
 namespace Quovane::Qvtp {
 
 /// A protocol version, printed and parsed as "QVTP/" major "." minor. A value: copies are independent, and a constant
-/// object may be read by any thread. Nothing throws but for lack of memory.
+/// object may be read by any thread. Nothing throws, unless memory runs out.
 class QVTP_API Version {
   public:
     /// The version that this library speaks and that every outgoing start line carries: 1.0. It is a constant of the
@@ -21,7 +21,7 @@ class QVTP_API Version {
     Version(const Version& other);
     Version& operator=(const Version& other);
     /// Parses a label such as "QVTP/1.0"; white space around it is ignored. There is no error: what cannot be read
-    /// keeps its value of 1.0, so "QVTP/2" is 2.0 and anything without the upper-case prefix is 1.0.
+    /// keeps its value of 1.0. So "QVTP/2" is 2.0, and anything without the upper-case prefix is 1.0.
     explicit Version(const std::string& label);
 
     int getMajor() const;

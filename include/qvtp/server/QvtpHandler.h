@@ -7,18 +7,18 @@ namespace Quovane::Qvtp {
 class QvtpServerRequest;
 class QvtpServerResponse;
 
-/// What the application does with requests. The server calls it on a worker thread, one request of a connection after
-/// another, several connections at once: guard what they share.
+/// What the application does with requests. The server calls it on worker threads: the requests of one connection one
+/// after another, those of several connections at once. Guard what they share.
 ///
 /// Request and response belong to the server and live until the call returns. What a handler leaves unread of a
 /// request's body is skipped, up to 256 KiB; beyond that the connection is closed after the response.
 ///
-/// Exceptions: IllegalStateException and QvPipeException (which reading and writing throw), and what a body stream
-/// throws when it is used after that, are logged and close the connection; let them pass. Any other exception is logged
-/// too, and QvtpServer::setUnhandledExceptionPolicy() decides what becomes of the connection. Unless it is set, the
-/// client stays connected and waits for an answer that never comes, since the default must not send or close anything
-/// that the handler did not ask for. Use ANSWER: then the client gets a response of status 500, and a faulty handler
-/// costs one request.
+/// Exceptions: reading and writing throw IllegalStateException and QvPipeException, and a body stream that is used
+/// after that throws std::ios_base::failure. Let them pass: they are logged and close the connection. Any other
+/// exception is logged too, IllegalArgumentException among them, and QvtpServer::setUnhandledExceptionPolicy() decides
+/// what becomes of the connection. Unless it is set, the client stays connected and waits for an answer that never
+/// comes: the default sends and closes nothing that the handler did not ask for. Use ANSWER. Then the client gets a
+/// response of status 500, and a faulty handler costs one request.
 class QVTP_API QvtpHandler {
   public:
     virtual ~QvtpHandler();

@@ -31,10 +31,16 @@ namespace Quovane::Qvtp {
 ///     QvtpServer server("prices", 1);
 ///     server.setHandler(&handler);
 ///     server.setUnhandledExceptionPolicy(QvtpServer::ANSWER);
-///     std::thread thread([&] { server.run(); });
+///     auto run = std::async(std::launch::async, [&] { server.run(); });
+///     while (!server.isRunning()) {  // or run() has ended: the name could not be taken
+///         if (run.wait_for(std::chrono::milliseconds(10)) == std::future_status::ready) return;
+///     }
 ///     ...
 ///     server.shutdown();
-///     thread.join();
+///     run.get();
+///
+/// shutdown() before run() has no effect: who calls it too early, and then waits for the end of run(), waits for ever.
+/// To wait for isRunning() alone is no way out, since it stays false if run() cannot serve. Wait for either, as above.
 ///
 /// With more clients than workers the clients take turns, and nothing that was accepted from one of them is lost:
 /// docs/threading.md has the rules.
@@ -87,12 +93,13 @@ class QVTP_API QvtpServer : public Poco::Runnable {
 
     /// Accepts and serves until shutdown(), then stops the workers: closes their pipes and waits for the handlers that
     /// are still running, about ten seconds each, and four for all. A handler that does not return by then is left
-    /// alone, and its worker with it. A server runs once. If the first threads cannot be started, that is logged at
-    /// ERROR, the name is given up, and run() returns.
+    /// alone, and its worker with it. A server runs once. It returns at once if the constructor could not take the
+    /// name. If the first threads cannot be started, that is logged at ERROR, the name is given up, and run() returns.
     void run() override;
-    /// Ends run(). Does nothing while isRunning() is false.
+    /// Ends run(). It does not wait for that. It does nothing while isRunning() is false, so also before run() accepts:
+    /// see the example above.
     void shutdown();
-    /// Whether run() accepts connections.
+    /// Whether run() accepts connections. It is false before that, from shutdown() on, and if run() cannot serve.
     bool isRunning() const;
 
     /// How many more connections could be served at once without waiting or growing.

@@ -39,9 +39,9 @@ class QVTP_API QvtpServerRequest : public QvtpMessageIn {
     std::vector<std::string> getHeaderNames() override;
     void getBody(char** data, size_t& length) override;
     /// A client writes its whole request before it reads. A handler that answers at length while it still reads is
-    /// therefore stuck as soon as both directions are full: its write times out after 10 seconds, the connection is
-    /// closed, and both sides lose. Read the whole body first; what is too large for memory goes into a file. Only an
-    /// answer of up to some 64 KB can be written at any time.
+    /// stuck as soon as both directions are full. Its write times out after 10 seconds, the connection is closed, and
+    /// both sides lose. Read the whole body first; what is too large for memory goes into a file. Only an answer of up
+    /// to some 64 KB can be written at any time.
     std::istream* getBodyStream() override;
 
     // These three do not throw QvPipeException: a request that cannot be read has the values named last.
