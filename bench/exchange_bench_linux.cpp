@@ -1,5 +1,5 @@
 // What one exchange costs beside a bare socket ping-pong of the same bytes, both against another process, in one run:
-// the ratio tells more than the times, since machines are noisy.
+// the ratio says more than the times, since machines are noisy.
 
 #include <qvtp/qvtp.h>
 

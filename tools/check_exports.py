@@ -7,8 +7,8 @@ LIBRARY is a .so or a .dll; one list serves both, in the form in which C++ write
 
 What the two systems spell differently becomes one name here, and nothing else does:
   - constructors and destructors have several entries for one name;
-  - the integer of 64 bits behind size_t, streamsize and int64_t is long on one system and long long on the other, and
-    the structure behind FILE has two names;
+  - the integer of 64 bits that is size_t, streamsize and int64_t is long on one system and long long on the other, and
+    the structure of FILE has two names;
   - the names inside type information are exported from a .so only; each must belong to type information of the list;
   - templates of the standard library and of others, as far as the library uses them, can be seen in a .so;
   - so can private templates of exported classes: PRIVATE_TEMPLATES names them.
@@ -64,7 +64,7 @@ def demangle(names):
 
 
 def subject(name):
-    """The name behind "vtable for" and the like; for a function that shows its result type, what follows that."""
+    """The name after "vtable for" and the like; for a function that shows its result type, what follows that."""
     for kind in KINDS + (TYPEINFO_NAME,):
         if name.startswith(kind):
             return name[len(kind):]

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Formats all sources, or, with --check, only tells which ones are not.
+# Formats all sources, or, with --check, only reports which ones are not.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -21,7 +21,7 @@ class QvtpResponse;
 
 namespace Quovane::Internal::Qvtp {
 
-/// The work behind both kinds of request: takes a pipe, writes the message on it, sends it again on another pipe when
+/// What both kinds of request do: takes a pipe, writes the message on it, sends it again on another pipe when
 /// the first one turns out to be broken, and gives the pipe back at a message boundary.
 class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
   public:
@@ -77,7 +77,7 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     bool announcesBody_ = false;   // otherwise the server takes up the next request elsewhere than it begins
     std::uint32_t processId_ = 0;  // in which pipe_ was taken
     std::shared_ptr<InputBuffer> responseBody_;  // shared with the response, which may be gone
-    bool exchangeComplete_ = false;              // nothing failed: the pipe may be used again behind the response
+    bool exchangeComplete_ = false;              // nothing failed: the pipe may be used again after the response
     const int exceptionsBefore_ = std::uncaught_exceptions();  // of which none makes the destructor keep quiet
 };
 

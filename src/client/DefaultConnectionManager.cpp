@@ -73,7 +73,7 @@ DefaultConnectionManager::PipeInfoPtr DefaultConnectionManager::takeIdle(const s
     return info;
 }
 
-/// Pipes come back to the front, so everything behind the first stale one is older still. So it is with the pipes of
+/// Pipes come back to the front, so everything after the first stale one is older still. So it is with the pipes of
 /// the parent in a forked child: a connection that both used would mix their answers. Names without an idle pipe go
 /// too.
 void DefaultConnectionManager::purgeStale() {

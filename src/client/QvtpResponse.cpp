@@ -16,6 +16,7 @@ using Internal::Qvtp::StartLine;
 using Soa::Common::Xml::Utf8String;
 using Soa::Internal::Common::StringUtils;
 
+// Private: there is no response without a message. It keeps the compiler from offering one.
 QvtpResponse::QvtpResponse() : client_(nullptr) {}
 
 QvtpResponse::QvtpResponse(QvtpClient* client, std::istream* in)

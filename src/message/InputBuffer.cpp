@@ -45,7 +45,7 @@ std::size_t InputBuffer::read(char* buffer, std::size_t size) {
 bool InputBuffer::beginChunk() {
     char line[SIZE_LINE_CAPACITY] = {};
     if (!stream_->bad()) stream_->getline(line, sizeof line);
-    // The line lacks its line feed also when the stream ended behind its last character.
+    // The line lacks its line feed also when the stream ended after its last character.
     if (stream_->fail() || stream_->eof()) {
         // A line that is too long leaves a failure on the stream, which has more to give to whoever reads it next.
         if (!stream_->eof() && !stream_->bad()) stream_->clear();
@@ -70,7 +70,7 @@ std::size_t InputBuffer::readData(char* buffer, std::size_t size) {
     return static_cast<std::size_t>(count);
 }
 
-/// Reads the line end behind a chunk's data.
+/// Reads the line end after a chunk's data.
 bool InputBuffer::endChunk() {
     char lineEnd[WireSyntax::LINE_END.size()] = {};
     if (!stream_->bad()) stream_->read(lineEnd, sizeof lineEnd);

@@ -20,7 +20,7 @@ class InputBuffer {
     /// Reads at most `size` bytes, and no more than the current chunk has. 0 is the end of the body.
     std::size_t read(char* buffer, std::size_t size);
 
-    /// Whether the stream stands behind the whole body, where the next message begins.
+    /// Whether the stream stands after the whole body, where the next message begins.
     bool isComplete() const;
 
     /// Whether the whole body is among these bytes, which are the next of the stream. Framing that cannot be read

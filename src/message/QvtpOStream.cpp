@@ -15,7 +15,7 @@ QvtpOStream::~QvtpOStream() = default;
 
 void QvtpOStream::send() {
     buffer_.send();
-    // A pipe's stream throws by itself; any other tells its failure only by its state.
+    // A pipe's stream throws by itself; any other shows its failure only in its state.
     if (pipeStream_->bad()) setstate(std::ios_base::badbit);
 }
 

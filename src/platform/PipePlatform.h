@@ -30,7 +30,7 @@
 /// Last error: back ends judge results by errno or GetLastError. So no log call changes it. Callers judge by the
 /// returned number alone.
 ///
-/// Memory: running out of it is a failure like any other, with error 8 in its line. It leaves nothing behind. A close
+/// Memory: running out of it is a failure like any other, with error 8 in its line. Nothing is left over. A close
 /// needs none.
 namespace Quovane::Internal::Qvtp {
 

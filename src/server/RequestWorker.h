@@ -112,7 +112,7 @@ class RequestWorker : public Poco::Runnable {
     bool hasFailedStream() const;
     void logFailure(const char* kind, const std::string& message, QvtpServerRequest& request) const;
 
-    // The life of a worker, and what tells its states apart:
+    // The life of a worker, and how its states differ:
     //
     //   state                    begun_  running_  resting_  deserted_
     //   waits for a thread       no      yes       no        no

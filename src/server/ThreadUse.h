@@ -8,7 +8,7 @@
 namespace Quovane::Internal::Qvtp {
 
 /// Counts the pool threads that serve a connection, and wakes the accept thread when one of them ends: the pool itself
-/// tells nobody. Server and workers share it, since a handler that never returns outlives its server.
+/// reports it to nobody. Server and workers share it, since a handler that never returns outlives its server.
 class ThreadUse {
   public:
     using Clock = std::chrono::steady_clock;

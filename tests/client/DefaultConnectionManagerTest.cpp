@@ -40,7 +40,7 @@ std::vector<std::string> withoutNumbers(const std::vector<std::string>& messages
     return result;
 }
 
-/// The numbers in the messages that end in a binding behind this text.
+/// The numbers in the messages that end in a binding after this text.
 std::vector<int> bindingsBehind(const std::string& text, const LogCapture& log) {
     std::vector<int> numbers;
     for (const std::string& message : log.messages()) {
@@ -332,11 +332,11 @@ TEST_F(PipePool, CreatesPipesOneAtATimeInTheWholeProcess) {
     LogCapture log;
     auto blocked = std::async(std::launch::async, [&] { return thrownBy([&] { get(); }); });
     ASSERT_TRUE(eventually([&] { return log.contains("DEBUG Waiting for named pipe."); }));
-    auto behind = std::async(std::launch::async, [&] { return thrownBy([&] { other.getPipe(otherName, "rw"); }); });
-    EXPECT_EQ(behind.wait_for(PENDING), std::future_status::timeout);
+    auto second = std::async(std::launch::async, [&] { return thrownBy([&] { other.getPipe(otherName, "rw"); }); });
+    EXPECT_EQ(second.wait_for(PENDING), std::future_status::timeout);
     server.accept();
     EXPECT_EQ(blocked.get(), "nothing");
-    EXPECT_EQ(behind.get(), "nothing");
+    EXPECT_EQ(second.get(), "nothing");
 }
 
 TEST_F(PipePool, LendsNoPipeToTwoThreadsAtOnce) {

@@ -332,7 +332,7 @@ TEST_F(Requests, FailWhenTheServerHangsUpInsteadOfAnswering) {
 
 // ---- Connection managers of the application ----
 
-/// A manager with one pipe, which tells what is done with it.
+/// A manager with one pipe, which shows what is done with it.
 class OnePipeManager : public QvtpConnectionManager {
   public:
     explicit OnePipeManager(const std::string& pipeName) : pipe(pipeName, true, true) {}

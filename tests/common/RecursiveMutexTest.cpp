@@ -15,7 +15,7 @@ namespace {
 using Quovane::Internal::Qvtp::RecursiveMutex;
 using Guard = std::lock_guard<RecursiveMutex>;
 
-/// A thread that takes the mutex, tells it, and gives it back on demand.
+/// A thread that takes the mutex, reports it, and gives it back on demand.
 class Rival {
   public:
     explicit Rival(RecursiveMutex& mutex) : thread_([this, &mutex] { run(mutex); }) {}

@@ -22,7 +22,7 @@ using Buffer = PipeBufferBase<char>;
 
 constexpr auto END_OF_FILE = std::char_traits<char>::eof();
 
-/// Shows the operation behind a full buffer.
+/// Shows what a full buffer does.
 class OverflowingBuffer : public Buffer {
   public:
     using Buffer::Buffer;

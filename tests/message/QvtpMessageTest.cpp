@@ -67,7 +67,7 @@ TEST(QvtpMessage, HasAReasonForExactlyTheTenStatusCodes) {
 TEST(QvtpMessage, HoldsNoDataAndOnlyItsDestructorIsVirtual) {
     EXPECT_EQ(sizeof(QvtpMessage), sizeof(void*));
     EXPECT_TRUE(std::has_virtual_destructor_v<QvtpMessage>);
-    EXPECT_EQ(virtualSlot(&QvtpMessageIn::getStartLine), 1);  // the first slot behind the base's own
+    EXPECT_EQ(virtualSlot(&QvtpMessageIn::getStartLine), 1);  // the first slot after the base's own
 }
 
 TEST(QvtpMessage, IsMadeOnlyAsPartOfAMessage) {

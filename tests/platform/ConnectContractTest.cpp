@@ -133,7 +133,7 @@ TEST_F(ConnectContract, FindsNoNameOnceAServerWasClosedInItsAccept) {
     End server, first;
     ASSERT_EQ(create(server), 0);
     LogCapture log;
-    auto accepting = std::async(std::launch::async, [&] { return accept(server, 0); });
+    auto accepting = acceptInBackground(server);
     ASSERT_TRUE(eventually([&] { return log.contains("DEBUG ServerQvPipe_acceptPipe error = 997"); }));
     platform::platformCloseServer(server.pipe, server.event);
     EXPECT_EQ(accepting.get(), AcceptResult::ABORTED);

@@ -98,7 +98,7 @@ TEST_F(Overlapped, AcceptThatWaitsSurvivesTheThreadThatTimedOut) {
     });
     timedOut.get_future().wait();
     LogCapture log;
-    auto accepting = std::async(std::launch::async, [&] { return accept(server, 0); });
+    auto accepting = acceptInBackground(server);
     ASSERT_TRUE(eventually([&] { return log.contains("DEBUG ServerQvPipe_acceptPipe error = 997"); }));
     leave.set_value();
     first.join();
@@ -132,7 +132,7 @@ TEST_F(Overlapped, AcceptSurvivesTheThreadThatTimedOut) {
     End server, client;
     ASSERT_EQ(create(server), 0);
     std::thread([&] { EXPECT_EQ(accept(server, 20), AcceptResult::TIMED_OUT); }).join();
-    auto accepting = std::async(std::launch::async, [&] { return accept(server); });
+    auto accepting = acceptInBackground(server, 5000);
     ASSERT_EQ(connect(client), 0);
     EXPECT_EQ(accepting.get(), AcceptResult::CONNECTED);
 }
@@ -197,7 +197,7 @@ TEST_F(Overlapped, AcceptIsNotEndedByAnEventWithoutAClient) {
     End server, client;
     ASSERT_EQ(create(server), 0);
     LogCapture log;
-    auto accepting = std::async(std::launch::async, [&] { return accept(server, 0); });
+    auto accepting = acceptInBackground(server);
     ASSERT_TRUE(eventually([&] { return log.contains("DEBUG ServerQvPipe_acceptPipe error = 997"); }));
     ::SetEvent(reinterpret_cast<HANDLE>(server.event));
     EXPECT_EQ(accepting.wait_for(PENDING), std::future_status::timeout);

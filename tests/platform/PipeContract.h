@@ -80,6 +80,10 @@ class PipeContract : public ::testing::Test {
         return platform::platformAccept(end.pipe, end.event, timeoutMs);
     }
 
+    std::future<int> acceptInBackground(const End& end, int timeoutMs = 0) {
+        return std::async(std::launch::async, [this, &end, timeoutMs] { return accept(end, timeoutMs); });
+    }
+
     /// A connected pair. `server` becomes the accepted end.
     void pair(End& server, End& client) {
         ASSERT_EQ(create(server), 0);

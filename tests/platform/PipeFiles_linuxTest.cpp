@@ -32,7 +32,7 @@ namespace {
 using Quovane::Io::QvPipe;
 using Quovane::Io::ServerQvPipe;
 
-/// Tests that look at the files behind the names, in a directory of their own.
+/// Tests that look at the files of the names, in a directory of their own.
 class PipeFiles : public PipeContract {
   protected:
     void SetUp() override {

@@ -20,7 +20,7 @@ class FailedStream : public Worker {
         server.server.setOption(QvtpServer::IDLE_TIMEOUT, 60000);
     }
 
-    /// Sends a request whose body stops behind its first chunk; what the server writes before it hangs up.
+    /// Sends a request whose body stops after its first chunk; what the server writes before it hangs up.
     std::string postThatStalls() {
         server.start();
         RawClient client(server.name);

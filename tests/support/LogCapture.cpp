@@ -16,7 +16,7 @@ namespace {
 
 const char ENDING[] = "- Quovane.SOA.Qvtp\n";
 
-/// What the file has behind the position, which moves to its end.
+/// What the file has after the position, which moves to its end.
 std::string restOf(std::FILE* file, long& position) {
     std::string contents;
     std::fflush(file);

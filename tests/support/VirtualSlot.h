@@ -5,7 +5,7 @@
 
 namespace qvtp_test {
 
-/// The position of a virtual function in its class's table, counted from the first function behind the destructor.
+/// The position of a virtual function in its class's table, counted from the first function after the destructor.
 /// By the rules of the Itanium C++ ABI, which every compiler that builds this library follows: a pointer to a virtual
 /// member holds one more than the function's offset in the table, where a virtual destructor takes two places.
 template <typename Member>

@@ -102,6 +102,7 @@ class QVTP_API QvPipe {
         complete(*this);
     }
 
+    // The display name is for a debugger; nothing depends on it.
     void connectPipe(const std::string& path, const std::string& displayName, bool readable, bool writable,
                      int timeoutMs);
     void closePipe();

@@ -68,7 +68,7 @@ class QVTP_API ServerQvPipe {
     std::string name_;
     bool readable_ = true;
     bool writable_ = true;
-    int instanceCounter_ = 0;
+    int instanceCounter_ = 0;  // of accepts: to be seen in a debugger, like the display names; nothing depends on it
     int acceptTimeout_ = 0;
     std::string prefix_;
     NativeHandle lastInstance_ = INVALID_NATIVE_HANDLE;  // valid: the name is ours; the next instance joins this one

@@ -148,7 +148,7 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     std::atomic<QvtpHandler*> handler_{nullptr};  // not owned
     std::atomic<bool> running_{false};
     std::string serverName_ = "QvtpServer";  // guarded by mutex_
-    std::atomic<int> accessFlag_{1};
+    std::atomic<int> accessFlag_{1};  // what ACCESS_MODE reads as; never 0, so the workers' tests of it always hold
     std::atomic<int> maxRequestProcessors_{5};
     std::atomic<int> acceptTimeout_{0};
     std::atomic<int> idleTimeout_{13000};
