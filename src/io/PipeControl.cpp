@@ -1,5 +1,7 @@
 #include "io/PipeControl.h"
 
+#include <qvtp/io/InterruptedException.h>
+
 #include "platform/PipePlatform.h"
 #include "platform/ServerPipePlatform.h"
 
@@ -11,6 +13,8 @@ PipeControl::Input PipeControl::awaitInput(const QvPipe& pipe, int timeoutMs) {
             return Input::TIMED_OUT;
         case InputResult::WOKEN:
             return Input::WOKEN;
+        case InputResult::ABORTED:
+            throw Quovane::Io::InterruptedException(READ_ABORTED);
         default:
             return Input::THERE;
     }

@@ -7,8 +7,11 @@
 
 namespace Quovane::Internal::Qvtp {
 
+/// What a read throws that ends because its pipe was closed from this side.
+inline constexpr char READ_ABORTED[] = "QvPipe read aborted.";
+
 /// What the server needs of its end of a connection beyond reading and writing: to wait for a client without taking
-/// anything from it, and to part from it without losing anything. Nothing here touches the pipe's streams or throws.
+/// anything from it, and to part from it without losing anything. Nothing here touches the pipe's streams.
 class PipeControl {
   public:
     using QvPipe = Quovane::Io::QvPipe;
@@ -20,6 +23,7 @@ class PipeControl {
     };
 
     /// Waits for the first byte of what comes next. For the thread that reads. `timeoutMs`: 0 waits without limit.
+    /// Throws InterruptedException if the pipe is closed meanwhile, as a read does.
     static Input awaitInput(const QvPipe& pipe, int timeoutMs);
     /// Ends a running awaitInput(), or else the next one. From any thread.
     static void wake(const QvPipe& pipe);

@@ -9,8 +9,10 @@
 #include <qvtp/io/TimeoutException.h>
 
 #include "common/MessageSink.h"
+#include "io/PipeControl.h"
 #include "platform/PipePlatform.h"
 
+#include <algorithm>
 #include <mutex>
 #include <optional>
 
@@ -96,7 +98,13 @@ class QvPipe::OutputStream : public PipeStream<std::ostream>, public MessageSink
     }
 
     void writeAll(const char* data, std::size_t length) override {
-        writing([&](QvPipe& pipe) { pipe.writePipe(data, 0, static_cast<int>(length)); });
+        writing([&](QvPipe& pipe) {
+            for (std::size_t done = 0; done < length;) {
+                const std::size_t size = std::min(length - done, platformBlockSize());
+                pipe.writePipe(data + done, 0, static_cast<int>(size));
+                done += size;
+            }
+        });
     }
 
   protected:
@@ -268,7 +276,7 @@ int QvPipe::readPipe(char* buffer, int offset, int length, int timeout) {
         case ReadResult::TIMED_OUT:
             throw TimeoutException("QvPipe read timeout.");
         case ReadResult::ABORTED:
-            throw InterruptedException("QvPipe read aborted.");
+            throw InterruptedException(READ_ABORTED);
         case ReadResult::FAILED:
             throw QvPipeException("QvPipe read failed.");
         default:

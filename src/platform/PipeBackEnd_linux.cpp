@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -138,14 +139,16 @@ class InputWait {
     }
 
     /// Nothing if it has to wait.
-    std::optional<int> begin() { return look(false); }
+    std::optional<int> begin() { return look(std::exchange(object_.awaitedBefore, false)); }
 
     /// Nothing if the wait has to go on.
     std::optional<int> complete(WaitResult waited) {
         switch (waited) {
             case WaitResult::TIMED_OUT:
+                object_.awaitedBefore = true;
                 return InputResult::TIMED_OUT;
             case WaitResult::SIGNALLED:
+                object_.awaitedBefore = true;
                 return object_.isClosed() ? InputResult::ABORTED : InputResult::WOKEN;
             case WaitResult::READY:
                 return look(true);
@@ -370,5 +373,9 @@ bool peerHasClosed(PipeObject& object) {
 }
 
 }  // namespace BackEnd
+
+std::size_t platformBlockSize() {
+    return std::numeric_limits<std::size_t>::max();
+}
 
 }  // namespace Quovane::Internal::Qvtp

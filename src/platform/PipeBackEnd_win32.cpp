@@ -175,7 +175,10 @@ class InputWait {
   private:
     int await(const Deadline& deadline) {
         std::optional<int> result;
-        while (!result) result = complete(object_.wait(*operation_, deadline));
+        while (!result) {
+            object_.renewWake();
+            result = complete(object_.wait(*operation_, deadline));
+        }
         return *result;
     }
 
@@ -366,8 +369,9 @@ int write(PipeObject& object, const char* data, std::size_t length) {
 /// One call of the system for what fits into the pipe, from one block: a named pipe has no gathered write.
 int writeSome(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
               std::size_t secondLength, std::size_t& written) {
-    std::string joined(first, std::min(firstLength, GATHERED_SIZE));
-    joined.append(second, std::min(secondLength, GATHERED_SIZE - joined.size()));
+    const std::size_t size = firstLength + secondLength <= GATHERED_SIZE ? GATHERED_SIZE : platformBlockSize();
+    std::string joined(first, std::min(firstLength, size));
+    joined.append(second, std::min(secondLength, size - joined.size()));
     Writing writing(object, joined.data(), joined.size());
     const int result = writing.runOnce();
     written = joined.size() - writing.left();
@@ -403,5 +407,9 @@ bool peerHasClosed(PipeObject& object) {
 }
 
 }  // namespace BackEnd
+
+std::size_t platformBlockSize() {
+    return 4096;
+}
 
 }  // namespace Quovane::Internal::Qvtp

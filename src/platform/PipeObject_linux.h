@@ -55,7 +55,8 @@ class PipeObject {
     int owner = 0;                         // process id
     ReaderPace pace;                       // of the peer; only for the thread that writes
     int writeTimeoutMs = WRITE_TIMEOUT_MS;
-    bool endAwaited = false;  // the end came during a wait for input; for the thread that reads
+    bool awaitedBefore = false;  // a wait for input has ended without any; its thread waits on
+    bool endAwaited = false;     // the end came during a wait for input; for the thread that reads
 
     // A wait for input, which another thread may end without closing. The event is signalled for that only while such
     // a wait is running, and is reset when it ends: no other call ever finds it so.

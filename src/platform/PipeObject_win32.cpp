@@ -133,6 +133,11 @@ void PipeObject::endInputWait() {
     if (std::exchange(awaitingInput_, false) && std::exchange(woken_, false)) ::ResetEvent(event_);
 }
 
+void PipeObject::renewWake() {
+    const std::lock_guard<std::mutex> guard(wakeMutex_);
+    if (woken_) ::SetEvent(event_);
+}
+
 void PipeObject::wakeInputWait() {
     const std::lock_guard<std::mutex> guard(wakeMutex_);
     woken_ = true;

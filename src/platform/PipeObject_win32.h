@@ -63,6 +63,8 @@ class PipeObject {
     bool beginInputWait();
     void endInputWait();
     void wakeInputWait();
+    /// After an operation has begun, which resets the event: signals it again if the wait was woken meanwhile.
+    void renewWake();
 
   private:
     void release();

@@ -77,6 +77,10 @@ inline constexpr int ABORTED = -4;
 /// How long a write waits for the peer to take bytes.
 inline constexpr int WRITE_TIMEOUT_MS = 10000;
 
+/// The largest block to hand to platformWrite at once: any, where the time-out of a write is for each step of its
+/// progress; one area of a stream, where it is for the whole block.
+std::size_t platformBlockSize();
+
 /// Opens the client end of the pipe. `timeoutMs`: how long to wait for a free instance, 0 without limit. Both handles
 /// are invalid unless they were opened. Returns a ConnectResult:
 /// - An instance waits: CONNECTED, before the server accepts.

@@ -14,7 +14,8 @@
 #include <Poco/Mutex.h>
 #include <Poco/ThreadPool.h>
 
-#include <vector>
+#include <atomic>
+#include <chrono>
 
 namespace Quovane::Qvtp {
 
@@ -28,16 +29,18 @@ using Io::ServerQvPipe;
 namespace {
 
 constexpr int READ_AND_WRITE = 1;  // the access mode of a server that answers
+constexpr int FAILURE_PAUSE_MS = 100;
 constexpr int STOP_CHECKS = 40;
 constexpr int STOP_CHECK_MS = 100;
 
-/// Workers whose handler never came back. They are not deleted, since their threads still use them, and stay here so
-/// that they do not look lost.
+/// Workers whose handler never came back. They are not deleted, since their threads still use them, and stay in this
+/// list so that they do not look lost. It takes no memory: a stop must not fail.
 void abandon(std::unique_ptr<RequestWorker> worker) {
-    static std::mutex* const mutex = new std::mutex;
-    static auto* const abandoned = new std::vector<RequestWorker*>;
-    std::lock_guard<std::mutex> guard(*mutex);
-    abandoned->push_back(worker.release());
+    static std::atomic<RequestWorker*> abandoned{nullptr};
+    RequestWorker* const last = worker.release();
+    last->setNextAbandoned(abandoned);
+    while (!abandoned.compare_exchange_weak(last->nextAbandoned(), last)) {
+    }
 }
 
 /// An accept that fails may have taken its client all the same, which `pipe` holds then: what failed is the place for
@@ -247,6 +250,8 @@ void QvtpServer::acceptLoop() {
             logError([&] {
                 return "QvtpServer " + pipeName_ + " could not serve a connection. " + describeCurrentException();
             });
+            // What is lacking may be lacking for long: the loop must not spin.
+            threads_->pause(ThreadUse::Clock::now() + std::chrono::milliseconds(FAILURE_PAUSE_MS));
         }
     }
 }
@@ -257,8 +262,7 @@ void QvtpServer::stopWorkers() {
     endUnbegunWorkers();
     waitForWorkers();
     deleteWorkers();
-    // Threads that never come back do not count any more.
-    std::atomic_store(&threads_, std::make_shared<ThreadUse>(threadPool_->capacity()));
+    threads_->forget();
 }
 
 void QvtpServer::requestStop() {

@@ -22,7 +22,9 @@ using Quovane::Io::QvPipeException;
 
 namespace {
 
-constexpr auto TURN = 5ms;  // the least that a client has of a worker while others wait
+constexpr std::uint64_t SMALL_BODY = 16384;  // with its head, less than what leaves a client in one piece
+constexpr int REST_TIMEOUT_MS = 1000;        // for bytes that are there already
+constexpr auto TURN = 5ms;                   // the least that a client has of a worker while others wait
 
 /// Whole milliseconds up to a moment, at least one.
 int millisecondsUntil(RequestWorker::Clock::time_point end) {
@@ -73,7 +75,8 @@ void RequestWorker::run() {
     /// Goes after this object may have been deleted.
     const struct ThreadEnd {
         std::shared_ptr<ThreadUse> threads;
-        ~ThreadEnd() { threads->end(); }
+        int generation = threads->generation();
+        ~ThreadEnd() { threads->end(generation); }
     } threadEnd{threads_};
     begun_ = true;
     try {
@@ -106,7 +109,9 @@ void RequestWorker::serveRequests() {
     endOfTurn_ = Clock::now() + TURN;
     std::istream& in = *pipe_->getInputStream();
     while (!stop_) {
-        switch (awaitNext()) {
+        Next next = Next::REQUEST;
+        if (!tryRead([&] { next = awaitNext(); })) return;
+        switch (next) {
             case Next::REQUEST:
                 if (!serveRequest(in, idleTimeoutMs_)) return;
                 break;
@@ -128,7 +133,7 @@ RequestWorker::Next RequestWorker::awaitNext() {
     candidate_ = served_ && isConnectionWaiting();
     if (isAskedToGiveUp(true)) return Next::GIVE_UP;
     if (pipe_->getInputStream()->rdbuf()->in_avail() > 0) return Next::REQUEST;
-    const bool unlimited = idleTimeoutMs_ == 0;
+    const bool unlimited = idleTimeoutMs_ <= 0;  // below 0 it is a time that nobody waits for the end of
     const auto idleEnd =
         unlimited ? Clock::time_point::max() : Clock::now() + std::chrono::milliseconds(idleTimeoutMs_);
     resting_ = candidate_;
@@ -172,13 +177,18 @@ bool RequestWorker::hasInput() const {
 }
 
 /// Serves what has begun to arrive, for at most one step of the server's wait: a client that floods must not keep the
-/// thread.
+/// thread. A flood of small requests is cut after another turn already: each of them arrives in one piece, so that the
+/// end of reading cannot fall into one.
 void RequestWorker::giveUp() {
-    const auto end = Clock::now() + std::chrono::milliseconds(std::max(idleTimeoutMs_ / 10, 1));
+    const auto begin = Clock::now();
+    const auto end = begin + std::chrono::milliseconds(std::max(idleTimeoutMs_ / 10, 1));
     std::istream& in = *pipe_->getInputStream();
     bool alive = true;
-    while (alive && !readingEnded_ && !stop_ && Clock::now() < end && hasInput()) {
+    bool small = true;
+    while (alive && !readingEnded_ && !stop_ && hasInput()) {
+        if (Clock::now() >= (small ? std::min(begin + TURN, end) : end)) break;
         alive = serveRequest(in, millisecondsUntil(end));
+        small = small && body_ != nullptr && body_->isSmallerThan(SMALL_BODY);
     }
     endReading();
     if (alive) serveRest();
@@ -209,17 +219,18 @@ std::string RequestWorker::takeRest() {
     std::streambuf& area = *pipe_->getInputStream()->rdbuf();
     std::string rest(static_cast<std::size_t>(std::max<std::streamsize>(area.in_avail(), 0)), '\0');
     area.sgetn(rest.data(), static_cast<std::streamsize>(rest.size()));
+    std::size_t filled = rest.size();
     try {
         while (const std::size_t there = PipeControl::available(*pipe_)) {
-            const std::size_t filled = rest.size();
             rest.resize(filled + there);
-            const int count = pipe_->readPipe(rest.data() + filled, 0, static_cast<int>(there), 1);
-            rest.resize(filled + static_cast<std::size_t>(std::max(count, 0)));
+            const int count = pipe_->readPipe(rest.data() + filled, 0, static_cast<int>(there), REST_TIMEOUT_MS);
             if (count < 0) break;
+            filled += static_cast<std::size_t>(count);
         }
     } catch (QvPipeException&) {
         // The client has gone. What it left before was read.
     }
+    rest.resize(filled);
     return rest;
 }
 

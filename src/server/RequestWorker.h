@@ -1,8 +1,11 @@
 #pragma once
 
+#include <qvtp/io/InterruptedException.h>
 #include <qvtp/io/QvPipe.h>
+#include <qvtp/io/TimeoutException.h>
 
 #include "common/Utf8String.h"
+#include "logging/Log.h"
 #include "server/RestInput.h"
 #include "server/ThreadUse.h"
 
@@ -14,10 +17,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-namespace Quovane::Io {
-class QvPipeException;
-}
 
 namespace Quovane::Qvtp {
 class QvtpServer;
@@ -78,6 +77,10 @@ class RequestWorker : public Poco::Runnable {
     void endUnlessBegun() {
         if (!begun_) running_ = false;
     }
+    /// The list of workers that a server has left alone.
+    void setNextAbandoned(RequestWorker* next) { nextAbandoned_ = next; }
+    RequestWorker*& nextAbandoned() { return nextAbandoned_; }
+
     const std::string& getName() const { return name_; }
     const std::string& getFullName() const { return fullName_; }
 
@@ -129,6 +132,7 @@ class RequestWorker : public Poco::Runnable {
     const std::string name_;
     const std::string fullName_;  // with the pipe's name, as the log lines have it
     std::shared_ptr<ThreadUse> threads_;
+    RequestWorker* nextAbandoned_ = nullptr;
 
     // Set by one thread, read by another.
     std::atomic<bool> stop_{false};
@@ -153,5 +157,26 @@ class RequestWorker : public Poco::Runnable {
     bool mustClose_ = false;      // the same, but the connection is to be closed
     Quovane::Soa::Common::Xml::Utf8String converter_;
 };
+
+/// Reads what begins a request. False if that fails: then it was logged, and the worker hangs up.
+template <typename Read>
+bool RequestWorker::tryRead(const Read& read) {
+    try {
+        read();
+        return true;
+    } catch (Quovane::Io::TimeoutException& e) {
+        logDebug(
+            [&] { return "TimeoutException - " + fullName_ + " timed out waiting for a request.  " + e.getMessage(); });
+    } catch (Quovane::Io::InterruptedException& e) {
+        logDebug([&] { return "InterruptedException - " + fullName_ + ". " + e.getMessage(); });
+    } catch (Quovane::Io::QvPipeException& e) {
+        if (!stop_) {
+            logError([&] {
+                return "QvPipeException - " + fullName_ + " error while reading request start line. " + e.getMessage();
+            });
+        }
+    }
+    return false;
+}
 
 }  // namespace Quovane::Internal::Qvtp

@@ -36,27 +36,6 @@ QvtpHandler& require(QvtpHandler* handler) {
 
 }  // namespace
 
-/// Reads what begins a request. False if that fails: then it was logged, and the worker hangs up.
-template <typename Read>
-bool RequestWorker::tryRead(const Read& read) {
-    try {
-        read();
-        return true;
-    } catch (TimeoutException& e) {
-        logDebug(
-            [&] { return "TimeoutException - " + fullName_ + " timed out waiting for a request.  " + e.getMessage(); });
-    } catch (InterruptedException& e) {
-        logDebug([&] { return "InterruptedException - " + fullName_ + ". " + e.getMessage(); });
-    } catch (QvPipeException& e) {
-        if (!stop_) {
-            logError([&] {
-                return "QvPipeException - " + fullName_ + " error while reading request start line. " + e.getMessage();
-            });
-        }
-    }
-    return false;
-}
-
 /// The idle time-out is over. A last look at the pipe, which logs that; then the client's next write is broken, and
 /// what it wrote in between is served.
 bool RequestWorker::staysSilent() {

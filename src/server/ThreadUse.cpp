@@ -29,8 +29,20 @@ void ThreadUse::cancel() {
     --busy_;
 }
 
-void ThreadUse::end() {
+int ThreadUse::generation() const {
     const Guard guard(mutex_);
+    return generation_;
+}
+
+void ThreadUse::forget() {
+    const Guard guard(mutex_);
+    ++generation_;
+    busy_ = 0;
+}
+
+void ThreadUse::end(int generation) {
+    const Guard guard(mutex_);
+    if (generation != generation_) return;
     --busy_;
     ++ends_;
     changed_.notify_all();
@@ -61,6 +73,11 @@ bool ThreadUse::awaitReturn(Clock::time_point deadline) {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_until(lock, std::min(deadline, Clock::now() + MOMENT), [&] { return stopped_; });
     return !stopped_ && Clock::now() < deadline;
+}
+
+void ThreadUse::pause(Clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_until(lock, deadline, [&] { return stopped_; });
 }
 
 void ThreadUse::stop() {

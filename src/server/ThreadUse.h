@@ -20,8 +20,11 @@ class ThreadUse {
     void begin();
     /// The start failed: the thread never ran.
     void cancel();
-    /// A thread is about to go back to the pool.
-    void end();
+    /// A thread is about to go back to the pool. `generation`: as it was when the thread began.
+    void end(int generation);
+    int generation() const;
+    /// Threads that have not ended by now never count again.
+    void forget();
 
     int busy() const;
     /// How many threads are free, also those that are just going back.
@@ -34,6 +37,8 @@ class ThreadUse {
     bool awaitReturn(Clock::time_point deadline);
     /// Ends every wait, now and later.
     void stop();
+    /// Waits until the deadline, or until stop().
+    void pause(Clock::time_point deadline);
 
     /// A connection waits for a thread, and no worker was asked for its own yet: the first whose time with its client
     /// is over takes it upon itself. False if another was first.
@@ -45,6 +50,7 @@ class ThreadUse {
     std::condition_variable changed_;
     int capacity_;
     int busy_ = 0;
+    int generation_ = 0;
     std::uint64_t ends_ = 0;
     bool stopped_ = false;
     bool wanted_ = false;

@@ -86,6 +86,24 @@ TEST_F(InputContract, IsWokenByACallThatCameBefore) {
     EXPECT_EQ(awaitInput(server, 60), InputResult::TIMED_OUT);
 }
 
+TEST_F(InputContract, IsWokenWheneverTheWakeUpComes) {
+    for (int round = 0; round < 300; ++round) {
+        auto waiting = std::async(std::launch::async, [this] { return awaitInput(server, 20000); });
+        spinFor(std::chrono::microseconds(round % 60 * 5));
+        platform::platformWake(server.pipe);
+        ASSERT_EQ(waiting.get(), InputResult::WOKEN) << round;
+    }
+}
+
+TEST_F(InputContract, FindsAQuietEndAlsoBetweenTwoWaits) {
+    EXPECT_EQ(awaitInput(server, 20), InputResult::TIMED_OUT);
+    client.close();
+    EXPECT_EQ(awaitInput(server), InputResult::INPUT);
+    LogCapture log;
+    EXPECT_EQ(readText(server), "0");
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
 TEST_F(InputContract, LeavesReadsAndWritesAloneWhenItIsWoken) {
     platform::platformWake(server.pipe);
     std::string data;

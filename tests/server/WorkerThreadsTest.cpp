@@ -129,6 +129,25 @@ TEST_F(WorkerThreads, AreStoppedWithTheServer) {
     EXPECT_EQ(clients[0]->readToEnd(), "");
 }
 
+TEST_F(WorkerThreads, SayThatTheirReadsWereAbortedWhenTheyAreStopped) {
+    server.start();
+    occupy(1);
+    std::this_thread::sleep_for(50ms);  // the worker waits
+    LogCapture log;
+    server.stop();
+    EXPECT_EQ(log.count("DEBUG InterruptedException - " + full(1) + ". QvPipe read aborted."), 1);
+    EXPECT_EQ(log.text().find("WARN"), std::string::npos);
+}
+
+TEST_F(WorkerThreads, WaitForTheirClientsWithoutLimitWhenTheIdleTimeoutIsNegative) {
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, -1);
+    server.start();
+    RawClient client(server.name);
+    std::this_thread::sleep_for(PENDING);
+    EXPECT_EQ(client.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+    EXPECT_EQ(client.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+}
+
 TEST_F(WorkerThreads, AreStoppedAtOnceAlsoWhenTheyHaveHardlyBegun) {
     for (int round = 0; round < 30; ++round) {
         TestServer brief;

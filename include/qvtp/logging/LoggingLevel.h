@@ -1,7 +1,7 @@
 #pragma once
 
-// Applications and <windows.h> may have macros of these names: they are set aside for the length of this header. Use the
-// enumerators where no such macro is defined, or by their number.
+// Applications and <windows.h> may have macros of these names: they are set aside for the length of this header. Use
+// the enumerators where no such macro is defined, or by their number.
 #pragma push_macro("ERROR")
 #pragma push_macro("DEBUG")
 #undef ERROR
