@@ -41,8 +41,7 @@ int platformCreateNextInstance(NativeHandle sibling, const std::string& path, bo
 /// - Time-out: TIMED_OUT. The instance waits on, and the next accept goes on with it.
 /// - A close while it waits: ABORTED.
 /// - It fails for a reason that lasts: CONNECT_ERROR, ERROR "Connect error: ...". It returns after 100 ms, or at a
-/// close,
-///   so that its caller's loop does not spin.
+///   close, so that its caller's loop does not spin.
 /// - The handle is stale: CONNECT_ERROR at once, ERROR "... 6".
 /// - The wait itself fails: WAIT_ERROR.
 int platformAccept(NativeHandle pipeHandle, NativeHandle eventHandle, int timeoutMs);
