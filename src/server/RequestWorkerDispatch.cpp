@@ -2,7 +2,6 @@
 
 #include <qvtp/io/IllegalStateException.h>
 #include <qvtp/io/InterruptedException.h>
-#include <qvtp/io/TimeoutException.h>
 #include <qvtp/server/QvtpServer.h>
 #include <qvtp/server/QvtpServerRequest.h>
 #include <qvtp/server/QvtpServerResponse.h>
@@ -21,7 +20,6 @@ namespace Quovane::Internal::Qvtp {
 using Quovane::Io::IllegalStateException;
 using Quovane::Io::InterruptedException;
 using Quovane::Io::QvPipeException;
-using Quovane::Io::TimeoutException;
 using Quovane::Qvtp::QvtpHandler;
 using Quovane::Qvtp::QvtpMessage;
 
