@@ -54,7 +54,7 @@ AbstractQvtpRequestImpl::~AbstractQvtpRequestImpl() noexcept(false) {
 std::string AbstractQvtpRequestImpl::getStartLine() {
     std::string encoded;
     encoder_.encode(resource_, encoded);
-    return method_ + " " + encoded + " " + Version::CURRENT_VERSION.toString();
+    return text(method_, " ", encoded, " ", Version::CURRENT_VERSION.toString());
 }
 
 void AbstractQvtpRequestImpl::addHeader(const std::string& name, const std::string& value) {

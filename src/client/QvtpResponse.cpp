@@ -58,7 +58,7 @@ std::shared_ptr<InputBuffer> QvtpResponse::bodyReader() const {
 
 int QvtpResponse::getStatusCode() {
     try {
-        const StartLine line(getStartLine());
+        const StartLine line(reader_->startLine());
         return StringUtils::toInteger(line.hasBlank() ? line.second() : line.first());
     } catch (Io::QvPipeException&) {
         return STATUS_SERVER_ERROR;
@@ -66,12 +66,12 @@ int QvtpResponse::getStatusCode() {
 }
 
 std::string QvtpResponse::getReasonPhrase() {
-    return StringUtils::trim(StartLine(getStartLine()).rest());
+    return StringUtils::trim(StartLine(reader_->startLine()).rest());
 }
 
 Version QvtpResponse::getQvtpVersion() {
     try {
-        return Version(std::string(StartLine(getStartLine()).first()));
+        return Version(std::string(StartLine(reader_->startLine()).first()));
     } catch (Io::QvPipeException&) {
         return Version::CURRENT_VERSION;
     }

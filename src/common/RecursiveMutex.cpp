@@ -3,7 +3,7 @@
 namespace Quovane::Internal::Qvtp {
 
 void RecursiveMutex::lock() {
-    const std::uint32_t self = System::currentThreadId();
+    const void* const self = System::currentThreadMark();
     if (owner_.load(std::memory_order_relaxed) != self) {
         mutex_.lock();
         owner_.store(self, std::memory_order_relaxed);
@@ -14,7 +14,7 @@ void RecursiveMutex::lock() {
 
 void RecursiveMutex::unlock() {
     if (--count_ > 0) return;
-    owner_.store(0, std::memory_order_relaxed);
+    owner_.store(nullptr, std::memory_order_relaxed);
     mutex_.unlock();
 }
 

@@ -3,11 +3,10 @@
 #include "common/System.h"
 
 #include <atomic>
-#include <cstdint>
 
 namespace Quovane::Internal::Qvtp {
 
-/// A small recursive lock: an unnamed mutex of the operating system, the id of the thread that owns it and how often
+/// A small recursive lock: an unnamed mutex of the operating system, the mark of the thread that owns it and how often
 /// that thread has taken it. Use it through std::lock_guard. Waiting has no time limit.
 class RecursiveMutex {
   public:
@@ -20,8 +19,8 @@ class RecursiveMutex {
 
   private:
     System::Mutex mutex_;
-    std::atomic<std::uint32_t> owner_{0};  // 0: nobody; only the owner can read its own id here
-    int count_ = 0;                        // guarded by mutex_
+    std::atomic<const void*> owner_{nullptr};  // null: nobody; only the owner can read its own mark here
+    int count_ = 0;                            // guarded by mutex_
 };
 
 }  // namespace Quovane::Internal::Qvtp

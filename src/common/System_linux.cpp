@@ -51,6 +51,11 @@ std::uint32_t currentThreadId() {
     return static_cast<std::uint32_t>(::syscall(SYS_gettid));
 }
 
+const void* currentThreadMark() {
+    thread_local char mark = 0;
+    return &mark;
+}
+
 std::uint32_t currentProcessId() {
     return static_cast<std::uint32_t>(::getpid());
 }

@@ -90,6 +90,10 @@ std::uint32_t currentThreadId() {
     return ::GetCurrentThreadId();
 }
 
+const void* currentThreadMark() {
+    return reinterpret_cast<const void*>(static_cast<std::uintptr_t>(::GetCurrentThreadId()));  // not a call
+}
+
 std::uint32_t currentProcessId() {
     return ::GetCurrentProcessId();
 }

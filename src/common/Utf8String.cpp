@@ -53,6 +53,10 @@ void appendLatin1(std::string& out, unsigned char byte) {
     out += static_cast<char>(0x80 | (byte & 0x3F));
 }
 
+bool isAscii(char c) {
+    return static_cast<unsigned char>(c) < 0x80;
+}
+
 std::string wellFormed(const std::string& in) {
     std::string result;
     result.reserve(in.size());
@@ -76,12 +80,21 @@ bool endsLine(char c) {
 }  // namespace
 
 void Utf8String::encode(const std::string& in, std::string& out) {
+    const auto passes = [](char c) { return isAscii(c) && !endsLine(c); };
+    if (std::all_of(in.begin(), in.end(), passes)) {
+        out = in;
+        return;
+    }
     std::string result = wellFormed(in);
     std::replace_if(result.begin(), result.end(), endsLine, ' ');
     out = std::move(result);
 }
 
 void Utf8String::decode(const std::string& in, std::string& out) {
+    if (std::all_of(in.begin(), in.end(), isAscii)) {
+        out = in;
+        return;
+    }
     out = wellFormed(in);
 }
 

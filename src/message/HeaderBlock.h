@@ -4,8 +4,8 @@
 #include "message/QvtpHeader.h"
 
 #include <istream>
-#include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Quovane::Internal::Qvtp {
@@ -16,13 +16,13 @@ class HeaderBlock {
   public:
     using Utf8String = Quovane::Soa::Common::Xml::Utf8String;
 
-    std::string getHeader(const std::string& name) const;
-    std::vector<std::string> getHeaders(const std::string& name) const;
+    std::string getHeader(std::string_view name) const;
+    std::vector<std::string> getHeaders(std::string_view name) const;
     std::vector<std::string> getHeaderNames() const;
 
-    void addHeader(const std::string& name, const std::string& value);
-    void setHeader(const std::string& name, const std::string& value);
-    void removeHeader(const std::string& name);
+    void addHeader(std::string_view name, std::string_view value);
+    void setHeader(std::string_view name, std::string_view value);
+    void removeHeader(std::string_view name);
 
     /// Appends the block's lines, without the empty line after it.
     void write(std::string& out, const Utf8String& converter) const;
@@ -31,10 +31,19 @@ class HeaderBlock {
     void read(std::istream& in, const Utf8String& converter);
 
   private:
-    static std::string keyOf(const std::string& name);
-    std::string readHeader(std::istream& in, const std::string& line, const Utf8String& converter);
+    struct Entry {
+        std::string key;  // the upper-cased name
+        QvtpHeader header;
+    };
+    using Entries = std::vector<Entry>;
 
-    std::map<std::string, QvtpHeader> headers_;
+    Entries::iterator placeOf(std::string_view trimmed);
+    const QvtpHeader* find(std::string_view name) const;
+    template <typename Change>
+    void change(std::string_view name, const Change& change);
+    void readHeader(std::istream& in, const std::string& line, std::string& next, const Utf8String& converter);
+
+    Entries entries_;  // sorted by key: messages have few headers
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <memory>
 #include <streambuf>
+#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -18,7 +19,9 @@ class IStreamBuffer : public std::basic_streambuf<CharT> {
 
     /// A buffer size below 1 is used as 1. For the rest see InputBuffer.
     IStreamBuffer(int bufferSize, std::uint64_t length, std::istream* stream)
-        : input_(std::make_shared<InputBuffer>(length, stream)),
+        : IStreamBuffer(bufferSize, std::make_shared<InputBuffer>(length, stream)) {}
+    IStreamBuffer(int bufferSize, std::shared_ptr<InputBuffer> input)
+        : input_(std::move(input)),
           size_(static_cast<std::size_t>(std::max(bufferSize, 1))),
           buffer_(new CharT[size_]) {}
 
@@ -33,7 +36,23 @@ class IStreamBuffer : public std::basic_streambuf<CharT> {
         return Traits::to_int_type(buffer_[0]);
     }
 
+    /// Whole multiples of the buffer's size go straight to the caller.
+    std::streamsize xsgetn(CharT* out, std::streamsize wanted) override {
+        const std::streamsize there = std::min<std::streamsize>(wanted, this->egptr() - this->gptr());
+        std::streamsize filled = there > 0 ? Base::xsgetn(out, there) : 0;
+        const auto size = static_cast<std::streamsize>(size_);
+        while (wanted - filled >= size) {
+            const auto multiple = static_cast<std::size_t>(wanted - filled - (wanted - filled) % size);
+            const std::size_t count = input_->read(out + filled, input_->pieceSize(multiple, size_));
+            if (count == 0) return filled;
+            filled += static_cast<std::streamsize>(count);
+        }
+        return filled < wanted ? filled + Base::xsgetn(out + filled, wanted - filled) : filled;
+    }
+
   private:
+    using Base = std::basic_streambuf<CharT>;
+
     std::shared_ptr<InputBuffer> input_;
     std::size_t size_;
     std::unique_ptr<CharT[]> buffer_;

@@ -89,6 +89,10 @@ void InputBuffer::logEnd() const {
     logCommunication(CommunicationLevel::INPUT, "\n", 1, false);
 }
 
+std::size_t InputBuffer::pieceSize(std::size_t wanted, std::size_t piece) {
+    return isCommunicationEnabled(CommunicationLevel::INPUT) ? std::min(wanted, piece) : wanted;
+}
+
 bool InputBuffer::isComplete() const {
     const bool isEmpty = !chunked_ && remaining_ == 0;
     return (finished_ || isEmpty) && !broken_;

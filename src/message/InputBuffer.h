@@ -20,6 +20,10 @@ class InputBuffer {
     /// Reads at most `size` bytes, and no more than the current chunk has. 0 is the end of the body.
     std::size_t read(char* buffer, std::size_t size);
 
+    /// How much of `wanted` bytes one read should ask for: all, unless the communication log records what is read. Then
+    /// it is a piece, so that a read that fails half way has left its record.
+    static std::size_t pieceSize(std::size_t wanted, std::size_t piece);
+
     /// Whether the stream stands after the whole body, where the next message begins.
     bool isComplete() const;
 

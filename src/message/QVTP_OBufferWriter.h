@@ -21,6 +21,8 @@ class QVTP_OBufferWriter : public Quovane::Soa::Internal::Common::OWriter {
     int write(const char* data, long long length) override;
     void flush() override;
     void send() override;
+    /// From now on it is as after send().
+    void close() { sent_ = true; }
 
   private:
     void start();

@@ -29,32 +29,53 @@ QvtpHeader::QvtpHeader(const QvtpHeader& other) = default;
 
 QvtpHeader& QvtpHeader::operator=(const QvtpHeader& other) = default;
 
+QvtpHeader::QvtpHeader(QvtpHeader&& other) noexcept = default;
+
+QvtpHeader& QvtpHeader::operator=(QvtpHeader&& other) noexcept = default;
+
 QvtpHeader::~QvtpHeader() = default;
 
-std::string QvtpHeader::getValue() const {
-    return values_.empty() ? std::string() : values_.front();
+std::vector<std::string> QvtpHeader::getValues() const {
+    std::vector<std::string> values;
+    forEachValue([&](const std::string& value) { values.push_back(value); });
+    return values;
 }
 
-void QvtpHeader::setName(const std::string& name) {
+void QvtpHeader::setName(std::string_view name) {
     const bool isTrimmed = name.empty() || (!isSeparator(name.front()) && !isSeparator(name.back()));
-    name_ = isTrimmed ? name : StringUtils::trim(name);
+    if (isTrimmed) {
+        name_ = name;
+    } else {
+        name_ = StringUtils::trim(name);
+    }
 }
 
-void QvtpHeader::addValues(const std::string& valueText) {
+void QvtpHeader::addValue(std::string_view value) {
+    if (hasValue_) {
+        more_.emplace_back(value);
+        return;
+    }
+    first_ = value;
+    hasValue_ = true;
+}
+
+void QvtpHeader::addValues(std::string_view valueText) {
     std::string_view rest = valueText;
     for (;;) {
         const std::size_t start = rest.find_first_not_of(WHITE_SPACE);
         if (start == std::string_view::npos) return;
         const std::size_t end = rest.find(DELIMITER, start);
         const std::string_view piece = StringUtils::trim(rest.substr(start, end - start), WHITE_SPACE);
-        if (!piece.empty()) values_.emplace_back(piece);
+        if (!piece.empty()) addValue(piece);
         if (end == std::string_view::npos) return;
         rest.remove_prefix(end + 1);
     }
 }
 
-void QvtpHeader::setValue(const std::string& valueText) {
-    values_.clear();
+void QvtpHeader::setValue(std::string_view valueText) {
+    first_.clear();
+    more_.clear();
+    hasValue_ = false;
     addValues(valueText);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Quovane::Internal::Qvtp {
@@ -13,21 +14,34 @@ class QvtpHeader {
     QvtpHeader(const std::string& name, const std::string& valueText);
     QvtpHeader(const QvtpHeader& other);
     QvtpHeader& operator=(const QvtpHeader& other);
+    QvtpHeader(QvtpHeader&& other) noexcept;
+    QvtpHeader& operator=(QvtpHeader&& other) noexcept;
     virtual ~QvtpHeader();
 
     const std::string& getName() const { return name_; }
     /// The first value, or an empty string.
-    std::string getValue() const;
-    std::vector<std::string> getValues() const { return values_; }
+    std::string getValue() const { return first_; }
+    std::vector<std::string> getValues() const;
 
-    void setName(const std::string& name);
+    /// Calls `action` with each value in turn.
+    template <typename Action>
+    void forEachValue(const Action& action) const {
+        if (hasValue_) action(first_);
+        for (const std::string& value : more_) action(value);
+    }
+
+    void setName(std::string_view name);
     /// Splits the text at its commas, trims the pieces and appends those that are not empty.
-    void addValues(const std::string& valueText);
-    void setValue(const std::string& valueText);
+    void addValues(std::string_view valueText);
+    void setValue(std::string_view valueText);
 
   private:
+    void addValue(std::string_view value);
+
     std::string name_;
-    std::vector<std::string> values_;
+    std::string first_;              // most headers have one value
+    std::vector<std::string> more_;  // the others
+    bool hasValue_ = false;
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -12,6 +12,8 @@ class QvtpIStream : public std::istream {
   public:
     /// `length`: bytes of the body, or InputBuffer::CHUNKED. The pipe stream is not owned.
     QvtpIStream(int bufferSize, std::uint64_t length, std::istream* pipeStream);
+    /// `state`: what reading from `input` has come to so far.
+    QvtpIStream(int bufferSize, std::shared_ptr<InputBuffer> input, std::ios_base::iostate state);
     ~QvtpIStream() override;
 
     const std::shared_ptr<InputBuffer>& input() const { return buffer_.input(); }

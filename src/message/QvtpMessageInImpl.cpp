@@ -31,7 +31,12 @@ QvtpMessageInImpl::QvtpMessageInImpl(std::istream* pipeStream, int bufferSize, c
 QvtpMessageInImpl::~QvtpMessageInImpl() = default;
 
 std::string QvtpMessageInImpl::getStartLine() {
+    return startLine();
+}
+
+const std::string& QvtpMessageInImpl::startLine() {
     readHead();
+    if (startLine_.empty()) startLine_ = standInStartLine();
     return startLine_;
 }
 
@@ -48,20 +53,20 @@ std::vector<std::string> QvtpMessageInImpl::getHeaderNames() {
 }
 
 std::shared_ptr<InputBuffer> QvtpMessageInImpl::bodyReader() const {
-    return bodyStream_ != nullptr ? bodyStream_->input() : nullptr;
+    return body_ ? body_->input() : nullptr;
 }
 
-/// The stand-in gives way to the real start line only when the whole head was read.
+/// The start line counts only when the whole head was read.
 void QvtpMessageInImpl::readHead() {
-    if (!startLine_.empty()) return;
-    startLine_ = standInStartLine();
+    if (headAsked_) return;
+    headAsked_ = true;
     std::string line = readStartLine();
     if (isCommunicationEnabled(CommunicationLevel::INPUT)) {
         logStep([&] { logCommunication(CommunicationLevel::INPUT, line + "\n", true); });
     }
     logDebug([&] { return label_ + line; });
     headers_.read(*pipeStream_, *converter_);
-    bodyStream_ = std::make_unique<QvtpIStream>(bufferSize_, findBodyLength(), pipeStream_);
+    body_.emplace(bufferSize_, std::make_shared<InputBuffer>(findBodyLength(), pipeStream_));
     startLine_ = std::move(line);
 }
 
@@ -92,24 +97,29 @@ std::uint64_t QvtpMessageInImpl::findBodyLength() const {
                                       NO_LENGTH);
 }
 
-QvtpIStream& QvtpMessageInImpl::requireBody() {
+BodySource& QvtpMessageInImpl::requireBody() {
     readHead();
-    if (bodyStream_ != nullptr) return *bodyStream_;
+    if (body_) return *body_;
     logErrorAndThrow<QvPipeException>(
         "Failed to read the message start line and headers, and do not have body of the message.", NO_HEAD);
 }
 
 void QvtpMessageInImpl::getBody(char** data, size_t& length) {
-    QvtpIStream& body = requireBody();
+    BodySource& body = requireBody();
     try {
-        readBody(body, data, length);
+        if (bodyStream_ != nullptr) {
+            readBody(*bodyStream_, data, length);
+        } else {
+            readBody(body, data, length);
+        }
     } catch (const std::bad_alloc&) {
         // Of something small: blocks of the body's size name it themselves.
         logErrorAndThrow<QvPipeException>("Not enough memory for a body.");
     }
 }
 
-void QvtpMessageInImpl::readBody(QvtpIStream& body, char** data, size_t& length) {
+template <typename Source>
+void QvtpMessageInImpl::readBody(Source& body, char** data, size_t& length) {
     const std::string lengthText = getHeader(QvtpMessage::HEADER_CONTENT_LENGTH);
     if (!lengthText.empty()) {
         const int expected = StringUtils::toInteger(lengthText);
@@ -125,7 +135,14 @@ void QvtpMessageInImpl::readBody(QvtpIStream& body, char** data, size_t& length)
 }
 
 std::istream* QvtpMessageInImpl::getBodyStream() {
-    return &requireBody();
+    const BodySource& body = requireBody();
+    if (bodyStream_ != nullptr) return bodyStream_.get();
+    try {
+        bodyStream_ = std::make_unique<QvtpIStream>(bufferSize_, body.input(), body.state());
+    } catch (const std::bad_alloc&) {
+        logErrorAndThrow<QvPipeException>("Not enough memory for a body.");
+    }
+    return bodyStream_.get();
 }
 
 }  // namespace Quovane::Internal::Qvtp

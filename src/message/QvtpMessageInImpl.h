@@ -3,10 +3,12 @@
 #include <qvtp/message/QvtpMessageIn.h>
 
 #include "common/Utf8String.h"
+#include "message/BodySource.h"
 #include "message/HeaderBlock.h"
 #include "message/QvtpIStream.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +25,8 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
     ~QvtpMessageInImpl() override;
 
     std::string getStartLine() override;
+    /// The same without a copy.
+    const std::string& startLine();
     std::string getHeader(const std::string& name) const override;
     std::vector<std::string> getHeaders(const std::string& name) const override;
     std::vector<std::string> getHeaderNames() override;
@@ -38,16 +42,19 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
     std::string readStartLine();
     std::uint64_t findBodyLength() const;
     bool isChunked() const;
-    QvtpIStream& requireBody();
-    void readBody(QvtpIStream& body, char** data, size_t& length);
+    BodySource& requireBody();
+    template <typename Source>
+    void readBody(Source& body, char** data, size_t& length);
 
     HeaderBlock headers_;
     std::istream* pipeStream_;  // not owned
     int bufferSize_;
     std::string label_;
-    std::unique_ptr<QvtpIStream> bodyStream_;
-    std::string startLine_;
-    Utf8String* converter_;  // not owned
+    bool headAsked_ = false;
+    std::string startLine_;                    // empty while there is no head
+    std::optional<BodySource> body_;           // as soon as there is a head
+    std::unique_ptr<QvtpIStream> bodyStream_;  // if it was asked for: then only it reads the body
+    Utf8String* converter_;                    // not owned
 };
 
 }  // namespace Quovane::Internal::Qvtp

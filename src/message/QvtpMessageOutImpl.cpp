@@ -70,54 +70,75 @@ bool QvtpMessageOutImpl::announcesBody(bool chunked) const {
     if (chunked) {
         return length.empty() && headers_.getHeader(HEADER_TRANSFER_ENCODING) == HEADER_CHUNKED_ENCODING;
     }
-    return hasBody() && !length.empty() && bodyLength_ == static_cast<std::uint64_t>(StringUtils::toInteger(length));
+    return hasBody() && !length.empty() && bodyLength_ == static_cast<std::size_t>(StringUtils::toInteger(length));
 }
 
 void QvtpMessageOutImpl::writeBody(std::ostream* out) const {
     if (hasBody()) out->write(body_.get(), static_cast<std::streamsize>(bodyLength_));
 }
 
-std::string QvtpMessageOutImpl::composeHead(const std::string& startLine) const {
-    std::string head = startLine;
-    head += WireSyntax::LINE_END;
-    headers_.write(head, *converter_);
-    head += WireSyntax::LINE_END;
+QvtpMessageOutImpl::Head QvtpMessageOutImpl::composeHead() {
+    Head head{owner_->getStartLine(), 0};
+    head.startLineLength = head.text.size();
+    head.text += WireSyntax::LINE_END;
+    headers_.write(head.text, *converter_);
+    head.text += WireSyntax::LINE_END;
     return head;
 }
 
-void QvtpMessageOutImpl::commit(const std::string& head, const std::string& startLine) {
+void QvtpMessageOutImpl::commit(const Head& head) {
     committed_ = true;
-    logCommunication(CommunicationLevel::OUTPUT, head, true);
-    logDebug([&] { return label_ + startLine; });
+    logCommunication(CommunicationLevel::OUTPUT, head.text, true);
+    logDebug([&] { return label_ + head.text.substr(0, head.startLineLength); });
 }
 
 void QvtpMessageOutImpl::writeHeaders(std::ostream* out) {
-    const std::string startLine = getStartLine();
-    const std::string head = composeHead(startLine);
-    out->write(head.data(), static_cast<std::streamsize>(head.size()));
+    const Head head = composeHead();
+    out->write(head.text.data(), static_cast<std::streamsize>(head.text.size()));
     out->flush();
-    commit(head, startLine);
+    commit(head);
+}
+
+MessageSink* QvtpMessageOutImpl::sinkOf(std::ostream* out) const {
+    return hasBody() ? MessageSink::of(*out) : nullptr;
 }
 
 bool QvtpMessageOutImpl::sendWhole(std::ostream* out) {
-    MessageSink* const sink = hasBody() ? MessageSink::of(*out) : nullptr;
+    MessageSink* const sink = sinkOf(out);
     if (sink == nullptr) return false;
-    const std::string startLine = getStartLine();
-    const std::string head = composeHead(startLine);
-    const auto length = static_cast<std::size_t>(bodyLength_);
+    const Head head = composeHead();
     BodyRecord record;
     record.start();
-    std::size_t sent = sink->writeSome(head.data(), head.size(), body_.get(), length);
-    commit(head, startLine);
-    if (sent < head.size()) {
-        sink->writeAll(head.data() + sent, head.size() - sent);
-        sent = head.size();
-    }
-    const std::size_t bodySent = sent - head.size();
-    if (bodySent < length) sink->writeAll(body_.get() + bodySent, length - bodySent);
-    record.add(body_.get(), length);
+    const std::size_t sent = sink->writeSome(head.text.data(), head.text.size(), body_.get(), bodyLength_);
+    commit(head);
+    writeRest(*sink, head, sent);
+    record.add(body_.get(), bodyLength_);
     record.log();
     return true;
+}
+
+/// The record has the head as well: over streams it is written as the beginning of the body is.
+bool QvtpMessageOutImpl::answerWhole(std::ostream* out, int bufferSize) {
+    MessageSink* const sink = sinkOf(out);
+    if (sink == nullptr) return false;
+    const Head head = composeHead();
+    if (head.text.size() >= static_cast<std::size_t>(std::max(bufferSize, 1))) return false;
+    BodyRecord record;
+    record.start();
+    commit(head);
+    writeRest(*sink, head, sink->writeSome(head.text.data(), head.text.size(), body_.get(), bodyLength_));
+    record.add(head.text.data(), head.text.size());
+    record.add(body_.get(), bodyLength_);
+    record.log();
+    return true;
+}
+
+/// What is left after the first `sent` bytes of head and body.
+void QvtpMessageOutImpl::writeRest(MessageSink& sink, const Head& head, std::size_t sent) const {
+    const std::size_t headLength = head.text.size();
+    if (sent < headLength) sink.writeAll(head.text.data() + sent, headLength - sent);
+    const std::size_t bodySent = std::max(sent, headLength) - headLength;
+    if (bodySent < bodyLength_) sink.writeAll(body_.get() + bodySent, bodyLength_ - bodySent);
 }
 
 }  // namespace Quovane::Internal::Qvtp

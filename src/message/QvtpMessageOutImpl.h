@@ -13,6 +13,8 @@
 
 namespace Quovane::Internal::Qvtp {
 
+class MessageSink;
+
 /// Holds the headers and the body of one message and writes its head, for requests and responses alike. The start line
 /// is its owner's.
 class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHeaderWriter {
@@ -44,21 +46,31 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     /// Writes the body given to setBody(), if any.
     void writeBody(std::ostream* out) const;
     void writeHeaders(std::ostream* out) override;
-    /// Head and body in one write, where the stream has that short way. False, with nothing done, where it has not or
-    /// there is no body: then the caller writes head and body to the stream. The message counts as committed as soon as
-    /// one byte has left.
+    /// Sends head and body of a request in one write, where the stream has that short way. False, with nothing done,
+    /// where it has not or there is no body: then the caller writes head and body to the stream. The message counts as
+    /// committed as soon as one byte has left.
     bool sendWhole(std::ostream* out);
+    /// The same for a response, which counts as committed before that. `bufferSize`: what holds back a head on the way
+    /// over streams; a larger one goes that way.
+    bool answerWhole(std::ostream* out, int bufferSize);
 
   private:
-    std::string composeHead(const std::string& startLine) const;
-    void commit(const std::string& head, const std::string& startLine);
+    struct Head {
+        std::string text;
+        std::size_t startLineLength;
+    };
+
+    Head composeHead();
+    void commit(const Head& head);
+    MessageSink* sinkOf(std::ostream* out) const;
+    void writeRest(MessageSink& sink, const Head& head, std::size_t sent) const;
 
     QvtpMessageOut* owner_;  // not owned
     std::string label_;
     HeaderBlock headers_;
     bool committed_ = false;
     std::unique_ptr<char[]> body_;
-    std::uint64_t bodyLength_ = 0;
+    std::size_t bodyLength_ = 0;
     Utf8String* converter_;  // not owned
 };
 

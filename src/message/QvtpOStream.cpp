@@ -13,6 +13,10 @@ QvtpOStream::QvtpOStream(int bufferSize, bool chunked, std::ostream* pipeStream,
 
 QvtpOStream::~QvtpOStream() = default;
 
+void QvtpOStream::close() {
+    writer_.close();
+}
+
 void QvtpOStream::send() {
     buffer_.send();
     // A pipe's stream throws by itself; any other shows its failure only in its state.

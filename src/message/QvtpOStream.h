@@ -17,6 +17,8 @@ class QvtpOStream : public std::ostream {
 
     /// Writes what is left and ends the message. Call it once.
     void send();
+    /// Ends the message without writing anything: it was sent on another way.
+    void close();
 
   private:
     std::ostream* pipeStream_;  // not owned

@@ -2,21 +2,20 @@
 
 #include "common/WireSyntax.h"
 
-#include <string>
 #include <string_view>
-#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
 /// A start line, taken apart at its blanks. Words that are not there are empty.
 class StartLine {
   public:
-    explicit StartLine(std::string line) : line_(std::move(line)) {}
+    /// The text must outlive it.
+    explicit StartLine(std::string_view line) : line_(line) {}
 
     /// Whether there is more than one word.
-    bool hasBlank() const { return blank() != std::string::npos; }
+    bool hasBlank() const { return blank() != std::string_view::npos; }
     /// Up to the first blank; all of a line without one.
-    std::string_view first() const { return view().substr(0, blank()); }
+    std::string_view first() const { return line_.substr(0, blank()); }
     /// Between the first blank and the second.
     std::string_view second() const { return after(blank()).substr(0, after(blank()).find(WireSyntax::BLANK)); }
     /// Everything after the second blank.
@@ -24,16 +23,15 @@ class StartLine {
         return after(line_.find(WireSyntax::BLANK, hasBlank() ? blank() + 1 : line_.size()));
     }
     /// After the last blank; all of a line without one.
-    std::string_view last() const { return hasBlank() ? after(line_.rfind(WireSyntax::BLANK)) : view(); }
+    std::string_view last() const { return hasBlank() ? after(line_.rfind(WireSyntax::BLANK)) : line_; }
 
   private:
-    std::string_view view() const { return line_; }
     std::size_t blank() const { return line_.find(WireSyntax::BLANK); }
     std::string_view after(std::size_t position) const {
-        return position != std::string::npos ? view().substr(position + 1) : std::string_view();
+        return position != std::string_view::npos ? line_.substr(position + 1) : std::string_view();
     }
 
-    std::string line_;
+    std::string_view line_;
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -4,6 +4,7 @@
 #include <qvtp/io/QvPipeException.h>
 
 #include "logging/Log.h"
+#include "message/BodySource.h"
 
 #include <algorithm>
 #include <memory>
@@ -36,6 +37,53 @@ std::unique_ptr<char[]> newGrowingBlock(std::size_t capacity, std::size_t filled
     return block;
 }
 
+/// A stream reads as much as was asked for, unless it ends.
+std::size_t readFrom(std::istream& in, char* buffer, std::size_t size) {
+    in.read(buffer, static_cast<std::streamsize>(size));
+    return static_cast<std::size_t>(in.gcount());
+}
+
+std::size_t readFrom(BodySource& source, char* buffer, std::size_t size) {
+    return source.read(buffer, size);
+}
+
+template <typename Source>
+void readLengthFrom(Source& in, char** out, long length) {
+    const std::size_t size = length > 0 ? static_cast<std::size_t>(length) : 0;
+    std::unique_ptr<char[]> block = newBlock(size);
+    if (block == nullptr) {
+        logErrorAndThrow<Io::QvPipeException>(text("Not enough memory for a body of ", size, " bytes."));
+    }
+    std::size_t filled = 0;
+    while (filled < size && in.good()) filled += readFrom(in, block.get() + filled, size - filled);
+    if (filled < size) {
+        const std::string message = "Reached the stream end-of-file before the expected length.";
+        logWarn(message);
+        throw Io::QvPipeException(message);
+    }
+    block[size] = '\0';
+    *out = block.release();
+}
+
+template <typename Source>
+std::size_t readToEndOf(Source& in, char** out) {
+    std::size_t capacity = INITIAL_CAPACITY;
+    std::size_t filled = 0;
+    std::unique_ptr<char[]> block = newGrowingBlock(capacity, filled);
+    while (in.good()) {
+        if (filled == capacity) {
+            capacity *= 2;
+            std::unique_ptr<char[]> larger = newGrowingBlock(capacity, filled);
+            std::copy_n(block.get(), filled, larger.get());
+            block = std::move(larger);
+        }
+        filled += readFrom(in, block.get() + filled, capacity - filled);
+    }
+    block[filled] = '\0';
+    *out = block.release();
+    return filled;
+}
+
 }  // namespace
 
 void StreamUtil::readLine(std::istream& in, std::string& line) {
@@ -57,42 +105,19 @@ void StreamUtil::readLine(std::istream& in, std::string& line) {
 }
 
 void StreamUtil::readLength(std::istream& in, char** out, long length) {
-    const std::size_t size = length > 0 ? static_cast<std::size_t>(length) : 0;
-    std::unique_ptr<char[]> block = newBlock(size);
-    if (block == nullptr) {
-        logErrorAndThrow<Io::QvPipeException>(text("Not enough memory for a body of ", size, " bytes."));
-    }
-    std::size_t filled = 0;
-    while (filled < size && in.good()) {
-        in.read(block.get() + filled, static_cast<std::streamsize>(size - filled));
-        filled += static_cast<std::size_t>(in.gcount());
-    }
-    if (filled < size) {
-        const std::string message = "Reached the stream end-of-file before the expected length.";
-        logWarn(message);
-        throw Io::QvPipeException(message);
-    }
-    block[size] = '\0';
-    *out = block.release();
+    readLengthFrom(in, out, length);
+}
+
+void StreamUtil::readLength(BodySource& source, char** out, long length) {
+    readLengthFrom(source, out, length);
 }
 
 std::size_t StreamUtil::readToEnd(std::istream& in, char** out) {
-    std::size_t capacity = INITIAL_CAPACITY;
-    std::size_t filled = 0;
-    std::unique_ptr<char[]> block = newGrowingBlock(capacity, filled);
-    while (in.good()) {
-        if (filled == capacity) {
-            capacity *= 2;
-            std::unique_ptr<char[]> larger = newGrowingBlock(capacity, filled);
-            std::copy_n(block.get(), filled, larger.get());
-            block = std::move(larger);
-        }
-        in.read(block.get() + filled, static_cast<std::streamsize>(capacity - filled));
-        filled += static_cast<std::size_t>(in.gcount());
-    }
-    block[filled] = '\0';
-    *out = block.release();
-    return filled;
+    return readToEndOf(in, out);
+}
+
+std::size_t StreamUtil::readToEnd(BodySource& source, char** out) {
+    return readToEndOf(source, out);
 }
 
 }  // namespace Quovane::Internal::Qvtp

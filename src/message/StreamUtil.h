@@ -5,7 +5,10 @@
 
 namespace Quovane::Internal::Qvtp {
 
-/// Reads from any stream. A stream that is bad counts as one at its end; exceptions of the stream pass through.
+class BodySource;
+
+/// Reads from any stream, or from a body without one. A stream that is bad counts as one at its end; exceptions of the
+/// stream pass through.
 class StreamUtil {
   public:
     /// Reads one line without its LF or CRLF. Throws InterruptedException if the stream ends before the LF.
@@ -14,9 +17,11 @@ class StreamUtil {
     /// delete[]. 0 and less give an empty block. Throws QvPipeException if the stream ends first (logged at WARN) or if
     /// there is no memory for so much (logged at ERROR).
     static void readLength(std::istream& in, char** out, long length);
+    static void readLength(BodySource& source, char** out, long length);
     /// Reads everything up to the end of the stream into such a block and returns the number of bytes. Throws
     /// QvPipeException (logged at ERROR) if there is no memory for more.
     static std::size_t readToEnd(std::istream& in, char** out);
+    static std::size_t readToEnd(BodySource& source, char** out);
 };
 
 }  // namespace Quovane::Internal::Qvtp

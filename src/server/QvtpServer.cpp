@@ -306,13 +306,13 @@ void QvtpServer::deleteWorkers() {
 
 void QvtpServer::logSummary() const {
     logDebug([&] {
-        return text("\nQvtpServer ", pipeName_, " Summary:\n",                      //
-                    "    Total POST requests:       ", totalPosts_, "\n",           //
-                    "    Total NOTIFY requests:     ", totalNotifies_, "\n",        //
-                    "    Total workers used:        ", totalWorkersUsed_, "\n",     //
-                    "    Total idle timeouts:       ", totalIdleTimeouts_, "\n",    //
-                    "    Total waits for thread:    ", totalWaitsForThread_, "\n",  //
-                    "    Peak number of threads:    ", peakThreads_, "\n");
+        return text("\nQvtpServer ", pipeName_, " Summary:\n",                             //
+                    "    Total POST requests:       ", totalPosts_.load(), "\n",           //
+                    "    Total NOTIFY requests:     ", totalNotifies_.load(), "\n",        //
+                    "    Total workers used:        ", totalWorkersUsed_.load(), "\n",     //
+                    "    Total idle timeouts:       ", totalIdleTimeouts_.load(), "\n",    //
+                    "    Total waits for thread:    ", totalWaitsForThread_.load(), "\n",  //
+                    "    Peak number of threads:    ", peakThreads_.load(), "\n");
     });
 }
 

@@ -52,7 +52,7 @@ std::shared_ptr<InputBuffer> QvtpServerRequest::bodyReader() const {
 
 std::string QvtpServerRequest::getMethod() {
     try {
-        return std::string(StartLine(getStartLine()).first());
+        return std::string(StartLine(impl_->startLine()).first());
     } catch (Io::QvPipeException&) {
         return METHOD_NONE;
     }
@@ -61,7 +61,7 @@ std::string QvtpServerRequest::getMethod() {
 std::string QvtpServerRequest::getResource() {
     try {
         std::string resource;
-        converter_->decode(std::string(StartLine(getStartLine()).second()), resource);
+        converter_->decode(std::string(StartLine(impl_->startLine()).second()), resource);
         return resource;
     } catch (Io::QvPipeException&) {
         return {};
@@ -70,7 +70,7 @@ std::string QvtpServerRequest::getResource() {
 
 Version QvtpServerRequest::getQvtpVersion() {
     try {
-        return Version(std::string(StartLine(getStartLine()).last()));
+        return Version(std::string(StartLine(impl_->startLine()).last()));
     } catch (Io::QvPipeException&) {
         return Version::CURRENT_VERSION;
     }

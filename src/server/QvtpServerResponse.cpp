@@ -82,7 +82,11 @@ void QvtpServerResponse::setReasonPhrase(const std::string& reason) {
 }
 
 std::ostream* QvtpServerResponse::getBodyStream() {
-    if (bodyStream_ == nullptr) {
+    if (bodyStream_ != nullptr) return bodyStream_.get();
+    if (sentWhole_) {
+        bodyStream_ = std::make_unique<QvtpOStream>(bufferSize_, false, out_, nullptr);
+        bodyStream_->close();
+    } else {
         impl_->setHeader(HEADER_TRANSFER_ENCODING, HEADER_CHUNKED_ENCODING);
         bodyStream_ = std::make_unique<QvtpOStream>(bufferSize_, true, out_, impl_.get());
     }
@@ -97,13 +101,15 @@ void QvtpServerResponse::send() {
             "Neither the setBody or getBodyStream methods were called. Body data must be provided by one of these "
             "method.");
     }
-    if (hasBody && bodyStream_ != nullptr) {
+    if (hasBody && (bodyStream_ != nullptr || sentWhole_)) {
         logErrorAndThrow<IllegalStateException>(
             "Both the setBody and getBodyStream methods were called. Only one method of providing body data is "
             "permitted.");
     }
     if (worker_ != nullptr) worker_->beforeAnswer();
     if (hasBody) {
+        sentWhole_ = true;
+        if (impl_->answerWhole(out_, bufferSize_)) return;
         // Head and body share one buffer, so that a small response is one write.
         bodyStream_ = std::make_unique<QvtpOStream>(bufferSize_, false, out_, nullptr);
         impl_->writeHeaders(bodyStream_.get());

@@ -41,13 +41,16 @@ void expectUnchangedByAFailedBody(const Prepare& prepare) {
             EXPECT_EQ(wire(message), wire(expected)) << n;
         }
     }
-    EXPECT_GT(n, 2);  // the block and a header at least
+    EXPECT_GT(n, 1);  // the block at least
 }
 
 TEST(SetBodyWithoutMemory, LeavesTheMessageAsItWas) {
     expectUnchangedByAFailedBody([](OutgoingMessage&) {});
     expectUnchangedByAFailedBody([](OutgoingMessage& message) { message.addHeader("X-Other", "value"); });
     expectUnchangedByAFailedBody([](OutgoingMessage& message) { message.setBody("before"); });
+    expectUnchangedByAFailedBody([](OutgoingMessage& message) {
+        for (const char* name : {"A", "B", "D", "E"}) message.addHeader(name, "value");  // no place for another
+    });
 }
 
 }  // namespace

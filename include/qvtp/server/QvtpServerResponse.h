@@ -72,6 +72,7 @@ class QVTP_API QvtpServerResponse : public QvtpMessageOut {
     std::unique_ptr<Internal::Qvtp::QvtpMessageOutImpl> impl_;
     int bufferSize_;  // read once: the server may be gone when a handler that never ended comes back
     Internal::Qvtp::RequestWorker* worker_ = nullptr;  // not owned; null unless a worker serves the request
+    bool sentWhole_ = false;                           // what setBody() gave was sent, or was to be
 };
 
 }  // namespace Quovane::Qvtp
