@@ -8,9 +8,15 @@ namespace {
 
 constexpr std::string_view WHITE_SPACE = " \t\r\n\v\f";
 
+bool isOneOf(char c, std::string_view characters) {
+    for (const char character : characters) {
+        if (c == character) return true;
+    }
+    return false;
+}
+
 void skipWhiteSpace(std::string_view& text) {
-    const std::size_t start = text.find_first_not_of(WHITE_SPACE);
-    text.remove_prefix(start == std::string_view::npos ? text.size() : start);
+    while (!text.empty() && isOneOf(text.front(), WHITE_SPACE)) text.remove_prefix(1);
 }
 
 /// Removes a sign; true when it was a minus.
@@ -36,9 +42,9 @@ int hexadecimalDigit(char c) {
 }  // namespace
 
 std::string_view StringUtils::trim(std::string_view text, std::string_view characters) {
-    const std::size_t first = text.find_first_not_of(characters);
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(characters) - first + 1);
+    while (!text.empty() && isOneOf(text.front(), characters)) text.remove_prefix(1);
+    while (!text.empty() && isOneOf(text.back(), characters)) text.remove_suffix(1);
+    return text;
 }
 
 std::string StringUtils::trim(std::string_view text) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <utility>
 
 namespace Quovane::Soa::Common::Xml {
 
@@ -80,14 +81,20 @@ bool endsLine(char c) {
 }  // namespace
 
 void Utf8String::encode(const std::string& in, std::string& out) {
+    std::string result;
+    appendEncoded(in, result);
+    out = std::move(result);
+}
+
+void Utf8String::appendEncoded(const std::string& in, std::string& out) {
     const auto passes = [](char c) { return isAscii(c) && !endsLine(c); };
     if (std::all_of(in.begin(), in.end(), passes)) {
-        out = in;
+        out += in;
         return;
     }
     std::string result = wellFormed(in);
     std::replace_if(result.begin(), result.end(), endsLine, ' ');
-    out = std::move(result);
+    out += result;
 }
 
 void Utf8String::decode(const std::string& in, std::string& out) {

@@ -12,6 +12,8 @@ class Utf8String {
     /// For the wire: also turns CR, LF and NUL into a blank each (RFC 9110 section 5.5), so that no value or resource
     /// can end its line and smuggle in another header.
     static void encode(const std::string& in, std::string& out);
+    /// The same, appended to what `out` holds.
+    static void appendEncoded(const std::string& in, std::string& out);
     /// From the wire.
     static void decode(const std::string& in, std::string& out);
 };

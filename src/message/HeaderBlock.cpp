@@ -33,39 +33,39 @@ void logLine(const std::string& line) {
     }
 }
 
-/// Orders keys before and after a name, and so finds its place. The keys are made once, the name is compared as it is.
-bool isBefore(std::string_view key, std::string_view name) {
-    const std::size_t shorter = std::min(key.size(), name.size());
+/// Without regard to case.
+bool isBefore(std::string_view left, std::string_view right) {
+    const std::size_t shorter = std::min(left.size(), right.size());
     for (std::size_t i = 0; i < shorter; ++i) {
-        const char c = upperCase(name[i]);
-        if (key[i] != c) return static_cast<unsigned char>(key[i]) < static_cast<unsigned char>(c);
+        const auto l = static_cast<unsigned char>(upperCase(left[i]));
+        const auto r = static_cast<unsigned char>(upperCase(right[i]));
+        if (l != r) return l < r;
     }
-    return key.size() < name.size();
+    return left.size() < right.size();
 }
 
-bool isKeyOf(std::string_view key, std::string_view name) {
-    const auto isSame = [](char k, char c) { return k == upperCase(c); };
-    return std::equal(key.begin(), key.end(), name.begin(), name.end(), isSame);
-}
-
-std::string keyOf(std::string_view name) {
-    std::string key(name);
-    std::transform(key.begin(), key.end(), key.begin(), upperCase);
-    return key;
+bool isSame(std::string_view left, std::string_view right) {
+    if (left.size() != right.size()) return false;
+    const auto matches = [](char l, char r) { return upperCase(l) == upperCase(r); };
+    return left == right || std::equal(left.begin(), left.end(), right.begin(), matches);
 }
 
 }  // namespace
 
-/// Where the header of a name without white space around it stands, or would stand.
-HeaderBlock::Entries::iterator HeaderBlock::placeOf(std::string_view trimmed) {
-    return std::lower_bound(entries_.begin(), entries_.end(), trimmed,
-                            [](const Entry& entry, std::string_view name) { return isBefore(entry.key, name); });
+/// Where the header of this key stands, or would stand.
+HeaderBlock::Entries::iterator HeaderBlock::placeOf(std::string_view key) {
+    return std::find_if(entries_.begin(), entries_.end(),
+                        [&](const Entry& entry) { return !isBefore(entry.key, key); });
 }
 
-const QvtpHeader* HeaderBlock::find(std::string_view name) const {
-    const std::string_view trimmed = StringUtils::trim(name, WHITE_SPACE);
+HeaderBlock::Entries::iterator HeaderBlock::find(std::string_view key) {
+    return std::find_if(entries_.begin(), entries_.end(), [&](const Entry& entry) { return isSame(entry.key, key); });
+}
+
+const QvtpHeader* HeaderBlock::headerOf(std::string_view name) const {
+    const std::string_view key = StringUtils::trim(name, WHITE_SPACE);
     for (const Entry& entry : entries_) {
-        if (isKeyOf(entry.key, trimmed)) return &entry.header;
+        if (isSame(entry.key, key)) return &entry.header;
     }
     return nullptr;
 }
@@ -73,29 +73,30 @@ const QvtpHeader* HeaderBlock::find(std::string_view name) const {
 /// Calls `change` with the header of that name, which is made if there is none. If that throws there is none again.
 template <typename Change>
 void HeaderBlock::change(std::string_view name, const Change& change) {
-    const std::string_view trimmed = StringUtils::trim(name, WHITE_SPACE);
-    const auto place = placeOf(trimmed);
-    if (place != entries_.end() && isKeyOf(place->key, trimmed)) {
-        change(place->header, false);
+    const std::string_view key = StringUtils::trim(name, WHITE_SPACE);
+    auto entry = find(key);
+    if (entry != entries_.end()) {
+        change(entry->header, false);
         return;
     }
-    Entry entry{keyOf(trimmed), {}};
-    change(entry.header, true);
-    if (entries_.empty()) {
-        entries_.reserve(USUAL_COUNT);
-        entries_.push_back(std::move(entry));
-    } else {
-        entries_.insert(place, std::move(entry));
+    if (entries_.empty()) entries_.reserve(USUAL_COUNT);
+    entry = entries_.emplace(placeOf(key));
+    try {
+        entry->key = key;
+        change(entry->header, true);
+    } catch (...) {
+        entries_.erase(entry);
+        throw;
     }
 }
 
 std::string HeaderBlock::getHeader(std::string_view name) const {
-    const QvtpHeader* const header = find(name);
+    const QvtpHeader* const header = headerOf(name);
     return header != nullptr ? header->getValue() : std::string();
 }
 
 std::vector<std::string> HeaderBlock::getHeaders(std::string_view name) const {
-    const QvtpHeader* const header = find(name);
+    const QvtpHeader* const header = headerOf(name);
     return header != nullptr ? header->getValues() : std::vector<std::string>();
 }
 
@@ -120,22 +121,19 @@ void HeaderBlock::setHeader(std::string_view name, std::string_view value) {
 }
 
 void HeaderBlock::removeHeader(std::string_view name) {
-    const std::string_view trimmed = StringUtils::trim(name, WHITE_SPACE);
-    const auto place = placeOf(trimmed);
-    if (place != entries_.end() && isKeyOf(place->key, trimmed)) entries_.erase(place);
+    const auto entry = find(StringUtils::trim(name, WHITE_SPACE));
+    if (entry != entries_.end()) entries_.erase(entry);
 }
 
 void HeaderBlock::write(std::string& out, const Utf8String& converter) const {
-    std::string encoded;
     for (const Entry& entry : entries_) {
         out += entry.header.getName();
         out += ": ";
-        const char* separator = "";
+        bool isFirst = true;
         entry.header.forEachValue([&](const std::string& value) {
-            converter.encode(value, encoded);
-            out += separator;
-            out += encoded;
-            separator = ",";
+            if (!isFirst) out += DELIMITER;
+            converter.appendEncoded(value, out);
+            isFirst = false;
         });
         out += LINE_END;
     }

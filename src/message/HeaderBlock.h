@@ -32,18 +32,19 @@ class HeaderBlock {
 
   private:
     struct Entry {
-        std::string key;  // the upper-cased name
+        std::string key;  // the name as it was first given, trimmed
         QvtpHeader header;
     };
     using Entries = std::vector<Entry>;
 
-    Entries::iterator placeOf(std::string_view trimmed);
-    const QvtpHeader* find(std::string_view name) const;
+    Entries::iterator placeOf(std::string_view key);
+    Entries::iterator find(std::string_view key);
+    const QvtpHeader* headerOf(std::string_view name) const;
     template <typename Change>
     void change(std::string_view name, const Change& change);
     void readHeader(std::istream& in, const std::string& line, std::string& next, const Utf8String& converter);
 
-    Entries entries_;  // sorted by key: messages have few headers
+    Entries entries_;  // in the order of their upper-cased keys: messages have few headers
 };
 
 }  // namespace Quovane::Internal::Qvtp

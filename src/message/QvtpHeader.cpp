@@ -3,6 +3,7 @@
 #include "common/StringUtils.h"
 #include "common/WireSyntax.h"
 
+#include <algorithm>
 #include <string_view>
 
 namespace Quovane::Internal::Qvtp {
@@ -60,15 +61,12 @@ void QvtpHeader::addValue(std::string_view value) {
 }
 
 void QvtpHeader::addValues(std::string_view valueText) {
-    std::string_view rest = valueText;
-    for (;;) {
-        const std::size_t start = rest.find_first_not_of(WHITE_SPACE);
-        if (start == std::string_view::npos) return;
-        const std::size_t end = rest.find(DELIMITER, start);
-        const std::string_view piece = StringUtils::trim(rest.substr(start, end - start), WHITE_SPACE);
+    std::size_t start = 0;
+    while (start <= valueText.size()) {
+        const std::size_t end = std::min(valueText.find(DELIMITER, start), valueText.size());
+        const std::string_view piece = StringUtils::trim(valueText.substr(start, end - start), WHITE_SPACE);
         if (!piece.empty()) addValue(piece);
-        if (end == std::string_view::npos) return;
-        rest.remove_prefix(end + 1);
+        start = end + 1;
     }
 }
 

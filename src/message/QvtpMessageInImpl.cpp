@@ -9,6 +9,7 @@
 #include "message/DirectionLabel.h"
 #include "message/StreamUtil.h"
 
+#include <algorithm>
 #include <new>
 
 namespace Quovane::Internal::Qvtp {
@@ -88,10 +89,12 @@ bool QvtpMessageInImpl::isChunked() const {
     return getHeader(QvtpMessage::HEADER_TRANSFER_ENCODING) == QvtpMessage::HEADER_CHUNKED_ENCODING;
 }
 
-std::uint64_t QvtpMessageInImpl::findBodyLength() const {
+std::uint64_t QvtpMessageInImpl::findBodyLength() {
     const std::string length = getHeader(QvtpMessage::HEADER_CONTENT_LENGTH);
-    // Widened with its sign: -1 is the marker of a chunked body.
-    if (!length.empty()) return static_cast<std::uint64_t>(std::int64_t{StringUtils::toInteger(length)});
+    if (!length.empty()) {
+        announcedLength_ = StringUtils::toInteger(length);
+        return static_cast<std::uint64_t>(std::int64_t{*announcedLength_});  // its sign kept: -1 marks a chunked body
+    }
     if (isChunked()) return InputBuffer::CHUNKED;
     logErrorAndThrow<QvPipeException>("The QVTP Message does not have a Content-Length or Transfer-Encoding header",
                                       NO_LENGTH);
@@ -120,11 +123,9 @@ void QvtpMessageInImpl::getBody(char** data, size_t& length) {
 
 template <typename Source>
 void QvtpMessageInImpl::readBody(Source& body, char** data, size_t& length) {
-    const std::string lengthText = getHeader(QvtpMessage::HEADER_CONTENT_LENGTH);
-    if (!lengthText.empty()) {
-        const int expected = StringUtils::toInteger(lengthText);
-        StreamUtil::readLength(body, data, expected);
-        length = expected > 0 ? static_cast<size_t>(expected) : 0;
+    if (announcedLength_) {
+        StreamUtil::readLength(body, data, *announcedLength_);
+        length = static_cast<size_t>(std::max(*announcedLength_, 0));
     } else if (isChunked()) {
         length = StreamUtil::readToEnd(body, data);
     } else {

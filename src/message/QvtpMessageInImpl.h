@@ -40,7 +40,7 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
     void readHead();
     std::string standInStartLine() const;
     std::string readStartLine();
-    std::uint64_t findBodyLength() const;
+    std::uint64_t findBodyLength();
     bool isChunked() const;
     BodySource& requireBody();
     template <typename Source>
@@ -52,6 +52,7 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
     std::string label_;
     bool headAsked_ = false;
     std::string startLine_;                    // empty while there is no head
+    std::optional<int> announcedLength_;       // of the body, if its headers have one
     std::optional<BodySource> body_;           // as soon as there is a head
     std::unique_ptr<QvtpIStream> bodyStream_;  // if it was asked for: then only it reads the body
     Utf8String* converter_;                    // not owned
