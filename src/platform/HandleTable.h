@@ -1,6 +1,6 @@
 #pragma once
 
-#include <qvtp/platform/NativeHandle.h>
+#include "platform/PipeBackEnd.h"
 
 #include <memory>
 #include <mutex>
@@ -9,14 +9,12 @@
 
 namespace Quovane::Internal::Qvtp {
 
-using Quovane::Io::NativeHandle;
-
-/// The pipes of this process by handle. A stale handle reaches nothing, since no value is used again.
+/// The table of handles. A stale one reaches nothing, since no value is used again.
 ///
-/// `Lock` is what the system offers for a short exclusion. `Numbering` has `NativeHandle next(const Object&)`, which
-/// gives the value for a new object. `Object` has `enter()`, which a running call makes before it uses the object.
+/// `Object` is the system's PipeObject, with `enter()`, `leave()` and `close()`. `Lock` is what the system offers for a
+/// short exclusion. `Numbering` has `NativeHandle next(const Object&)`, which gives the value for a new object.
 template <typename Object, typename Lock, typename Numbering>
-class HandleTable {
+class HandleTable final : public OpenHandles {
   public:
     NativeHandle add(std::shared_ptr<Object> object) {
         const std::lock_guard<Lock> guard(lock_);
@@ -25,8 +23,7 @@ class HandleTable {
         return handle;
     }
 
-    /// The object, entered. Null for a stale or invalid handle.
-    std::shared_ptr<Object> enter(NativeHandle handle) {
+    std::shared_ptr<Object> enter(NativeHandle handle) override {
         const std::lock_guard<Lock> guard(lock_);
         const auto found = objects_.find(handle);
         if (found == objects_.end()) return nullptr;
@@ -34,6 +31,15 @@ class HandleTable {
         return found->second;
     }
 
+    void leave(Object& object) override { object.leave(); }
+
+    void close(NativeHandle handle) override {
+        if (const auto object = remove(handle)) object->close();
+    }
+
+    Lock& lock() { return lock_; }
+
+  private:
     /// The object, which no call can enter any more. Null for a stale or invalid handle.
     std::shared_ptr<Object> remove(NativeHandle handle) {
         const std::lock_guard<Lock> guard(lock_);
@@ -44,9 +50,6 @@ class HandleTable {
         return object;
     }
 
-    Lock& lock() { return lock_; }
-
-  private:
     Lock lock_;  // guards the rest
     std::unordered_map<NativeHandle, std::shared_ptr<Object>> objects_;
     Numbering numbering_;

@@ -12,6 +12,19 @@ namespace Quovane::Internal::Qvtp {
 /// What a handle stands for. Each system has its own.
 class PipeObject;
 
+/// The pipes of this process by handle. A stale handle reaches nothing.
+class OpenHandles {
+  public:
+    /// A call begins: its object, null for a stale or invalid handle. leave() ends what this began.
+    virtual std::shared_ptr<PipeObject> enter(NativeHandle pipeHandle) = 0;
+    virtual void leave(PipeObject& object) = 0;
+    /// Makes the handle stale and closes its object. Takes no memory.
+    virtual void close(NativeHandle pipeHandle) = 0;
+
+  protected:
+    ~OpenHandles() = default;
+};
+
 /// What is different on each system. The routines of PipePlatform.h and ServerPipePlatform.h are written once over
 /// these functions. They return what the routine of that name returns, for an object that a running call has entered,
 /// and log what happens to the operation. They may throw std::bad_alloc; the routine reports it.
@@ -20,11 +33,7 @@ namespace BackEnd {
 /// How long an accept takes to fail for a reason that lasts, so that its caller's loop does not spin.
 inline constexpr int ACCEPT_PAUSE_MS = 100;
 
-/// The object of the handle, null for a stale or invalid one. leave() ends what enter() began.
-std::shared_ptr<PipeObject> enter(NativeHandle pipeHandle);
-void leave(PipeObject& object);
-/// Makes the handle stale and closes its object. Takes no memory.
-void close(NativeHandle pipeHandle);
+OpenHandles& handles();
 
 /// Both handles are invalid before. A result that is a failure leaves a pipe handle only where just the event could not
 /// be made.
@@ -51,9 +60,9 @@ bool hasClient(PipeObject& object);
 /// One running call on a pipe. False for a stale or invalid handle.
 class PipeCall {
   public:
-    explicit PipeCall(NativeHandle pipeHandle) : object_(BackEnd::enter(pipeHandle)) {}
+    explicit PipeCall(NativeHandle pipeHandle) : object_(BackEnd::handles().enter(pipeHandle)) {}
     ~PipeCall() {
-        if (object_ != nullptr) BackEnd::leave(*object_);
+        if (object_ != nullptr) BackEnd::handles().leave(*object_);
     }
     PipeCall(const PipeCall&) = delete;
     PipeCall& operator=(const PipeCall&) = delete;

@@ -3,8 +3,10 @@
 #include "common/System.h"
 #include "platform/LocalSocket_linux.h"
 #include "platform/PipeConnector_linux.h"
+#include "platform/PipeFailure.h"
 #include "platform/PipeLog.h"
 #include "platform/PipeObject_linux.h"
+#include "platform/Steps.h"
 #include "platform/SystemError_linux.h"
 
 #include <poll.h>
@@ -58,28 +60,23 @@ class Reading {
     Reading(PipeObject& object, char* buffer, std::size_t length) : object_(object), buffer_(buffer), length_(length) {}
 
     int run(int timeoutMs) {
-        const std::optional<int> result = begin();
-        return result ? *result : await(Deadline::after(timeoutMs));
+        return beginAndWait(
+            timeoutMs, [this] { return begin(); },
+            [this](const Deadline& deadline) { return complete(object_.wait(POLLIN, deadline)); });
     }
 
   private:
-    int await(const Deadline& deadline) {
-        std::optional<int> result;
-        while (!result) result = complete(object_.wait(POLLIN, deadline));
-        return *result;
-    }
-
     /// Nothing if it has to wait.
     std::optional<int> begin() {
         const int refused = object_.accessError(object_.readable);
-        if (refused != SystemError::NONE) return refuse(refused);
+        if (refused != SystemError::NONE) return PipeFailure::refuseRead(refused);
         const ssize_t count = receive(object_.socket.get(), buffer_, length_);
         const int error = errno;
         if (count > 0) return deliver(count);
         if (count == 0 && std::exchange(object_.endAwaited, false)) return 0;
         if (count < 0 && wouldBlock(error)) return std::nullopt;
         if (object_.isClosed()) return ReadResult::ABORTED;
-        return refuse(count == 0 ? SystemError::BROKEN_PIPE : SystemError::fromErrno(error));
+        return PipeFailure::refuseRead(count == 0 ? SystemError::BROKEN_PIPE : SystemError::fromErrno(error));
     }
 
     /// Nothing if the wait ended for another reason than this read.
@@ -95,22 +92,10 @@ class Reading {
         if (object_.isClosed() && count <= 0) return ReadResult::ABORTED;
         if (count >= 0) return deliver(count);
         if (wouldBlock(error)) return std::nullopt;
-        return fail(SystemError::fromErrno(error));
+        return PipeFailure::failRead(SystemError::fromErrno(error));
     }
 
     int deliver(ssize_t count) const { return length_ > 0 ? static_cast<int>(count) : 0; }
-
-    /// It failed at once.
-    static int refuse(int error) {
-        PipeLog::readRefused(error);
-        return ReadResult::FAILED;
-    }
-
-    /// It failed after a wait.
-    static int fail(int error) {
-        PipeLog::readFailed(error);
-        return ReadResult::FAILED;
-    }
 
     PipeObject& object_;
     char* const buffer_;
@@ -121,23 +106,14 @@ class Reading {
 class InputWait {
   public:
     explicit InputWait(PipeObject& object) : object_(object) {}
-    ~InputWait() { object_.endInputWait(); }
-    InputWait(const InputWait&) = delete;
-    InputWait& operator=(const InputWait&) = delete;
 
     int run(int timeoutMs) {
-        if (!object_.beginInputWait()) return InputResult::WOKEN;
-        const std::optional<int> result = begin();
-        return result ? *result : await(Deadline::after(timeoutMs));
+        return beginAndWait(
+            timeoutMs, [this] { return begin(); },
+            [this](const Deadline& deadline) { return complete(object_.wait(POLLIN, deadline)); });
     }
 
   private:
-    int await(const Deadline& deadline) {
-        std::optional<int> result;
-        while (!result) result = complete(object_.wait(POLLIN, deadline));
-        return *result;
-    }
-
     /// Nothing if it has to wait.
     std::optional<int> begin() { return look(std::exchange(object_.awaitedBefore, false)); }
 
@@ -181,9 +157,7 @@ class Writing {
           deadline_(Deadline::after(object.writeTimeoutMs)) {}
 
     int run() {
-        std::optional<int> result;
-        while (!result) result = step(ReaderPace::PIECE);
-        return *result;
+        return untilResult([this] { return step(ReaderPace::PIECE); });
     }
 
     /// Ends after the first progress.
@@ -195,7 +169,7 @@ class Writing {
     /// Up to `wholeSize` bytes leave in one piece or not at all. Nothing while there is more to write.
     std::optional<int> step(std::size_t wholeSize) {
         const int refused = object_.accessError(object_.writable);
-        if (refused != SystemError::NONE) return refuse(refused);
+        if (refused != SystemError::NONE) return PipeFailure::refuseWrite(refused);
         for (;;) {
             const ssize_t count = send(left() <= wholeSize ? left() : object_.pace.limit());
             const int error = errno;
@@ -272,19 +246,7 @@ class Writing {
             return WriteResult::BROKEN;
         }
         const int number = SystemError::fromErrno(error);
-        return pending_ ? fail(number) : refuse(number);
-    }
-
-    /// It failed at once.
-    static int refuse(int error) {
-        PipeLog::writeRefused(error);
-        return WriteResult::FAILED;
-    }
-
-    /// It failed after a wait, or after a part.
-    static int fail(int error) {
-        PipeLog::writeFailed(error);
-        return WriteResult::FAILED;
+        return pending_ ? PipeFailure::failWrite(number) : PipeFailure::refuseWrite(number);
     }
 
     PipeObject& object_;
@@ -299,16 +261,8 @@ class Writing {
 
 namespace BackEnd {
 
-std::shared_ptr<PipeObject> enter(NativeHandle pipeHandle) {
-    return pipeTable().enter(pipeHandle);
-}
-
-void leave(PipeObject& object) {
-    object.leave();
-}
-
-void close(NativeHandle pipeHandle) {
-    if (const auto object = pipeTable().remove(pipeHandle)) object->close();
+OpenHandles& handles() {
+    return pipeTable();
 }
 
 int connect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
@@ -349,7 +303,8 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
 
 int awaitInput(PipeObject& object, int timeoutMs) {
     if (object.accessError(object.readable) != SystemError::NONE) return InputResult::FAILED;
-    return InputWait(object).run(timeoutMs);
+    const InputWake::Scope<PipeObject> scope(object);
+    return scope.hasBegun() ? InputWait(object).run(timeoutMs) : InputResult::WOKEN;
 }
 
 void wake(PipeObject& object) {

@@ -2,8 +2,10 @@
 
 #include "platform/Deadline.h"
 #include "platform/Operation_win32.h"
+#include "platform/PipeFailure.h"
 #include "platform/PipeLog.h"
 #include "platform/PipeObject_win32.h"
+#include "platform/Steps.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -62,23 +64,18 @@ class Reading {
     int run(int timeoutMs) {
         if (!object_.unread.empty()) return deliverUnread();
         if (std::exchange(object_.endAwaited, false)) return 0;
-        const std::optional<int> result = begin();
-        return result ? *result : await(Deadline::after(timeoutMs));
+        return beginAndWait(
+            timeoutMs, [this] { return begin(); },
+            [this](const Deadline& deadline) { return complete(object_.wait(*operation_, deadline)); });
     }
 
   private:
-    int await(const Deadline& deadline) {
-        std::optional<int> result;
-        while (!result) result = complete(object_.wait(*operation_, deadline));
-        return *result;
-    }
-
     /// Nothing if it has to wait.
     std::optional<int> begin() {
         DWORD count = 0;
         const DWORD error = continueOrRead(count);
         if (error == ERROR_IO_PENDING) return std::nullopt;
-        return error == ERROR_SUCCESS ? deliver(count) : refuse(error);
+        return error == ERROR_SUCCESS ? deliver(count) : PipeFailure::refuseRead(error);
     }
 
     DWORD continueOrRead(DWORD& count) {
@@ -122,7 +119,7 @@ class Reading {
                 if (!closed) return begin();  // the thread that began it has ended
                 return ReadResult::ABORTED;
             default:
-                return fail(error);
+                return PipeFailure::failRead(error);
         }
     }
 
@@ -139,18 +136,6 @@ class Reading {
         return static_cast<int>(given);
     }
 
-    /// It failed at once.
-    static int refuse(DWORD error) {
-        PipeLog::readRefused(error);
-        return ReadResult::FAILED;
-    }
-
-    /// It failed after a wait.
-    static int fail(DWORD error) {
-        PipeLog::readFailed(error);
-        return ReadResult::FAILED;
-    }
-
     PipeObject& object_;
     char* const buffer_;
     const std::size_t length_;
@@ -162,26 +147,17 @@ class Reading {
 class InputWait {
   public:
     explicit InputWait(PipeObject& object) : object_(object) {}
-    ~InputWait() { object_.endInputWait(); }
-    InputWait(const InputWait&) = delete;
-    InputWait& operator=(const InputWait&) = delete;
 
     int run(int timeoutMs) {
-        if (!object_.beginInputWait()) return InputResult::WOKEN;
-        const std::optional<int> result = begin();
-        return result ? *result : await(Deadline::after(timeoutMs));
+        return beginAndWait(
+            timeoutMs, [this] { return begin(); },
+            [this](const Deadline& deadline) {
+                object_.renewWake();
+                return complete(object_.wait(*operation_, deadline));
+            });
     }
 
   private:
-    int await(const Deadline& deadline) {
-        std::optional<int> result;
-        while (!result) {
-            object_.renewWake();
-            result = complete(object_.wait(*operation_, deadline));
-        }
-        return *result;
-    }
-
     /// Nothing if it has to wait.
     std::optional<int> begin() {
         if (!object_.unread.empty() || object_.endAwaited) return InputResult::INPUT;
@@ -236,9 +212,7 @@ class Writing {
     Writing(PipeObject& object, const char* data, std::size_t length) : object_(object), data_(data), left_(length) {}
 
     int run() {
-        std::optional<int> result;
-        while (!result) result = step();
-        return *result;
+        return untilResult([this] { return step(); });
     }
 
     /// Ends after the first progress.
@@ -302,8 +276,7 @@ class Writing {
                 PipeLog::writeFoundBrokenPipe();
                 return WriteResult::BROKEN;
             default:
-                PipeLog::writeRefused(error);
-                return WriteResult::FAILED;
+                return PipeFailure::refuseWrite(error);
         }
     }
 
@@ -315,8 +288,7 @@ class Writing {
             case ERROR_BROKEN_PIPE:
                 return WriteResult::BROKEN;
             default:
-                PipeLog::writeFailed(error);
-                return WriteResult::FAILED;
+                return PipeFailure::failWrite(error);
         }
     }
 
@@ -329,16 +301,8 @@ class Writing {
 
 namespace BackEnd {
 
-std::shared_ptr<PipeObject> enter(NativeHandle pipeHandle) {
-    return pipeTable().enter(pipeHandle);
-}
-
-void leave(PipeObject& object) {
-    object.leave();
-}
-
-void close(NativeHandle pipeHandle) {
-    if (const auto object = pipeTable().remove(pipeHandle)) object->close();
+OpenHandles& handles() {
+    return pipeTable();
 }
 
 int connect(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
@@ -379,7 +343,8 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
 }
 
 int awaitInput(PipeObject& object, int timeoutMs) {
-    return InputWait(object).run(timeoutMs);
+    const InputWake::Scope<PipeObject> scope(object);
+    return scope.hasBegun() ? InputWait(object).run(timeoutMs) : InputResult::WOKEN;
 }
 
 void wake(PipeObject& object) {

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <mutex>
-#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -41,24 +40,15 @@ LocalSocket::WaitResult PipeObject::wait(short events, const Deadline& deadline)
     return LocalSocket::wait(socket.get(), events, event.get(), deadline);
 }
 
-bool PipeObject::beginInputWait() {
-    const std::lock_guard<std::mutex> guard(wakeMutex_);
-    if (std::exchange(woken_, false)) return false;
-    awaitingInput_ = true;
-    return true;
-}
-
 void PipeObject::endInputWait() {
-    const std::lock_guard<std::mutex> guard(wakeMutex_);
-    if (!std::exchange(awaitingInput_, false) || !std::exchange(woken_, false)) return;
-    event.unsignal();
-    if (closed) event.signal();  // that may have been taken back as well
+    wake_.end([this] {
+        event.unsignal();
+        if (closed) event.signal();  // that may have been taken back as well
+    });
 }
 
 void PipeObject::wakeInputWait() {
-    const std::lock_guard<std::mutex> guard(wakeMutex_);
-    woken_ = true;
-    if (awaitingInput_) event.signal();
+    wake_.wake([this] { event.signal(); });
 }
 
 namespace {

@@ -3,6 +3,7 @@
 #include "platform/Deadline.h"
 #include "platform/Descriptor_linux.h"
 #include "platform/HandleTable.h"
+#include "platform/InputWake.h"
 #include "platform/LocalSocket_linux.h"
 #include "platform/PipeBackEnd.h"
 #include "platform/ReaderPace_linux.h"
@@ -58,17 +59,14 @@ class PipeObject {
     bool awaitedBefore = false;  // a wait for input has ended without any; its thread waits on
     bool endAwaited = false;     // the end came during a wait for input; for the thread that reads
 
-    // A wait for input, which another thread may end without closing. The event is signalled for that only while such
-    // a wait is running, and is reset when it ends: no other call ever finds it so.
+    // A wait for input, which another thread may end without closing (InputWake.h).
     /// False if the wait was woken before it began.
-    bool beginInputWait();
+    bool beginInputWait() { return wake_.begin(); }
     void endInputWait();
     void wakeInputWait();
 
   private:
-    std::mutex wakeMutex_;  // guards the next two
-    bool woken_ = false;
-    bool awaitingInput_ = false;
+    InputWake wake_;
 };
 
 /// Values count up, by more than one: the value after a pipe's is that of its event.

@@ -121,27 +121,16 @@ void PipeObject::keep(std::unique_ptr<Operation> operation) {
     }
 }
 
-bool PipeObject::beginInputWait() {
-    const std::lock_guard<std::mutex> guard(wakeMutex_);
-    if (std::exchange(woken_, false)) return false;
-    awaitingInput_ = true;
-    return true;
-}
-
 void PipeObject::endInputWait() {
-    const std::lock_guard<std::mutex> guard(wakeMutex_);
-    if (std::exchange(awaitingInput_, false) && std::exchange(woken_, false)) ::ResetEvent(event_);
+    wake_.end([this] { ::ResetEvent(event_); });
 }
 
 void PipeObject::renewWake() {
-    const std::lock_guard<std::mutex> guard(wakeMutex_);
-    if (woken_) ::SetEvent(event_);
+    wake_.renew([this] { ::SetEvent(event_); });
 }
 
 void PipeObject::wakeInputWait() {
-    const std::lock_guard<std::mutex> guard(wakeMutex_);
-    woken_ = true;
-    if (awaitingInput_) ::SetEvent(event_);
+    wake_.wake([this] { ::SetEvent(event_); });
 }
 
 NativeHandle NumberedHandles::next(const PipeObject& object) {

@@ -2,6 +2,7 @@
 
 #include "platform/Deadline.h"
 #include "platform/HandleTable.h"
+#include "platform/InputWake.h"
 #include "platform/Operation_win32.h"
 #include "platform/PipeBackEnd.h"
 
@@ -57,10 +58,9 @@ class PipeObject {
     std::string unread;       // bytes that came for an earlier, larger read
     bool endAwaited = false;  // the end came during a wait for input
 
-    // A wait for input, which another thread may end without closing. The event is signalled for that only while such
-    // a wait is running, and is reset when it ends: no other call ever finds it so.
+    // A wait for input, which another thread may end without closing (InputWake.h).
     /// False if the wait was woken before it began.
-    bool beginInputWait();
+    bool beginInputWait() { return wake_.begin(); }
     void endInputWait();
     void wakeInputWait();
     /// After an operation has begun, which resets the event: signals it again if the wait was woken meanwhile.
@@ -78,9 +78,7 @@ class PipeObject {
     std::condition_variable left_;  // the last call has ended
     bool abandoned_ = false;        // a close could not wait any longer: the last call releases
     std::vector<std::unique_ptr<Operation>> kept_;
-    std::mutex wakeMutex_;  // guards the next two
-    bool woken_ = false;
-    bool awaitingInput_ = false;
+    InputWake wake_;
 };
 
 /// When a process ends and its threads have disappeared, one of them with this lock held, the system ends the process

@@ -1,6 +1,7 @@
 #include "platform/PipePlatform.h"
 
 #include "platform/PipeBackEnd.h"
+#include "platform/PipeFailure.h"
 #include "platform/PipeLog.h"
 #include "platform/SystemError.h"
 
@@ -9,16 +10,6 @@
 namespace Quovane::Internal::Qvtp {
 
 namespace {
-
-int refuseRead(int error) {
-    PipeLog::readRefused(error);
-    return ReadResult::FAILED;
-}
-
-int refuseWrite(int error) {
-    PipeLog::writeRefused(error);
-    return WriteResult::FAILED;
-}
 
 int connectTo(const std::string& path, bool readable, bool writable, int timeoutMs, NativeHandle& pipeHandle,
               NativeHandle& eventHandle) try {
@@ -42,19 +33,19 @@ int platformConnect(const std::string& path, bool readable, bool writable, int t
 
 int platformRead(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs) try {
     const PipeCall call(pipeHandle);
-    if (!call) return refuseRead(SystemError::INVALID_HANDLE);
+    if (!call) return PipeFailure::refuseRead(SystemError::INVALID_HANDLE);
     return BackEnd::read(call.object(), buffer, length > 0 ? static_cast<std::size_t>(length) : 0, timeoutMs);
 } catch (const std::bad_alloc&) {
-    return refuseRead(SystemError::NOT_ENOUGH_MEMORY);
+    return PipeFailure::refuseRead(SystemError::NOT_ENOUGH_MEMORY);
 }
 
 int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int length) try {
     if (length <= 0) return WriteResult::WRITTEN;
     const PipeCall call(pipeHandle);
-    if (!call) return refuseWrite(SystemError::INVALID_HANDLE);
+    if (!call) return PipeFailure::refuseWrite(SystemError::INVALID_HANDLE);
     return BackEnd::write(call.object(), data, static_cast<std::size_t>(length));
 } catch (const std::bad_alloc&) {
-    return refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
+    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
 }
 
 int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, std::size_t firstLength,
@@ -62,10 +53,10 @@ int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, 
     written = 0;
     if (firstLength + secondLength == 0) return WriteResult::WRITTEN;
     const PipeCall call(pipeHandle);
-    if (!call) return refuseWrite(SystemError::INVALID_HANDLE);
+    if (!call) return PipeFailure::refuseWrite(SystemError::INVALID_HANDLE);
     return BackEnd::writeSome(call.object(), first, firstLength, second, secondLength, written);
 } catch (const std::bad_alloc&) {
-    return refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
+    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
 }
 
 int platformAwaitInput(NativeHandle pipeHandle, NativeHandle, int timeoutMs) try {
@@ -101,7 +92,7 @@ bool platformPeerHasClosed(NativeHandle pipeHandle) try {
 
 void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle) {
     PipeLog::pipeCloses(pipeHandle, eventHandle);
-    BackEnd::close(pipeHandle);
+    BackEnd::handles().close(pipeHandle);
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -70,7 +70,7 @@ bool platformHasClient(NativeHandle pipeHandle) {
 
 void platformCloseServer(NativeHandle pipeHandle, NativeHandle eventHandle) {
     PipeLog::instanceCloses(pipeHandle, eventHandle);
-    BackEnd::close(pipeHandle);
+    BackEnd::handles().close(pipeHandle);
 }
 
 }  // namespace Quovane::Internal::Qvtp
