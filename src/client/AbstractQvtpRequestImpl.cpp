@@ -128,7 +128,7 @@ std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::
     }
     prepare();
     if (!message_.sendWhole(pipe_->getOutputStream())) sendThroughStream();
-    if (mode_.find('r') != std::string::npos) {
+    if (isAnswered()) {
         return std::make_unique<QvtpResponse>(client_, pipe_->getInputStream());
     }
     exchangeComplete_ = true;
@@ -138,7 +138,7 @@ std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::
 void AbstractQvtpRequestImpl::prepare() {
     bodyOut_.reset();
     dropPipe();
-    checkBodyPresent();
+    checkBodyPresent();  // again: the manager, which may be the application's, has been called
     pipe_ = client_->getManager()->getPipe(pipeName_, mode_);
     processId_ = System::currentProcessId();
     announcesBody_ = message_.announcesBody(bodyStream_ != nullptr);
@@ -222,11 +222,7 @@ bool AbstractQvtpRequestImpl::finishResponse() {
         std::istream in(&buffer);
         in.exceptions(std::ios_base::badbit);
         responseBody_->readFrom(&in);
-        std::uint64_t budget = MAX_SKIPPED_BYTES;
-        while (!responseBody_->isComplete()) {
-            if (!responseBody_->skipSome(budget)) return false;
-        }
-        return true;
+        return responseBody_->skipRest(MAX_SKIPPED_BYTES);
     } catch (...) {
         return false;  // the pipe failed, and is closed for it
     }

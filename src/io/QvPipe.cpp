@@ -2,13 +2,13 @@
 
 #include <qvtp/io/BrokenPipeException.h>
 #include <qvtp/io/ConnectException.h>
-#include <qvtp/io/IllegalArgumentException.h>
 #include <qvtp/io/IllegalStateException.h>
 #include <qvtp/io/InterruptedException.h>
 #include <qvtp/io/PipeBufferBase.h>
 #include <qvtp/io/TimeoutException.h>
 
 #include "common/MessageSink.h"
+#include "io/BindCheck.h"
 #include "io/PipeControl.h"
 #include "platform/PipePlatform.h"
 
@@ -184,8 +184,7 @@ void QvPipe::orphan(const std::shared_ptr<Stream>& stream) {
 }
 
 void QvPipe::bind(const std::string& name, bool readable, bool writable) {
-    if (!readable && !writable) throw IllegalArgumentException("Pipe must be readable or writable.");
-    if (isBound()) throw IllegalStateException("Pipe is already bound.");
+    checkBind(readable, writable, isBound());
     name_ = name;
     readable_ = readable;
     writable_ = writable;

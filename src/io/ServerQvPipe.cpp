@@ -1,12 +1,12 @@
 #include <qvtp/io/ServerQvPipe.h>
 
 #include <qvtp/io/BindException.h>
-#include <qvtp/io/IllegalArgumentException.h>
 #include <qvtp/io/IllegalStateException.h>
 #include <qvtp/io/InterruptedException.h>
 #include <qvtp/io/TimeoutException.h>
 
 #include "common/System.h"
+#include "io/BindCheck.h"
 #include "logging/Log.h"
 #include "platform/ServerPipePlatform.h"
 
@@ -73,8 +73,7 @@ ServerQvPipe::~ServerQvPipe() {
 }
 
 void ServerQvPipe::bind(const std::string& name, bool readable, bool writable) {
-    if (!readable && !writable) throw IllegalArgumentException("Pipe must be readable or writable.");
-    if (isBound()) throw IllegalStateException("Pipe is already bound.");
+    checkBind(readable, writable, isBound());
     name_ = name;
     readable_ = readable;
     writable_ = writable;

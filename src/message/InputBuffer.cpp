@@ -123,4 +123,11 @@ bool InputBuffer::skipSome(std::uint64_t& budget) {
     return true;
 }
 
+bool InputBuffer::skipRest(std::uint64_t budget) {
+    while (!isComplete()) {
+        if (!skipSome(budget)) return false;
+    }
+    return true;
+}
+
 }  // namespace Quovane::Internal::Qvtp

@@ -40,6 +40,9 @@ class InputBuffer {
     /// than `budget`, which it reduces, or if the body ended too early.
     bool skipSome(std::uint64_t& budget);
 
+    /// Does so until the stream stands after the body.
+    bool skipRest(std::uint64_t budget);
+
     /// Goes on with another stream over the same bytes. It is not owned.
     void readFrom(std::istream* stream) { stream_ = stream; }
 

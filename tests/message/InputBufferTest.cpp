@@ -349,6 +349,18 @@ TEST(InputBufferSkipSome, GivesUpOnAMalformedChunk) {
     EXPECT_EQ(budget, 100U);
 }
 
+TEST(InputBufferSkipRest, StandsAfterABodyOfAsManyPiecesAsItHas) {
+    Body body(100000, std::string(100000, 'x') + "NEXT");
+    EXPECT_TRUE(body.input().skipRest(100000));
+    EXPECT_EQ(body.left(), "NEXT");
+    EXPECT_TRUE(body.input().skipRest(0));
+}
+
+TEST(InputBufferSkipRest, GivesUpWhereItsBudgetEnds) {
+    Body body(CHUNKED, "5\r\nhello\r\n5\r\nhello\r\n0\r\n\r\n");
+    EXPECT_FALSE(body.input().skipRest(9));
+}
+
 TEST(InputBufferDetach, EndsTheBodyAndLeavesTheStreamAlone) {
     Body body(10, "0123456789");
     body.read(3);
