@@ -18,6 +18,8 @@ namespace Quovane::Internal::Qvtp {
 using Quovane::Qvtp::CommunicationLevel;
 using Quovane::Qvtp::LoggingLevel;
 
+// Log calls test the level themselves. The level and its four tests are for code that prepares more than a message; not
+// all of them have a caller in the library today.
 LoggingLevel loggingLevel();
 bool isEnabled(LoggingLevel level);
 void log(LoggingLevel level, const std::string& message);

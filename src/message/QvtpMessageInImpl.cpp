@@ -129,7 +129,8 @@ void QvtpMessageInImpl::readBody(Source& body, char** data, size_t& length) {
     } else if (isChunked()) {
         length = StreamUtil::readToEnd(body, data);
     } else {
-        // The text names a request also for a response: callers match it.
+        // Reading the head has refused such a message; a body without framing is never given all the same. The text
+        // names a request also for a response: callers match it.
         throw QvPipeException("The QVTP Request Message does not have a Content-Length or Transfer-Encoding header",
                               NO_LENGTH);
     }
