@@ -35,6 +35,14 @@ TEST_F(AcceptContract, WaitsForAClient) {
                                       "DEBUG ServerQvPipe_acceptPipe retval = 0"));
 }
 
+TEST_F(AcceptContract, SeesAClientThatWaitsForTheAcceptWhereTheSystemShowsIt) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    EXPECT_FALSE(platform::platformHasClient(server.pipe));
+    ASSERT_EQ(connect(client), 0);
+    EXPECT_EQ(platform::platformHasClient(server.pipe), backend::showsWaitingClients());
+}
+
 TEST_F(AcceptContract, LeavesTheInstanceWaitingAfterATimeout) {
     End server, client;
     ASSERT_EQ(create(server), 0);

@@ -20,6 +20,10 @@ bool renewsWriteTimeOnProgress();
 bool deliversTimedOutWrites();
 /// Whether the reading of a connection can be ended on its own, so that the peer's next write breaks.
 bool closesHalfOfAPipe();
+/// Whether a wait for input finds out by itself that its handle does not read.
+bool knowsDirectionOfWaits();
+/// Whether a client that has connected, and waits for the accept, can be seen.
+bool showsWaitingClients();
 /// Whether accepts, reads and writes take memory, and may fail for want of it.
 bool needsMemoryToTransfer();
 /// Whether "a" and "a." and "a/../b" are three names.

@@ -34,6 +34,14 @@ bool closesHalfOfAPipe() {
     return true;
 }
 
+bool knowsDirectionOfWaits() {
+    return true;
+}
+
+bool showsWaitingClients() {
+    return true;
+}
+
 bool needsMemoryToTransfer() {
     return false;
 }

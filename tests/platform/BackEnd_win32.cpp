@@ -135,6 +135,14 @@ bool closesHalfOfAPipe() {
     return false;
 }
 
+bool knowsDirectionOfWaits() {
+    return false;
+}
+
+bool showsWaitingClients() {
+    return false;
+}
+
 bool needsMemoryToTransfer() {
     return true;
 }

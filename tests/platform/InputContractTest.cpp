@@ -142,6 +142,16 @@ TEST_F(InputContract, IsAbortedByACloseAlsoWhenItIsWokenAtTheSameTime) {
     }
 }
 
+TEST_F(InputContract, FailsOrLeavesItToTheReadOnAHandleThatDoesNotRead) {
+    client.close();
+    End next;
+    ASSERT_EQ(createNext(next), 0);
+    ASSERT_EQ(connect(client, 2000, false, true), 0);
+    EXPECT_EQ(awaitInput(client, 100), backend::knowsDirectionOfWaits() ? InputResult::FAILED : InputResult::INPUT);
+    char byte = 0;
+    EXPECT_EQ(platform::platformRead(client.pipe, client.event, &byte, 1, 100), ReadResult::FAILED);
+}
+
 TEST_F(InputContract, FailsOnAClosedHandle) {
     const auto pipe = server.pipe;
     server.close();
