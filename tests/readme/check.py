@@ -3,8 +3,9 @@
 
     check.py --build-dir DIR --work-dir DIR --readme FILE --compiler PROGRAM [--flags FLAGS]
 
-The first block of C++ is the server, the second the client; the block of CMake and the lines of the compiler build them.
-The blocks that follow the client are what it prints with the server and without it.
+The blocks of C++ are a server, a client, and a main() for the same server that can be stopped. The block of CMake and
+the lines of the compiler build them. The block that begins with "failed: " is what the client prints without the server,
+the one before it what it prints with it.
 """
 
 import argparse
@@ -19,6 +20,8 @@ import time
 
 DEADLINE_S = 60
 FAILED = re.compile(r"^failed: ")
+MAIN = "int main()"
+CANNOT_SERVE = "failed: the name cannot be served\n"
 
 
 def fail(text):
@@ -33,16 +36,23 @@ def blocks_of(text):
 class Readme:
     def __init__(self, file):
         blocks = blocks_of(file.read_text(encoding="utf-8"))
-        programs = [index for index, (language, _) in enumerate(blocks) if language == "cpp"]
-        if len(programs) != 2:
-            fail(f"{len(programs)} blocks of C++ instead of a server and a client")
-        self.server, self.client = (blocks[index][1] for index in programs)
-        after = [body for language, body in blocks[programs[1] + 1:] if language == ""]
-        self.answer, self.failure = after[0], after[1]
-        if FAILED.match(self.answer) or not FAILED.match(self.failure):
-            fail("the client is not followed by what it prints with the server and without it")
+        programs = [body for language, body in blocks if language == "cpp"]
+        if len(programs) != 3:
+            fail(f"{len(programs)} blocks of C++ instead of a server, a client and a main()")
+        self.server, self.client, stoppable = programs
+        if self.server.count(MAIN) != 1 or stoppable.count(MAIN) != 1:
+            fail(f"{MAIN} does not stand once in each server")
+        self.stoppable = self.server.split(MAIN)[0] + stoppable
+        plain = [body for language, body in blocks if language == ""]
+        failures = [index for index, body in enumerate(plain) if FAILED.match(body)]
+        if len(failures) != 1 or failures[0] == 0:
+            fail("what the client prints with the server and without it does not stand there once")
+        self.answer, self.failure = plain[failures[0] - 1], plain[failures[0]]
         self.cmake = self.only(blocks, "cmake")
-        self.shell = self.only(blocks, "sh")
+        lines = self.only(blocks, "sh").splitlines()
+        self.shell = "\n".join(line for line in lines if line.startswith("c++ "))
+        if self.shell.count("\n") != 1:
+            fail("the block of sh has not one line of the compiler for each program")
 
     @staticmethod
     def only(blocks, wanted):
@@ -88,21 +98,48 @@ def expect(what, expected, actual):
         fail(f"{what}: expected {expected!r}, was {actual!r}")
 
 
-def try_programs(folder, readme):
-    expect("the client without the server", (1, "", readme.failure), outcome_of(folder / "client"))
-    server = subprocess.Popen([str(folder / "server")], stdin=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    try:
-        answered = (0, readme.answer, "")
+def start(server):
+    return subprocess.Popen([str(server)], stdin=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+
+def try_client(folder, readme, server):
+    """The client with a server that has just started."""
+    answered = (0, readme.answer, "")
+    actual = outcome_of(folder / "client")
+    end = time.monotonic() + DEADLINE_S
+    while actual[0] == 1 and time.monotonic() < end and server.poll() is None:  # it has not taken its name yet
+        time.sleep(0.01)
         actual = outcome_of(folder / "client")
-        end = time.monotonic() + DEADLINE_S
-        while actual[0] == 1 and time.monotonic() < end and server.poll() is None:  # it has not taken its name yet
-            time.sleep(0.01)
-            actual = outcome_of(folder / "client")
-        expect("the client", answered, actual)
-        expect("the client once more", answered, outcome_of(folder / "client"))
-        second = subprocess.run([str(folder / "server")], input="\n", capture_output=True, text=True,
-                                timeout=DEADLINE_S, check=False)
-        expect("a second server", (1, "failed: the name cannot be served\n"), (second.returncode, second.stderr))
+    expect("the client", answered, actual)
+    expect("the client once more", answered, outcome_of(folder / "client"))
+
+
+def try_second_server(folder, text):
+    second = subprocess.run([str(folder / "server")], input="\n", capture_output=True, text=True, timeout=DEADLINE_S,
+                            check=False)
+    expect("a second server", (1, text), (second.returncode, second.stderr))
+
+
+def try_programs(folder, readme):
+    """The server that runs until it is killed."""
+    expect("the client without the server", (1, "", readme.failure), outcome_of(folder / "client"))
+    server = start(folder / "server")
+    try:
+        try_client(folder, readme, server)
+        try_second_server(folder, "")
+        expect("the server still runs", None, server.poll())
+    finally:
+        server.kill()
+        _, errors = server.communicate(timeout=DEADLINE_S)
+    expect("what the server printed", "", errors)
+    expect("the client after the server", (1, "", readme.failure), outcome_of(folder / "client"))
+
+
+def try_stoppable(folder, readme):
+    server = start(folder / "server")
+    try:
+        try_client(folder, readme, server)
+        try_second_server(folder, CANNOT_SERVE)
         _, errors = server.communicate("\n", timeout=DEADLINE_S)
         expect("the end of the server", (0, ""), (server.returncode, errors))
     finally:
@@ -112,6 +149,18 @@ def try_programs(folder, readme):
     expect("the client after the server", (1, "", readme.failure), outcome_of(folder / "client"))
     for _ in range(20):  # the input ends before run() accepts
         subprocess.run([str(folder / "server")], stdin=subprocess.DEVNULL, timeout=DEADLINE_S, check=True)
+
+
+def build_with_cmake(folder, readme, server, prefix, arguments):
+    """The folder of the programs."""
+    folder.mkdir(parents=True, exist_ok=True)
+    for name, content in (("server.cpp", server), ("client.cpp", readme.client), ("CMakeLists.txt", readme.cmake)):
+        (folder / name).write_text(content, encoding="utf-8")
+    warnings = f"{arguments.flags} -Wall -Wextra -Wpedantic -Werror"
+    run(["cmake", "-B", "build", "-G", "Ninja", "-D", f"CMAKE_PREFIX_PATH={prefix}",
+         "-D", f"CMAKE_CXX_COMPILER={arguments.compiler}", "-D", f"CMAKE_CXX_FLAGS={warnings}"], cwd=folder)
+    run(["cmake", "--build", "build"], cwd=folder)
+    return folder / "build"
 
 
 def main():
@@ -127,17 +176,11 @@ def main():
     work = arguments.work_dir
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir(parents=True)
-    for name, content in (("server.cpp", readme.server), ("client.cpp", readme.client),
-                          ("CMakeLists.txt", readme.cmake)):
-        (work / name).write_text(content, encoding="utf-8")
     package = install(arguments.build_dir, work / "prefix")
     os.environ["QVTP_PIPE_DIR"] = str(work / "pipes")
 
-    warnings = f"{arguments.flags} -Wall -Wextra -Wpedantic -Werror"
-    run(["cmake", "-B", "build", "-G", "Ninja", "-D", f"CMAKE_PREFIX_PATH={work / 'prefix'}",
-         "-D", f"CMAKE_CXX_COMPILER={arguments.compiler}", "-D", f"CMAKE_CXX_FLAGS={warnings}"], cwd=work)
-    run(["cmake", "--build", "build"], cwd=work)
-    try_programs(work / "build", readme)
+    try_programs(build_with_cmake(work, readme, readme.server, work / "prefix", arguments), readme)
+    try_stoppable(build_with_cmake(work / "stoppable", readme, readme.stoppable, work / "prefix", arguments), readme)
 
     if shutil.which("pkg-config") is None:
         fail("there is no pkg-config")
@@ -146,7 +189,7 @@ def main():
     run(["sh", "-e", "-c", readme.shell], cwd=work, env=environment)
     os.environ["LD_LIBRARY_PATH"] = str(package.parent)
     try_programs(work, readme)
-    print("readme: server and client are built and run as README.md says")
+    print("readme: servers and client are built and run as README.md says")
 
 
 if __name__ == "__main__":
