@@ -2,6 +2,7 @@
 #include <qvtp/io/ServerQvPipe.h>
 
 #include "platform/PipeContract.h"
+#include "support/Child.h"
 #include "support/Thrown.h"
 
 #include <sys/resource.h>
@@ -11,6 +12,7 @@
 #include <deque>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace qvtp_test {
@@ -96,29 +98,24 @@ class FewDescriptors : public DescriptorShortage, public ::testing::WithParamInt
 
     /// The clients' process ends with the number of those that got no answer.
     void startClients() {
-        child = ::fork();
-        if (child != 0) return;
-        int failures = 0;
-        std::deque<QvPipe> clients;
-        for (int i = 0; i < CLIENTS; ++i) {
-            QvPipe& client = clients.emplace_back();
-            const std::string thrown = thrownBy([&] {
-                client.setConnectTimeout(20000);
-                client.connect(name, true, true);
-                char byte = '?';
-                client.writePipe(&byte, 0, 1);
-                if (client.readPipe(&byte, 0, 1, 20000) != 1 || byte != '!') ++failures;
-            });
-            if (thrown != "nothing") ++failures;
-        }
-        ::_exit(failures);
+        child = startChild([this] {
+            int failures = 0;
+            std::deque<QvPipe> clients;
+            for (int i = 0; i < CLIENTS; ++i) {
+                QvPipe& client = clients.emplace_back();
+                const std::string thrown = thrownBy([&] {
+                    client.setConnectTimeout(20000);
+                    client.connect(name, true, true);
+                    char byte = '?';
+                    client.writePipe(&byte, 0, 1);
+                    if (client.readPipe(&byte, 0, 1, 20000) != 1 || byte != '!') ++failures;
+                });
+                if (thrown != "nothing") ++failures;
+            }
+            return failures;
+        });
     }
-    int failedClients() {
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        child = 0;
-        return WEXITSTATUS(status);
-    }
+    int failedClients() { return resultOf(std::exchange(child, 0)); }
     static void answer(QvPipe& pipe) {
         char byte = 0;
         ASSERT_EQ(pipe.readPipe(&byte, 0, 1, 5000), 1);

@@ -2,13 +2,10 @@
 #include <qvtp/io/ServerQvPipe.h>
 
 #include "platform/PipeContract.h"
+#include "support/Child.h"
 #include "support/Thrown.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <csignal>
 #include <thread>
 
 namespace qvtp_test {
@@ -20,25 +17,12 @@ using Quovane::Io::ServerQvPipe;
 /// What a forked child does with the pipes that it inherits.
 class ForkedChild : public PipeContract {};
 
-/// Runs an action in a forked child and returns its exit code. A child that hangs is ended.
-template <typename Action>
-int inChild(const Action& action) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(20);
-        ::_exit(action());
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
 TEST_F(ForkedChild, TakesNoClientOfItsParent) {
     End server, client;
     ASSERT_EQ(create(server), 0);
     ASSERT_EQ(connect(client), 0);
     LogCapture log(LogCapture::LoggingLevel::ERROR);
-    EXPECT_EQ(inChild([&] { return accept(server, 1000); }), AcceptResult::CONNECT_ERROR);
+    EXPECT_EQ(resultInChild([&] { return accept(server, 1000); }), AcceptResult::CONNECT_ERROR);
     EXPECT_THAT(log.messages(), ElementsAre("ERROR Connect error: 6"));
     ASSERT_EQ(accept(server), AcceptResult::CONNECTED);
     ASSERT_EQ(write(client, "to the parent"), 0);
@@ -48,7 +32,7 @@ TEST_F(ForkedChild, TakesNoClientOfItsParent) {
 TEST_F(ForkedChild, CreatesNoInstanceOfItsParentsName) {
     End server, client;
     ASSERT_EQ(create(server), 0);
-    EXPECT_EQ(inChild([&] {
+    EXPECT_EQ(resultInChild([&] {
                   End next;
                   return platform::platformCreateNextInstance(server.pipe, path(), true, true, next.pipe, next.event);
               }),
@@ -60,7 +44,7 @@ TEST_F(ForkedChild, CreatesNoInstanceOfItsParentsName) {
 TEST_F(ForkedChild, ServesANameOfItsOwn) {
     End server, client;
     ASSERT_EQ(create(server), 0);
-    EXPECT_EQ(inChild([&] {
+    EXPECT_EQ(resultInChild([&] {
                   End own, ownClient;
                   const std::string other = name + "-child";
                   if (createNamed(own, other) != 0) return 1;
@@ -76,7 +60,7 @@ TEST_F(ForkedChild, HasAServerPipeThatDoesNoHarmToTheParents) {
     ServerQvPipe server(name, true, true);
     server.setAcceptTimeout(2000);
     QvPipe client(name, true, true);
-    EXPECT_EQ(inChild([&] {
+    EXPECT_EQ(resultInChild([&] {
                   const bool isRefused = thrownBy([&] { server.accept(); }) == "QvPipeException: acceptPipe failed";
                   server.close();
                   return isRefused ? 0 : 1;
@@ -105,12 +89,13 @@ TEST_F(ForkedChild, ClosesWhateverOtherThreadsWereDoing) {
     }
     int hung = 0;
     for (int i = 0; i < 200 && hung == 0; ++i) {
-        hung += inChild([&] {
-                    client.close();
-                    server.close();
-                    End own;
-                    return createNamed(own, name + "-child");
-                }) != 0;
+        const int child = startChildAtOnce([&] {
+            client.close();
+            server.close();
+            End own;
+            return createNamed(own, name + "-child");
+        });
+        hung += resultOf(child) != 0;
     }
     done = true;
     for (std::thread& thread : threads) thread.join();

@@ -4,6 +4,7 @@
 #include "common/System.h"
 #include "platform/PipeAddress_linux.h"
 #include "platform/PipeContract.h"
+#include "support/Child.h"
 #include "support/Thrown.h"
 
 #include <dirent.h>
@@ -244,25 +245,15 @@ TEST_F(PipeFiles, MakeAClientWaitForAServerThatHasLockedButDoesNotListenYet) {
 
 // ---- Processes ----
 
-/// Runs an action in a forked child and returns its exit code.
-template <typename Action>
-int inChild(const Action& action) {
-    const pid_t child = ::fork();
-    if (child == 0) ::_exit(action());
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
 TEST_F(PipeFiles, KeepASecondProcessFromServingTheName) {
     End server;
     ASSERT_EQ(create(server), 0);
-    EXPECT_EQ(inChild([&] {
+    EXPECT_EQ(resultInChild([&] {
                   End other;
                   return create(other);
               }),
               5);
-    EXPECT_EQ(inChild([&] {
+    EXPECT_EQ(resultInChild([&] {
                   End other;
                   return create(other, true, true, false);
               }),
@@ -272,13 +263,12 @@ TEST_F(PipeFiles, KeepASecondProcessFromServingTheName) {
 TEST_F(PipeFiles, LetTheNextServerInAfterAKill) {
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const pid_t child = startChild([&] {
         End server;
         const char result = create(server) == 0 ? '+' : '-';
         if (::write(ready[1], &result, 1) != 1) ::_exit(1);
-        ::pause();
-    }
+        return ::pause();
+    });
     char result = 0;
     ASSERT_EQ(::read(ready[0], &result, 1), 1);
     ASSERT_EQ(result, '+');
@@ -301,18 +291,15 @@ TEST_F(PipeFiles, LetOneOfManyProcessesWin) {
         ASSERT_EQ(::pipe(done), 0);
         std::vector<pid_t> children;
         for (int i = 0; i < PROCESSES; ++i) {
-            const pid_t child = ::fork();
-            if (child != 0) {
-                children.push_back(child);
-                continue;
-            }
-            char byte = 0;
-            ::close(go[1]);
-            if (::read(go[0], &byte, 1) != 0) ::_exit(9);
-            End server;
-            const char result = create(server) == 0 ? 'w' : 'l';
-            if (::write(done[1], &result, 1) != 1) ::_exit(9);
-            ::pause();
+            children.push_back(startChild([&] {
+                char byte = 0;
+                ::close(go[1]);
+                if (::read(go[0], &byte, 1) != 0) ::_exit(9);
+                End server;
+                const char result = create(server) == 0 ? 'w' : 'l';
+                if (::write(done[1], &result, 1) != 1) ::_exit(9);
+                return ::pause();
+            }));
         }
         ::close(go[0]);
         ::close(go[1]);  // they all start now
@@ -337,7 +324,7 @@ TEST_F(PipeFiles, LetAForkedChildCloseWithoutHarmToTheParent) {
     pair(server, client);
     End next;
     ASSERT_EQ(createNext(next), 0);
-    EXPECT_EQ(inChild([&] {
+    EXPECT_EQ(resultInChild([&] {
                   server.close();
                   client.close();
                   next.close();
@@ -355,12 +342,11 @@ TEST_F(PipeFiles, GiveTheNameAwayWhenTheParentClosesAlthoughAChildLives) {
     pair(server, client);
     int hold[2];
     ASSERT_EQ(::pipe(hold), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const pid_t child = startChild([&] {
         char byte = 0;
         ::close(hold[1]);
-        ::_exit(::read(hold[0], &byte, 1) == 0 ? 0 : 1);
-    }
+        return ::read(hold[0], &byte, 1) == 0 ? 0 : 1;
+    });
     server.close();
     EXPECT_EQ(readText(client), "-3");
     End again;

@@ -34,6 +34,10 @@ bool othersSleep() {
 int startChild(const std::function<int()>& action) {
     // A thread that is just allocating would leave the lock of a sanitizer's allocator taken in the child.
     eventually(othersSleep);
+    return startChildAtOnce(action);
+}
+
+int startChildAtOnce(const std::function<int()>& action) {
     const pid_t child = ::fork();
     if (child != 0) return child;
     ::alarm(60);
