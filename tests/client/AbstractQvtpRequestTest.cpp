@@ -9,7 +9,7 @@ namespace {
 using Quovane::Qvtp::AbstractQvtpRequest;
 using qvtp_test::virtualSlot;
 
-TEST(AbstractQvtpRequest, AddsItsOperationsBehindThoseOfAMessageInAFixedOrder) {
+TEST(AbstractQvtpRequest, AddsItsOperationsAfterThoseOfAMessageInAFixedOrder) {
     EXPECT_EQ(virtualSlot(&AbstractQvtpRequest::getMethod), 7);
     EXPECT_EQ(virtualSlot(&AbstractQvtpRequest::setResource), 8);
     EXPECT_EQ(virtualSlot(&AbstractQvtpRequest::getResource), 9);

@@ -51,7 +51,7 @@ TEST_F(ReturnedPipe, IsUsedAgainAfterAResponseThatWasRead) {
     EXPECT_TRUE(isReused());
 }
 
-TEST_F(ReturnedPipe, IsUsedAgainBehindAResponseThatWasNotRead) {
+TEST_F(ReturnedPipe, IsUsedAgainAfterAResponseThatWasNotRead) {
     post(OK_RESPONSE);
     EXPECT_TRUE(isReused());
     post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
@@ -59,7 +59,7 @@ TEST_F(ReturnedPipe, IsUsedAgainBehindAResponseThatWasNotRead) {
     EXPECT_TRUE(isReused());
 }
 
-TEST_F(ReturnedPipe, IsUsedAgainBehindWhatComesAtOnce) {
+TEST_F(ReturnedPipe, IsUsedAgainAfterWhatComesAtOnce) {
     PostRequest next(&client, name, "/r");
     {
         PostRequest request(&client, name, "/first");
@@ -105,14 +105,14 @@ TEST_F(ReturnedPipe, IsGivenUpInTimeWhenTheRestDrips) {
     }
 }
 
-TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBAtMost) {
+TEST_F(ReturnedPipe, IsUsedAgainAfter64KiBAtMost) {
     post("QVTP/1.0 200 OK\r\nContent-Length: 65536\r\n\r\n" + std::string(65536, 'x'));
     EXPECT_TRUE(isReused());
     post("QVTP/1.0 200 OK\r\nContent-Length: 65537\r\n\r\n" + std::string(65537, 'x'));
     EXPECT_FALSE(isReused());
 }
 
-TEST_F(ReturnedPipe, IsUsedAgainBehind64KiBInChunksAtMost) {
+TEST_F(ReturnedPipe, IsUsedAgainAfter64KiBInChunksAtMost) {
     const std::string chunk = "4000\r\n" + std::string(0x4000, 'x') + "\r\n";
     const std::string head = "QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
     post(head + chunk + chunk + chunk + chunk + "0\r\n\r\n");

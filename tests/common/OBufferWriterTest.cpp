@@ -40,7 +40,7 @@ class RecordingStreamBuf : public std::streambuf {
     }
 };
 
-class OBufferWriterTest : public ::testing::Test {
+class BufferWriter : public ::testing::Test {
   protected:
     int write(OBufferWriter& writer, const std::string& data) {
         return writer.write(data.data(), static_cast<long long>(data.size()));
@@ -60,26 +60,26 @@ class OBufferWriterTest : public ::testing::Test {
 
 using Events = std::vector<std::string>;
 
-TEST(OWriter, OffersWriteFlushAndSendInThisOrderBehindItsDestructor) {
+TEST(OWriter, OffersWriteFlushAndSendInThisOrderAfterItsDestructor) {
     EXPECT_EQ(virtualSlot(&OWriter::write), 1);
     EXPECT_EQ(virtualSlot(&OWriter::flush), 2);
     EXPECT_EQ(virtualSlot(&OWriter::send), 3);
 }
 
-TEST_F(OBufferWriterTest, HoldsBackWhatDoesNotFillTheBuffer) {
+TEST_F(BufferWriter, HoldsBackWhatDoesNotFillTheBuffer) {
     OBufferWriter writer(&out_, 4, false);
     EXPECT_EQ(write(writer, "abc"), 3);
     EXPECT_EQ(events(), Events());
 }
 
-TEST_F(OBufferWriterTest, PassesTheBufferOnWhenItIsFull) {
+TEST_F(BufferWriter, PassesTheBufferOnWhenItIsFull) {
     OBufferWriter writer(&out_, 4, false);
     write(writer, "abc");
     write(writer, "d");
     EXPECT_EQ(events(), Events({"abcd"}));
 }
 
-TEST_F(OBufferWriterTest, PassesALargeBlockOnInPiecesOfTheBufferSize) {
+TEST_F(BufferWriter, PassesALargeBlockOnInPiecesOfTheBufferSize) {
     OBufferWriter writer(&out_, 4, false);
     EXPECT_EQ(write(writer, "abcdefghij"), 10);
     EXPECT_EQ(events(), Events({"abcd", "efgh"}));
@@ -87,14 +87,14 @@ TEST_F(OBufferWriterTest, PassesALargeBlockOnInPiecesOfTheBufferSize) {
     EXPECT_EQ(events(), Events({"abcd", "efgh", "ij", "<flush>"}));
 }
 
-TEST_F(OBufferWriterTest, PassesWholePiecesOnOutOfTheCallersMemory) {
+TEST_F(BufferWriter, PassesWholePiecesOnOutOfTheCallersMemory) {
     const std::string data = "abcdefghij";
     OBufferWriter writer(&out_, 4, false);
     write(writer, data);
     EXPECT_EQ(recorded_.sources, std::vector<const char*>({data.data(), data.data() + 4}));
 }
 
-TEST_F(OBufferWriterTest, CutsTheSamePiecesHoweverTheBytesArrive) {
+TEST_F(BufferWriter, CutsTheSamePiecesHoweverTheBytesArrive) {
     const std::string data = "abcdefghijklmnopq";
     for (std::size_t step = 1; step <= data.size(); ++step) {
         recorded_.events.clear();
@@ -105,20 +105,20 @@ TEST_F(OBufferWriterTest, CutsTheSamePiecesHoweverTheBytesArrive) {
     }
 }
 
-TEST_F(OBufferWriterTest, SendsExactMultiplesOfTheBufferWithoutAnEmptyPiece) {
+TEST_F(BufferWriter, SendsExactMultiplesOfTheBufferWithoutAnEmptyPiece) {
     OBufferWriter writer(&out_, 4, false);
     write(writer, "abcdefgh");
     writer.send();
     EXPECT_EQ(events(), Events({"abcd", "efgh", "<flush>"}));
 }
 
-TEST_F(OBufferWriterTest, WritesEveryByteOfABufferOfOneAtOnce) {
+TEST_F(BufferWriter, WritesEveryByteOfABufferOfOneAtOnce) {
     OBufferWriter writer(&out_, 1, false);
     write(writer, "abc");
     EXPECT_EQ(events(), Events({"a", "b", "c"}));
 }
 
-TEST_F(OBufferWriterTest, UsesABufferSizeBelowOneAsOne) {
+TEST_F(BufferWriter, UsesABufferSizeBelowOneAsOne) {
     for (const int size : {0, -1, std::numeric_limits<int>::min()}) {
         recorded_.events.clear();
         OBufferWriter writer(&out_, size, true);
@@ -128,7 +128,7 @@ TEST_F(OBufferWriterTest, UsesABufferSizeBelowOneAsOne) {
     }
 }
 
-TEST_F(OBufferWriterTest, FramesEveryFullBufferAsOneChunk) {
+TEST_F(BufferWriter, FramesEveryFullBufferAsOneChunk) {
     OBufferWriter writer(&out_, 4, true);
     write(writer, "abcdefghij");
     EXPECT_EQ(wire(), "4\r\nabcd\r\n4\r\nefgh\r\n");
@@ -136,7 +136,7 @@ TEST_F(OBufferWriterTest, FramesEveryFullBufferAsOneChunk) {
     EXPECT_EQ(wire(), "4\r\nabcd\r\n4\r\nefgh\r\n2\r\nij\r\n0\r\n\r\n");
 }
 
-TEST_F(OBufferWriterTest, CutsTheSameChunksHoweverTheBytesArrive) {
+TEST_F(BufferWriter, CutsTheSameChunksHoweverTheBytesArrive) {
     const std::string data = "abcdefghijk";
     for (std::size_t step = 1; step <= data.size(); ++step) {
         recorded_.events.clear();
@@ -147,7 +147,7 @@ TEST_F(OBufferWriterTest, CutsTheSameChunksHoweverTheBytesArrive) {
     }
 }
 
-TEST_F(OBufferWriterTest, FramesExactMultiplesWithoutAnEarlyLastChunk) {
+TEST_F(BufferWriter, FramesExactMultiplesWithoutAnEarlyLastChunk) {
     OBufferWriter writer(&out_, 4, true);
     write(writer, "abcdefgh");
     writer.flush();
@@ -155,7 +155,7 @@ TEST_F(OBufferWriterTest, FramesExactMultiplesWithoutAnEarlyLastChunk) {
     EXPECT_EQ(wire(), "4\r\nabcd\r\n4\r\nefgh\r\n0\r\n\r\n");
 }
 
-TEST_F(OBufferWriterTest, WritesChunkSizesInLowerCaseHexadecimal) {
+TEST_F(BufferWriter, WritesChunkSizesInLowerCaseHexadecimal) {
     OBufferWriter writer(&out_, 1000, true);
     write(writer, std::string(0xAB, 'x'));
     writer.flush();
@@ -163,7 +163,7 @@ TEST_F(OBufferWriterTest, WritesChunkSizesInLowerCaseHexadecimal) {
     EXPECT_EQ(wire(), "ab\r\n" + std::string(0xAB, 'x') + "\r\n3e8\r\n" + std::string(1000, 'y') + "\r\n");
 }
 
-TEST_F(OBufferWriterTest, FlushesWhatIsBufferedAsAChunkOfItsOwn) {
+TEST_F(BufferWriter, FlushesWhatIsBufferedAsAChunkOfItsOwn) {
     OBufferWriter writer(&out_, 100, true);
     write(writer, "abc");
     writer.flush();
@@ -171,25 +171,25 @@ TEST_F(OBufferWriterTest, FlushesWhatIsBufferedAsAChunkOfItsOwn) {
     EXPECT_EQ(wire(), "3\r\nabc\r\n");
 }
 
-TEST_F(OBufferWriterTest, FlushesTheStreamAlsoWhenNothingIsBuffered) {
+TEST_F(BufferWriter, FlushesTheStreamAlsoWhenNothingIsBuffered) {
     OBufferWriter writer(&out_, 4, true);
     writer.flush();
     EXPECT_EQ(events(), Events({"<flush>"}));
 }
 
-TEST_F(OBufferWriterTest, EndsAnEmptyChunkedMessageWithTheLastChunkOnly) {
+TEST_F(BufferWriter, EndsAnEmptyChunkedMessageWithTheLastChunkOnly) {
     OBufferWriter writer(&out_, 4, true);
     writer.send();
     EXPECT_EQ(events(), Events({"0\r\n\r\n", "<flush>"}));
 }
 
-TEST_F(OBufferWriterTest, EndsAPlainMessageWithAFlushOnly) {
+TEST_F(BufferWriter, EndsAPlainMessageWithAFlushOnly) {
     OBufferWriter writer(&out_, 4, false);
     writer.send();
     EXPECT_EQ(events(), Events({"<flush>"}));
 }
 
-TEST_F(OBufferWriterTest, TakesNothingOfAnEmptyOrNegativeLength) {
+TEST_F(BufferWriter, TakesNothingOfAnEmptyOrNegativeLength) {
     OBufferWriter writer(&out_, 4, true);
     EXPECT_EQ(writer.write("abc", 0), 0);
     EXPECT_EQ(writer.write("abc", -1), 0);
@@ -198,7 +198,7 @@ TEST_F(OBufferWriterTest, TakesNothingOfAnEmptyOrNegativeLength) {
     EXPECT_EQ(wire(), "");
 }
 
-TEST_F(OBufferWriterTest, CarriesEveryByteValue) {
+TEST_F(BufferWriter, CarriesEveryByteValue) {
     std::string all;
     for (int byte = 0; byte < 256; ++byte) all += static_cast<char>(byte);
     OBufferWriter writer(&out_, 256, true);
@@ -206,7 +206,7 @@ TEST_F(OBufferWriterTest, CarriesEveryByteValue) {
     EXPECT_EQ(wire(), "100\r\n" + all + "\r\n");
 }
 
-TEST_F(OBufferWriterTest, WritesNothingWhenItIsDestroyedUnsent) {
+TEST_F(BufferWriter, WritesNothingWhenItIsDestroyedUnsent) {
     {
         OBufferWriter writer(&out_, 4, true);
         write(writer, "abc");
@@ -214,7 +214,7 @@ TEST_F(OBufferWriterTest, WritesNothingWhenItIsDestroyedUnsent) {
     EXPECT_EQ(events(), Events());
 }
 
-TEST_F(OBufferWriterTest, LetsTheExceptionsOfItsStreamPass) {
+TEST_F(BufferWriter, LetsTheExceptionsOfItsStreamPass) {
     qvtp_test::FailingStreamBuf failing(1);
     std::ostream out(&failing);
     out.exceptions(std::ios_base::badbit);

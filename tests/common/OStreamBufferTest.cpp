@@ -28,67 +28,67 @@ class RecordingWriter : public OWriter {
     bool fails = false;
 };
 
-class OStreamBufferTest : public ::testing::Test {
+class WriterBuffer : public ::testing::Test {
   protected:
     RecordingWriter writer_;
     OStreamBuffer<char> buffer_{&writer_};
     std::ostream stream_{&buffer_};
 };
 
-TEST_F(OStreamBufferTest, GivesItsWriter) {
+TEST_F(WriterBuffer, GivesItsWriter) {
     EXPECT_EQ(buffer_.getWriter(), &writer_);
 }
 
-TEST_F(OStreamBufferTest, PassesBlocksAndSingleBytesOnAtOnce) {
+TEST_F(WriterBuffer, PassesBlocksAndSingleBytesOnAtOnce) {
     stream_.write("abc", 3);
     stream_.put('d');
     stream_ << 12;
     EXPECT_EQ(writer_.calls, Calls({"write abc", "write d", "write 12"}));
 }
 
-TEST_F(OStreamBufferTest, PassesTheByteOfAllOnesOn) {
+TEST_F(WriterBuffer, PassesTheByteOfAllOnesOn) {
     stream_.put('\xFF');
     EXPECT_EQ(writer_.calls, Calls({"write \xFF"}));
     EXPECT_TRUE(stream_.good());
 }
 
-TEST_F(OStreamBufferTest, CallsNobodyForAnEmptyBlock) {
+TEST_F(WriterBuffer, CallsNobodyForAnEmptyBlock) {
     stream_.write("", 0);
     EXPECT_EQ(writer_.calls, Calls());
 }
 
-TEST_F(OStreamBufferTest, SendsBehindWhatWasWritten) {
+TEST_F(WriterBuffer, SendsAfterWhatWasWritten) {
     stream_ << "abc";
     buffer_.send();
     EXPECT_EQ(writer_.calls, Calls({"write abc", "send"}));
 }
 
-TEST_F(OStreamBufferTest, CallsAnUnusedWriterOnceWithNothingBeforeItSends) {
+TEST_F(WriterBuffer, CallsAnUnusedWriterOnceWithNothingBeforeItSends) {
     buffer_.send();
     EXPECT_EQ(writer_.calls, Calls({"write ", "send"}));
 }
 
-TEST_F(OStreamBufferTest, KeepsAFlushOfTheStreamToItself) {
+TEST_F(WriterBuffer, KeepsAFlushOfTheStreamToItself) {
     stream_ << "abc" << std::flush;
     EXPECT_EQ(writer_.calls, Calls({"write abc"}));
     EXPECT_TRUE(stream_.good());
 }
 
-TEST_F(OStreamBufferTest, PassesAFlushOnWhenAskedTo) {
+TEST_F(WriterBuffer, PassesAFlushOnWhenAskedTo) {
     OStreamBuffer<char> through(&writer_, true);
     std::ostream stream(&through);
     stream << "abc" << std::flush;
     EXPECT_EQ(writer_.calls, Calls({"write abc", "flush"}));
 }
 
-TEST_F(OStreamBufferTest, PassesNoFlushOnBeforeTheFirstByte) {
+TEST_F(WriterBuffer, PassesNoFlushOnBeforeTheFirstByte) {
     OStreamBuffer<char> through(&writer_, true);
     std::ostream stream(&through);
     stream << std::flush;
     EXPECT_EQ(writer_.calls, Calls());
 }
 
-TEST_F(OStreamBufferTest, LetsFailuresOfTheWriterReachAStreamThatThrows) {
+TEST_F(WriterBuffer, LetsFailuresOfTheWriterReachAStreamThatThrows) {
     writer_.fails = true;
     stream_.exceptions(std::ios_base::badbit);
     EXPECT_THROW(stream_ << "abc", std::runtime_error);

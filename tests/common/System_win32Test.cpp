@@ -53,7 +53,7 @@ TEST(SystemOnWindows, TakesTheThreadIdFromTheSystem) {
     EXPECT_EQ(System::currentThreadId(), ::GetCurrentThreadId());
 }
 
-TEST(SystemOnWindows, TellsTheTimeOfTheSystem) {
+TEST(SystemOnWindows, GivesTheTimeOfTheSystem) {
     FILETIME now{};
     ::GetSystemTimeAsFileTime(&now);
     const std::int64_t ticks = (static_cast<std::int64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;

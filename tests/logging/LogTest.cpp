@@ -40,7 +40,7 @@ TEST(Log, IsOffUntilItIsSetUp) {
     EXPECT_FALSE(isCommunicationEnabled(CommunicationLevel::OUTPUT));
 }
 
-TEST(Log, TellsWhichLevelsAreOn) {
+TEST(Log, SaysWhichLevelsAreOn) {
     for (const LoggingLevel level : LEVELS) {
         const LogCapture log(level);
         const int value = static_cast<int>(level);
@@ -137,7 +137,7 @@ TEST(LogCommunication, TakesBytesAndStrings) {
     EXPECT_EQ(log.communication(), std::string("abcx\0y", 6));
 }
 
-TEST(LogCommunication, TellsWhichDirectionsAreOn) {
+TEST(LogCommunication, SaysWhichDirectionsAreOn) {
     const CommunicationLevel levels[] = {CommunicationLevel::OFF, CommunicationLevel::INPUT, CommunicationLevel::OUTPUT,
                                          CommunicationLevel::BOTH};
     for (const CommunicationLevel level : levels) {

@@ -70,9 +70,9 @@ class NamedFile {
     std::FILE* file_;
 };
 
-class LoggerTest : public ::testing::Test {
+class DiagnosticLogger : public ::testing::Test {
   protected:
-    ~LoggerTest() override {
+    ~DiagnosticLogger() override {
         QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);
         QvtpMessage::setLogCorrelationId("");
     }
@@ -108,7 +108,7 @@ class LoggerTest : public ::testing::Test {
     TemporaryFile comm_;
 };
 
-TEST_F(LoggerTest, HasTheNumbersOfTheLevels) {
+TEST_F(DiagnosticLogger, HasTheNumbersOfTheLevels) {
     EXPECT_EQ(static_cast<int>(LoggingLevel::OFF), 0);
     EXPECT_EQ(static_cast<int>(LoggingLevel::ERROR), 1);
     EXPECT_EQ(static_cast<int>(LoggingLevel::WARN), 2);
@@ -116,7 +116,7 @@ TEST_F(LoggerTest, HasTheNumbersOfTheLevels) {
     EXPECT_EQ(static_cast<int>(LoggingLevel::DEBUG), 4);
 }
 
-TEST_F(LoggerTest, HasTheNumbersOfTheCommunicationLevels) {
+TEST_F(DiagnosticLogger, HasTheNumbersOfTheCommunicationLevels) {
     EXPECT_EQ(static_cast<int>(CommunicationLevel::OFF), 0);
     EXPECT_EQ(static_cast<int>(CommunicationLevel::INPUT), 1);
     EXPECT_EQ(static_cast<int>(CommunicationLevel::OUTPUT), 2);
@@ -124,11 +124,11 @@ TEST_F(LoggerTest, HasTheNumbersOfTheCommunicationLevels) {
     EXPECT_EQ(CommunicationLevel::both, CommunicationLevel::BOTH);
 }
 
-TEST_F(LoggerTest, IsOneForTheProcess) {
+TEST_F(DiagnosticLogger, IsOneForTheProcess) {
     EXPECT_EQ(&Logger::instance(), &Logger::instance());
 }
 
-TEST_F(LoggerTest, WritesLinesOfTheLevelAndOfMoreSeriousOnes) {
+TEST_F(DiagnosticLogger, WritesLinesOfTheLevelAndOfMoreSeriousOnes) {
     const std::string expected[] = {"", "E", "EW", "EWI", "EWID"};
     for (int level = 0; level <= 4; ++level) {
         const TemporaryFile file;
@@ -142,7 +142,7 @@ TEST_F(LoggerTest, WritesLinesOfTheLevelAndOfMoreSeriousOnes) {
     }
 }
 
-TEST_F(LoggerTest, TakesUnknownLevelsForOff) {
+TEST_F(DiagnosticLogger, TakesUnknownLevelsForOff) {
     for (const int level : {-1, 5, 9, 1000}) {
         logAt(level);
         EXPECT_EQ(Logger::instance().level(), LoggingLevel::OFF) << level;
@@ -150,7 +150,7 @@ TEST_F(LoggerTest, TakesUnknownLevelsForOff) {
     EXPECT_EQ(levelsWritten(), "");
 }
 
-TEST_F(LoggerTest, RecordsOnlyTheDirectionsOfTheCommunicationLevel) {
+TEST_F(DiagnosticLogger, RecordsOnlyTheDirectionsOfTheCommunicationLevel) {
     const std::string expected[] = {"", "in ", "out ", "in out "};
     for (int level = 0; level <= 3; ++level) {
         const TemporaryFile file;
@@ -161,7 +161,7 @@ TEST_F(LoggerTest, RecordsOnlyTheDirectionsOfTheCommunicationLevel) {
     }
 }
 
-TEST_F(LoggerTest, TakesUnknownCommunicationLevelsForOff) {
+TEST_F(DiagnosticLogger, TakesUnknownCommunicationLevelsForOff) {
     for (const int level : {-1, 4, 7, 1000}) {
         recordAt(level);
         EXPECT_FALSE(Logger::instance().isEnabled(CommunicationLevel::INPUT)) << level;
@@ -170,7 +170,7 @@ TEST_F(LoggerTest, TakesUnknownCommunicationLevelsForOff) {
     EXPECT_EQ(directionsWritten(), "");
 }
 
-TEST_F(LoggerTest, RecordsNothingWithoutACommunicationFile) {
+TEST_F(DiagnosticLogger, RecordsNothingWithoutACommunicationFile) {
     QvtpMessage::setLoggingLevel(log_.get(), LoggingLevel::DEBUG, nullptr, CommunicationLevel::both);
     EXPECT_FALSE(Logger::instance().isEnabled(CommunicationLevel::INPUT));
     EXPECT_FALSE(Logger::instance().isEnabled(CommunicationLevel::OUTPUT));
@@ -178,14 +178,14 @@ TEST_F(LoggerTest, RecordsNothingWithoutACommunicationFile) {
     EXPECT_EQ(log_.contents(), "");
 }
 
-TEST_F(LoggerTest, WritesNoLinesWithoutALogFile) {
+TEST_F(DiagnosticLogger, WritesNoLinesWithoutALogFile) {
     QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::DEBUG, comm_.get(), CommunicationLevel::both);
     writeOneLineOfEachLevel();
     EXPECT_EQ(Logger::instance().level(), LoggingLevel::DEBUG);
     EXPECT_EQ(comm_.contents(), "");
 }
 
-TEST_F(LoggerTest, WritesToTheFilesOfTheLastCall) {
+TEST_F(DiagnosticLogger, WritesToTheFilesOfTheLastCall) {
     const TemporaryFile next;
     logAt(4);
     QvtpMessage::setLoggingLevel(next.get(), LoggingLevel::ERROR, nullptr, CommunicationLevel::OFF);
@@ -193,7 +193,7 @@ TEST_F(LoggerTest, WritesToTheFilesOfTheLastCall) {
     EXPECT_EQ(next.contents().substr(0, 5), "ERROR");
 }
 
-TEST_F(LoggerTest, WritesAndFlushesAWholeLineAtOnce) {
+TEST_F(DiagnosticLogger, WritesAndFlushesAWholeLineAtOnce) {
     logAt(4);
     Logger::setCorrelationId("call-7");
     Logger::instance().writeLine(LoggingLevel::WARN, "It happened.");
@@ -202,7 +202,7 @@ TEST_F(LoggerTest, WritesAndFlushesAWholeLineAtOnce) {
                                          thread + ": call-7 - It happened\\.- Quovane\\.SOA\\.Qvtp\n"));
 }
 
-TEST_F(LoggerTest, FlushesEveryLineAndRecord) {
+TEST_F(DiagnosticLogger, FlushesEveryLineAndRecord) {
     const NamedFile log("log");
     const NamedFile comm("comm");
     QvtpMessage::setLoggingLevel(log.get(), LoggingLevel::INFO, comm.get(), CommunicationLevel::BOTH);
@@ -212,7 +212,7 @@ TEST_F(LoggerTest, FlushesEveryLineAndRecord) {
     EXPECT_EQ(comm.onDisk(), "bytes");
 }
 
-TEST_F(LoggerTest, PrintsTheTimeAtWhichTheLineIsWritten) {
+TEST_F(DiagnosticLogger, PrintsTheTimeAtWhichTheLineIsWritten) {
     logAt(4);
     const auto timeOf = [](const std::string& line) { return line.substr(8, 23); };
     const auto lineNow = [] { return LogLine::format(LoggingLevel::INFO, System::wallClockMs(), 1, "", ""); };
@@ -223,7 +223,7 @@ TEST_F(LoggerTest, PrintsTheTimeAtWhichTheLineIsWritten) {
     EXPECT_GE(after, timeOf(log_.contents()));
 }
 
-TEST_F(LoggerTest, PrintsTheTimeAtWhichTheRecordIsWritten) {
+TEST_F(DiagnosticLogger, PrintsTheTimeAtWhichTheRecordIsWritten) {
     recordAt(3);
     const auto headerNow = [] {
         return LogLine::formatCommunicationHeader(CommunicationLevel::INPUT, System::wallClockMs(), "");
@@ -235,7 +235,7 @@ TEST_F(LoggerTest, PrintsTheTimeAtWhichTheRecordIsWritten) {
     EXPECT_GE(after, comm_.contents());
 }
 
-TEST_F(LoggerTest, PrintsNoCorrelationIdForAThreadThatHasNone) {
+TEST_F(DiagnosticLogger, PrintsNoCorrelationIdForAThreadThatHasNone) {
     logAt(4);
     std::uint32_t id = 0;
     std::thread([&] {
@@ -245,7 +245,7 @@ TEST_F(LoggerTest, PrintsNoCorrelationIdForAThreadThatHasNone) {
     EXPECT_NE(log_.contents().find(" UTC - Thread-" + std::to_string(id) + ":  - text- Quovane"), std::string::npos);
 }
 
-TEST_F(LoggerTest, KeepsOneCorrelationIdForEachThread) {
+TEST_F(DiagnosticLogger, KeepsOneCorrelationIdForEachThread) {
     QvtpMessage::setLogCorrelationId("mine");
     std::string inherited = "?";
     std::string own;
@@ -259,7 +259,7 @@ TEST_F(LoggerTest, KeepsOneCorrelationIdForEachThread) {
     EXPECT_EQ(Logger::correlationId(), "mine");
 }
 
-TEST_F(LoggerTest, NeverGivesAThreadTheIdOfOneThatEnded) {
+TEST_F(DiagnosticLogger, NeverGivesAThreadTheIdOfOneThatEnded) {
     for (int i = 0; i < 50; ++i) {
         std::string first = "?";
         std::thread([&] {
@@ -270,7 +270,7 @@ TEST_F(LoggerTest, NeverGivesAThreadTheIdOfOneThatEnded) {
     }
 }
 
-TEST_F(LoggerTest, ReplacesTheCorrelationIdOfAThread) {
+TEST_F(DiagnosticLogger, ReplacesTheCorrelationIdOfAThread) {
     QvtpMessage::setLogCorrelationId("first");
     QvtpMessage::setLogCorrelationId("second");
     EXPECT_EQ(Logger::correlationId(), "second");
@@ -278,13 +278,13 @@ TEST_F(LoggerTest, ReplacesTheCorrelationIdOfAThread) {
     EXPECT_EQ(Logger::correlationId(), "");
 }
 
-TEST_F(LoggerTest, WritesOnlyTheBytesOfARecordWithoutHeader) {
+TEST_F(DiagnosticLogger, WritesOnlyTheBytesOfARecordWithoutHeader) {
     recordAt(3);
     Logger::instance().writeCommunication(CommunicationLevel::INPUT, "a\0\r\n\xFF", 5, false);
     EXPECT_EQ(comm_.contents(), std::string("a\0\r\n\xFF", 5));
 }
 
-TEST_F(LoggerTest, WritesAHeaderLineBeforeTheBytesOfARecordThatAsksForIt) {
+TEST_F(DiagnosticLogger, WritesAHeaderLineBeforeTheBytesOfARecordThatAsksForIt) {
     recordAt(3);
     Logger::setCorrelationId("call-7");
     Logger::instance().writeCommunication(CommunicationLevel::OUTPUT, "bytes", 5, true);
@@ -292,13 +292,13 @@ TEST_F(LoggerTest, WritesAHeaderLineBeforeTheBytesOfARecordThatAsksForIt) {
     EXPECT_THAT(comm_.contents(), HasForm(time + " \\[OUTPUT\\] call-7" + std::string(44, ' ') + "\nbytes"));
 }
 
-TEST_F(LoggerTest, WritesTheHeaderLineAloneForARecordWithoutBytes) {
+TEST_F(DiagnosticLogger, WritesTheHeaderLineAloneForARecordWithoutBytes) {
     recordAt(1);
     Logger::instance().writeCommunication(CommunicationLevel::INPUT, nullptr, 0, true);
     EXPECT_THAT(comm_.contents(), HasForm("[-0-9]+ [:0-9]+\\.[ 0-9]+ \\[INPUT \\]  *\n"));
 }
 
-TEST_F(LoggerTest, NeverClosesTheFiles) {
+TEST_F(DiagnosticLogger, NeverClosesTheFiles) {
     logAt(4);
     recordAt(3);
     QvtpMessage::setLoggingLevel(nullptr, LoggingLevel::OFF, nullptr, CommunicationLevel::OFF);

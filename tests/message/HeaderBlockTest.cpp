@@ -171,7 +171,7 @@ TEST_F(HeaderBlockWriting, TrimsTheNameItStores) {
     EXPECT_EQ(written(), "X: 1\r\nY: 2\r\n");
 }
 
-TEST_F(HeaderBlockReading, EndsBehindTheEmptyLine) {
+TEST_F(HeaderBlockReading, EndsAfterTheEmptyLine) {
     EXPECT_EQ(read("A: 1\r\nB: 2\r\n\r\nbody"), "body");
     EXPECT_EQ(written(), "A: 1\r\nB: 2\r\n");
 }

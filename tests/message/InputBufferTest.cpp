@@ -114,7 +114,7 @@ TEST(InputBufferChunked, TakesASizeWithoutDigitsForTheLastChunk) {
     EXPECT_EQ(body.left(), "NEXT");
 }
 
-TEST(InputBufferChunked, EndsForGoodBehindTheLastChunk) {
+TEST(InputBufferChunked, EndsForGoodAfterTheLastChunk) {
     Body body(CHUNKED, "0\r\n\r\n5\r\nhello\r\n");
     EXPECT_EQ(body.read(10), "");
     EXPECT_EQ(body.read(10), "");
@@ -127,12 +127,21 @@ TEST(InputBufferChunked, AcceptsASizeLineOfNineteenCharacters) {
     EXPECT_EQ(body.left(), "NEXT");
 }
 
-TEST(InputBufferChunkedMalformed, EndsAtASizeLineThatIsTooLong) {
+const std::string INVALID_SIZE = "ERROR InputBuffer::read(): invalid chunksize line";
+const std::string BAD_END = "ERROR Bad end of chunk";
+
+/// The body of these bytes ends with nothing read, incomplete, and with this line.
+void expectEnd(const std::string& bytes, const std::string& line) {
+    SCOPED_TRACE(bytes);
     const LogCapture log;
-    Body body(CHUNKED, "0000000000000000003\r\nabc\r\n0\r\n\r\n");
+    Body body(CHUNKED, bytes);
     EXPECT_EQ(body.read(10), "");
-    EXPECT_THAT(log.messages(), ElementsAre("ERROR InputBuffer::read(): invalid chunksize line"));
+    EXPECT_THAT(log.messages(), ElementsAre(line));
     EXPECT_FALSE(body.input().isComplete());
+}
+
+TEST(InputBufferChunkedMalformed, EndsAtASizeLineThatIsTooLong) {
+    expectEnd("0000000000000000003\r\nabc\r\n0\r\n\r\n", INVALID_SIZE);
 }
 
 TEST(InputBufferChunkedMalformed, ClearsTheFailureOfAnOverLongSizeLineButStaysEnded) {
@@ -145,20 +154,11 @@ TEST(InputBufferChunkedMalformed, ClearsTheFailureOfAnOverLongSizeLineButStaysEn
 }
 
 TEST(InputBufferChunkedMalformed, EndsWhenTheStreamEndsInASizeLine) {
-    for (const char* bytes : {"", "5", "0", "5\r", "0\r", "ffff"}) {
-        const LogCapture log;
-        Body body(CHUNKED, bytes);
-        EXPECT_EQ(body.read(10), "");
-        EXPECT_THAT(log.messages(), ElementsAre("ERROR InputBuffer::read(): invalid chunksize line")) << bytes;
-        EXPECT_FALSE(body.input().isComplete());
-    }
+    for (const char* bytes : {"", "5", "0", "5\r", "0\r", "ffff"}) expectEnd(bytes, INVALID_SIZE);
 }
 
 TEST(InputBufferChunkedMalformed, TakesASizeBeyond32BitsForAnInvalidLine) {
-    const LogCapture log;
-    Body body(CHUNKED, "100000000\r\nabc\r\n");
-    EXPECT_EQ(body.read(10), "");
-    EXPECT_THAT(log.messages(), ElementsAre("ERROR InputBuffer::read(): invalid chunksize line"));
+    expectEnd("100000000\r\nabc\r\n", INVALID_SIZE);
 }
 
 TEST(InputBufferChunkedMalformed, AcceptsTheLargestSizeOf32Bits) {
@@ -170,11 +170,7 @@ TEST(InputBufferChunkedMalformed, AcceptsTheLargestSizeOf32Bits) {
 
 TEST(InputBufferChunkedMalformed, DropsTheBytesOfAChunkWithABadEnd) {
     for (const char* end : {"\n\r", "\r\r", "\n\n", "xy", "0\r"}) {
-        const LogCapture log;
-        Body body(CHUNKED, std::string("5\r\nhello") + end + "0\r\n\r\n");
-        EXPECT_EQ(body.read(10), "") << end;
-        EXPECT_THAT(log.messages(), ElementsAre("ERROR Bad end of chunk")) << end;
-        EXPECT_FALSE(body.input().isComplete());
+        expectEnd(std::string("5\r\nhello") + end + "0\r\n\r\n", BAD_END);
     }
 }
 
@@ -186,13 +182,7 @@ TEST(InputBufferChunkedMalformed, DropsOnlyTheBytesOfTheCallThatMetTheBadEnd) {
 }
 
 TEST(InputBufferChunkedMalformed, EndsAtABadEndOfTheLastChunk) {
-    for (const char* bytes : {"0\r\n", "0\r\n\r", "0\r\nX: 1\r\n\r\n"}) {
-        const LogCapture log;
-        Body body(CHUNKED, bytes);
-        EXPECT_EQ(body.read(10), "");
-        EXPECT_THAT(log.messages(), ElementsAre("ERROR Bad end of chunk")) << bytes;
-        EXPECT_FALSE(body.input().isComplete());
-    }
+    for (const char* bytes : {"0\r\n", "0\r\n\r", "0\r\nX: 1\r\n\r\n"}) expectEnd(bytes, BAD_END);
 }
 
 TEST(InputBufferChunkedMalformed, DeliversWhatThereIsOfAChunkThatIsCutOff) {
@@ -210,7 +200,7 @@ TEST(InputBufferChunkedMalformed, StaysEndedAfterAFailure) {
     EXPECT_EQ(body.left(), "3\r\nabc\r\n0\r\n\r\n");
 }
 
-TEST(InputBufferLog, TellsTheThroughputOnceAtTheEnd) {
+TEST(InputBufferLog, ReportsTheThroughputOnceAtTheEnd) {
     const LogCapture log;
     Body body(5, "hello");
     EXPECT_THAT(body.pieces(2), ElementsAre("he", "ll", "o"));
@@ -225,7 +215,7 @@ TEST(InputBufferLog, CountsTheBytesOfAllChunksWithoutTheirFraming) {
     EXPECT_THAT(log.messages(), ElementsAre(HasForm("DEBUG Read 2 Kb from the QvPipe \\([0-9]+ Mbps\\)\\.")));
 }
 
-TEST(InputBufferLog, TellsTheThroughputOfAnEmptyBody) {
+TEST(InputBufferLog, ReportsTheThroughputOfAnEmptyBody) {
     const LogCapture log;
     Body body(0, "");
     body.read(1);
@@ -243,7 +233,7 @@ TEST(InputBufferLog, CountsTheTimeFromTheFirstRead) {
     EXPECT_THAT(log.messages(), ElementsAre(HasForm("DEBUG Read 4 Mb from the QvPipe \\([1-9][0-9]* Mbps\\)\\.")));
 }
 
-TEST(InputBufferLog, TellsNoThroughputBelowDebug) {
+TEST(InputBufferLog, ReportsNoThroughputBelowDebug) {
     const LogCapture log(LogCapture::LoggingLevel::INFO);
     Body body(5, "hello");
     body.pieces(10);
@@ -286,7 +276,7 @@ TEST(InputBufferIsComplete, HoldsWithTheLastByteOfABodyOfKnownLength) {
     EXPECT_TRUE(body.input().isComplete());
 }
 
-TEST(InputBufferIsComplete, HoldsBehindTheLastChunkOnly) {
+TEST(InputBufferIsComplete, HoldsAfterTheLastChunkOnly) {
     Body body(CHUNKED, HELLO);
     EXPECT_EQ(body.read(10), "hello");
     EXPECT_FALSE(body.input().isComplete());

@@ -39,7 +39,7 @@ class CountingListener : public QvtpHeaderWriter {
     int calls = 0;
 };
 
-class QVTP_OBufferWriterTest : public ::testing::Test {
+class BodyWriter : public ::testing::Test {
   protected:
     void open(int bufferSize, bool chunked, QvtpHeaderWriter* listener = nullptr) {
         writer_ = std::make_unique<QVTP_OBufferWriter>(bufferSize, chunked, &pipe_, listener);
@@ -52,7 +52,7 @@ class QVTP_OBufferWriterTest : public ::testing::Test {
     std::unique_ptr<QVTP_OBufferWriter> writer_;
 };
 
-TEST_F(QVTP_OBufferWriterTest, BuffersAndFramesTheBody) {
+TEST_F(BodyWriter, BuffersAndFramesTheBody) {
     open(4, true);
     EXPECT_EQ(write("abcdef"), 6);
     EXPECT_EQ(wire(), "4\r\nabcd\r\n");
@@ -60,7 +60,7 @@ TEST_F(QVTP_OBufferWriterTest, BuffersAndFramesTheBody) {
     EXPECT_EQ(wire(), "4\r\nabcd\r\n2\r\nef\r\n0\r\n\r\n");
 }
 
-TEST_F(QVTP_OBufferWriterTest, WritesOutWhatIsBufferedOnFlush) {
+TEST_F(BodyWriter, WritesOutWhatIsBufferedOnFlush) {
     open(100, false);
     write("abc");
     EXPECT_EQ(wire(), "");
@@ -68,7 +68,7 @@ TEST_F(QVTP_OBufferWriterTest, WritesOutWhatIsBufferedOnFlush) {
     EXPECT_EQ(wire(), "abc");
 }
 
-TEST_F(QVTP_OBufferWriterTest, AsksForTheHeadOnceJustBeforeTheFirstByte) {
+TEST_F(BodyWriter, AsksForTheHeadOnceJustBeforeTheFirstByte) {
     open(1, true, &listener_);
     EXPECT_EQ(listener_.calls, 0);
     write("a");
@@ -78,19 +78,19 @@ TEST_F(QVTP_OBufferWriterTest, AsksForTheHeadOnceJustBeforeTheFirstByte) {
     EXPECT_EQ(listener_.calls, 1);
 }
 
-TEST_F(QVTP_OBufferWriterTest, AsksForTheHeadAtTheFirstWriteEvenIfItStaysInTheBuffer) {
+TEST_F(BodyWriter, AsksForTheHeadAtTheFirstWriteEvenIfItStaysInTheBuffer) {
     open(100, true, &listener_);
     write("a");
     EXPECT_EQ(wire(), "HEAD;");
 }
 
-TEST_F(QVTP_OBufferWriterTest, AsksForTheHeadAtAFirstWriteOfNothing) {
+TEST_F(BodyWriter, AsksForTheHeadAtAFirstWriteOfNothing) {
     open(100, true, &listener_);
     EXPECT_EQ(writer_->write(nullptr, 0), 0);
     EXPECT_EQ(wire(), "HEAD;");
 }
 
-TEST_F(QVTP_OBufferWriterTest, AsksForNoHeadOnFlushOrSendAlone) {
+TEST_F(BodyWriter, AsksForNoHeadOnFlushOrSendAlone) {
     open(100, true, &listener_);
     writer_->flush();
     EXPECT_EQ(listener_.calls, 0);
@@ -98,7 +98,7 @@ TEST_F(QVTP_OBufferWriterTest, AsksForNoHeadOnFlushOrSendAlone) {
     EXPECT_EQ(listener_.calls, 0);
 }
 
-TEST_F(QVTP_OBufferWriterTest, RefusesWritesAfterTheMessageWasSent) {
+TEST_F(BodyWriter, RefusesWritesAfterTheMessageWasSent) {
     open(4, true, &listener_);
     write("abc");
     writer_->send();
@@ -109,7 +109,7 @@ TEST_F(QVTP_OBufferWriterTest, RefusesWritesAfterTheMessageWasSent) {
     EXPECT_EQ(wire(), sent);
 }
 
-TEST_F(QVTP_OBufferWriterTest, TellsAtInfoHowMuchWasWritten) {
+TEST_F(BodyWriter, ReportsAtInfoHowMuchWasWritten) {
     const LogCapture log(Level::INFO);
     open(100, true);
     write(std::string(1000, 'x'));
@@ -119,7 +119,7 @@ TEST_F(QVTP_OBufferWriterTest, TellsAtInfoHowMuchWasWritten) {
     EXPECT_THAT(log.messages(), ElementsAre(HasForm("INFO Wrote 1\\.5 Kb to the QvPipe \\([-+e.0-9]+ Mbps\\)\\.")));
 }
 
-TEST_F(QVTP_OBufferWriterTest, CountsTheTimeFromTheFirstWrite) {
+TEST_F(BodyWriter, CountsTheTimeFromTheFirstWrite) {
     const LogCapture log(Level::INFO);
     open(4096, false);
     write(std::string(4 << 20, 'x'));
@@ -130,7 +130,7 @@ TEST_F(QVTP_OBufferWriterTest, CountsTheTimeFromTheFirstWrite) {
     EXPECT_THAT(log.messages(), ElementsAre(HasForm("INFO Wrote 4 Mb to the QvPipe \\([.0-9]+ Mbps\\)\\.")));
 }
 
-TEST_F(QVTP_OBufferWriterTest, TellsOnlyWhatThePipeTook) {
+TEST_F(BodyWriter, ReportsOnlyWhatThePipeTook) {
     const LogCapture log(Level::INFO, Direction::OUTPUT);
     qvtp_test::FailingStreamBuf failing(1);
     std::ostream pipe(&failing);
@@ -142,7 +142,7 @@ TEST_F(QVTP_OBufferWriterTest, TellsOnlyWhatThePipeTook) {
     EXPECT_EQ(log.communication(), "");
 }
 
-TEST_F(QVTP_OBufferWriterTest, TellsNothingBelowInfo) {
+TEST_F(BodyWriter, ReportsNothingBelowInfo) {
     for (const Level level : {Level::OFF, Level::ERROR, Level::WARN}) {
         const LogCapture log(level);
         open(100, true);
@@ -152,7 +152,7 @@ TEST_F(QVTP_OBufferWriterTest, TellsNothingBelowInfo) {
     }
 }
 
-TEST_F(QVTP_OBufferWriterTest, RecordsWhatWasWrittenWithoutFramingAndALineFeedAtTheEnd) {
+TEST_F(BodyWriter, RecordsWhatWasWrittenWithoutFramingAndALineFeedAtTheEnd) {
     const LogCapture log(Level::INFO, Direction::OUTPUT);
     open(4, true);
     write("abcdef");
@@ -163,14 +163,14 @@ TEST_F(QVTP_OBufferWriterTest, RecordsWhatWasWrittenWithoutFramingAndALineFeedAt
     EXPECT_EQ(log.communication(), std::string("abcdef\0\xFF\n", 9));
 }
 
-TEST_F(QVTP_OBufferWriterTest, RecordsTheLineFeedOfAnEmptyBody) {
+TEST_F(BodyWriter, RecordsTheLineFeedOfAnEmptyBody) {
     const LogCapture log(Level::DEBUG, Direction::BOTH);
     open(4, true);
     writer_->send();
     EXPECT_EQ(log.communication(), "\n");
 }
 
-TEST_F(QVTP_OBufferWriterTest, RecordsNothingBelowInfo) {
+TEST_F(BodyWriter, RecordsNothingBelowInfo) {
     const LogCapture log(Level::WARN, Direction::OUTPUT);
     open(4, true);
     write("abc");
@@ -178,7 +178,7 @@ TEST_F(QVTP_OBufferWriterTest, RecordsNothingBelowInfo) {
     EXPECT_EQ(log.communication(), "");
 }
 
-TEST_F(QVTP_OBufferWriterTest, RecordsNothingWhenOnlyInputIsRecorded) {
+TEST_F(BodyWriter, RecordsNothingWhenOnlyInputIsRecorded) {
     const LogCapture log(Level::DEBUG, Direction::INPUT);
     open(4, true);
     write("abc");
@@ -186,7 +186,7 @@ TEST_F(QVTP_OBufferWriterTest, RecordsNothingWhenOnlyInputIsRecorded) {
     EXPECT_EQ(log.communication(), "");
 }
 
-TEST_F(QVTP_OBufferWriterTest, DecidesAtConstructionWhetherToRecord) {
+TEST_F(BodyWriter, DecidesAtConstructionWhetherToRecord) {
     open(4, true);
     const LogCapture log(Level::INFO, Direction::OUTPUT);
     write("abc");

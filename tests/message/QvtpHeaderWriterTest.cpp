@@ -9,7 +9,7 @@ namespace {
 using Quovane::Internal::Qvtp::QvtpHeaderWriter;
 using qvtp_test::virtualSlot;
 
-TEST(QvtpHeaderWriter, OffersItsOperationBehindItsDestructor) {
+TEST(QvtpHeaderWriter, OffersItsOperationAfterItsDestructor) {
     EXPECT_EQ(virtualSlot(&QvtpHeaderWriter::writeHeaders), 1);
 }
 

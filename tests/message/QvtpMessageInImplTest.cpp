@@ -112,7 +112,7 @@ TEST(QvtpMessageInImplStandIn, StaysWhenTheHeadIsCutOffAnywhere) {
     }
 }
 
-TEST(QvtpMessageInImplStandIn, StaysWhenTheHeadTellsNoLength) {
+TEST(QvtpMessageInImplStandIn, StaysWhenTheHeadGivesNoLength) {
     IncomingMessage message("QVTP/1.0 200 OK\r\nX: 1\r\n\r\n", 16, DirectionLabel::RECEIVE);
     EXPECT_EQ(startLineThrows(message), NO_LENGTH);
     EXPECT_EQ(message->getStartLine(), "QVTP/1.0 500 Internal Server Error");
@@ -289,7 +289,7 @@ TEST(QvtpMessageInImplBody, GrowsBeyondItsFirstBlock) {
     EXPECT_EQ(message.body(), half + half);
 }
 
-TEST(QvtpMessageInImplLog, ShowsTheStartLineBehindTheLabelAndTheThroughput) {
+TEST(QvtpMessageInImplLog, ShowsTheStartLineAfterTheLabelAndTheThroughput) {
     for (const std::string& label : {DirectionLabel::ACCEPT, DirectionLabel::RECEIVE}) {
         const LogCapture log;
         IncomingMessage message(withLength("5", "hello"), 16, label);
@@ -305,7 +305,7 @@ TEST(QvtpMessageInImplLog, ShowsNothingAtInfo) {
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST(QvtpMessageInImplLog, RecordsAMessageByteForByteBehindItsHeaderLine) {
+TEST(QvtpMessageInImplLog, RecordsAMessageByteForByteAfterItsHeaderLine) {
     const LogCapture log(LogCapture::LoggingLevel::OFF, LogCapture::CommunicationLevel::INPUT);
     IncomingMessage message(
         "\r\nPOST /r QVTP/1.0\r\nX:  1\r\n\t2\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n");

@@ -149,7 +149,7 @@ TEST(QvtpMessageOutImplBody, MayNotBeLongerThanAReceiverCanRead) {
     EXPECT_EQ(headOf(message), "POST /r QVTP/1.0\r\n\r\n");
 }
 
-TEST(QvtpMessageOutImplLog, ShowsTheStartLineBehindTheLabel) {
+TEST(QvtpMessageOutImplLog, ShowsTheStartLineAfterTheLabel) {
     for (const std::string& label : {DirectionLabel::SEND, DirectionLabel::REPLY}) {
         const LogCapture log;
         OutgoingMessage message("POST /r QVTP/1.0", label);
@@ -165,7 +165,7 @@ TEST(QvtpMessageOutImplLog, ShowsNothingAtInfo) {
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST(QvtpMessageOutImplLog, RecordsTheHeadByteForByteBehindItsHeaderLine) {
+TEST(QvtpMessageOutImplLog, RecordsTheHeadByteForByteAfterItsHeaderLine) {
     const LogCapture log(LogCapture::LoggingLevel::OFF, LogCapture::CommunicationLevel::OUTPUT);
     OutgoingMessage message;
     message.addHeader("X", "1");

@@ -22,34 +22,34 @@ using ::testing::ElementsAre;
 
 const char HEAD[] = "POST /r QVTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n";
 
-class QvtpOStreamTest : public ::testing::Test {
+class BodyStream : public ::testing::Test {
   protected:
-    QvtpOStreamTest() { message_.addHeader("Transfer-Encoding", "chunked"); }
+    BodyStream() { message_.addHeader("Transfer-Encoding", "chunked"); }
     std::string wire() const { return pipe_.str(); }
 
     std::ostringstream pipe_;
     OutgoingMessage message_;
 };
 
-TEST_F(QvtpOStreamTest, HasBadbitAndNothingElseInItsExceptionMask) {
+TEST_F(BodyStream, HasBadbitAndNothingElseInItsExceptionMask) {
     EXPECT_EQ(QvtpOStream(4, true, &pipe_, nullptr).exceptions(), std::ios_base::badbit);
 }
 
-TEST_F(QvtpOStreamTest, WritesALengthFramedBodyAsItIs) {
+TEST_F(BodyStream, WritesALengthFramedBodyAsItIs) {
     QvtpOStream out(4, false, &pipe_, nullptr);
     out << "hello" << 12;
     out.send();
     EXPECT_EQ(wire(), "hello12");
 }
 
-TEST_F(QvtpOStreamTest, WritesAChunkedBodyInChunksOfTheBufferSize) {
+TEST_F(BodyStream, WritesAChunkedBodyInChunksOfTheBufferSize) {
     QvtpOStream out(4, true, &pipe_, nullptr);
     out << "hello" << 12;
     out.send();
     EXPECT_EQ(wire(), "4\r\nhell\r\n3\r\no12\r\n0\r\n\r\n");
 }
 
-TEST_F(QvtpOStreamTest, WritesNoHeadUntilTheFirstByte) {
+TEST_F(BodyStream, WritesNoHeadUntilTheFirstByte) {
     QvtpOStream out(100, true, &pipe_, message_.impl());
     out << std::flush;
     EXPECT_EQ(wire(), "");
@@ -59,7 +59,7 @@ TEST_F(QvtpOStreamTest, WritesNoHeadUntilTheFirstByte) {
     EXPECT_TRUE(message_.isCommitted());
 }
 
-TEST_F(QvtpOStreamTest, SendsHeadersThatWereSetBeforeTheFirstByte) {
+TEST_F(BodyStream, SendsHeadersThatWereSetBeforeTheFirstByte) {
     QvtpOStream out(100, true, &pipe_, message_.impl());
     message_.addHeader("X", "early");
     out << 'x';
@@ -68,20 +68,20 @@ TEST_F(QvtpOStreamTest, SendsHeadersThatWereSetBeforeTheFirstByte) {
     EXPECT_EQ(wire(), "POST /r QVTP/1.0\r\nTransfer-Encoding: chunked\r\nX: early\r\n\r\n1\r\nx\r\n0\r\n\r\n");
 }
 
-TEST_F(QvtpOStreamTest, SendsHeadAndLastChunkOfAMessageThatNothingWasWrittenInto) {
+TEST_F(BodyStream, SendsHeadAndLastChunkOfAMessageThatNothingWasWrittenInto) {
     QvtpOStream out(100, true, &pipe_, message_.impl());
     out.send();
     EXPECT_EQ(wire(), std::string(HEAD) + "0\r\n\r\n");
     EXPECT_TRUE(message_.isCommitted());
 }
 
-TEST_F(QvtpOStreamTest, SendsNothingForAnEmptyBodyOfKnownLength) {
+TEST_F(BodyStream, SendsNothingForAnEmptyBodyOfKnownLength) {
     QvtpOStream out(100, false, &pipe_, nullptr);
     out.send();
     EXPECT_EQ(wire(), "");
 }
 
-TEST_F(QvtpOStreamTest, SendsWhatThereIsOfAChunkedBodyOnFlush) {
+TEST_F(BodyStream, SendsWhatThereIsOfAChunkedBodyOnFlush) {
     QvtpOStream out(100, true, &pipe_, message_.impl());
     out << "hello" << std::flush;
     EXPECT_EQ(wire(), std::string(HEAD) + "5\r\nhello\r\n");
@@ -89,7 +89,7 @@ TEST_F(QvtpOStreamTest, SendsWhatThereIsOfAChunkedBodyOnFlush) {
     EXPECT_EQ(wire(), std::string(HEAD) + "5\r\nhello\r\n");
 }
 
-TEST_F(QvtpOStreamTest, HoldsBackABodyOfKnownLengthOnFlush) {
+TEST_F(BodyStream, HoldsBackABodyOfKnownLengthOnFlush) {
     QvtpOStream out(100, false, &pipe_, nullptr);
     out << "hello" << std::flush;
     EXPECT_EQ(wire(), "");
@@ -97,7 +97,7 @@ TEST_F(QvtpOStreamTest, HoldsBackABodyOfKnownLengthOnFlush) {
     EXPECT_EQ(wire(), "hello");
 }
 
-TEST_F(QvtpOStreamTest, PutsHeadAndBodyOfKnownLengthIntoOneBuffer) {
+TEST_F(BodyStream, PutsHeadAndBodyOfKnownLengthIntoOneBuffer) {
     const LogCapture log(LogCapture::LoggingLevel::INFO);
     OutgoingMessage message;
     message.setBody("hello");
@@ -110,7 +110,7 @@ TEST_F(QvtpOStreamTest, PutsHeadAndBodyOfKnownLengthIntoOneBuffer) {
     EXPECT_THAT(log.messages(), ElementsAre(HasForm("INFO Wrote 44 bytes to the QvPipe \\([-+e.0-9]+ Mbps\\)\\.")));
 }
 
-TEST_F(QvtpOStreamTest, ThrowsIntoAWriterThatGoesOnAfterTheMessageWasSent) {
+TEST_F(BodyStream, ThrowsIntoAWriterThatGoesOnAfterTheMessageWasSent) {
     QvtpOStream out(100, true, &pipe_, nullptr);
     out << "hello";
     out.send();
@@ -121,7 +121,7 @@ TEST_F(QvtpOStreamTest, ThrowsIntoAWriterThatGoesOnAfterTheMessageWasSent) {
     EXPECT_EQ(wire(), sent);
 }
 
-TEST_F(QvtpOStreamTest, FlushesThePipeWhenItSends) {
+TEST_F(BodyStream, FlushesThePipeWhenItSends) {
     FailingStreamBuf counted(1000);
     std::ostream pipe(&counted);
     QvtpOStream out(100, false, &pipe, nullptr);
@@ -130,7 +130,7 @@ TEST_F(QvtpOStreamTest, FlushesThePipeWhenItSends) {
     EXPECT_EQ(counted.written(), "");
 }
 
-TEST_F(QvtpOStreamTest, TellsTheFailureOfAPipeThatDoesNotThrow) {
+TEST_F(BodyStream, ReportsTheFailureOfAPipeThatDoesNotThrow) {
     FailingStreamBuf failing(1, Failure::REPORTS);
     std::ostream pipe(&failing);
     QvtpOStream out(100, false, &pipe, nullptr);
@@ -138,14 +138,14 @@ TEST_F(QvtpOStreamTest, TellsTheFailureOfAPipeThatDoesNotThrow) {
     EXPECT_THROW(out.send(), std::ios_base::failure);
 }
 
-TEST_F(QvtpOStreamTest, UsesABufferSizeBelowOneAsOne) {
+TEST_F(BodyStream, UsesABufferSizeBelowOneAsOne) {
     QvtpOStream out(0, true, &pipe_, nullptr);
     out << "ab";
     out.send();
     EXPECT_EQ(wire(), "1\r\na\r\n1\r\nb\r\n0\r\n\r\n");
 }
 
-TEST_F(QvtpOStreamTest, RecordsHeadAndBodyOfAMessageInTheCommunicationLog) {
+TEST_F(BodyStream, RecordsHeadAndBodyOfAMessageInTheCommunicationLog) {
     const LogCapture log(LogCapture::LoggingLevel::INFO, LogCapture::CommunicationLevel::OUTPUT);
     QvtpOStream out(2, true, &pipe_, message_.impl());
     out << "hello";

@@ -21,12 +21,8 @@ TEST_F(AcceptContract, WaitsForAClient) {
     ASSERT_EQ(create(server), 0);
     LogCapture log;
     std::vector<std::string> messages;
-    auto accepting = std::async(std::launch::async, [&] {
-        const int result = accept(server, 0);
-        messages = log.messagesOfThisThread();
-        return result;
-    });
-    ASSERT_TRUE(eventually([&] { return log.contains("DEBUG ServerQvPipe_acceptPipe error = 997"); }));
+    auto accepting = acceptInBackground(server, log, messages);
+    ASSERT_TRUE(eventuallyAccepts(log));
     ASSERT_EQ(connect(client), 0);
     EXPECT_EQ(accepting.get(), AcceptResult::CONNECTED);
     EXPECT_THAT(messages, ElementsAre("DEBUG Calling ConnectNamedPipe.", "DEBUG ServerQvPipe_acceptPipe error = 997",
@@ -113,12 +109,8 @@ TEST_F(AcceptContract, EndsAsAbortedWhenTheInstanceIsClosed) {
     ASSERT_EQ(create(server), 0);
     LogCapture log;
     std::vector<std::string> messages;
-    auto accepting = std::async(std::launch::async, [&] {
-        const int result = accept(server, 0);
-        messages = log.messagesOfThisThread();
-        return result;
-    });
-    ASSERT_TRUE(eventually([&] { return log.contains("DEBUG ServerQvPipe_acceptPipe error = 997"); }));
+    auto accepting = acceptInBackground(server, log, messages);
+    ASSERT_TRUE(eventuallyAccepts(log));
     platform::platformCloseServer(server.pipe, server.event);
     EXPECT_EQ(accepting.get(), AcceptResult::ABORTED);
     server.forget();

@@ -183,7 +183,7 @@ TEST_F(InputContract, KeepsWhatWasWrittenBeforeTheEndOfReading) {
     EXPECT_EQ(readText(client), "answer");
 }
 
-TEST_F(InputContract, TellsWhetherThePeerHasClosed) {
+TEST_F(InputContract, SaysWhetherThePeerHasClosed) {
     EXPECT_FALSE(platform::platformPeerHasClosed(server.pipe));
     ASSERT_EQ(write(client, "left behind"), 0);
     client.close();

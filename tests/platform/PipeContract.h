@@ -84,6 +84,19 @@ class PipeContract : public ::testing::Test {
         return std::async(std::launch::async, [this, &end, timeoutMs] { return accept(end, timeoutMs); });
     }
 
+    /// `messages` becomes what the accept has logged.
+    std::future<int> acceptInBackground(const End& end, const LogCapture& log, std::vector<std::string>& messages) {
+        return std::async(std::launch::async, [&] {
+            const int result = accept(end, 0);
+            messages = log.messagesOfThisThread();
+            return result;
+        });
+    }
+    /// Waits until an accept in the background waits for a client.
+    static bool eventuallyAccepts(const LogCapture& log) {
+        return eventually([&] { return log.contains("DEBUG ServerQvPipe_acceptPipe error = 997"); });
+    }
+
     /// A connected pair. `server` becomes the accepted end.
     void pair(End& server, End& client) {
         ASSERT_EQ(create(server), 0);

@@ -22,12 +22,12 @@ using ::testing::IsEmpty;
 
 constexpr auto UNKNOWN_OPTION = static_cast<ServerOptions>(99);
 
-class ServerOptionsTest : public ::testing::Test {
+class OptionsOfAServer : public ::testing::Test {
   protected:
     QvtpServer server{uniquePipeName(), 1};
 };
 
-TEST_F(ServerOptionsTest, StartWithTheirDefaults) {
+TEST_F(OptionsOfAServer, StartWithTheirDefaults) {
     EXPECT_EQ(server.getIntegerOption(QvtpServer::ACCESS_MODE), 1);
     EXPECT_EQ(server.getStringOption(QvtpServer::SERVER_NAME), "QvtpServer");
     EXPECT_EQ(server.getIntegerOption(QvtpServer::MAX_REQUEST_PROCESSORS), 5);
@@ -41,7 +41,7 @@ TEST_F(ServerOptionsTest, StartWithTheirDefaults) {
     EXPECT_EQ(server.totalRequestProcessors(), 0);
 }
 
-TEST_F(ServerOptionsTest, AreNumberedForTheConfigurationFile) {
+TEST_F(OptionsOfAServer, AreNumberedForTheConfigurationFile) {
     EXPECT_EQ(static_cast<int>(QvtpServer::ACCESS_MODE), 0);
     EXPECT_EQ(static_cast<int>(QvtpServer::SERVER_NAME), 1);
     EXPECT_EQ(static_cast<int>(QvtpServer::MAX_REQUEST_PROCESSORS), 2);
@@ -51,7 +51,7 @@ TEST_F(ServerOptionsTest, AreNumberedForTheConfigurationFile) {
     EXPECT_EQ(static_cast<int>(QvtpServer::BUFFER_SIZE), 6);
 }
 
-TEST_F(ServerOptionsTest, AreStoredSilentlyWhateverTheirValue) {
+TEST_F(OptionsOfAServer, AreStoredSilentlyWhateverTheirValue) {
     LogCapture log;
     for (const auto option : {QvtpServer::MAX_REQUEST_PROCESSORS, QvtpServer::ACCEPT_TIMEOUT, QvtpServer::IDLE_TIMEOUT,
                               QvtpServer::RECEIVE_TIMEOUT, QvtpServer::BUFFER_SIZE}) {
@@ -65,13 +65,13 @@ TEST_F(ServerOptionsTest, AreStoredSilentlyWhateverTheirValue) {
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST_F(ServerOptionsTest, KeepTheAccessFlagTrue) {
+TEST_F(OptionsOfAServer, KeepTheAccessFlagTrue) {
     server.setOption(QvtpServer::ACCESS_MODE, 0);
     EXPECT_EQ(server.getIntegerOption(QvtpServer::ACCESS_MODE), 1);
     EXPECT_EQ(QvtpServer(uniquePipeName(), 0).getIntegerOption(QvtpServer::ACCESS_MODE), 1);
 }
 
-TEST_F(ServerOptionsTest, OfTheOtherKindAreLogged) {
+TEST_F(OptionsOfAServer, OfTheOtherKindAreLogged) {
     LogCapture log;
     server.setOption(QvtpServer::SERVER_NAME, 5);
     server.setOption(UNKNOWN_OPTION, 5);

@@ -67,7 +67,7 @@ TEST_F(ServerRequest, HasWhatFollowsTheOnlyBlankForAResource) {
     EXPECT_EQ(read("POST  QVTP/1.0").getResource(), "");
 }
 
-TEST_F(ServerRequest, ParsesTheVersionBehindTheLastBlank) {
+TEST_F(ServerRequest, ParsesTheVersionAfterTheLastBlank) {
     EXPECT_EQ(read("POST /a b c QVTP/3.4").getQvtpVersion(), Version(3, 4));
     EXPECT_EQ(read("POST /a QVTP/2").getQvtpVersion(), Version(2, 0));
 }
@@ -185,7 +185,7 @@ TEST_F(ServerResponse, CountsHeadAndBodyInItsThroughput) {
                                                                       " bytes to the QvPipe \\(.* Mbps\\)\\.")));
 }
 
-TEST_F(ServerResponse, StreamsABodyInChunksBehindAHeadThatWaitsForIt) {
+TEST_F(ServerResponse, StreamsABodyInChunksAfterAHeadThatWaitsForIt) {
     server.setOption(QvtpServer::BUFFER_SIZE, 4);
     QvtpServerResponse chunked(&server, &out, &converter);
     std::ostream* const body = chunked.getBodyStream();
