@@ -20,6 +20,8 @@ import sys
 import tempfile
 import time
 
+from charts import title_of
+
 # Name, program, and the Debian package of which the version is noted.
 CONTENDERS = (
     ("raw", "raw", None),
@@ -148,7 +150,7 @@ class Lab:
 def rounds_of(lab, contenders, workloads, seconds):
     """All turns, as a list for each workload and contender, with one entry for each round."""
     turns = {workload[0]: {contender[0]: [] for contender in contenders} for workload in workloads}
-    failures = {}
+    failures = set()
     start = time.monotonic()
     number = 0
     longest = 0.0
@@ -163,7 +165,7 @@ def rounds_of(lab, contenders, workloads, seconds):
                 try:
                     turns[key[1]][key[0]].append(lab.turn(contender, workload))
                 except (Failure, OSError, ValueError, subprocess.TimeoutExpired) as problem:
-                    failures[key] = str(problem)
+                    failures.add(key)
                     print(f"\n{key[0]} fails at {key[1]}: {problem}", file=sys.stderr)
         number += 1
         longest = max(longest, time.monotonic() - began)
@@ -236,11 +238,11 @@ def main():
     chosen = [c for c in CONTENDERS if not arguments.only or c[0] in ["raw", *arguments.only.split(",")]]
     workloads = [w for w in WORKLOADS if not arguments.workloads or w[0] in arguments.workloads.split(",")]
     contenders = [c for c in chosen if (programs / f"compare_{c[1]}").exists()]
-    left_out = {c[0]: "not installed or not built" for c in chosen if c not in contenders}
+    left_out = {title_of(c[0]): "not installed or not built" for c in chosen if c not in contenders}
     with tempfile.TemporaryDirectory(prefix="qb-") as scratch:
         lab = Lab(programs, pathlib.Path(scratch), arguments.ms)
         turns, failures, rounds = rounds_of(lab, contenders, workloads, arguments.seconds)
-    left_out.update({f"{contender} at {workload}": reason for (contender, workload), reason in failures.items()})
+    left_out.update({f"{title_of(contender)} at {workload}": "failed" for contender, workload in failures})
     result = {
         "date": time.strftime("%Y-%m-%d", time.gmtime()),
         "machine": f"{processor()}, {len(os.sched_getaffinity(0))} cores, Linux {platform.release().split('-')[0]}",

@@ -40,12 +40,14 @@ def run(result):
     raw = result["summary"]["64 B @one"]["raw"]
     sentences = [f"Measured on {result['date']} with {result['machine']}: {result['rounds']} rounds, "
                  f"{result['ms']} ms for each turn.",
-                 f"One exchange of 64 bytes took the bare socket {raw['us']:.1f} µs with both processes on one core.",
-                 "Versions: " + ", ".join(dict.fromkeys(f"{charts.title_of(name).split(',')[0]} {version}"
-                                          for name, version in result["contenders"].items() if version)) + "."]
-    if result["left_out"]:
-        sentences.append("Left out: " + "; ".join(f"{name} ({reason.splitlines()[0]})"
-                                                  for name, reason in result["left_out"].items()) + ".")
+                 f"One exchange of 64 bytes took the bare socket {raw['us']:.1f} µs with both processes on one core."]
+    versions = {charts.title_of(name).split(",")[0]: version
+                for name, version in result["contenders"].items() if version}
+    if versions:
+        sentences.append("Versions: " + ", ".join(f"{title} {version}" for title, version in versions.items()) + ".")
+    for reason in dict.fromkeys(result["left_out"].values()):
+        names = [name for name, own in result["left_out"].items() if own == reason]
+        sentences.append(f"Left out ({reason}): {'; '.join(names)}.")
     return textwrap.fill(" ".join(sentences), WIDTH, break_long_words=False, break_on_hyphens=False) + "\n"
 
 
