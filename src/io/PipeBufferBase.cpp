@@ -3,6 +3,8 @@
 #include <qvtp/io/QvPipe.h>
 #include <qvtp/io/QvPipeException.h>
 
+#include "io/PipeControl.h"
+
 #include <algorithm>
 #include <limits>
 
@@ -62,6 +64,17 @@ bool PipeBufferBase<CharT, Traits>::flushArea() {
     return true;
 }
 
+/// Writes what is pending and so much of a block that what is left of it just fits into the area. Returns how much.
+template <typename CharT, typename Traits>
+std::streamsize PipeBufferBase<CharT, Traits>::writeFullAreas(const CharT* s, std::streamsize n) {
+    const std::streamsize pending = this->pptr() - this->pbase();
+    const std::streamsize rest = (pending + n - 1) % bufferSize_ + 1;
+    Internal::Qvtp::PipeControl::write(*pipe_, buffer_, static_cast<std::size_t>(pending), s,
+                                       static_cast<std::size_t>(n - rest));
+    this->setp(buffer_, buffer_ + bufferSize_);
+    return n - rest;
+}
+
 /// Forgets the area and what is in it: its owner may free it.
 template <typename CharT, typename Traits>
 void PipeBufferBase<CharT, Traits>::dropArea() {
@@ -112,7 +125,15 @@ typename PipeBufferBase<CharT, Traits>::int_type PipeBufferBase<CharT, Traits>::
 template <typename CharT, typename Traits>
 std::streamsize PipeBufferBase<CharT, Traits>::xsgetn(CharT* s, std::streamsize n) {
     requireInput();
-    return std::basic_streambuf<CharT, Traits>::xsgetn(s, n);
+    using Base = std::basic_streambuf<CharT, Traits>;
+    const std::streamsize there = std::min<std::streamsize>(n, this->egptr() - this->gptr());
+    std::streamsize got = there > 0 ? Base::xsgetn(s, there) : 0;
+    while (bufferSize_ > 1 && n - got >= bufferSize_) {
+        const int count = pipe_->readPipe(s + got, 0, clampToInt(n - got), pipe_->getReadTimeout());
+        if (count == -1) return got;
+        got += count;
+    }
+    return got < n ? got + Base::xsgetn(s + got, n - got) : got;
 }
 
 template <typename CharT, typename Traits>
@@ -124,15 +145,11 @@ std::streamsize PipeBufferBase<CharT, Traits>::xsputn(const CharT* s, std::strea
         for (; placed < n; placed += clampToInt(n - placed)) pipe_->writePipe(s + placed, 0, clampToInt(n - placed));
         return 0;
     }
-    for (;;) {
-        const std::streamsize fits = std::min<std::streamsize>(n - placed, this->epptr() - this->pptr());
-        Traits::copy(this->pptr(), s + placed, static_cast<std::size_t>(fits));
-        this->pbump(static_cast<int>(fits));
-        placed += fits;
-        if (placed == n) return n;
-        if (Traits::eq_int_type(this->overflow(Traits::to_int_type(s[placed])), Traits::eof())) return placed;
-        ++placed;
-    }
+    if (bufferSize_ == 0) return 0;
+    if (n > this->epptr() - this->pptr()) placed = writeFullAreas(s, n);
+    Traits::copy(this->pptr(), s + placed, static_cast<std::size_t>(n - placed));
+    this->pbump(static_cast<int>(n - placed));
+    return n;
 }
 
 template class PipeBufferBase<char>;

@@ -2,13 +2,22 @@
 
 #include <qvtp/io/InterruptedException.h>
 
+#include "io/PipeStream.h"
+#include "io/WriteCheck.h"
 #include "platform/PipePlatform.h"
 #include "platform/ServerPipePlatform.h"
 
 namespace Quovane::Internal::Qvtp {
 
-PipeControl::Input PipeControl::awaitInput(const QvPipe& pipe, int timeoutMs) {
-    switch (platformAwaitInput(pipe.pipeHandle_, pipe.eventHandle_, timeoutMs)) {
+PipeControl::Input PipeControl::awaitInput(const QvPipe& pipe, int timeoutMs, bool wakeable) {
+    auto* stream = static_cast<QvPipe::InputStream*>(pipe.inputStream_.get());
+    if (stream != nullptr && !stream->hasRoom()) stream = nullptr;
+    int taken = 0;
+    const int result =
+        platformTakeInput(pipe.pipeHandle_, pipe.eventHandle_, stream != nullptr ? stream->area() : nullptr,
+                          stream != nullptr ? stream->areaSize() : 0, timeoutMs, wakeable, taken);
+    if (taken > 0) stream->filled(taken);
+    switch (result) {
         case InputResult::TIMED_OUT:
             return Input::TIMED_OUT;
         case InputResult::WOKEN:
@@ -18,6 +27,11 @@ PipeControl::Input PipeControl::awaitInput(const QvPipe& pipe, int timeoutMs) {
         default:
             return Input::THERE;
     }
+}
+
+void PipeControl::write(const QvPipe& pipe, const char* first, std::size_t firstLength, const char* second,
+                        std::size_t secondLength) {
+    checkWritten(platformWriteBoth(pipe.pipeHandle_, pipe.eventHandle_, first, firstLength, second, secondLength));
 }
 
 void PipeControl::wake(const QvPipe& pipe) {

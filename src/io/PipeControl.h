@@ -24,9 +24,15 @@ class PipeControl {
 
     /// Waits for the first byte of what comes next. For the thread that reads. `timeoutMs`: 0 waits without limit.
     /// Throws InterruptedException if the pipe is closed meanwhile, as a read does.
-    static Input awaitInput(const QvPipe& pipe, int timeoutMs);
+    /// What comes is taken into the input stream's area, where that is empty and nothing stands before it. `wakeable`:
+    /// false if nobody will call wake() for this wait.
+    static Input awaitInput(const QvPipe& pipe, int timeoutMs, bool wakeable);
     /// Ends a running awaitInput(), or else the next one. From any thread.
     static void wake(const QvPipe& pipe);
+
+    /// Writes two blocks, one after the other. Throws as QvPipe::writePipe.
+    static void write(const QvPipe& pipe, const char* first, std::size_t firstLength, const char* second,
+                      std::size_t secondLength);
 
     /// How many bytes can be read without waiting, besides those that the input stream holds already.
     static std::size_t available(const QvPipe& pipe);

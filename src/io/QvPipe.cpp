@@ -1,20 +1,15 @@
 #include <qvtp/io/QvPipe.h>
 
-#include <qvtp/io/BrokenPipeException.h>
 #include <qvtp/io/ConnectException.h>
 #include <qvtp/io/IllegalStateException.h>
 #include <qvtp/io/InterruptedException.h>
-#include <qvtp/io/PipeBufferBase.h>
 #include <qvtp/io/TimeoutException.h>
 
-#include "common/MessageSink.h"
 #include "io/BindCheck.h"
 #include "io/PipeControl.h"
+#include "io/PipeStream.h"
+#include "io/WriteCheck.h"
 #include "platform/PipePlatform.h"
-
-#include <algorithm>
-#include <mutex>
-#include <optional>
 
 namespace Quovane::Io {
 
@@ -24,110 +19,9 @@ using namespace Quovane::Internal::Qvtp;
 
 constexpr int DEFAULT_CONNECT_TIMEOUT_MS = 10000;
 
-void checkWritten(int result) {
-    switch (result) {
-        case WriteResult::WRITTEN:
-            return;
-        case WriteResult::BROKEN:
-            throw BrokenPipeException("Pipe was closed at other end.");
-        case WriteResult::ABORTED:
-            throw InterruptedException("Pipe write aborted.");
-        case WriteResult::FAILED:
-            throw QvPipeException("Pipe write failed");
-        case WriteResult::TIMED_OUT:
-            throw TimeoutException("Pipe write timed out");
-        default:
-            throw QvPipeException("Unexpected writePipe failure.");
-    }
-}
-
 }  // namespace
 
 const std::string QvPipe::PIPE_NAME_PREFIX = PIPE_PATH_PREFIX;
-
-/// A stream and its buffer. The buffer works on the QvPipe that made it. When that object goes while copies still have
-/// the stream, an heir takes its place: a closed pipe, on which every read and write fails in the ordinary way. Copies
-/// may go on several threads at once.
-template <typename Stream>
-class QvPipe::PipeStream : public Stream {
-  public:
-    PipeStream(QvPipe* pipe, int mode) : Stream(nullptr), buffer_(pipe, mode) {
-        this->rdbuf(&buffer_);
-        this->exceptions(std::ios_base::badbit);
-    }
-
-    /// Puts the heir in the pipe's place, if the stream works on this pipe. It needs no memory: this is for
-    /// destructors.
-    void leave(const QvPipe& owner) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (buffer_.pipe_ != &owner) return;
-        heir_.emplace();
-        heir_->readTimeout_ = owner.readTimeout_;
-        buffer_.pipe_ = &*heir_;
-        buffer_.dropArea();  // whoever gave it to the owner frees it now
-    }
-
-    /// Gives a stream without an owner to a copy that asks for it.
-    void adopt(QvPipe* pipe) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (!heir_) return;
-        buffer_.pipe_ = pipe;
-        heir_.reset();
-    }
-
-  protected:
-    PipeBufferBase<char> buffer_;
-
-  private:
-    std::mutex mutex_;  // guards whose the stream is: heir_ and the buffer's pipe
-    std::optional<QvPipe> heir_;
-};
-
-/// The stream that writes. Whole messages take the short way past its area.
-class QvPipe::OutputStream : public PipeStream<std::ostream>, public MessageSink {
-  public:
-    using PipeStream::PipeStream;
-
-    std::size_t writeSome(const char* head, std::size_t headLength, const char* body, std::size_t bodyLength) override {
-        std::size_t written = 0;
-        writing([&](const QvPipe& pipe) {
-            checkWritten(
-                platformWriteSome(pipe.pipeHandle_, pipe.eventHandle_, head, headLength, body, bodyLength, written));
-        });
-        return written;
-    }
-
-    void writeAll(const char* data, std::size_t length) override {
-        writing([&](QvPipe& pipe) {
-            for (std::size_t done = 0; done < length;) {
-                const std::size_t size = std::min(length - done, platformBlockSize());
-                pipe.writePipe(data + done, 0, static_cast<int>(size));
-                done += size;
-            }
-        });
-    }
-
-  protected:
-    /// Without an area the stream's first write fails, and that is so here too.
-    bool isDirect() const override { return rdbuf() == &buffer_ && buffer_.buffer_ != nullptr; }
-
-  private:
-    /// What the area holds goes first. A failure leaves the stream bad, as if its buffer had thrown.
-    template <typename Action>
-    void writing(const Action& action) {
-        try {
-            buffer_.sync();
-            action(*buffer_.pipe_);
-        } catch (...) {
-            try {
-                setstate(std::ios_base::badbit);
-            } catch (const std::ios_base::failure&) {
-                // The stream's own exception: the pipe's says more.
-            }
-            throw;
-        }
-    }
-};
 
 QvPipe::QvPipe() : connectTimeout_(DEFAULT_CONNECT_TIMEOUT_MS), prefix_(PIPE_NAME_PREFIX) {}
 
@@ -238,9 +132,8 @@ void QvPipe::closePipe() {
 
 std::istream* QvPipe::getInputStream() {
     if (!isBound() || !readable_) throw IllegalStateException("Pipe is not bound with read access.");
-    using Stream = PipeStream<std::istream>;
-    if (inputStream_ == nullptr) inputStream_ = std::make_shared<Stream>(this, PipeBufferBase<char>::INPUT_MODE);
-    static_cast<Stream&>(*inputStream_).adopt(this);
+    if (inputStream_ == nullptr) inputStream_ = std::make_shared<InputStream>(this, PipeBufferBase<char>::INPUT_MODE);
+    static_cast<InputStream&>(*inputStream_).adopt(this);
     return inputStream_.get();
 }
 

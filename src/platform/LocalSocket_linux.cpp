@@ -30,20 +30,13 @@ bool fillAddress(const std::string& path, sockaddr_un& address) {
     return true;
 }
 
-bool setBlocking(int fd, bool blocking) {
-    const int flags = uninterrupted([&] { return ::fcntl(fd, F_GETFL); });
-    if (flags < 0) return false;
-    const int changed = blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK;
-    return uninterrupted([&] { return ::fcntl(fd, F_SETFL, changed); }) == 0;
-}
-
-/// `left` in microseconds, rounded up: a remainder that rounds to 0 would mean for ever.
-bool setSendTimeout(int fd, std::chrono::nanoseconds left) {
-    const auto microseconds = std::max<std::int64_t>((left.count() + 999) / 1000, 1);
+/// `limit` in microseconds, rounded up: a remainder that rounds to 0 would mean for ever.
+bool setTimeout(int fd, int option, std::chrono::nanoseconds limit) {
+    const auto microseconds = std::max<std::int64_t>((limit.count() + 999) / 1000, 1);
     timeval value{};
     value.tv_sec = static_cast<time_t>(microseconds / 1000000);
     value.tv_usec = static_cast<suseconds_t>(microseconds % 1000000);
-    return ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value) == 0;
+    return ::setsockopt(fd, SOL_SOCKET, option, &value, sizeof value) == 0;
 }
 
 int pollOnce(pollfd* descriptors, nfds_t count, const Deadline& deadline) {
@@ -59,6 +52,15 @@ int pollOnce(pollfd* descriptors, nfds_t count, const Deadline& deadline) {
 
 Descriptor create() {
     return Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+bool setBlocking(int fd, bool blocking) {
+    // A socket of its own has no other flag that could be changed.
+    return uninterrupted([&] { return ::fcntl(fd, F_SETFL, blocking ? 0 : O_NONBLOCK); }) == 0;
+}
+
+bool setReceiveTimeout(int fd, std::chrono::nanoseconds limit) {
+    return setTimeout(fd, SO_RCVTIMEO, limit);
 }
 
 void reserveSendBuffer(int fd) {
@@ -88,15 +90,15 @@ QueueResult connectBefore(int fd, const std::string& path, const Deadline& deadl
     int result = -1;
     int error = EINTR;
     while (result != 0 && error == EINTR) {
-        if (!deadline.isUnlimited() && !setSendTimeout(fd, deadline.left())) return QueueResult::FAILED;
+        if (!deadline.isUnlimited() && !setTimeout(fd, SO_SNDTIMEO, deadline.left())) return QueueResult::FAILED;
         result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
         error = result == 0 ? 0 : errno;
         if (error == EINTR && deadline.isOver()) error = EAGAIN;
     }
-    // Reading and writing ask not to wait each time, so it does no harm if these two fail.
+    // Writing asks not to wait each time, so it does no harm if this fails.
     const timeval unlimited{};
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &unlimited, sizeof unlimited);
-    setBlocking(fd, false);
+    if (result != 0) setBlocking(fd, false);  // for the next attempt
     return result == 0 ? QueueResult::CONNECTED : QueueResult::NOT_CONNECTED;
 }
 

@@ -3,6 +3,7 @@
 #include "platform/Deadline.h"
 #include "platform/Descriptor_linux.h"
 
+#include <chrono>
 #include <string>
 
 /// Unix-domain stream sockets in the way pipes need them. Failures leave their reason in errno.
@@ -10,6 +11,12 @@ namespace Quovane::Internal::Qvtp::LocalSocket {
 
 /// A non-blocking socket, or a closed descriptor.
 Descriptor create();
+
+/// A socket that is connected blocks where a call does not say otherwise.
+bool setBlocking(int fd, bool blocking);
+
+/// The longest time that a blocking receive waits: more than 0.
+bool setReceiveTimeout(int fd, std::chrono::nanoseconds limit);
 
 /// Gives the sending side room for the 65536 bytes that a pipe takes without a reader, whatever the sizes of the
 /// pieces: the kernel counts its own bookkeeping too.

@@ -45,9 +45,12 @@ int createInstance(NativeHandle sibling, const std::string& path, bool readable,
 
 int read(PipeObject& object, char* buffer, std::size_t length, int timeoutMs);
 int write(PipeObject& object, const char* data, std::size_t length);
+int writeBoth(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
+              std::size_t secondLength);
 int writeSome(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
               std::size_t secondLength, std::size_t& written);
 int awaitInput(PipeObject& object, int timeoutMs);
+int takeInput(PipeObject& object, char* buffer, std::size_t length, int timeoutMs, bool wakeable, int& taken);
 void wake(PipeObject& object);
 std::size_t available(PipeObject& object);
 void endReading(PipeObject& object);

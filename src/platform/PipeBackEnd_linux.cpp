@@ -6,6 +6,7 @@
 #include "platform/PipeFailure.h"
 #include "platform/PipeLog.h"
 #include "platform/PipeObject_linux.h"
+#include "platform/Receiving_linux.h"
 #include "platform/Steps.h"
 #include "platform/SystemError_linux.h"
 
@@ -35,19 +36,6 @@ constexpr int LOOKS = 100;
 // A message of this size becomes one buffer of the kernel, which its reader gets as a whole or not at all.
 constexpr std::size_t WHOLE_SIZE = 32768;
 
-/// One try to read, without waiting: the count, 0 at the end (also when the peer left data of ours unread), -1 with
-/// errno. With length 0 it only looks whether there is anything.
-ssize_t receive(int fd, char* buffer, std::size_t length) {
-    char probe = 0;
-    for (;;) {
-        const ssize_t count =
-            length > 0 ? ::recv(fd, buffer, length, MSG_DONTWAIT) : ::recv(fd, &probe, 1, MSG_DONTWAIT | MSG_PEEK);
-        if (count >= 0) return count;
-        if (errno == ECONNRESET) return 0;
-        if (errno != EINTR) return -1;
-    }
-}
-
 bool wouldBlock(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
@@ -57,12 +45,13 @@ bool wouldBlock(int error) {
 /// One read.
 class Reading {
   public:
-    Reading(PipeObject& object, char* buffer, std::size_t length) : object_(object), buffer_(buffer), length_(length) {}
+    Reading(PipeObject& object, char* buffer, std::size_t length)
+        : object_(object), length_(length), receiving_(object, buffer, length, Receiving::Wake::NEVER) {}
 
     int run(int timeoutMs) {
         return beginAndWait(
             timeoutMs, [this] { return begin(); },
-            [this](const Deadline& deadline) { return complete(object_.wait(POLLIN, deadline)); });
+            [this](const Deadline& deadline) { return complete(receiving_.wait(deadline)); });
     }
 
   private:
@@ -70,55 +59,58 @@ class Reading {
     std::optional<int> begin() {
         const int refused = object_.accessError(object_.readable);
         if (refused != SystemError::NONE) return PipeFailure::refuseRead(refused);
-        const ssize_t count = receive(object_.socket.get(), buffer_, length_);
-        const int error = errno;
-        if (count > 0) return deliver(count);
-        if (count == 0 && std::exchange(object_.endAwaited, false)) return 0;
-        if (count < 0 && wouldBlock(error)) return std::nullopt;
+        receiving_.attempt();
+        if (receiving_.count() > 0) return delivered();
+        const bool isAtEnd = receiving_.count() == 0;
+        if (isAtEnd && std::exchange(object_.endAwaited, false)) return 0;
+        if (receiving_.mustWait()) return std::nullopt;
         if (object_.isClosed()) return ReadResult::ABORTED;
-        return PipeFailure::refuseRead(count == 0 ? SystemError::BROKEN_PIPE : SystemError::fromErrno(error));
+        return PipeFailure::refuseRead(isAtEnd ? SystemError::BROKEN_PIPE : SystemError::fromErrno(receiving_.error()));
     }
 
     /// Nothing if the wait ended for another reason than this read.
     std::optional<int> complete(WaitResult waited) {
+        if (waited == WaitResult::READY && receiving_.count() > 0) return delivered();
         if (object_.isClosed()) return ReadResult::ABORTED;
         if (waited == WaitResult::TIMED_OUT) {
             PipeLog::readTimedOut();
             return ReadResult::TIMED_OUT;
         }
-        if (waited != WaitResult::READY) return 0;
-        const ssize_t count = receive(object_.socket.get(), buffer_, length_);
-        const int error = errno;
-        if (object_.isClosed() && count <= 0) return ReadResult::ABORTED;
-        if (count >= 0) return deliver(count);
-        if (wouldBlock(error)) return std::nullopt;
-        return PipeFailure::failRead(SystemError::fromErrno(error));
+        if (waited != WaitResult::READY || receiving_.count() == 0) return 0;
+        return PipeFailure::failRead(SystemError::fromErrno(receiving_.error()));
     }
 
-    int deliver(ssize_t count) const { return length_ > 0 ? static_cast<int>(count) : 0; }
+    int delivered() const { return length_ > 0 ? static_cast<int>(receiving_.count()) : 0; }
 
     PipeObject& object_;
-    char* const buffer_;
     const std::size_t length_;
+    Receiving receiving_;
 };
 
 /// One wait for input. Another thread may end it through platformWake.
 class InputWait {
   public:
-    explicit InputWait(PipeObject& object) : object_(object) {}
+    InputWait(PipeObject& object, char* buffer, std::size_t length, Receiving::Wake wake)
+        : object_(object), length_(length), receiving_(object, buffer, length, wake) {}
 
     int run(int timeoutMs) {
         return beginAndWait(
             timeoutMs, [this] { return begin(); },
-            [this](const Deadline& deadline) { return complete(object_.wait(POLLIN, deadline)); });
+            [this](const Deadline& deadline) { return complete(receiving_.wait(deadline)); });
     }
+
+    /// How many bytes were taken.
+    int taken() const { return length_ > 0 && receiving_.count() > 0 ? static_cast<int>(receiving_.count()) : 0; }
 
   private:
     /// Nothing if it has to wait.
-    std::optional<int> begin() { return look(std::exchange(object_.awaitedBefore, false)); }
+    std::optional<int> begin() {
+        const bool waited = std::exchange(object_.awaitedBefore, false);
+        receiving_.attempt();
+        return outcome(waited);
+    }
 
-    /// Nothing if the wait has to go on.
-    std::optional<int> complete(WaitResult waited) {
+    int complete(WaitResult waited) {
         switch (waited) {
             case WaitResult::TIMED_OUT:
                 object_.awaitedBefore = true;
@@ -127,22 +119,23 @@ class InputWait {
                 object_.awaitedBefore = true;
                 return object_.isClosed() ? InputResult::ABORTED : InputResult::WOKEN;
             case WaitResult::READY:
-                return look(true);
+                return outcome(true).value_or(InputResult::INPUT);
             default:
                 return InputResult::INPUT;  // the read reports why
         }
     }
 
-    std::optional<int> look(bool waited) {
-        const ssize_t count = receive(object_.socket.get(), nullptr, 0);
-        const bool mustWait = count < 0 && wouldBlock(errno);
+    /// Nothing if there was nothing.
+    std::optional<int> outcome(bool waited) {
         if (object_.isClosed()) return InputResult::ABORTED;
-        if (count == 0) object_.endAwaited = waited;
-        if (mustWait) return std::nullopt;
+        if (receiving_.mustWait()) return std::nullopt;
+        if (receiving_.count() == 0) object_.endAwaited = waited;
         return InputResult::INPUT;
     }
 
     PipeObject& object_;
+    const std::size_t length_;
+    Receiving receiving_;
 };
 
 // ---- Writing ----
@@ -293,6 +286,11 @@ int write(PipeObject& object, const char* data, std::size_t length) {
     return Writing(object, data, length).run();
 }
 
+int writeBoth(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
+              std::size_t secondLength) {
+    return Writing(object, first, firstLength, second, secondLength).run();
+}
+
 int writeSome(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
               std::size_t secondLength, std::size_t& written) {
     Writing writing(object, first, firstLength, second, secondLength);
@@ -302,9 +300,18 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
 }
 
 int awaitInput(PipeObject& object, int timeoutMs) {
+    int taken = 0;
+    return takeInput(object, nullptr, 0, timeoutMs, true, taken);
+}
+
+int takeInput(PipeObject& object, char* buffer, std::size_t length, int timeoutMs, bool wakeable, int& taken) {
     if (object.accessError(object.readable) != SystemError::NONE) return InputResult::FAILED;
     const InputWake::Scope<PipeObject> scope(object);
-    return scope.hasBegun() ? InputWait(object).run(timeoutMs) : InputResult::WOKEN;
+    if (!scope.hasBegun()) return InputResult::WOKEN;
+    InputWait wait(object, buffer, length, wakeable ? Receiving::Wake::POSSIBLE : Receiving::Wake::NEVER);
+    const int result = wait.run(timeoutMs);
+    taken = wait.taken();
+    return result;
 }
 
 void wake(PipeObject& object) {

@@ -330,6 +330,23 @@ int write(PipeObject& object, const char* data, std::size_t length) {
     return Writing(object, data, length).run();
 }
 
+/// A named pipe has no gathered write: small blocks are joined, large ones leave one after another.
+int writeBoth(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
+              std::size_t secondLength) {
+    if (firstLength + secondLength <= GATHERED_SIZE) {
+        std::string joined(first, firstLength);
+        joined.append(second, secondLength);
+        return write(object, joined.data(), joined.size());
+    }
+    int result = firstLength > 0 ? write(object, first, firstLength) : WriteResult::WRITTEN;
+    for (std::size_t done = 0; result == WriteResult::WRITTEN && done < secondLength;) {
+        const std::size_t size = std::min(secondLength - done, platformBlockSize());
+        result = write(object, second + done, size);
+        done += size;
+    }
+    return result;
+}
+
 /// One call of the system for what fits into the pipe, from one block: a named pipe has no gathered write.
 int writeSome(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
               std::size_t secondLength, std::size_t& written) {
@@ -345,6 +362,11 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
 int awaitInput(PipeObject& object, int timeoutMs) {
     const InputWake::Scope<PipeObject> scope(object);
     return scope.hasBegun() ? InputWait(object).run(timeoutMs) : InputResult::WOKEN;
+}
+
+/// Reading is a call of its own here, and every wait has the event.
+int takeInput(PipeObject& object, char*, std::size_t, int timeoutMs, bool, int&) {
+    return awaitInput(object, timeoutMs);
 }
 
 void wake(PipeObject& object) {

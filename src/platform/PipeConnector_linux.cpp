@@ -83,7 +83,8 @@ PipeConnector::Attempt PipeConnector::attempt() {
 }
 
 PipeConnector::Attempt PipeConnector::attemptConnect(bool foreign) {
-    if (LocalSocket::connect(socket_.get(), address_.socketPath(address_.socketFile()))) return Attempt::CONNECTED;
+    const bool connected = LocalSocket::connect(socket_.get(), address_.socketPath(address_.socketFile()));
+    if (connected && LocalSocket::setBlocking(socket_.get(), true)) return Attempt::CONNECTED;
     const int error = errno;
     switch (error) {
         case EAGAIN:

@@ -36,6 +36,14 @@ int PipeObject::accessError(bool allowed) const {
     return allowed ? SystemError::NONE : SystemError::ACCESS_DENIED;
 }
 
+bool PipeObject::limitReceive(std::chrono::nanoseconds left) {
+    // Set again only when it no longer fits: most waits have the same time-out as the one before.
+    if (receiveLimit_ <= left && receiveLimit_ >= left / 2) return true;
+    if (!LocalSocket::setReceiveTimeout(socket.get(), left * 3 / 4)) return false;
+    receiveLimit_ = left * 3 / 4;
+    return true;
+}
+
 LocalSocket::WaitResult PipeObject::wait(short events, const Deadline& deadline) const {
     return LocalSocket::wait(socket.get(), events, event.get(), deadline);
 }

@@ -10,6 +10,7 @@
 #include "platform/ServedName_linux.h"
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -42,6 +43,9 @@ class PipeObject {
     int accessError(bool allowed) const;
     /// Waits until the connection is ready for `events` (as in poll) or the event is signalled.
     LocalSocket::WaitResult wait(short events, const Deadline& deadline) const;
+    /// Lets receives that block end before `left` is over, but not long before. False if that fails. For the thread
+    /// that reads.
+    bool limitReceive(std::chrono::nanoseconds left);
 
     bool readable = false;
     bool writable = false;
@@ -67,6 +71,7 @@ class PipeObject {
 
   private:
     InputWake wake_;
+    std::chrono::nanoseconds receiveLimit_{0};  // 0: none
 };
 
 /// Values count up, by more than one: the value after a pipe's is that of its event.

@@ -59,9 +59,30 @@ int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, 
     return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
 }
 
+int platformWriteBoth(NativeHandle pipeHandle, NativeHandle, const char* first, std::size_t firstLength,
+                      const char* second, std::size_t secondLength) try {
+    const PipeCall call(pipeHandle);
+    if (!call) return PipeFailure::refuseWrite(SystemError::INVALID_HANDLE);
+    if (firstLength + secondLength == 0) return WriteResult::WRITTEN;
+    return BackEnd::writeBoth(call.object(), first, firstLength, second, secondLength);
+} catch (const std::bad_alloc&) {
+    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
+}
+
 int platformAwaitInput(NativeHandle pipeHandle, NativeHandle, int timeoutMs) try {
     const PipeCall call(pipeHandle);
     return call ? BackEnd::awaitInput(call.object(), timeoutMs) : InputResult::FAILED;
+} catch (const std::bad_alloc&) {
+    return InputResult::INPUT;  // the read reports it
+}
+
+int platformTakeInput(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs, bool wakeable,
+                      int& taken) try {
+    taken = 0;
+    const PipeCall call(pipeHandle);
+    if (!call) return InputResult::FAILED;
+    const auto size = length > 0 ? static_cast<std::size_t>(length) : 0;
+    return BackEnd::takeInput(call.object(), buffer, size, timeoutMs, wakeable, taken);
 } catch (const std::bad_alloc&) {
     return InputResult::INPUT;  // the read reports it
 }

@@ -119,6 +119,10 @@ int platformWrite(NativeHandle pipeHandle, NativeHandle eventHandle, const char*
 int platformWriteSome(NativeHandle pipeHandle, NativeHandle eventHandle, const char* first, std::size_t firstLength,
                       const char* second, std::size_t secondLength, std::size_t& written);
 
+/// Writes all of two blocks that follow each other. Otherwise like platformWrite.
+int platformWriteBoth(NativeHandle pipeHandle, NativeHandle eventHandle, const char* first, std::size_t firstLength,
+                      const char* second, std::size_t secondLength);
+
 /// Waits until a read would not wait. It takes nothing and logs nothing. `timeoutMs`: 0 waits without limit. Returns an
 /// InputResult:
 /// - Bytes are there, or come, or the peer closes: INPUT. The next read finds it as if it had waited itself: an end
@@ -129,6 +133,12 @@ int platformWriteSome(NativeHandle pipeHandle, NativeHandle eventHandle, const c
 /// - The handle is stale: FAILED. The same for one that does not read, or INPUT where only the read finds that out.
 /// - Memory runs out: INPUT. The read reports it.
 int platformAwaitInput(NativeHandle pipeHandle, NativeHandle eventHandle, int timeoutMs);
+
+/// The same, and takes what has come: at most `length` bytes, `taken` receives how many. 0 with INPUT means that a read
+/// finds out what there is. `wakeable`: false where platformWake need not end this wait. That may cost less; a close
+/// ends it all the same.
+int platformTakeInput(NativeHandle pipeHandle, NativeHandle eventHandle, char* buffer, int length, int timeoutMs,
+                      bool wakeable, int& taken);
 
 /// Ends the running platformAwaitInput of the handle with WOKEN, or else the next one. No other call of the handle
 /// notices.

@@ -73,7 +73,7 @@ class Accepting {
         }
         for (;;) {
             object_.accepting = true;  // before the queue is empty: see hasClient
-            const int fd = ::accept4(listener->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+            const int fd = ::accept4(listener->get(), nullptr, nullptr, SOCK_CLOEXEC);
             if (fd >= 0) return enterConnection(Descriptor(fd));
             object_.accepting = false;
             if (errno == EAGAIN || errno == EWOULDBLOCK || object_.isClosed()) return SystemError::IO_PENDING;

@@ -146,7 +146,8 @@ RequestWorker::Next RequestWorker::awaitNext() {
             next = Next::SILENCE;
         } else {
             const auto end = endOfWait(idleEnd);
-            input = PipeControl::awaitInput(*pipe_, end == Clock::time_point::max() ? 0 : millisecondsUntil(end));
+            input = PipeControl::awaitInput(*pipe_, end == Clock::time_point::max() ? 0 : millisecondsUntil(end),
+                                            candidate_);
         }
     }
     resting_ = false;

@@ -91,6 +91,7 @@ class QVTP_API QvPipe {
     friend class Internal::Qvtp::PipeControl;  // waits on it and parts from it for the server
     template <typename Stream>
     class PipeStream;
+    class QVTP_HIDDEN InputStream;
     class QVTP_HIDDEN OutputStream;
 
     struct InPlace {};

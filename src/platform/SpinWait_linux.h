@@ -1,0 +1,22 @@
+#pragma once
+
+#include <chrono>
+
+/// Trying to receive for some microseconds before a wait blocks. Where two processes talk on two processors it saves
+/// the time in which the system puts a thread to sleep and wakes it, several times what the rest of an exchange takes.
+/// It costs processor time when nothing comes, so the process keeps a score of the tries that paid, and stops trying
+/// while they do not. From then on only a few waits try, to see whether that has changed.
+///
+/// Never where the process may use one processor only. The environment variable QVTP_SPIN=0, read once, switches it
+/// off.
+namespace Quovane::Internal::Qvtp::SpinWait {
+
+/// How long to try. Longer than the system takes to wake the peer's thread, so that both sides come to try.
+inline constexpr std::chrono::microseconds LIMIT{50};
+
+/// Whether this wait should try. From any thread.
+bool isWorthwhile();
+/// What became of it.
+void record(bool paid);
+
+}  // namespace Quovane::Internal::Qvtp::SpinWait
