@@ -48,9 +48,9 @@ void QvtpMessageOutImpl::setBody(const char* data, size_t length) {
     if (length > MAX_BODY_LENGTH) {
         throw Io::IllegalArgumentException("The body is too long to be framed by its length. Use a body stream.");
     }
-    std::unique_ptr<char[]> body(new char[length + 1]);
+    BodyBlock body(length + 1);
     std::copy_n(data, length, body.get());
-    body[length] = '\0';
+    body.get()[length] = '\0';
     // Added, not set: a second call leaves both lengths in the header, and peers read the first.
     addHeader(HEADER_CONTENT_LENGTH, std::to_string(length));
     body_ = std::move(body);

@@ -2,6 +2,7 @@
 
 #include <qvtp/message/QvtpMessageOut.h>
 
+#include "common/BodyBlock.h"
 #include "common/Utf8String.h"
 #include "message/HeaderBlock.h"
 #include "message/QvtpHeaderWriter.h"
@@ -37,7 +38,7 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     bool isCommitted() const override;
 
     /// Whether setBody() was called.
-    bool hasBody() const { return body_ != nullptr; }
+    bool hasBody() const { return body_.isThere(); }
     /// The length given to setBody(), or NO_BODY.
     std::uint64_t getBodyLength() const;
     /// Whether the headers announce the body as it is sent, in chunks or whole: otherwise its receiver ends the message
@@ -69,7 +70,7 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     std::string label_;
     HeaderBlock headers_;
     bool committed_ = false;
-    std::unique_ptr<char[]> body_;
+    BodyBlock body_;
     std::size_t bodyLength_ = 0;
     Utf8String* converter_;  // not owned
 };

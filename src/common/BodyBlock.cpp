@@ -1,0 +1,81 @@
+#include "common/BodyBlock.h"
+
+#include <algorithm>
+#include <array>
+#include <mutex>
+#include <utility>
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+constexpr std::size_t SMALLEST_KEPT = std::size_t{128} * 1024;  // smaller ones stay in the heap anyway
+constexpr std::size_t MOST_KEPT = std::size_t{4} * 1024 * 1024;
+
+/// The blocks that nobody uses now. It never waits for its lock: in a forked child that may be held for ever.
+class SpareBlocks {
+  public:
+    /// A block of at least this size, but not much more. Null if there is none.
+    char* take(std::size_t size, std::size_t& capacity) {
+        const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+        if (!lock) return nullptr;
+        for (Spare& spare : spares_) {
+            if (spare.capacity < size || spare.capacity / 2 > size) continue;
+            kept_ -= spare.capacity;
+            capacity = std::exchange(spare.capacity, 0);
+            return std::exchange(spare.data, nullptr);
+        }
+        return nullptr;
+    }
+
+    /// False if it has no room for the block.
+    bool keep(char* data, std::size_t capacity) {
+        const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+        if (!lock || kept_ + capacity > MOST_KEPT) return false;
+        const auto free =
+            std::find_if(spares_.begin(), spares_.end(), [](const Spare& s) { return s.data == nullptr; });
+        if (free == spares_.end()) return false;
+        *free = {data, capacity};
+        kept_ += capacity;
+        return true;
+    }
+
+  private:
+    struct Spare {
+        char* data = nullptr;
+        std::size_t capacity = 0;
+    };
+
+    std::mutex mutex_;  // guards the rest
+    std::array<Spare, 16> spares_;
+    std::size_t kept_ = 0;
+};
+
+/// Never freed: static objects may send messages.
+SpareBlocks& spareBlocks() {
+    static auto* const blocks = new SpareBlocks;
+    return *blocks;
+}
+
+}  // namespace
+
+BodyBlock::BodyBlock(std::size_t size) : capacity_(size) {
+    if (size >= SMALLEST_KEPT) data_ = spareBlocks().take(size, capacity_);
+    if (data_ == nullptr) data_ = new char[size];
+}
+
+BodyBlock::BodyBlock(BodyBlock&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)), capacity_(std::exchange(other.capacity_, 0)) {}
+
+BodyBlock& BodyBlock::operator=(BodyBlock&& other) noexcept {
+    std::swap(data_, other.data_);
+    std::swap(capacity_, other.capacity_);
+    return *this;
+}
+
+BodyBlock::~BodyBlock() {
+    const bool isLarge = capacity_ >= SMALLEST_KEPT;
+    if (!isLarge || !spareBlocks().keep(data_, capacity_)) delete[] data_;
+}
+
+}  // namespace Quovane::Internal::Qvtp
