@@ -6,6 +6,7 @@
 
 #include "client/DeadlineBuffer.h"
 #include "common/System.h"
+#include "common/WireSyntax.h"
 #include "logging/Log.h"
 #include "message/DirectionLabel.h"
 
@@ -52,9 +53,15 @@ AbstractQvtpRequestImpl::~AbstractQvtpRequestImpl() noexcept(false) {
 }
 
 std::string AbstractQvtpRequestImpl::getStartLine() {
-    std::string encoded;
-    encoder_.encode(resource_, encoded);
-    return text(method_, " ", encoded, " ", Version::CURRENT_VERSION.toString());
+    const std::string version = Version::CURRENT_VERSION.toString();
+    std::string line;
+    line.reserve(method_.size() + resource_.size() + version.size() + 2);
+    line += method_;
+    line += WireSyntax::BLANK;
+    encoder_.appendEncoded(resource_, line);
+    line += WireSyntax::BLANK;
+    line += version;
+    return line;
 }
 
 void AbstractQvtpRequestImpl::addHeader(const std::string& name, const std::string& value) {

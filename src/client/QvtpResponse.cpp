@@ -19,11 +19,10 @@ using Soa::Internal::Common::StringUtils;
 // Private: there is no response without a message. It keeps the compiler from offering one.
 QvtpResponse::QvtpResponse() : client_(nullptr) {}
 
-QvtpResponse::QvtpResponse(QvtpClient* client, std::istream* in)
-    : client_(client), decoder_(std::make_unique<Utf8String>()) {
+QvtpResponse::QvtpResponse(QvtpClient* client, std::istream* in) : client_(client) {
+    static Utf8String decoder;  // it has no state
     const int bufferSize = client_->getIntegerOption(QvtpClient::BUFFER_SIZE);
-    reader_ =
-        std::make_unique<QvtpMessageInImpl>(in, bufferSize, Internal::Qvtp::DirectionLabel::RECEIVE, decoder_.get());
+    reader_ = std::make_unique<QvtpMessageInImpl>(in, bufferSize, Internal::Qvtp::DirectionLabel::RECEIVE, &decoder);
 }
 
 QvtpResponse::~QvtpResponse() = default;

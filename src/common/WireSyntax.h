@@ -12,7 +12,15 @@ inline constexpr char BLANK = ' ';
 /// Around values, and at the beginning of a line that continues one.
 inline constexpr std::string_view BLANKS = " \t";
 /// Does not count at the ends of names and values.
-inline constexpr std::string_view WHITE_SPACE = " \t\r\n";
+inline constexpr bool isWhiteSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+/// Without white space at both ends.
+inline constexpr std::string_view trimmed(std::string_view text) {
+    while (!text.empty() && isWhiteSpace(text.front())) text.remove_prefix(1);
+    while (!text.empty() && isWhiteSpace(text.back())) text.remove_suffix(1);
+    return text;
+}
 /// Separates the values of a header.
 inline constexpr char DELIMITER = ',';
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -63,31 +64,11 @@ HeaderBlock::Entries::iterator HeaderBlock::find(std::string_view key) {
 }
 
 const QvtpHeader* HeaderBlock::headerOf(std::string_view name) const {
-    const std::string_view key = StringUtils::trim(name, WHITE_SPACE);
+    const std::string_view key = trimmed(name);
     for (const Entry& entry : entries_) {
         if (isSame(entry.key, key)) return &entry.header;
     }
     return nullptr;
-}
-
-/// Calls `change` with the header of that name, which is made if there is none. If that throws there is none again.
-template <typename Change>
-void HeaderBlock::change(std::string_view name, const Change& change) {
-    const std::string_view key = StringUtils::trim(name, WHITE_SPACE);
-    auto entry = find(key);
-    if (entry != entries_.end()) {
-        change(entry->header, false);
-        return;
-    }
-    if (entries_.empty()) entries_.reserve(USUAL_COUNT);
-    entry = entries_.emplace(placeOf(key));
-    try {
-        entry->key = key;
-        change(entry->header, true);
-    } catch (...) {
-        entries_.erase(entry);
-        throw;
-    }
 }
 
 std::string HeaderBlock::getHeader(std::string_view name) const {
@@ -107,21 +88,35 @@ std::vector<std::string> HeaderBlock::getHeaderNames() const {
 }
 
 void HeaderBlock::addHeader(std::string_view name, std::string_view value) {
-    change(name, [&](QvtpHeader& header, bool isNew) {
-        if (isNew) header.setName(name);
-        header.addValues(value);
-    });
+    const auto entry = find(trimmed(name));
+    if (entry == entries_.end()) {
+        addEntry(name, value);
+    } else {
+        entry->header.addValues(value);
+    }
 }
 
 void HeaderBlock::setHeader(std::string_view name, std::string_view value) {
-    change(name, [&](QvtpHeader& header, bool) {
-        header.setName(name);
-        header.setValue(value);
-    });
+    const auto entry = find(trimmed(name));
+    if (entry == entries_.end()) {
+        addEntry(name, value);
+        return;
+    }
+    entry->header.setName(name);
+    entry->header.setValue(value);
+}
+
+/// For a name that is not there yet.
+void HeaderBlock::addEntry(std::string_view name, std::string_view value) {
+    if (entries_.empty()) entries_.reserve(USUAL_COUNT);
+    Entry entry{std::string(trimmed(name)), QvtpHeader(name)};
+    entry.header.addValues(value);
+    const auto place = placeOf(entry.key);
+    entries_.insert(place, std::move(entry));
 }
 
 void HeaderBlock::removeHeader(std::string_view name) {
-    const auto entry = find(StringUtils::trim(name, WHITE_SPACE));
+    const auto entry = find(trimmed(name));
     if (entry != entries_.end()) entries_.erase(entry);
 }
 

@@ -40,8 +40,7 @@ class HeaderBlock {
     Entries::iterator placeOf(std::string_view key);
     Entries::iterator find(std::string_view key);
     const QvtpHeader* headerOf(std::string_view name) const;
-    template <typename Change>
-    void change(std::string_view name, const Change& change);
+    void addEntry(std::string_view name, std::string_view value);
     void readHeader(std::istream& in, const std::string& line, std::string& next, const Utf8String& converter);
 
     Entries entries_;  // in the order of their upper-cased keys: messages have few headers

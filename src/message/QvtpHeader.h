@@ -9,14 +9,16 @@ namespace Quovane::Internal::Qvtp {
 /// One header: its name as it is written on the wire, and its values in the order in which they were added.
 class QvtpHeader {
   public:
-    QvtpHeader();
+    QvtpHeader() = default;
+    /// As after setName().
+    explicit QvtpHeader(std::string_view name);
     /// The name is trimmed, the value text is split.
     QvtpHeader(const std::string& name, const std::string& valueText);
-    QvtpHeader(const QvtpHeader& other);
-    QvtpHeader& operator=(const QvtpHeader& other);
-    QvtpHeader(QvtpHeader&& other) noexcept;
-    QvtpHeader& operator=(QvtpHeader&& other) noexcept;
-    virtual ~QvtpHeader();
+    QvtpHeader(const QvtpHeader& other) = default;
+    QvtpHeader& operator=(const QvtpHeader& other) = default;
+    QvtpHeader(QvtpHeader&& other) noexcept = default;
+    QvtpHeader& operator=(QvtpHeader&& other) noexcept = default;
+    virtual ~QvtpHeader() = default;
 
     const std::string& getName() const { return name_; }
     /// The first value, or an empty string.
@@ -26,7 +28,7 @@ class QvtpHeader {
     /// Calls `action` with each value in turn.
     template <typename Action>
     void forEachValue(const Action& action) const {
-        if (hasValue_) action(first_);
+        if (hasValue()) action(first_);
         for (const std::string& value : more_) action(value);
     }
 
@@ -36,12 +38,12 @@ class QvtpHeader {
     void setValue(std::string_view valueText);
 
   private:
-    void addValue(std::string_view value);
+    bool hasValue() const { return !first_.empty(); }  // no value is empty
+    void addPiece(std::string_view text);
 
     std::string name_;
     std::string first_;              // most headers have one value
     std::vector<std::string> more_;  // the others
-    bool hasValue_ = false;
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -67,7 +67,11 @@ bool Version::operator>=(const Version& other) const {
 }
 
 std::string Version::toString() const {
-    return Internal::Qvtp::text(sQvtpLabel, major_, ".", minor_);
+    std::string result = sQvtpLabel;
+    Internal::Qvtp::appendText(result, major_);
+    result += '.';
+    Internal::Qvtp::appendText(result, minor_);
+    return result;
 }
 
 }  // namespace Quovane::Qvtp

@@ -10,10 +10,6 @@
 #include <string>
 #include <vector>
 
-namespace Quovane::Soa::Common::Xml {
-class Utf8String;
-}
-
 namespace Quovane::Internal::Qvtp {
 class AbstractQvtpRequestImpl;
 class InputBuffer;
@@ -55,7 +51,6 @@ class QVTP_API QvtpResponse : public QvtpMessageIn {
 
     QvtpClient* client_;  // not owned
     std::unique_ptr<Internal::Qvtp::QvtpMessageInImpl> reader_;
-    std::unique_ptr<Soa::Common::Xml::Utf8String> decoder_;
 };
 
 }  // namespace Quovane::Qvtp
