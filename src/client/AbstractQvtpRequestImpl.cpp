@@ -7,6 +7,7 @@
 #include "client/DeadlineBuffer.h"
 #include "common/System.h"
 #include "common/WireSyntax.h"
+#include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "message/DirectionLabel.h"
 
@@ -134,7 +135,8 @@ std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::
             "The start line and headers have already been committed to the request. Cannot send again.");
     }
     prepare();
-    if (!message_.sendWhole(pipe_->getOutputStream())) sendThroughStream();
+    pipe_->getOutputStream();  // made for the pipe, if it is not there
+    if (!message_.sendWhole(PipeControl::sinkOf(*pipe_))) sendThroughStream();
     if (isAnswered()) {
         return std::make_unique<QvtpResponse>(client_, pipe_->getInputStream());
     }

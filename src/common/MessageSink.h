@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <ostream>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -12,19 +11,12 @@ class MessageSink {
   public:
     virtual ~MessageSink();
 
-    /// The sink of a stream that writes straight to its pipe. Null if it is any other stream, if somebody has put a
-    /// buffer of their own under it, or if it has failed: then the message goes through the stream.
-    static MessageSink* of(std::ostream& out);
-
     /// Writes the beginning of both blocks, one after the other: at least one byte, after whatever the stream held
     /// back. Returns how many.
     virtual std::size_t writeSome(const char* head, std::size_t headLength, const char* body,
                                   std::size_t bodyLength) = 0;
     /// Writes a whole block.
     virtual void writeAll(const char* data, std::size_t length) = 0;
-
-  protected:
-    virtual bool isDirect() const = 0;
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -29,6 +29,11 @@ PipeControl::Input PipeControl::awaitInput(const QvPipe& pipe, int timeoutMs, bo
     }
 }
 
+MessageSink* PipeControl::sinkOf(const QvPipe& pipe) {
+    auto* const stream = static_cast<QvPipe::OutputStream*>(pipe.outputStream_.get());
+    return stream != nullptr && stream->isDirect() ? stream : nullptr;
+}
+
 void PipeControl::write(const QvPipe& pipe, const char* first, std::size_t firstLength, const char* second,
                         std::size_t secondLength) {
     checkWritten(platformWriteBoth(pipe.pipeHandle_, pipe.eventHandle_, first, firstLength, second, secondLength));

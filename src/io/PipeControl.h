@@ -7,6 +7,8 @@
 
 namespace Quovane::Internal::Qvtp {
 
+class MessageSink;
+
 /// What a read throws that ends because its pipe was closed from this side.
 inline constexpr char READ_ABORTED[] = "QvPipe read aborted.";
 
@@ -29,6 +31,10 @@ class PipeControl {
     static Input awaitInput(const QvPipe& pipe, int timeoutMs, bool wakeable);
     /// Ends a running awaitInput(), or else the next one. From any thread.
     static void wake(const QvPipe& pipe);
+
+    /// The short way for whole messages. Null before the output stream is there, if somebody has put a buffer of their
+    /// own under it, or if it has failed: then the message goes through the stream.
+    static MessageSink* sinkOf(const QvPipe& pipe);
 
     /// Writes two blocks, one after the other. Throws as QvPipe::writePipe.
     static void write(const QvPipe& pipe, const char* first, std::size_t firstLength, const char* second,

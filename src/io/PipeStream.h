@@ -96,9 +96,9 @@ class QvPipe::OutputStream : public PipeStream<std::ostream>, public Internal::Q
         });
     }
 
-  protected:
-    /// Without an area the stream's first write fails, and that is so here too.
-    bool isDirect() const override { return rdbuf() == &buffer_ && buffer_.buffer_ != nullptr; }
+    /// Whether nothing stands between the stream and its pipe, and it has not failed. Without an area the stream's
+    /// first write fails, and that is so here too.
+    bool isDirect() const { return rdbuf() == &buffer_ && buffer_.buffer_ != nullptr && good(); }
 
   private:
     /// What the area holds goes first. A failure leaves the stream bad, as if its buffer had thrown.

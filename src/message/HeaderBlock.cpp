@@ -51,24 +51,54 @@ bool isSame(std::string_view left, std::string_view right) {
     return left == right || std::equal(left.begin(), left.end(), right.begin(), matches);
 }
 
-}  // namespace
-
-/// Where the header of this key stands, or would stand.
-HeaderBlock::Entries::iterator HeaderBlock::placeOf(std::string_view key) {
-    return std::find_if(entries_.begin(), entries_.end(),
-                        [&](const Entry& entry) { return !isBefore(entry.key, key); });
+bool isAscii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-HeaderBlock::Entries::iterator HeaderBlock::find(std::string_view key) {
-    return std::find_if(entries_.begin(), entries_.end(), [&](const Entry& entry) { return isSame(entry.key, key); });
+}  // namespace
+
+HeaderBlock::Entry::Entry(std::string_view name, std::string_view value) : header(name) {
+    header.addValues(value);
+    // Names with a vertical tab or a form feed at their ends.
+    if (header.getName().size() != trimmed(name).size()) oddKey = trimmed(name);
+}
+
+HeaderBlock::Entries::iterator HeaderBlock::find(std::string_view name) {
+    const std::string_view key = trimmed(name);
+    return std::find_if(entries_.begin(), entries_.end(), [&](const Entry& entry) { return isSame(entry.key(), key); });
 }
 
 const QvtpHeader* HeaderBlock::headerOf(std::string_view name) const {
     const std::string_view key = trimmed(name);
     for (const Entry& entry : entries_) {
-        if (isSame(entry.key, key)) return &entry.header;
+        if (isSame(entry.key(), key)) return &entry.header;
     }
     return nullptr;
+}
+
+/// For a name that is not there yet.
+void HeaderBlock::insert(Entry entry) {
+    if (entries_.empty()) entries_.reserve(USUAL_COUNT);
+    const auto isAfter = [&](const Entry& other) { return isBefore(entry.key(), other.key()); };
+    const auto place = std::find_if(entries_.begin(), entries_.end(), isAfter);
+    entries_.insert(place, std::move(entry));
+}
+
+/// Brings entries as they were read into order and joins those of one name. A peer may send very many.
+void HeaderBlock::sortOut() {
+    const auto isInOrder = [](const Entry& left, const Entry& right) { return isBefore(left.key(), right.key()); };
+    const auto isOutOfOrder = [&](const Entry& left, const Entry& right) { return !isInOrder(left, right); };
+    if (std::adjacent_find(entries_.begin(), entries_.end(), isOutOfOrder) == entries_.end()) return;
+    std::stable_sort(entries_.begin(), entries_.end(), isInOrder);
+    std::size_t last = 0;
+    for (std::size_t i = 1; i < entries_.size(); ++i) {
+        if (isSame(entries_[last].key(), entries_[i].key())) {
+            entries_[i].header.forEachValue([&](const std::string& value) { entries_[last].header.addValues(value); });
+        } else if (++last != i) {
+            entries_[last] = std::move(entries_[i]);
+        }
+    }
+    entries_.resize(last + 1);
 }
 
 std::string HeaderBlock::getHeader(std::string_view name) const {
@@ -88,35 +118,25 @@ std::vector<std::string> HeaderBlock::getHeaderNames() const {
 }
 
 void HeaderBlock::addHeader(std::string_view name, std::string_view value) {
-    const auto entry = find(trimmed(name));
-    if (entry == entries_.end()) {
-        addEntry(name, value);
-    } else {
+    const auto entry = find(name);
+    if (entry != entries_.end()) {
         entry->header.addValues(value);
+    } else {
+        insert(Entry(name, value));
     }
 }
 
 void HeaderBlock::setHeader(std::string_view name, std::string_view value) {
-    const auto entry = find(trimmed(name));
-    if (entry == entries_.end()) {
-        addEntry(name, value);
-        return;
+    const auto entry = find(name);
+    if (entry != entries_.end()) {
+        *entry = Entry(name, value);
+    } else {
+        insert(Entry(name, value));
     }
-    entry->header.setName(name);
-    entry->header.setValue(value);
-}
-
-/// For a name that is not there yet.
-void HeaderBlock::addEntry(std::string_view name, std::string_view value) {
-    if (entries_.empty()) entries_.reserve(USUAL_COUNT);
-    Entry entry{std::string(trimmed(name)), QvtpHeader(name)};
-    entry.header.addValues(value);
-    const auto place = placeOf(entry.key);
-    entries_.insert(place, std::move(entry));
 }
 
 void HeaderBlock::removeHeader(std::string_view name) {
-    const auto entry = find(trimmed(name));
+    const auto entry = find(name);
     if (entry != entries_.end()) entries_.erase(entry);
 }
 
@@ -137,23 +157,33 @@ void HeaderBlock::write(std::string& out, const Utf8String& converter) const {
 void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
     std::string line;
     std::string next;
-    StreamUtil::readLine(in, line);
-    while (!line.empty()) {
-        readHeader(in, line, next, converter);
-        line.swap(next);
+    try {
+        StreamUtil::readLine(in, line);
+        while (!line.empty()) {
+            readHeader(in, line, next, converter);
+            line.swap(next);
+        }
+    } catch (...) {
+        sortOut();
+        throw;
     }
+    sortOut();
 }
 
-/// Adds the header that begins on `line`. `next` becomes the first line that does not belong to it.
+/// Appends the header that begins on `line`. `next` becomes the first line that does not belong to it.
 void HeaderBlock::readHeader(std::istream& in, const std::string& line, std::string& next,
                              const Utf8String& converter) {
     logLine(line);
-    const std::size_t colon = line.find(':');
+    const std::size_t colon = std::min(line.find(':'), line.size());
     const std::string_view name = std::string_view(line).substr(0, colon);
-    std::string value;
-    if (colon != std::string::npos) value = StringUtils::trim(std::string_view(line).substr(colon + 1), BLANKS);
-
+    const std::string_view text = std::string_view(line).substr(std::min(colon + 1, line.size()));
     StreamUtil::readLine(in, next);
+    if (entries_.empty()) entries_.reserve(USUAL_COUNT);
+    if (!continuesValue(next) && isAscii(text)) {
+        entries_.emplace_back(name, text);
+        return;
+    }
+    std::string value(StringUtils::trim(text, BLANKS));
     while (continuesValue(next)) {
         logLine(next);
         if (!value.empty()) value += ' ';
@@ -161,7 +191,7 @@ void HeaderBlock::readHeader(std::istream& in, const std::string& line, std::str
         StreamUtil::readLine(in, next);
     }
     converter.decode(value, value);
-    addHeader(name, value);
+    entries_.emplace_back(name, value);
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -32,15 +32,20 @@ class HeaderBlock {
 
   private:
     struct Entry {
-        std::string key;  // the name as it was first given, trimmed
+        Entry() = default;
+        Entry(std::string_view name, std::string_view value);
+        /// What the name is compared by, without regard to case.
+        std::string_view key() const { return oddKey.empty() ? std::string_view(header.getName()) : oddKey; }
+
         QvtpHeader header;
+        std::string oddKey;  // if it is not the name
     };
     using Entries = std::vector<Entry>;
 
-    Entries::iterator placeOf(std::string_view key);
-    Entries::iterator find(std::string_view key);
+    Entries::iterator find(std::string_view name);
     const QvtpHeader* headerOf(std::string_view name) const;
-    void addEntry(std::string_view name, std::string_view value);
+    void insert(Entry entry);
+    void sortOut();
     void readHeader(std::istream& in, const std::string& line, std::string& next, const Utf8String& converter);
 
     Entries entries_;  // in the order of their upper-cased keys: messages have few headers

@@ -102,13 +102,8 @@ void QvtpMessageOutImpl::writeHeaders(std::ostream* out) {
     commit(head);
 }
 
-MessageSink* QvtpMessageOutImpl::sinkOf(std::ostream* out) const {
-    return hasBody() ? MessageSink::of(*out) : nullptr;
-}
-
-bool QvtpMessageOutImpl::sendWhole(std::ostream* out) {
-    MessageSink* const sink = sinkOf(out);
-    if (sink == nullptr) return false;
+bool QvtpMessageOutImpl::sendWhole(MessageSink* sink) {
+    if (sink == nullptr || !hasBody()) return false;
     const Head head = composeHead();
     BodyRecord record;
     record.start();
@@ -121,9 +116,8 @@ bool QvtpMessageOutImpl::sendWhole(std::ostream* out) {
 }
 
 /// The record has the head as well: over streams it is written as the beginning of the body is.
-bool QvtpMessageOutImpl::answerWhole(std::ostream* out, int bufferSize) {
-    MessageSink* const sink = sinkOf(out);
-    if (sink == nullptr) return false;
+bool QvtpMessageOutImpl::answerWhole(MessageSink* sink, int bufferSize) {
+    if (sink == nullptr || !hasBody()) return false;
     const Head head = composeHead();
     if (head.text.size() >= static_cast<std::size_t>(std::max(bufferSize, 1))) return false;
     BodyRecord record;

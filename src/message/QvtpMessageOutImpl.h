@@ -47,13 +47,13 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     /// Writes the body given to setBody(), if any.
     void writeBody(std::ostream* out) const;
     void writeHeaders(std::ostream* out) override;
-    /// Sends head and body of a request in one write, where the stream has that short way. False, with nothing done,
-    /// where it has not or there is no body: then the caller writes head and body to the stream. The message counts as
-    /// committed as soon as one byte has left.
-    bool sendWhole(std::ostream* out);
+    /// Sends head and body of a request in one write, where there is a short way. False, with nothing done, where there
+    /// is none or no body: then the caller writes head and body to the stream. The message counts as committed as soon
+    /// as one byte has left.
+    bool sendWhole(MessageSink* sink);
     /// The same for a response, which counts as committed before that. `bufferSize`: what holds back a head on the way
     /// over streams; a larger one goes that way.
-    bool answerWhole(std::ostream* out, int bufferSize);
+    bool answerWhole(MessageSink* sink, int bufferSize);
 
   private:
     struct Head {
@@ -63,7 +63,6 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
 
     Head composeHead();
     void commit(const Head& head);
-    MessageSink* sinkOf(std::ostream* out) const;
     void writeRest(MessageSink& sink, const Head& head, std::size_t sent) const;
 
     QvtpMessageOut* owner_;  // not owned

@@ -15,12 +15,7 @@ namespace Quovane::Internal::Qvtp {
 
 namespace {
 
-constexpr std::size_t LINE_BUFFER_SIZE = 2048;
 constexpr std::size_t INITIAL_CAPACITY = 40960;
-
-bool isOver(const std::istream& in) {
-    return in.eof() || in.bad();
-}
 
 /// Null if there is no memory for it. The peer chose the length, so that is a failure of its message, not of the
 /// program.
@@ -88,20 +83,11 @@ std::size_t readToEndOf(Source& in, char** out) {
 
 void StreamUtil::readLine(std::istream& in, std::string& line) {
     line.clear();
-    char piece[LINE_BUFFER_SIZE];
-    for (;;) {
-        if (!in.bad()) in.getline(piece, sizeof piece);  // a bad stream may throw again at every use
-        if (isOver(in)) {
-            throw Io::InterruptedException("Reached the stream end-of-file before the expected new line.");
-        }
-        if (!in.fail()) break;
-        // The piece filled the buffer before its line ended.
-        line.append(piece, static_cast<std::size_t>(in.gcount()));
-        in.clear();
+    if (!in.bad()) std::getline(in, line);  // a bad stream may throw again at every use
+    if (in.eof() || in.fail()) {
+        throw Io::InterruptedException("Reached the stream end-of-file before the expected new line.");
     }
-    std::size_t length = static_cast<std::size_t>(in.gcount()) - 1;  // without the LF
-    if (length > 0 && piece[length - 1] == '\r') --length;
-    line.append(piece, length);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
 }
 
 void StreamUtil::readLength(std::istream& in, char** out, long length) {

@@ -109,7 +109,7 @@ void QvtpServerResponse::send() {
     if (worker_ != nullptr) worker_->beforeAnswer();
     if (hasBody) {
         sentWhole_ = true;
-        if (impl_->answerWhole(out_, bufferSize_)) return;
+        if (impl_->answerWhole(worker_ != nullptr ? worker_->sink() : nullptr, bufferSize_)) return;
         // Head and body share one buffer, so that a small response is one write.
         bodyStream_ = std::make_unique<QvtpOStream>(bufferSize_, false, out_, nullptr);
         impl_->writeHeaders(bodyStream_.get());

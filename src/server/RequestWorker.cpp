@@ -200,6 +200,10 @@ void RequestWorker::beforeAnswer() {
     if (giveUp_ && Clock::now() >= endOfTurn_.load() && body_ != nullptr && body_->isComplete()) endReading();
 }
 
+MessageSink* RequestWorker::sink() const {
+    return PipeControl::sinkOf(*pipe_);
+}
+
 void RequestWorker::endReading() {
     if (readingEnded_) return;
     readingEnded_ = true;

@@ -27,6 +27,7 @@ class QvtpServerResponse;
 namespace Quovane::Internal::Qvtp {
 
 class InputBuffer;
+class MessageSink;
 
 /// Serves one accepted connection on a pool thread: reads requests one after another and calls the handler for each.
 /// It hangs up when the client goes quiet, on any failure, when the server stops, and between two requests when the
@@ -51,6 +52,8 @@ class RequestWorker : public Poco::Runnable {
     /// The answer to the current request is about to leave as a whole. Its client writes nothing more before it has
     /// that: the moment to end reading, if the thread is to be given up, since no request can be cut by it.
     void beforeAnswer();
+    /// The short way of the answer, null if there is none.
+    MessageSink* sink() const;
 
     // From the server's thread.
 
