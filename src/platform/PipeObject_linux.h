@@ -6,6 +6,7 @@
 #include "platform/InputWake.h"
 #include "platform/LocalSocket_linux.h"
 #include "platform/PipeBackEnd.h"
+#include "platform/ReadAhead_linux.h"
 #include "platform/ReaderPace_linux.h"
 #include "platform/ServedName_linux.h"
 
@@ -59,6 +60,7 @@ class PipeObject {
     std::atomic<bool> starved{false};      // an accept found no descriptors left, and none has succeeded since
     int owner = 0;                         // process id
     ReaderPace pace;                       // of the peer; only for the thread that writes
+    ReadAhead ahead;
     int writeTimeoutMs = WRITE_TIMEOUT_MS;
     bool awaitedBefore = false;  // a wait for input has ended without any; its thread waits on
     bool endAwaited = false;     // the end came during a wait for input; for the thread that reads

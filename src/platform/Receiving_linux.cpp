@@ -4,6 +4,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <cerrno>
 #include <chrono>
@@ -19,6 +20,9 @@ namespace {
 // that does not matter.
 constexpr auto LONG_WAIT = 500ms;
 
+// A read of more than this is for a part of a large message, and takes what it needs.
+constexpr std::size_t LARGE_READ = 8192;
+
 }  // namespace
 
 bool Receiving::mustWait() const {
@@ -26,6 +30,11 @@ bool Receiving::mustWait() const {
 }
 
 void Receiving::attempt() {
+    if (object_.ahead.size() > 0) {
+        count_ = length_ > 0 ? static_cast<ssize_t>(object_.ahead.take(buffer_, length_)) : 1;
+        error_ = 0;
+        return;
+    }
     do {
         receive(MSG_DONTWAIT);
     } while (error_ == EINTR);
@@ -34,9 +43,28 @@ void Receiving::attempt() {
 void Receiving::receive(int flags) {
     char probe = 0;
     const int fd = object_.socket.get();
-    count_ = length_ > 0 ? ::recv(fd, buffer_, length_, flags) : ::recv(fd, &probe, 1, flags | MSG_PEEK);
+    if (length_ == 0) {
+        count_ = ::recv(fd, &probe, 1, flags | MSG_PEEK);
+    } else if (length_ <= LARGE_READ && object_.ahead.isWorthwhile()) {
+        count_ = receiveAhead(flags);
+    } else {
+        count_ = ::recv(fd, buffer_, length_, flags);
+    }
     error_ = count_ < 0 ? errno : 0;
+    if (count_ > 0 && length_ > 0) object_.ahead.readEnded(count_ == static_cast<ssize_t>(length_));
     if (error_ == ECONNRESET) count_ = error_ = 0;
+}
+
+ssize_t Receiving::receiveAhead(int flags) {
+    iovec blocks[] = {{buffer_, length_}, {object_.ahead.room(), ReadAhead::capacity()}};
+    msghdr message{};
+    message.msg_iov = blocks;
+    message.msg_iovlen = 2;
+    const ssize_t count = ::recvmsg(object_.socket.get(), &message, flags);
+    const auto length = static_cast<ssize_t>(length_);
+    if (count <= length) return count;
+    object_.ahead.filled(static_cast<std::size_t>(count - length));
+    return length;
 }
 
 LocalSocket::WaitResult Receiving::wait(const Deadline& deadline) {

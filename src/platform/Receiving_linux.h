@@ -32,6 +32,7 @@ class Receiving {
 
   private:
     void receive(int flags);
+    ssize_t receiveAhead(int flags);
     bool spin();
     bool block(const Deadline& deadline);
 
