@@ -18,6 +18,9 @@ class ReadAhead {
     bool isWorthwhile() const { return readsLeft_ > 0; }
     void readEnded(bool gotAll) { readsLeft_ = gotAll ? MEMORY : std::max(readsLeft_ - 1, 0); }
 
+    /// Whether there was nothing after it when it came.
+    bool wasLast() const { return end_ < CAPACITY; }
+
     /// Moves out at most `length` bytes.
     std::size_t take(char* buffer, std::size_t length) {
         const std::size_t count = std::min(length, size());

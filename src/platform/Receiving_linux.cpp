@@ -20,8 +20,9 @@ namespace {
 // that does not matter.
 constexpr auto LONG_WAIT = 500ms;
 
-// A read of more than this is for a part of a large message, and takes what it needs.
-constexpr std::size_t LARGE_READ = 8192;
+// A read of this size refills a buffer. One of more is for a part of a large message, and takes what it needs.
+constexpr std::size_t SMALLEST_REFILL = 2048;
+constexpr std::size_t LARGEST_REFILL = 8192;
 
 }  // namespace
 
@@ -29,10 +30,13 @@ bool Receiving::mustWait() const {
     return count_ < 0 && (error_ == EAGAIN || error_ == EWOULDBLOCK);
 }
 
+bool Receiving::isRefill() const {
+    return length_ >= SMALLEST_REFILL && length_ <= LARGEST_REFILL;
+}
+
 void Receiving::attempt() {
     if (object_.ahead.size() > 0) {
-        count_ = length_ > 0 ? static_cast<ssize_t>(object_.ahead.take(buffer_, length_)) : 1;
-        error_ = 0;
+        takeAhead();
         return;
     }
     do {
@@ -40,31 +44,42 @@ void Receiving::attempt() {
     } while (error_ == EINTR);
 }
 
+/// And what is there after it: a reader gets no less, and takes no less from the connection, than without it.
+void Receiving::takeAhead() {
+    error_ = 0;
+    count_ = 1;
+    if (length_ == 0) return;
+    const std::size_t taken = object_.ahead.take(buffer_, length_);
+    count_ = static_cast<ssize_t>(taken);
+    if (taken == length_ || object_.ahead.wasLast()) return;
+    const ssize_t more = receiveAhead(buffer_ + taken, length_ - taken, MSG_DONTWAIT);
+    if (more > 0) count_ += more;
+}
+
 void Receiving::receive(int flags) {
     char probe = 0;
     const int fd = object_.socket.get();
     if (length_ == 0) {
         count_ = ::recv(fd, &probe, 1, flags | MSG_PEEK);
-    } else if (length_ <= LARGE_READ && object_.ahead.isWorthwhile()) {
-        count_ = receiveAhead(flags);
+    } else if (isRefill() && object_.ahead.isWorthwhile()) {
+        count_ = receiveAhead(buffer_, length_, flags);
     } else {
         count_ = ::recv(fd, buffer_, length_, flags);
     }
     error_ = count_ < 0 ? errno : 0;
-    if (count_ > 0 && length_ > 0) object_.ahead.readEnded(count_ == static_cast<ssize_t>(length_));
+    if (count_ > 0 && isRefill()) object_.ahead.readEnded(count_ == static_cast<ssize_t>(length_));
     if (error_ == ECONNRESET) count_ = error_ = 0;
 }
 
-ssize_t Receiving::receiveAhead(int flags) {
-    iovec blocks[] = {{buffer_, length_}, {object_.ahead.room(), ReadAhead::capacity()}};
+ssize_t Receiving::receiveAhead(char* buffer, std::size_t length, int flags) {
+    iovec blocks[] = {{buffer, length}, {object_.ahead.room(), ReadAhead::capacity()}};
     msghdr message{};
     message.msg_iov = blocks;
     message.msg_iovlen = 2;
     const ssize_t count = ::recvmsg(object_.socket.get(), &message, flags);
-    const auto length = static_cast<ssize_t>(length_);
-    if (count <= length) return count;
-    object_.ahead.filled(static_cast<std::size_t>(count - length));
-    return length;
+    if (count <= static_cast<ssize_t>(length)) return count;
+    object_.ahead.filled(static_cast<std::size_t>(count) - length);
+    return static_cast<ssize_t>(length);
 }
 
 LocalSocket::WaitResult Receiving::wait(const Deadline& deadline) {

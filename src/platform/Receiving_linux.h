@@ -31,8 +31,10 @@ class Receiving {
     bool mustWait() const;
 
   private:
+    bool isRefill() const;
     void receive(int flags);
-    ssize_t receiveAhead(int flags);
+    ssize_t receiveAhead(char* buffer, std::size_t length, int flags);
+    void takeAhead();
     bool spin();
     bool block(const Deadline& deadline);
 

@@ -19,6 +19,18 @@ class InputContract : public PipeContract {
     std::future<int> awaitInputInBackground(int timeoutMs = 20000) {
         return std::async(std::launch::async, [this, timeoutMs] { return awaitInput(server, timeoutMs); });
     }
+    static std::string takeInput(const End& end, int length, bool wakeable = true) {
+        std::string data(static_cast<std::size_t>(length), '\0');
+        int taken = 0;
+        EXPECT_EQ(platform::platformTakeInput(end.pipe, end.event, data.data(), length, 20000, wakeable, taken),
+                  InputResult::INPUT);
+        return data.substr(0, static_cast<std::size_t>(taken));
+    }
+    /// Where a wait takes nothing the read is a call of its own.
+    static std::string takeOrRead(const End& end, int length) {
+        const std::string taken = takeInput(end, length);
+        return taken.empty() ? readText(end, length) : taken;
+    }
     static bool isPending(const std::future<int>& call) {
         return call.wait_for(PENDING) == std::future_status::timeout;
     }
@@ -112,6 +124,78 @@ TEST_F(InputContract, LeavesReadsAndWritesAloneWhenItIsWoken) {
     for (int i = 0; i < 100; ++i) platform::platformWake(server.pipe);
     EXPECT_EQ(readAll(client, 2000000).size(), 2000000U);
     EXPECT_EQ(writing.get(), WriteResult::WRITTEN);
+}
+
+TEST_F(InputContract, TakesWhatHasComeAndNoMoreThanItWasAskedFor) {
+    ASSERT_EQ(write(client, "hello"), 0);
+    EXPECT_EQ(takeOrRead(server, 3), "hel");
+    EXPECT_EQ(takeOrRead(server, 100), "lo");
+    auto waiting = std::async(std::launch::async, [this] { return takeOrRead(server, 100); });
+    EXPECT_TRUE(waiting.wait_for(PENDING) == std::future_status::timeout);
+    ASSERT_EQ(write(client, "again"), 0);
+    EXPECT_EQ(waiting.get(), "again");
+}
+
+TEST_F(InputContract, TakesNothingFromAnEndAndTheNextReadFindsIt) {
+    for (const bool wakeable : {true, false}) {
+        End other;
+        End otherClient;
+        name = uniquePipeName();
+        pair(other, otherClient);
+        auto waiting = std::async(std::launch::async, [&] { return takeInput(other, 100, wakeable); });
+        EXPECT_TRUE(waiting.wait_for(PENDING) == std::future_status::timeout);
+        otherClient.close();
+        EXPECT_EQ(waiting.get(), "");
+        LogCapture log;
+        EXPECT_EQ(readText(other), "0");
+        EXPECT_THAT(log.messages(), IsEmpty());
+    }
+}
+
+TEST_F(InputContract, TimesOutInTimeWhateverEndsIt) {
+    for (const bool wakeable : {true, false}) {
+        for (const int timeoutMs : {1, 10, 300, 700}) {
+            int taken = 1;
+            char byte = 0;
+            const auto time = elapsed([&] {
+                EXPECT_EQ(platform::platformTakeInput(server.pipe, server.event, &byte, 1, timeoutMs, wakeable, taken),
+                          InputResult::TIMED_OUT);
+            });
+            EXPECT_EQ(taken, 0);
+            EXPECT_GE(time, std::chrono::milliseconds(timeoutMs) - 1ms) << timeoutMs;
+            EXPECT_LT(time, std::chrono::milliseconds(timeoutMs) + AT_ONCE) << timeoutMs;
+        }
+    }
+}
+
+TEST_F(InputContract, IsEndedByACloseWheneverThatComes) {
+    for (const int timeoutMs : {0, 400, 20000}) {
+        for (int round = 0; round < 40; ++round) {
+            const bool wakeable = round % 2 == 0;
+            End other;
+            End otherClient;
+            name = uniquePipeName();
+            pair(other, otherClient);
+            auto waiting = std::async(std::launch::async, [&, pipe = other.pipe, event = other.event] {
+                char byte = 0;
+                int taken = 0;
+                return platform::platformTakeInput(pipe, event, &byte, 1, timeoutMs, wakeable, taken);
+            });
+            auto reading = std::async(std::launch::async, [&, pipe = otherClient.pipe, event = otherClient.event] {
+                char byte = 0;
+                return platform::platformRead(pipe, event, &byte, 1, timeoutMs);
+            });
+            spinFor(std::chrono::microseconds(round * 5));
+            otherClient.close();
+            const int read = reading.get();
+            EXPECT_TRUE(read == ReadResult::ABORTED || read == ReadResult::FAILED) << read;  // FAILED: closed before
+            other.close();
+            const int result = waiting.get();
+            EXPECT_TRUE(result == InputResult::ABORTED || result == InputResult::FAILED ||
+                        result == InputResult::INPUT)  // the end of the peer came first
+                << result;
+        }
+    }
 }
 
 TEST_F(InputContract, IsAbortedByAClose) {

@@ -28,6 +28,43 @@ TEST_F(ReadContract, JoinsSeparateWrites) {
     EXPECT_EQ(readText(server), "12345abcdefgxyz");
 }
 
+// Whatever a read may have taken beyond what it was asked for.
+TEST_F(ReadContract, GivesAllThatIsThereInPiecesOfAnySize) {
+    for (const std::size_t size : {1U, 4095U, 4096U, 4097U, 5119U, 5120U, 5121U, 9000U, 20000U}) {
+        for (const int length : {1000, 2048, 4095, 4096, 8192, 10000}) {
+            std::string sent(size, '\0');
+            for (std::size_t i = 0; i < size; ++i) sent[i] = static_cast<char>(i * 7 + i / 256);
+            std::string got;
+            std::string data;
+            for (int message = 0; message < 3; ++message) {
+                ASSERT_EQ(write(client, sent), 0);
+                for (std::size_t left = size; left > 0; left -= data.size()) {
+                    ASSERT_EQ(platform::platformAvailable(server.pipe), left);
+                    ASSERT_EQ(platform::platformAwaitInput(server.pipe, server.event, 1000), 0);
+                    ASSERT_EQ(read(server, data, length), static_cast<int>(std::min<std::size_t>(left, length)));
+                    ASSERT_EQ(data, sent.substr(size - left, data.size())) << size << " " << length;
+                }
+            }
+        }
+    }
+    client.close();
+    EXPECT_EQ(platform::platformAvailable(server.pipe), 0U);
+    EXPECT_EQ(readText(server), "-3");
+}
+
+TEST_F(ReadContract, FindsTheEndAfterWhatItHadTakenBefore) {
+    std::string data;
+    ASSERT_EQ(write(client, std::string(4096, 'a')), 0);
+    ASSERT_EQ(read(server, data, 4096), 4096);
+    ASSERT_EQ(write(client, std::string(4500, 'b')), 0);
+    ASSERT_EQ(read(server, data, 4096), 4096);
+    client.close();
+    EXPECT_EQ(platform::platformAvailable(server.pipe), 404U);
+    ASSERT_EQ(read(server, data, 4096), 404);
+    EXPECT_EQ(data, std::string(404, 'b'));
+    EXPECT_EQ(readText(server), "-3");
+}
+
 TEST_F(ReadContract, EndsAPendingReadWithFewerBytesThanAskedFor) {
     auto reading = std::async(std::launch::async, [&] { return readText(server); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
