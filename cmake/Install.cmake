@@ -10,6 +10,12 @@ install(
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# The module is nobody's to link with.
+if(WIN32)
+  install(TARGETS qvtp_config LIBRARY DESTINATION ${CMAKE_INSTALL_BINDIR})
+else()
+  install(TARGETS qvtp_config LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/qvtp)
+endif()
 install(EXPORT qvtpTargets NAMESPACE qvtp:: DESTINATION ${QVTP_CMAKE_DIR})
 
 configure_package_config_file(cmake/qvtpConfig.cmake.in qvtpConfig.cmake INSTALL_DESTINATION ${QVTP_CMAKE_DIR})

@@ -26,9 +26,12 @@ EXCEPTION_HEADER = re.compile(r"^qvtp/io/\w+Exception\.h$")
 # Handle types and levels that the headers above show; they include nothing.
 VOCABULARY = {"qvtp/platform/NativeHandle.h": {"io", "platform"}}
 THIRD_PARTY = {"Poco/": "server", "xercesc/": "config"}
+# The parser module: all that may know the parser. It knows nothing of the library but the functions between them.
+PARSER_MODULE = {"ConfigurationFile", "Parser", "XmlText"}
+PARSER_INCLUDES = {f"config/{name}.h" for name in PARSER_MODULE | {"ParserFunctions"}} | {"qvtp/Export.h"}
 SYSTEM_HEADER = re.compile(
     r"^(sys/|linux/|arpa/|netinet/|windows\.h$|win\w+\.h$|ws2|(io|process|direct|psapi|tlhelp32|fibersapi)\.h$|"
-    r"(unistd|fcntl|poll|dirent|pthread|signal|malloc|sched|semaphore|dlfcn|spawn|termios)\.h$)", re.I)
+    r"(unistd|fcntl|poll|dirent|pthread|signal|malloc|sched|semaphore|dlfcn|link|spawn|termios)\.h$)", re.I)
 PLATFORM_FILE = re.compile(r"_(linux|win32)(Test\.cpp|\.cpp|\.h)$")
 PLATFORM_HEADER = re.compile(r"_(linux|win32)\.h$")
 CONDITIONAL = re.compile(
@@ -95,6 +98,13 @@ class Checker:
         for prefix, owner in THIRD_PARTY.items():
             if include.startswith(prefix) and layer != owner:
                 self.complain(path, number, f"{prefix} belongs to {owner}, not to {layer}")
+        in_parser = layer == "config" and path.stem in PARSER_MODULE
+        if include.startswith("xercesc/") and not in_parser:
+            self.complain(path, number, "only the parser module may know the parser")
+        if in_parser and layer_of(include) and include not in PARSER_INCLUDES:
+            self.complain(path, number, f"the parser module may not include {include}")
+        if include in PARSER_INCLUDES - {"qvtp/Export.h", "config/ParserFunctions.h"} and not in_parser:
+            self.complain(path, number, f"{include} belongs to the parser module")
         if public and include.startswith("xercesc/"):
             self.complain(path, number, "the parser stays inside the library")
         if public and layer_of(include) and not include.startswith("qvtp/"):

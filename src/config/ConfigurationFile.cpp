@@ -1,20 +1,26 @@
 #include "config/ConfigurationFile.h"
 
-#include "common/System.h"
 #include "config/XmlText.h"
 
 #include <xercesc/util/BinInputStream.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 
+#include <cstdio>
+#include <memory>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
 namespace {
 
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
 class FileStream : public xercesc::BinInputStream {
   public:
-    explicit FileStream(System::File file) : file_(std::move(file)) {}
+    explicit FileStream(File file) : file_(std::move(file)) {}
 
     XMLFilePos curPos() const override { return position_; }
 
@@ -31,19 +37,19 @@ class FileStream : public xercesc::BinInputStream {
     const XMLCh* getContentType() const override { return nullptr; }
 
   private:
-    System::File file_;
+    File file_;
     XMLFilePos position_ = 0;
 };
 
 }  // namespace
 
-ConfigurationFile::ConfigurationFile(const std::string& path)
-    : LocalFileInputSource(XmlText::fromUtf8(path).c_str()), path_(path) {}
+ConfigurationFile::ConfigurationFile(const std::string& path, const ParserCalls& calls)
+    : LocalFileInputSource(XmlText::fromUtf8(path).c_str()), calls_(calls) {}
 
 ConfigurationFile::~ConfigurationFile() = default;
 
 xercesc::BinInputStream* ConfigurationFile::makeStream() const {
-    System::File file = System::openFile(path_);
+    File file(calls_.open(calls_.context));
     return file != nullptr ? new FileStream(std::move(file)) : nullptr;
 }
 

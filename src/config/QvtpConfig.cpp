@@ -1,68 +1,64 @@
 #include <qvtp/config/QvtpConfig.h>
 
 #include "common/System.h"
-#include "config/ConfigurationFile.h"
+#include "common/Utf8String.h"
 #include "config/ParserMemory.h"
-#include "config/XmlText.h"
+#include "config/ParserModule.h"
 #include "logging/Log.h"
 
-#include <xercesc/dom/DOM.hpp>
-#include <xercesc/parsers/XercesDOMParser.hpp>
-#include <xercesc/sax/HandlerBase.hpp>
-#include <xercesc/sax/SAXParseException.hpp>
-#include <xercesc/util/PlatformUtils.hpp>
-#include <xercesc/util/XMLException.hpp>
-#include <xercesc/util/XMLString.hpp>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace Quovane::Qvtp {
 
 using namespace Quovane::Internal::Qvtp;
-using xercesc::DOMElement;
-using xercesc::DOMNamedNodeMap;
-using xercesc::DOMNode;
-using xercesc::XMLString;
 
 namespace {
 
 constexpr char FILE_VARIABLE[] = "QvtpConfigurationFile";
 constexpr char DEFAULT_FILE[] = "QvtpConfig.xml";
 
-template <typename ParserException>
-void logMessage(const ParserException& e) {
-    logError([&] { return XmlText::toUtf8(e.getMessage()); });
-}
-
-/// Without it the parser keeps whatever it had read before an error. A document that is only invalid is kept, with a
-/// line.
-class StrictErrorHandler : public xercesc::HandlerBase {
-  public:
-    void error(const xercesc::SAXParseException& e) override { logMessage(e); }
-    void fatalError(const xercesc::SAXParseException& e) override { throw xercesc::SAXParseException(e); }
-};
-
 std::string configurationPath() {
     return System::environmentVariable(FILE_VARIABLE).value_or(DEFAULT_FILE);
 }
 
-bool isNamed(const XMLCh* name, const char* expected) {
-    return XMLString::equals(name, XmlText::fromUtf8(expected).c_str());
+/// For the parser, and to compare with what it found.
+std::string wellFormed(const std::string& text) {
+    std::string result;
+    Quovane::Soa::Common::Xml::Utf8String::decode(text, result);
+    return result;
 }
 
-/// The first entry for this function and component among the root's children, or null.
-const DOMElement* findEntry(const DOMElement& root, const char* kind, const std::string& function,
-                            const std::string& component) {
-    const auto kindText = XmlText::fromUtf8(kind);
-    const auto functionText = XmlText::fromUtf8(function);
-    const auto componentText = XmlText::fromUtf8(component);
-    const auto functionName = XmlText::fromUtf8("function");
-    const auto componentName = XmlText::fromUtf8("component");
-    for (const DOMNode* node = root.getFirstChild(); node != nullptr; node = node->getNextSibling()) {
-        if (node->getNodeType() != DOMNode::ELEMENT_NODE) continue;
-        const auto* element = static_cast<const DOMElement*>(node);
-        if (XMLString::equals(element->getNodeName(), kindText.c_str()) &&
-            XMLString::equals(element->getAttribute(functionName.c_str()), functionText.c_str()) &&
-            XMLString::equals(element->getAttribute(componentName.c_str()), componentText.c_str())) {
-            return element;
+struct Attribute {
+    std::string name;
+    std::string value;
+};
+
+/// A child element of the root.
+struct Entry {
+    std::string kind;
+    std::vector<Attribute> attributes;
+
+    /// An absent attribute is empty.
+    std::string_view value(const char* name) const {
+        for (const Attribute& attribute : attributes) {
+            if (attribute.name == name) return attribute.value;
+        }
+        return {};
+    }
+};
+
+/// The first entry for this function and component, or null.
+const Entry* findEntry(const std::vector<Entry>& entries, const char* kind, const std::string& function,
+                       const std::string& component) {
+    const std::string functionText = wellFormed(function);
+    const std::string componentText = wellFormed(component);
+    for (const Entry& entry : entries) {
+        // As far as a zero, which no document contains.
+        if (entry.kind == kind && entry.value("function") == functionText.c_str() &&
+            entry.value("component") == componentText.c_str()) {
+            return &entry;
         }
     }
     return nullptr;
@@ -90,67 +86,96 @@ constexpr Setting<ServerOptions> SERVER_SETTINGS[] = {
 
 /// Sets the option that belongs to the attribute; false if none does.
 template <typename Target, typename Settings>
-bool applySetting(Target& target, const Settings& settings, const DOMNode& attribute) {
+bool applySetting(Target& target, const Settings& settings, const Attribute& attribute, const ParserFunctions& parser) {
     for (const auto& setting : settings) {
-        if (!isNamed(attribute.getNodeName(), setting.attribute)) continue;
-        target.setOption(setting.option, XMLString::parseInt(attribute.getNodeValue()));
+        if (attribute.name != setting.attribute) continue;
+        target.setOption(setting.option, parser.toInteger(attribute.value.c_str()));
         return true;
     }
     return false;
 }
 
 /// The name's address is logged, not the name: log readers know the line in this form.
-void logUnrecognised(const char* kind, const XMLCh* name) {
-    logError([&] { return text("Unrecognised ", kind, " configuration attribute ", static_cast<const void*>(name)); });
+void logUnrecognised(const char* kind, const std::string& name) {
+    logError([&] {
+        return text("Unrecognised ", kind, " configuration attribute ", static_cast<const void*>(name.data()));
+    });
 }
 
-void applyAttribute(QvtpClient& client, const DOMNode& attribute) {
-    if (applySetting(client, CLIENT_SETTINGS, attribute)) return;
-    if (isNamed(attribute.getNodeName(), "read_timeout")) {
+void applyAttribute(QvtpClient& client, const Attribute& attribute, const ParserFunctions& parser) {
+    if (applySetting(client, CLIENT_SETTINGS, attribute, parser)) return;
+    if (attribute.name == "read_timeout") {
         logWarn("Unsupported C++ QvtpClient option: read_timeout ");
         return;
     }
-    logUnrecognised("QvtpClient", attribute.getNodeName());
+    logUnrecognised("QvtpClient", attribute.name);
 }
 
-void applyAttribute(QvtpServer& server, const DOMNode& attribute) {
-    if (applySetting(server, SERVER_SETTINGS, attribute)) return;
-    logUnrecognised("QvtpServer", attribute.getNodeName());
+void applyAttribute(QvtpServer& server, const Attribute& attribute, const ParserFunctions& parser) {
+    if (applySetting(server, SERVER_SETTINGS, attribute, parser)) return;
+    logUnrecognised("QvtpServer", attribute.name);
 }
 
-void initializeParser() {
-    try {
-        xercesc::XMLPlatformUtils::Initialize();
-    } catch (const xercesc::XMLException& e) {
-        logMessage(e);
+/// What the parser calls while it reads the file at `path` into `entries`.
+struct Reading {
+    const std::string& path;
+    std::vector<Entry> entries;
+
+    static Reading& of(void* context) { return *static_cast<Reading*>(context); }
+
+    static std::FILE* open(void* context) { return System::openFile(of(context).path).release(); }
+    static void error(void*, const char* message) {
+        logError(message != nullptr ? message : "Unexpected Exception while parsing the Qvtp configuration file");
     }
-}
-
-template <typename Target>
-void applyEntry(Target& target, const DOMElement& entry) {
-    const DOMNamedNodeMap* const attributes = entry.getAttributes();
-    for (XMLSize_t i = 0; i < attributes->getLength(); ++i) {
-        const DOMNode& attribute = *attributes->item(i);
-        const XMLCh* const name = attribute.getNodeName();
-        if (!isNamed(name, "function") && !isNamed(name, "component")) applyAttribute(target, attribute);
+    static void element(void* context, const char* name) { of(context).entries.push_back({name, {}}); }
+    static void attribute(void* context, const char* name, const char* value) {
+        of(context).entries.back().attributes.push_back({name, value});
     }
-}
+
+    ParserCalls calls() { return {this, open, error, element, attribute}; }
+};
 
 }  // namespace
 
 struct QvtpConfig::Document {
-    xercesc::DOMDocument* document = nullptr;  // owned by the parser
-    DOMElement* root = nullptr;                // owned by the document; null: no configuration
-    StrictErrorHandler errorHandler;           // used by the parser
-    std::unique_ptr<xercesc::XercesDOMParser> parser;
+    const std::string path = configurationPath();
+    const bool isThere = System::fileExists(path);
+    const ParserFunctions* parser = nullptr;  // not owned; null without a file, or without the module
+    std::string parserFailure;
+    bool isRead = false;  // false: no configuration
+    std::vector<Entry> entries;
+
+    /// Only where there is a file: the parser and the libraries that it needs make a process noticeably bigger.
+    void startParser() {
+        const std::filesystem::path modulePath = parserPath();
+        const ParserModule module = loadParser(modulePath);
+        if (module.functions == nullptr) {
+            parserFailure = modulePath.u8string() + ": " + module.failure;
+            return;
+        }
+        module.functions->initialize(Reading{path, {}}.calls());
+        parser = module.functions;
+    }
+
+    void read() {
+        Reading reading{path, {}};
+        isRead = parser->parse(wellFormed(path).c_str(), reading.calls());
+        entries = std::move(reading.entries);
+    }
 
     template <typename Target>
     void apply(Target& target, const char* kind, const std::string& function, const std::string& component) const {
-        if (root == nullptr) {
+        if (!isRead) {
             logDebug("QvtpConfiguration not available.");
             return;
         }
-        if (const DOMElement* entry = findEntry(*root, kind, function, component)) applyEntry(target, *entry);
+        const Entry* const entry = findEntry(entries, kind, function, component);
+        if (entry == nullptr) return;
+        for (const Attribute& attribute : entry->attributes) {
+            if (attribute.name != "function" && attribute.name != "component") {
+                applyAttribute(target, attribute, *parser);
+            }
+        }
     }
 };
 
@@ -162,39 +187,28 @@ QvtpConfig& QvtpConfig::getInstance() {
 QvtpConfig::QvtpConfig() : document_(std::make_unique<Document>()) {
     // An initialisation that fails half-way can neither be used nor taken back: the parser library is not made for it.
     const ParserMemory reserve;
-    initializeParser();
+    if (document_->isThere) document_->startParser();
     loadConfigFile();
 }
 
-QvtpConfig::~QvtpConfig() {
-    document_.reset();
-    xercesc::XMLPlatformUtils::Terminate();
-}
+QvtpConfig::~QvtpConfig() = default;
 
 void QvtpConfig::loadConfigFile() {
+    Document& document = *document_;
     try {
-        const std::string path = configurationPath();
-        if (!System::fileExists(path)) {
-            logError([&] { return "Cannot find qvtp Configuration file: " + path; });
+        if (!document.isThere) {
+            logError([&] { return "Cannot find qvtp Configuration file: " + document.path; });
             return;
         }
-        logInfo([&] { return "Found qvtp configuration file: " + path; });
-        document_->parser = std::make_unique<xercesc::XercesDOMParser>();
-        xercesc::XercesDOMParser& parser = *document_->parser;
-        parser.setValidationScheme(xercesc::XercesDOMParser::Val_Auto);
-        parser.setDoNamespaces(true);
-        parser.setErrorHandler(&document_->errorHandler);
-        parser.parse(ConfigurationFile(path));
-        document_->document = parser.getDocument();
-        document_->root = document_->document->getDocumentElement();
-    } catch (const xercesc::XMLException& e) {
-        logMessage(e);
-    } catch (const xercesc::SAXException& e) {
-        logMessage(e);
-    } catch (const xercesc::DOMException& e) {
-        logMessage(e);
+        logInfo([&] { return "Found qvtp configuration file: " + document.path; });
+        if (document.parser == nullptr) {
+            logError(
+                [&] { return "Cannot load the parser of the qvtp Configuration file: " + document.parserFailure; });
+            return;
+        }
+        document.read();
     } catch (...) {
-        logError("Unexpected Exception while parsing the Qvtp configuration file");
+        Reading::error(nullptr, nullptr);
     }
 }
 

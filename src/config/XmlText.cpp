@@ -1,14 +1,10 @@
 #include "config/XmlText.h"
 
-#include "common/Utf8String.h"
-
 #include <xercesc/util/OutOfMemoryException.hpp>
 
 #include <new>
 
 namespace Quovane::Internal::Qvtp::XmlText {
-
-using Quovane::Soa::Common::Xml::Utf8String;
 
 namespace {
 
@@ -17,11 +13,9 @@ constexpr char UTF8[] = "UTF-8";
 }  // namespace
 
 std::basic_string<XMLCh> fromUtf8(const std::string& text) {
-    std::string wellFormed;
-    Utf8String::decode(text, wellFormed);  // the converter below refuses anything else
-    const auto* bytes = reinterpret_cast<const XMLByte*>(wellFormed.data());
+    const auto* bytes = reinterpret_cast<const XMLByte*>(text.data());
     try {
-        const xercesc::TranscodeFromStr converted(bytes, wellFormed.size(), UTF8);
+        const xercesc::TranscodeFromStr converted(bytes, text.size(), UTF8);
         return converted.str();
     } catch (const xercesc::OutOfMemoryException&) {
         throw std::bad_alloc();

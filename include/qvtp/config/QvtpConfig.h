@@ -20,7 +20,8 @@ namespace Quovane::Qvtp {
 ///     <QvtpServer function="billing" component="backend" max_request_processors="8" idle_timeout="13000"/>
 ///
 /// Time-outs are milliseconds, sizes bytes. A file that is missing or malformed is logged at ERROR and leaves no
-/// configuration. docs/configuration.md has the details.
+/// configuration. So does a missing parser: it is a module beside the library, loaded only if there is a file.
+/// docs/configuration.md has the details.
 class QVTP_API QvtpConfig {
   public:
     /// Reads the file at the first call, from any thread; later changes to file or variable have no effect. On Linux
