@@ -1,22 +1,18 @@
 #include <qvtp/config/QvtpConfig.h>
 
+#include "config/ConfigProbe.h"
 #include "support/Process.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <regex>
-#include <sstream>
 
 namespace qvtp_test {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-
-const char DEFAULT_CLIENT[] = "client 60000 10000 40960 QvtpClient";
-const char DEFAULT_SERVER[] = "server 5 0 13000 3000 4096 QvtpServer";
-const char NO_CONFIGURATION[] = "DEBUG QvtpConfiguration not available.";
 
 /// Runs the probe on a configuration file and looks at what it printed.
 class Config : public ::testing::Test {
@@ -32,20 +28,7 @@ class Config : public ::testing::Test {
         return run(function, component);
     }
     std::vector<std::string> run(const std::string& function = "F", const std::string& component = "C") {
-        const std::string output = directory + "/output.txt";
-        EXPECT_EQ(Process(QVTP_CONFIG_PROBE, {function, component}, output).wait(), 0);
-        return parse(contentsOfFile(output));
-    }
-    static std::vector<std::string> parse(const std::string& output) {
-        static const std::regex logLine("(\\w+) +- .* UTC - Thread-\\d+:  - (.*)- Quovane\\.SOA\\.Qvtp");
-        std::vector<std::string> lines;
-        std::istringstream in(output);
-        for (std::string line; std::getline(in, line);) {
-            std::smatch match;
-            const bool isLog = std::regex_match(line, match, logLine);
-            lines.push_back(isLog ? match[1].str() + " " + match[2].str() : line);
-        }
-        return lines;
+        return runProbe(QVTP_CONFIG_PROBE, {function, component}, directory);
     }
     std::string found() const { return "INFO Found qvtp configuration file: " + file; }
     static std::string inRoot(const std::string& entries) { return "<root>" + entries + "</root>"; }
@@ -108,6 +91,15 @@ TEST_F(Config, ComparesExactly) {
     }
 }
 
+TEST_F(Config, FindsAnEntryAmongMany) {
+    std::string entries;
+    for (int i = 0; i < 300; ++i) {
+        entries += "<QvtpClient function='F" + std::to_string(i) + "' component='C' stale_timeout='" +
+                   std::to_string(i) + "'/>";
+    }
+    EXPECT_EQ(probe(inRoot(entries), "F217")[1], "client 60000 217 40960 QvtpClient");
+}
+
 TEST_F(Config, TakesAnAbsentAttributeAsEmpty) {
     EXPECT_EQ(probe(inRoot("<QvtpClient function='F' stale_timeout='2'/>"), "F", "")[1],
               "client 60000 2 40960 QvtpClient");
@@ -156,6 +148,14 @@ TEST_F(Config, LetsTheErrorOfAValueThatIsNoNumberOut) {
                                        "server 5 0 13000 3000 8 QvtpServer"))
             << value;
     }
+}
+
+TEST_F(Config, LetsThatErrorOutAsTheParsersClass) {
+    writeFile(file, inRoot("<QvtpClient function='F' component='C' stale_timeout='12abc'/>"));
+    setEnvironment("QvtpConfigurationFile", file);
+    const std::string output = directory + "/output.txt";
+    EXPECT_EQ(Process(QVTP_VALUE_ERROR_PROBE, {}, output).wait(), 0);
+    EXPECT_EQ(contentsOfFile(output), "NumberFormatException invalid character encountered\n");
 }
 
 TEST_F(Config, IsNoneWhenTheFileIsMalformed) {

@@ -1,5 +1,7 @@
 // Applies the configuration file of its process to a client and a server and prints log and options. A program of its
 // own, since a process reads its configuration once.
+//
+//     config_probe [FUNCTION [COMPONENT [DIRECTORY]]]     from that directory, entered after the start
 
 #include <qvtp/qvtp.h>
 
@@ -7,6 +9,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 
 namespace {
 
@@ -25,7 +28,7 @@ void printServer(const QvtpServer& server) {
                 server.getStringOption(QvtpServer::SERVER_NAME).c_str());
 }
 
-/// The value error of the parser library is not to be seen here: it is private to the library.
+/// The value error is a class of the parser, which this program does not know; value_error_probe.cpp does.
 template <typename Apply>
 void apply(const char* what, const Apply& action) {
     try {
@@ -42,6 +45,7 @@ void apply(const char* what, const Apply& action) {
 int main(int argc, char** argv) {
     const std::string function = argc > 1 ? argv[1] : "";
     const std::string component = argc > 2 ? argv[2] : "";
+    if (argc > 3) std::filesystem::current_path(argv[3]);
     QvtpClient client;
     QvtpServer server(qvtp_test::uniquePipeName(), 1);
     QvtpMessage::setLoggingLevel(stdout, LoggingLevel::DEBUG, nullptr, CommunicationLevel::OFF);

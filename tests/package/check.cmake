@@ -1,5 +1,5 @@
 # Installs the build tree into a prefix of its own, moves it, and builds and runs the consumer against it, by
-# find_package() and, where there is pkg-config, by that.
+# find_package() and, where there is pkg-config, by that. It has a configuration as long as the parser module is there.
 #
 #     cmake -DBUILD_DIR=... -DWORK_DIR=... -DSOURCE_DIR=... [-DTOOLCHAIN=...] [-DEMULATOR=...] -P check.cmake
 function(run)
@@ -10,11 +10,30 @@ function(run)
   set(output "${output}" PARENT_SCOPE)
 endfunction()
 
-string(RANDOM LENGTH 12 suffix)
+# What the consumer prints; it has to find this idle time-out.
+function(run_consumer name timeout program)
+  string(RANDOM LENGTH 12 suffix)
+  execute_process(
+    COMMAND ${EMULATOR} ${program} package-${suffix} ${timeout}
+    WORKING_DIRECTORY ${WORK_DIR}/settings
+    RESULT_VARIABLE result
+    OUTPUT_VARIABLE output
+    ERROR_VARIABLE output)
+  if(NOT result EQUAL 0 OR NOT output MATCHES "^package ok\r?\n$")
+    message(FATAL_ERROR "The consumer ${name} ended with ${result} and printed: ${output}")
+  endif()
+endfunction()
+
 set(ENV{CXXFLAGS} "${CXXFLAGS}")
 file(REMOVE_RECURSE ${WORK_DIR})
+unset(ENV{QvtpConfigurationFile})
+file(WRITE ${WORK_DIR}/settings/QvtpConfig.xml
+     "<root><QvtpClient function='package' component='consumer' stale_timeout='2'/></root>")
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/first)
 file(RENAME ${WORK_DIR}/first ${WORK_DIR}/prefix) # an installed tree can be moved
+file(GLOB_RECURSE library ${WORK_DIR}/prefix/*libqvtp.so ${WORK_DIR}/prefix/*libqvtp.dll)
+file(GLOB_RECURSE module ${WORK_DIR}/prefix/*libqvtp-config.*)
+run(${CHECK_LINKS} --objdump ${OBJDUMP} ${library} ${module})
 
 set(options -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix)
 if(TOOLCHAIN)
@@ -24,10 +43,7 @@ endif()
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build -G Ninja ${options} -DCMAKE_CXX_COMPILER=${COMPILER}
     -DCMAKE_RUNTIME_OUTPUT_DIRECTORY=${WORK_DIR}/prefix/bin)
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
-run(${EMULATOR} ${WORK_DIR}/prefix/bin/consumer${SUFFIX} package-${suffix})
-if(NOT output MATCHES "^package ok\r?\n$")
-  message(FATAL_ERROR "The consumer printed: ${output}")
-endif()
+run_consumer("found by CMake" 2 ${WORK_DIR}/prefix/bin/consumer${SUFFIX})
 
 if(TOOLCHAIN) # the program looks only for libraries of this machine
   file(STRINGS ${WORK_DIR}/prefix/lib/pkgconfig/qvtp.pc flags REGEX "^Cflags:")
@@ -47,8 +63,8 @@ if(PKG_CONFIG AND NOT TOOLCHAIN AND NOT CMAKE_HOST_WIN32)
   run(${COMPILER} -std=c++17 ${extra} ${SOURCE_DIR}/consumer.cpp -o ${WORK_DIR}/consumer ${flags} -pthread)
   get_filename_component(lib_dir ${pc_dir} DIRECTORY)
   set(ENV{LD_LIBRARY_PATH} ${lib_dir})
-  run(${WORK_DIR}/consumer package-pc-${suffix})
-  if(NOT output STREQUAL "package ok\n")
-    message(FATAL_ERROR "The consumer built by pkg-config printed: ${output}")
-  endif()
+  run_consumer("built by pkg-config" 2 ${WORK_DIR}/consumer)
 endif()
+
+file(REMOVE ${module})
+run_consumer("without the parser module" 10000 ${WORK_DIR}/prefix/bin/consumer${SUFFIX})

@@ -1,4 +1,6 @@
 // Server and client in one program, on public headers alone. Prints "package ok" and nothing else.
+//
+//     consumer PIPE IDLE_TIMEOUT      the second is what the configuration should make of that option of a client
 
 #include <qvtp/qvtp.h>
 
@@ -33,6 +35,13 @@ std::string greet(const std::string& pipe) {
     return std::string(data, length);
 }
 
+/// The option after the configuration has been applied.
+int configuredIdleTimeout() {
+    QvtpClient client;
+    QvtpConfig::getInstance().setQvtpClientOptions(client, "package", "consumer");
+    return client.getIntegerOption(QvtpClient::IDLE_TIMEOUT);
+}
+
 bool failsWithoutServer(const std::string& pipe) {
     try {
         greet(pipe);
@@ -45,7 +54,7 @@ bool failsWithoutServer(const std::string& pipe) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) return 2;
+    if (argc != 3) return 2;
     const std::string pipe = argv[1];
     if (!failsWithoutServer(pipe)) return 3;
     Greeter greeter;
@@ -57,6 +66,7 @@ int main(int argc, char** argv) {
     server.shutdown();
     thread.join();
     if (greeting != "Hello, package") return 4;
+    if (std::to_string(configuredIdleTimeout()) != argv[2]) return 5;
     std::puts("package ok");
     return 0;
 }

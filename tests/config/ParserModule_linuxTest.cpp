@@ -1,0 +1,39 @@
+#include "config/ConfigProbe.h"
+#include "support/Process.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+namespace qvtp_test {
+namespace {
+
+using ::testing::ElementsAre;
+
+/// A search path with a relative directory is a Linux thing. The library's own path is relative then.
+TEST(ParserModuleOfARelativeLibrary, IsFoundWhenTheProcessHasGoneElsewhere) {
+    const std::string directory = makeTestDirectory();
+    const std::filesystem::path module = std::filesystem::path(directory) / QVTP_PARSER_PATH;
+    std::filesystem::create_directories(module.parent_path());
+    std::filesystem::copy_file(QVTP_LIBRARY, std::filesystem::path(directory) / QVTP_LIBRARY_NAME);
+    std::filesystem::copy_file(QVTP_PARSER, module);
+    const std::string file = directory + "/settings.xml";
+    writeFile(file, "<root><QvtpClient function='F' component='C' stale_timeout='2'/></root>");
+
+    const std::string before = std::filesystem::current_path().string();
+    const std::string elsewhere = makeTestDirectory();
+    changeDirectory(directory);
+    setEnvironment("LD_LIBRARY_PATH", ".");
+    setEnvironment("QvtpConfigurationFile", file);
+    EXPECT_THAT(
+        runProbe(QVTP_CONFIG_PROBE, {"F", "C", elsewhere}, directory),
+        ElementsAre("INFO Found qvtp configuration file: " + file, "client 60000 2 40960 QvtpClient", DEFAULT_SERVER));
+    unsetEnvironment("LD_LIBRARY_PATH");
+    unsetEnvironment("QvtpConfigurationFile");
+    changeDirectory(before);
+}
+
+}  // namespace
+}  // namespace qvtp_test
