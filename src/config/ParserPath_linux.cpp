@@ -5,6 +5,7 @@
 
 #include <array>
 #include <climits>
+#include <cstddef>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -18,7 +19,7 @@ std::filesystem::path libraryDirectory() {
     Dl_info info{};
     void* library = nullptr;
     if (::dladdr1(&INSIDE, &info, &library, RTLD_DL_LINKMAP) == 0) return {};
-    std::array<char, 2 * PATH_MAX> directory{};  // the current directory of that time and a relative path
+    std::array<char, std::size_t{2} * PATH_MAX> directory{};  // the current directory of that time and a relative path
     return ::dlinfo(library, RTLD_DI_ORIGIN, directory.data()) == 0 ? directory.data() : "";
 }
 
