@@ -2,7 +2,7 @@
 
 namespace Quovane::Internal::Qvtp {
 
-/// Programs that are linked with the library's parts lie anywhere in the build tree.
+/// For programs that are linked with the library's parts: they lie anywhere in the build tree.
 std::filesystem::path parserPath() {
     return QVTP_PARSER_FILE;
 }
