@@ -1,13 +1,16 @@
 #include "common/System.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
+#include <new>
 #include <thread>
 
 namespace Quovane::Internal::Qvtp::System {
@@ -34,6 +37,39 @@ ThreadText::~ThreadText() {
     textGone = true;
 }
 
+using ProcessId = std::atomic<std::uint32_t>;
+
+/// Null before the first attempt to make it.
+std::atomic<ProcessId*> keptProcessId{nullptr};
+
+/// Stands for a place that could not be made.
+ProcessId noPlace{0};
+
+/// A place that holds 0 in every child of this process, however that child is made: the kernel empties its page. Null
+/// if the kernel cannot do that.
+ProcessId* makePlaceForProcessId() {
+    const LastErrorGuard lastError;
+    constexpr std::size_t SIZE = sizeof(ProcessId);
+    void* const page = ::mmap(nullptr, SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) return nullptr;
+    // Some emulators accept any advice and follow none: they are known by an advice that does not exist.
+    const bool isEmptiedInChildren = ::madvise(page, SIZE, -1) != 0 && ::madvise(page, SIZE, MADV_WIPEONFORK) == 0;
+    if (isEmptiedInChildren) return new (page) ProcessId(0);
+    ::munmap(page, SIZE);
+    return nullptr;
+}
+
+/// Made without a lock, which a fork could leave locked in the child. Two threads may both make one: the first counts.
+ProcessId& placeForProcessId() {
+    if (ProcessId* const kept = keptProcessId.load(std::memory_order_acquire)) return *kept;
+    ProcessId* const made = makePlaceForProcessId();
+    ProcessId* expected = nullptr;
+    ProcessId* const wanted = made != nullptr ? made : &noPlace;
+    if (keptProcessId.compare_exchange_strong(expected, wanted, std::memory_order_acq_rel)) return *wanted;
+    if (made != nullptr) ::munmap(made, sizeof(ProcessId));
+    return *expected;
+}
+
 }  // namespace
 
 std::int64_t wallClockMs() {
@@ -57,7 +93,13 @@ const void* currentThreadMark() {
 }
 
 std::uint32_t currentProcessId() {
-    return static_cast<std::uint32_t>(::getpid());
+    // The C library asks the system each time, and every call on a pipe wants to know.
+    ProcessId& kept = placeForProcessId();
+    std::uint32_t id = kept.load(std::memory_order_relaxed);
+    if (id != 0) return id;
+    id = static_cast<std::uint32_t>(::getpid());
+    if (&kept != &noPlace) kept.store(id, std::memory_order_relaxed);
+    return id;
 }
 
 void sleepMs(int milliseconds) {

@@ -1,0 +1,51 @@
+#include "common/System.h"
+#include "support/Child.h"
+
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <thread>
+
+namespace qvtp_test {
+namespace {
+
+namespace System = Quovane::Internal::Qvtp::System;
+
+bool knowsItself() {
+    return System::currentProcessId() == static_cast<std::uint32_t>(::syscall(SYS_getpid));
+}
+
+TEST(SystemProcessId, IsThatOfAForkedChildAndOfItsOwnChild) {
+    ASSERT_TRUE(knowsItself());
+    EXPECT_EQ(resultInChild([] {
+                  if (!knowsItself()) return 1;
+                  return resultInChild([] { return knowsItself() && knowsItself() ? 0 : 2; });
+              }),
+              0);
+    EXPECT_TRUE(knowsItself());
+}
+
+TEST(SystemProcessId, IsThatOfAChildThatTheCLibraryKnowsNothingOf) {
+    ASSERT_TRUE(knowsItself());
+    const auto child = static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+    if (child == 0) ::_exit(knowsItself() ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(SystemProcessId, IsRightOnAThreadOfAForkedChild) {
+    EXPECT_EQ(resultInChild([] {
+                  bool isRight = false;
+                  std::thread([&] { isRight = knowsItself(); }).join();
+                  return isRight ? 0 : 1;
+              }),
+              0);
+}
+
+}  // namespace
+}  // namespace qvtp_test
