@@ -100,7 +100,8 @@ int PipeAddress::resolve(const std::string& pipePath, Directory directory) {
     socketFile_ = stem + ".sock";
     freshSocketFile_ = stem + ".new";
     directoryPath_ = directoryPath();
-    return openDirectory(directory);
+    const bool needsDescriptor = directory == Directory::CREATE || !isReachedByPath(socketFile_);
+    return needsDescriptor ? openDirectory(directory) : lookAtDirectory();
 }
 
 int PipeAddress::openDirectory(Directory directory) {
@@ -115,10 +116,28 @@ int PipeAddress::openDirectory(Directory directory) {
         return isOther ? SystemError::ACCESS_DENIED : SystemError::fromErrno(errno);
     }
     struct stat status {};
-    if (::fstat(directory_.get(), &status) != 0 || !isPrivate(status)) return SystemError::ACCESS_DENIED;
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+    if (::fstat(directory_.get(), &status) != 0) return SystemError::ACCESS_DENIED;
+    return check(status);
+}
+
+/// The same tests without a descriptor.
+int PipeAddress::lookAtDirectory() {
+    struct stat status {};
+    if (::lstat(directoryPath_.c_str(), &status) == 0) return check(status);
+    return errno == ENOTDIR || errno == ELOOP ? SystemError::ACCESS_DENIED : SystemError::fromErrno(errno);
+}
+
+int PipeAddress::check(const struct stat& directory) {
+    if (!isPrivate(directory)) return SystemError::ACCESS_DENIED;
+    device_ = directory.st_dev;
+    inode_ = directory.st_ino;
     return SystemError::NONE;
+}
+
+bool PipeAddress::isStillThere() const {
+    if (directory_.isOpen()) return true;
+    struct stat status {};
+    return ::lstat(directoryPath_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
 }
 
 bool PipeAddress::isSame(const PipeAddress& other) const {
@@ -127,7 +146,8 @@ bool PipeAddress::isSame(const PipeAddress& other) const {
 
 Descriptor PipeAddress::openLockFile(int flags) const {
     const int allFlags = flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-    const auto open = [&] { return ::openat(directory_.get(), lockFile_.c_str(), allFlags, S_IRUSR | S_IWUSR); };
+    const std::string path = pathOf(lockFile_);
+    const auto open = [&] { return ::openat(base(), path.c_str(), allFlags, S_IRUSR | S_IWUSR); };
     const int fd = uninterrupted(open);
     Descriptor file(fd);
     struct stat status {};
@@ -138,9 +158,27 @@ Descriptor PipeAddress::openLockFile(int flags) const {
     return Descriptor();
 }
 
+bool PipeAddress::hasSocketFile() const {
+    struct stat status {};
+    return ::fstatat(base(), pathOf(socketFile_).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+/// Where the paths of pathOf() begin.
+int PipeAddress::base() const {
+    return directory_.isOpen() ? directory_.get() : AT_FDCWD;
+}
+
+std::string PipeAddress::pathOf(const std::string& file) const {
+    return directory_.isOpen() ? file : directoryPath_ + "/" + file;
+}
+
+/// Whether the file's full path fits into a socket address and does not depend on the current directory.
+bool PipeAddress::isReachedByPath(const std::string& file) const {
+    return directoryPath_[0] == '/' && directoryPath_.size() + 1 + file.size() <= MAX_SOCKET_PATH;
+}
+
 std::string PipeAddress::socketPath(const std::string& file) const {
-    std::string path = directoryPath_ + "/" + file;
-    if (directoryPath_[0] == '/' && path.size() <= MAX_SOCKET_PATH) return path;
+    if (isReachedByPath(file)) return directoryPath_ + "/" + file;
     return "/proc/self/fd/" + std::to_string(directory_.get()) + "/" + file;
 }
 

@@ -2,6 +2,8 @@
 
 #include "platform/Descriptor_linux.h"
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <string>
 
@@ -11,24 +13,31 @@ namespace Quovane::Internal::Qvtp {
 /// (docs/porting.md says what they mean). Names that differ only in the case of ASCII letters, or in "/" against "\",
 /// are one.
 ///
-/// It is found once and then kept: neither the environment nor the user, the current directory or the directory's mode
-/// matter to an address that has been resolved.
+/// A server's is found once and then kept: neither the environment nor the user, the current directory or the
+/// directory's mode matter to it any more. A client's is for one connection, and needs no descriptor where the path of
+/// the directory is all that its calls need.
 class PipeAddress {
   public:
     enum class Directory { MUST_EXIST, CREATE };
 
-    /// Finds the files of a pipe path and opens their directory, which must belong to the caller alone. Returns 0 or
-    /// the number of a SystemError.
+    /// Finds the files of a pipe path. Their directory must belong to the caller alone, which is tested each time.
+    /// CREATE is for a server, MUST_EXIST for a client. Returns 0 or the number of a SystemError.
     int resolve(const std::string& pipePath, Directory directory);
+
+    /// Whether the directory is the one that was found. Another one in its place has not been tested.
+    bool isStillThere() const;
 
     /// Whether both are one name in one directory, whatever the path on which each was found.
     bool isSame(const PipeAddress& other) const;
 
+    /// Of a server's address.
     int directory() const { return directory_.get(); }
     /// Opens the name's lock file with these flags of open(2), or returns a closed descriptor with errno set. It must
     /// be a regular file: what somebody else has put in its place, which may block whoever opens it, is EACCES.
     Descriptor openLockFile(int flags) const;
     const std::string& socketFile() const { return socketFile_; }
+    /// Whether there is any file of the socket's name.
+    bool hasSocketFile() const;
     /// The name under which a socket is bound before it listens.
     const std::string& freshSocketFile() const { return freshSocketFile_; }
     /// A path to a file of the directory that fits into a socket address and does not depend on the current directory.
@@ -36,9 +45,14 @@ class PipeAddress {
 
   private:
     int openDirectory(Directory directory);
+    int lookAtDirectory();
+    int check(const struct stat& directory);
+    bool isReachedByPath(const std::string& file) const;
+    int base() const;
+    std::string pathOf(const std::string& file) const;
 
     std::string directoryPath_;
-    Descriptor directory_;
+    Descriptor directory_;      // closed if the path is all that is needed
     std::uint64_t device_ = 0;  // with the inode: which directory it is
     std::uint64_t inode_ = 0;
     // Made once: a name is given up without any memory.

@@ -14,7 +14,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -281,7 +280,7 @@ int connect(const std::string& path, bool readable, bool writable, int timeoutMs
     object->readable = readable;
     object->writable = writable;
     object->socket = connector.takeSocket();
-    object->owner = ::getpid();
+    object->owner = System::currentProcessId();
     object->event = Descriptor::event();
     const int eventError = object->event.isOpen() ? SystemError::NONE : SystemError::fromErrno(errno);
     object->connected = true;

@@ -8,7 +8,6 @@
 #include "platform/SystemError_linux.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -61,6 +60,7 @@ int PipeConnector::connect() {
 }
 
 PipeConnector::Attempt PipeConnector::attempt() {
+    if (waiting_ && !address_.isStillThere()) return fail(SystemError::FILE_NOT_FOUND);
     const Service service = findService();
     switch (service.state) {
         case Service::State::DENIED:
@@ -121,10 +121,7 @@ PipeConnector::Service PipeConnector::findService() const {
 }
 
 PipeConnector::Service PipeConnector::findForeignService() const {
-    struct stat status {};
-    const bool exists =
-        ::fstatat(address_.directory(), address_.socketFile().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (!exists) return {Service::State::NONE};
+    if (!address_.hasSocketFile()) return {Service::State::NONE};
     return {Service::State::SERVED, SERVER_READS | SERVER_WRITES, true};
 }
 

@@ -1,10 +1,10 @@
 #include "platform/PipeObject_linux.h"
 
+#include "common/System.h"
 #include "platform/SystemError_linux.h"
 
 #include <pthread.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <mutex>
 
@@ -15,7 +15,7 @@ PipeObject::~PipeObject() {
 }
 
 bool PipeObject::isOwn() const {
-    return owner == ::getpid();
+    return owner == System::currentProcessId();
 }
 
 void PipeObject::close() {
@@ -28,7 +28,8 @@ void PipeObject::close() {
         closed = true;
     }
     if (connected) ::shutdown(socket.get(), SHUT_RDWR);
-    if (event.isOpen()) event.signal();
+    // Who begins to wait from now on finds the mark.
+    if (waiters_ > 0) event.signal();
 }
 
 int PipeObject::accessError(bool allowed) const {
@@ -44,8 +45,16 @@ bool PipeObject::limitReceive(std::chrono::nanoseconds left) {
     return true;
 }
 
-LocalSocket::WaitResult PipeObject::wait(short events, const Deadline& deadline) const {
-    return LocalSocket::wait(socket.get(), events, event.get(), deadline);
+LocalSocket::WaitResult PipeObject::wait(short events, const Deadline& deadline) {
+    return waitOn(socket.get(), events, deadline);
+}
+
+LocalSocket::WaitResult PipeObject::waitOn(int fd, short events, const Deadline& deadline) {
+    ++waiters_;  // before the mark is looked at: a close sets the mark before it looks for waiters
+    const auto result =
+        closed ? LocalSocket::WaitResult::SIGNALLED : LocalSocket::wait(fd, events, event.get(), deadline);
+    --waiters_;
+    return result;
 }
 
 void PipeObject::endInputWait() {

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -42,15 +43,18 @@ class PipeObject {
 
     /// Whether an operation can start at all whose direction is `allowed`: 0 or the number of a SystemError.
     int accessError(bool allowed) const;
-    /// Waits until the connection is ready for `events` (as in poll) or the event is signalled.
-    LocalSocket::WaitResult wait(short events, const Deadline& deadline) const;
+    /// Waits until the connection is ready for `events` (as in poll) or the event is signalled. After a close it does
+    /// not wait.
+    LocalSocket::WaitResult wait(short events, const Deadline& deadline);
+    /// The same for another descriptor; -1: for the event alone.
+    LocalSocket::WaitResult waitOn(int fd, short events, const Deadline& deadline);
     /// Lets receives that block end before `left` is over, but not long before. False if that fails. For the thread
     /// that reads.
     bool limitReceive(std::chrono::nanoseconds left);
 
     bool readable = false;
     bool writable = false;
-    Descriptor event;                      // signalled for good by the close
+    Descriptor event;                      // signalled for good by a close while a thread waits
     Descriptor socket;                     // the connection; set before `connected`
     std::shared_ptr<Descriptor> listener;  // of an instance
     std::shared_ptr<ServedName> served;    // null for a client's end
@@ -58,7 +62,7 @@ class PipeObject {
     std::atomic<bool> closed{false};       // the same
     std::atomic<bool> accepting{false};    // a client is being taken from the queue, or was
     std::atomic<bool> starved{false};      // an accept found no descriptors left, and none has succeeded since
-    int owner = 0;                         // process id
+    std::uint32_t owner = 0;               // process id
     ReaderPace pace;                       // of the peer; only for the thread that writes
     ReadAhead ahead;
     int writeTimeoutMs = WRITE_TIMEOUT_MS;
@@ -73,6 +77,7 @@ class PipeObject {
 
   private:
     InputWake wake_;
+    std::atomic<int> waiters_{0};               // threads that wait on the event or are about to
     std::chrono::nanoseconds receiveLimit_{0};  // 0: none
 };
 

@@ -1,5 +1,6 @@
 #include "platform/ServedName_linux.h"
 
+#include "common/System.h"
 #include "platform/Interruption_linux.h"
 #include "platform/LocalSocket_linux.h"
 #include "platform/SystemError_linux.h"
@@ -40,14 +41,14 @@ std::mutex& ServedName::namesMutex() {
 }
 
 ServedName::ServedName(PipeAddress address, char direction)
-    : address_(std::move(address)), direction_(direction), owner_(::getpid()) {}
+    : address_(std::move(address)), direction_(direction), owner_(System::currentProcessId()) {}
 
 ServedName::~ServedName() {
     if (lock_.isOpen() && isOwn()) release();
 }
 
 bool ServedName::isOwn() const {
-    return owner_ == ::getpid();
+    return owner_ == System::currentProcessId();
 }
 
 int ServedName::addInstance(PipeAddress address, char direction, bool first, std::shared_ptr<ServedName>& name,
@@ -112,6 +113,7 @@ int ServedName::listen() {
         return SystemError::fromErrno(error);
     }
     listener_ = socket;
+    backlog_ = 0;
     return SystemError::NONE;
 }
 
@@ -120,9 +122,13 @@ int ServedName::reserveEvent() {
     return reservedEvent_.isOpen() ? SystemError::NONE : SystemError::fromErrno(errno);
 }
 
-/// The kernel admits one connection more than the backlog, so that as many clients are queued as instances wait.
+/// The kernel admits one connection more than the backlog, so that as many clients are queued as instances wait. With
+/// one instance that waits, or none for a moment, it stays what it is.
 void ServedName::updateBacklog() {
-    if (listener_ != nullptr) ::listen(listener_->get(), std::max(waiting_ - 1, 0));
+    const int backlog = std::max(waiting_ - 1, 0);
+    if (listener_ == nullptr || backlog == backlog_) return;
+    ::listen(listener_->get(), backlog);
+    backlog_ = backlog;
 }
 
 void ServedName::instanceConnected() {

@@ -3,6 +3,7 @@
 #include "platform/Descriptor_linux.h"
 #include "platform/PipeAddress_linux.h"
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -57,9 +58,10 @@ class ServedName {
 
     PipeAddress address_;
     char direction_;
-    int owner_;  // process id: a forked child inherits the descriptors but not the name
+    std::uint32_t owner_;  // process id: a forked child inherits the descriptors but not the name
     int ends_ = 0;
     int waiting_ = 0;
+    int backlog_ = 0;  // of the listener
     Descriptor lock_;
     std::shared_ptr<Descriptor> listener_;  // instances keep it alive while a thread waits on it
     Descriptor reservedEvent_;

@@ -1,5 +1,6 @@
 #include "platform/PipeBackEnd.h"
 
+#include "common/System.h"
 #include "platform/LocalSocket_linux.h"
 #include "platform/PipeLog.h"
 #include "platform/PipeObject_linux.h"
@@ -7,7 +8,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -117,7 +117,7 @@ class Accepting {
         // Without a listener the object is closed; its event is all there is to wait for.
         const int fd = listener != nullptr ? listener->get() : -1;
         while (error == SystemError::IO_PENDING) {
-            const WaitResult waited = LocalSocket::wait(fd, POLLIN, object_.event.get(), deadline);
+            const WaitResult waited = object_.waitOn(fd, POLLIN, deadline);
             if (object_.isClosed()) {
                 error = SystemError::OPERATION_ABORTED;
             } else if (waited == WaitResult::TIMED_OUT || hasStarvedFor(deadline)) {
@@ -153,7 +153,7 @@ class Accepting {
     }
 
     /// A close ends it.
-    void pause() const { LocalSocket::wait(-1, 0, object_.event.get(), Deadline::after(BackEnd::ACCEPT_PAUSE_MS)); }
+    void pause() const { object_.waitOn(-1, 0, Deadline::after(BackEnd::ACCEPT_PAUSE_MS)); }
 
     PipeObject& object_;
 };
@@ -196,7 +196,7 @@ int createInstance(NativeHandle sibling, const std::string& path, bool readable,
     const auto object = std::make_shared<PipeObject>();
     object->readable = readable;
     object->writable = writable;
-    object->owner = ::getpid();
+    object->owner = System::currentProcessId();
     int error = SystemError::NONE;
     if (!addInstance(sibling, *object, error)) error = addInstance(path, first, *object);
     if (error != SystemError::NONE) return error;

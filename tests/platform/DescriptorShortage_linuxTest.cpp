@@ -189,7 +189,7 @@ TEST_F(DescriptorShortage, LeavesTheHandleOfAPipeWhoseEventCannotBeMade) {
     ASSERT_EQ(create(server), 0);
     LogCapture log;
     Shortage shortage;
-    shortage.release(2);  // the directory and the socket
+    shortage.release(1);  // the lock file, then the socket
     const int result = connect(client);
     shortage.end();
     EXPECT_EQ(result, 4);
@@ -203,7 +203,7 @@ TEST_F(DescriptorShortage, IsNoErrorThatAPipeKnowsWhenItsEventCannotBeMade) {
     QvPipe client;
     client.bind(name, true, true);
     Shortage shortage;
-    shortage.release(2);  // the directory and the socket
+    shortage.release(1);  // the lock file, then the socket
     const std::string thrown = thrownBy([&] { client.connect(); });
     shortage.end();
     EXPECT_EQ(thrown, "QvPipeException: Unrecognized pipe connect error");

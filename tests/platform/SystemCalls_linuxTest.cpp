@@ -102,6 +102,50 @@ TEST_F(SystemCalls, EndThePauseOfAnAcceptThatIsClosed) {
     EXPECT_LT(accepting.get(), 95ms);
 }
 
+TEST_F(SystemCalls, AskForTheProcessOnlyOnce) {
+    ASSERT_EQ(exchange(), "nothing");
+    const CallFailure question(Call::GETPID, EPERM);
+    EXPECT_EQ(exchange(), "nothing");
+    EXPECT_FALSE(question.hasHappened());
+}
+
+TEST_F(SystemCalls, SetTheLengthOfTheQueueOnlyWhenItChanges) {
+    End server, client, next, third;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    {
+        const CallFailure change(Call::LISTEN, EINVAL);
+        ASSERT_EQ(accept(server), 0);
+        ASSERT_EQ(createNext(next), 0);
+        EXPECT_FALSE(change.hasHappened());
+    }
+    {
+        const CallFailure change(Call::LISTEN, EINVAL, 0);
+        ASSERT_EQ(createNext(third), 0);  // now two may wait
+    }
+    End second, busy;
+    EXPECT_EQ(connect(client), 0);
+    EXPECT_EQ(connect(second), 0);
+    EXPECT_EQ(connect(busy, 20), ConnectResult::TIMED_OUT);
+}
+
+TEST_F(SystemCalls, SignalNoEventForWhichNobodyWaits) {
+    End server, client;
+    pair(server, client);
+    const CallFailure signal(Call::WRITE, EAGAIN);
+    client.close();
+    server.close();
+    EXPECT_FALSE(signal.hasHappened());
+}
+
+TEST_F(SystemCalls, NeedNoDescriptorOfTheDirectoryForAConnection) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    const CallFailure second(Call::OPEN, EMFILE, 1, 1);  // the first is the lock's
+    EXPECT_EQ(connect(client), 0);
+    EXPECT_FALSE(second.hasHappened());
+}
+
 TEST_F(SystemCalls, FailAWriteForWhichTheSystemHasNoMemory) {
     End server, client;
     pair(server, client);

@@ -193,6 +193,21 @@ ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     return isToFail(Call::SEND) ? -1 : real(fd, message, flags);
 }
 
+ssize_t write(int fd, const void* data, size_t size) {
+    static const auto real = hidden<ssize_t (*)(int, const void*, size_t)>("write");
+    return isToFail(Call::WRITE) ? -1 : real(fd, data, size);
+}
+
+int listen(int fd, int backlog) noexcept {
+    static const auto real = hidden<int (*)(int, int)>("listen");
+    return isToFail(Call::LISTEN) ? -1 : real(fd, backlog);
+}
+
+pid_t getpid() noexcept {
+    static const auto real = hidden<pid_t (*)()>("getpid");
+    return isToFail(Call::GETPID) ? -1 : real();
+}
+
 int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
     static const auto real = hidden<int (*)(int, int, int, const void*, socklen_t)>("setsockopt");
     return isToFail(Call::SETSOCKOPT) ? -1 : real(fd, level, option, value, length);

@@ -3,13 +3,14 @@
 namespace qvtp_test {
 
 /// While it lives, calls of the system that the calling thread makes fail: `times` of them, after the first `after` of
-/// their kind. Other threads are not affected. One at a time on each thread.
+/// their kind. Other threads are not affected. One at a time on each thread. One that never happens proves that there
+/// was no such call.
 ///
 /// A program that uses it links the CMake target qvtp_test_calls, which puts itself before the functions of the C
 /// library.
 class CallFailure {
   public:
-    enum class Call { ACCEPT, FCNTL, FTRUNCATE, OPEN, PREAD, PWRITE, SEND, SETSOCKOPT };
+    enum class Call { ACCEPT, FCNTL, FTRUNCATE, GETPID, LISTEN, OPEN, PREAD, PWRITE, SEND, SETSOCKOPT, WRITE };
 
     CallFailure(Call call, int error, int times = 1, int after = 0);
     ~CallFailure();
