@@ -65,8 +65,8 @@ void RequestWorker::nudge() {
 void RequestWorker::releaseIfDeserted() {
     if (!deserted_ || pipe_ == nullptr || !PipeControl::peerHasClosed(*pipe_)) return;
     pipe_.reset();
-    inputBuffer_ = {};
-    outputBuffer_ = {};
+    inputBuffer_.reset();
+    outputBuffer_.reset();
 }
 
 /// An exception of the handler's own may leave (see QvtpHandler): such a worker stays in the map as running, and the
@@ -98,11 +98,11 @@ void RequestWorker::prepareStreams() {
     idleTimeoutMs_ = server_->getIntegerOption(QvtpServer::IDLE_TIMEOUT);
     receiveTimeoutMs_ = server_->getIntegerOption(QvtpServer::RECEIVE_TIMEOUT);
     const int bufferSize = std::max(server_->getIntegerOption(QvtpServer::BUFFER_SIZE), 1);
-    inputBuffer_.resize(static_cast<std::size_t>(bufferSize));
-    pipe_->getInputStream()->rdbuf()->pubsetbuf(inputBuffer_.data(), bufferSize);
+    inputBuffer_.reset(new char[static_cast<std::size_t>(bufferSize)]);
+    pipe_->getInputStream()->rdbuf()->pubsetbuf(inputBuffer_.get(), bufferSize);
     if (server_->accessFlag_ == 0 || !server_->writable_) return;
-    outputBuffer_.resize(static_cast<std::size_t>(bufferSize));
-    pipe_->getOutputStream()->rdbuf()->pubsetbuf(outputBuffer_.data(), bufferSize);
+    outputBuffer_.reset(new char[static_cast<std::size_t>(bufferSize)]);
+    pipe_->getOutputStream()->rdbuf()->pubsetbuf(outputBuffer_.get(), bufferSize);
 }
 
 void RequestWorker::serveRequests() {

@@ -16,7 +16,6 @@
 #include <istream>
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace Quovane::Qvtp {
 class QvtpServer;
@@ -148,9 +147,9 @@ class RequestWorker : public Poco::Runnable {
     std::atomic<Clock::time_point> endOfTurn_{Clock::time_point::max()};
 
     // Of the worker's own thread.
-    std::vector<char> inputBuffer_;      // of the pipe's stream
-    std::vector<char> outputBuffer_;     // of the pipe's stream; empty if it does not write
-    std::shared_ptr<InputBuffer> body_;  // of the current request
+    std::unique_ptr<char[]> inputBuffer_;   // of the pipe's stream
+    std::unique_ptr<char[]> outputBuffer_;  // of the pipe's stream; null if it does not write
+    std::shared_ptr<InputBuffer> body_;     // of the current request
     int idleTimeoutMs_ = 0;
     int receiveTimeoutMs_ = 0;
     bool served_ = false;         // a request has ended

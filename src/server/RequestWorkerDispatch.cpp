@@ -10,10 +10,12 @@
 #include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "message/InputBuffer.h"
+#include "message/StreamUtil.h"
 #include "server/RequestWorker.h"
 
 #include <ios>
 #include <memory>
+#include <string>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -26,6 +28,16 @@ using Quovane::Qvtp::QvtpMessage;
 namespace {
 
 constexpr std::uint64_t MAX_SKIPPED_BYTES = std::uint64_t{256} * 1024;
+
+/// Has the first byte of a request brought into the stream's buffer. An end or a failure, with which most connections
+/// end, is thrown from here: further in it would cost more than a request, and be thrown twice by the stream.
+void awaitFirstByte(std::istream& in) {
+    using Traits = std::istream::traits_type;
+    if (!Traits::eq_int_type(in.rdbuf()->sgetc(), Traits::eof())) return;
+    in.setstate(std::ios_base::eofbit);
+    std::string none;
+    StreamUtil::readLine(in, none);  // throws
+}
 
 QvtpHandler& require(QvtpHandler* handler) {
     if (handler == nullptr) throw IllegalStateException("No handler has been set.");
@@ -48,6 +60,7 @@ bool RequestWorker::staysSilent() {
 /// requests reach the handler.
 bool RequestWorker::serveRequest(std::istream& in, int headTimeoutMs, const RestInput* rest) {
     pipe_->setReadTimeout(headTimeoutMs);
+    if (!tryRead([&] { awaitFirstByte(in); })) return false;
     QvtpServerRequest request(server_, &in, &converter_);
     if (!tryRead([&] { request.getStartLine(); })) return false;
     body_ = request.bodyReader();
@@ -76,7 +89,7 @@ bool RequestWorker::handle(QvtpServerRequest& request) {
 
 /// After its first failure, which is a QvPipeException, a standard stream throws failures of its own kind.
 bool RequestWorker::hasFailedStream() const {
-    return pipe_->getInputStream()->bad() || (!outputBuffer_.empty() && pipe_->getOutputStream()->bad());
+    return pipe_->getInputStream()->bad() || (outputBuffer_ != nullptr && pipe_->getOutputStream()->bad());
 }
 
 void RequestWorker::logFailure(const char* kind, const std::string& message, QvtpServerRequest& request) const {
