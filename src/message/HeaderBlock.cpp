@@ -24,8 +24,13 @@ char upperCase(char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
-bool continuesValue(std::string_view line) {
-    return !line.empty() && BLANKS.find(line.front()) != std::string_view::npos;
+/// Whether the next line belongs to the one before. A header that nothing follows, not even an empty line, does not
+/// count: then it throws as StreamUtil::readLine.
+bool isContinued(std::istream& in) {
+    const int next = in.bad() ? std::char_traits<char>::eof() : in.peek();
+    std::string none;
+    if (next == std::char_traits<char>::eof()) StreamUtil::readLine(in, none);
+    return BLANKS.find(static_cast<char>(next)) != std::string_view::npos;
 }
 
 void logLine(const std::string& line) {
@@ -155,13 +160,12 @@ void HeaderBlock::write(std::string& out, const Utf8String& converter) const {
 }
 
 void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
-    std::string line;
-    std::string next;
     try {
+        std::string line;
         StreamUtil::readLine(in, line);
         while (!line.empty()) {
-            readHeader(in, line, next, converter);
-            line.swap(next);
+            readHeader(in, line, converter);
+            StreamUtil::readLine(in, line);
         }
     } catch (...) {
         sortOut();
@@ -170,25 +174,24 @@ void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
     sortOut();
 }
 
-/// Appends the header that begins on `line`. `next` becomes the first line that does not belong to it.
-void HeaderBlock::readHeader(std::istream& in, const std::string& line, std::string& next,
-                             const Utf8String& converter) {
+/// Appends the header that begins on `line`, with the lines that continue it.
+void HeaderBlock::readHeader(std::istream& in, const std::string& line, const Utf8String& converter) {
     logLine(line);
     const std::size_t colon = std::min(line.find(':'), line.size());
     const std::string_view name = std::string_view(line).substr(0, colon);
     const std::string_view text = std::string_view(line).substr(std::min(colon + 1, line.size()));
-    StreamUtil::readLine(in, next);
     if (entries_.empty()) entries_.reserve(USUAL_COUNT);
-    if (!continuesValue(next) && isAscii(text)) {
+    if (!isContinued(in) && isAscii(text)) {
         entries_.emplace_back(name, text);
         return;
     }
     std::string value(StringUtils::trim(text, BLANKS));
-    while (continuesValue(next)) {
+    std::string next;
+    while (isContinued(in)) {
+        StreamUtil::readLine(in, next);
         logLine(next);
         if (!value.empty()) value += ' ';
         value += StringUtils::trim(next);
-        StreamUtil::readLine(in, next);
     }
     converter.decode(value, value);
     entries_.emplace_back(name, value);

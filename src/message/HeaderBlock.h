@@ -46,7 +46,7 @@ class HeaderBlock {
     const QvtpHeader* headerOf(std::string_view name) const;
     void insert(Entry entry);
     void sortOut();
-    void readHeader(std::istream& in, const std::string& line, std::string& next, const Utf8String& converter);
+    void readHeader(std::istream& in, const std::string& line, const Utf8String& converter);
 
     Entries entries_;  // in the order of their upper-cased keys: messages have few headers
 };
