@@ -104,15 +104,15 @@ bool Receiving::spin() {
     return !mustWait();
 }
 
-/// False if it is time to wait with more care for the clock.
+/// False if it is time to wait with more care for the clock, or if a limit of an earlier wait has ended this one.
 bool Receiving::block(const Deadline& deadline) {
     do {
         const bool mayBlock =
             deadline.isUnlimited() || (deadline.left() >= LONG_WAIT && object_.limitReceive(deadline.left()));
         if (!mayBlock) return false;
         receive(0);
-    } while (mustWait() || error_ == EINTR);
-    return true;
+    } while (error_ == EINTR);
+    return !mustWait();
 }
 
 }  // namespace Quovane::Internal::Qvtp
