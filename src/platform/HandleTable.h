@@ -2,6 +2,8 @@
 
 #include "platform/PipeBackEnd.h"
 
+#include <array>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -9,7 +11,8 @@
 
 namespace Quovane::Internal::Qvtp {
 
-/// The table of handles. A stale one reaches nothing, since no value is used again.
+/// The table of handles. A stale one reaches nothing, since no value is used again. It is kept in parts, each with a
+/// lock of its own, so that threads with pipes of their own seldom meet.
 ///
 /// `Object` is the system's PipeObject, with `enter()`, `leave()` and `close()`. `Lock` is what the system offers for a
 /// short exclusion. `Numbering` has `NativeHandle next(const Object&)`, which gives the value for a new object.
@@ -17,16 +20,18 @@ template <typename Object, typename Lock, typename Numbering>
 class HandleTable final : public OpenHandles {
   public:
     NativeHandle add(std::shared_ptr<Object> object) {
-        const std::lock_guard<Lock> guard(lock_);
-        const NativeHandle handle = numbering_.next(*object);
-        objects_.emplace(handle, std::move(object));
+        const NativeHandle handle = number(*object);
+        Part& part = partOf(handle);
+        const std::lock_guard<Lock> guard(part.lock);
+        part.objects.emplace(handle, std::move(object));
         return handle;
     }
 
     std::shared_ptr<Object> enter(NativeHandle handle) override {
-        const std::lock_guard<Lock> guard(lock_);
-        const auto found = objects_.find(handle);
-        if (found == objects_.end()) return nullptr;
+        Part& part = partOf(handle);
+        const std::lock_guard<Lock> guard(part.lock);
+        const auto found = part.objects.find(handle);
+        if (found == part.objects.end()) return nullptr;
         found->second->enter();
         return found->second;
     }
@@ -37,21 +42,46 @@ class HandleTable final : public OpenHandles {
         if (const auto object = remove(handle)) object->close();
     }
 
-    Lock& lock() { return lock_; }
+    /// The whole table, for a fork.
+    void lock() {
+        numberingLock_.lock();
+        for (Part& part : parts_) part.lock.lock();
+    }
+    void unlock() {
+        for (Part& part : parts_) part.lock.unlock();
+        numberingLock_.unlock();
+    }
 
   private:
+    static constexpr std::size_t PARTS = 16;
+    static constexpr std::size_t CACHE_LINE = 64;
+    static constexpr std::size_t STEP = 4;  // from one value to the next
+
+    struct alignas(CACHE_LINE) Part {
+        Lock lock;  // guards the objects
+        std::unordered_map<NativeHandle, std::shared_ptr<Object>> objects;
+    };
+
+    Part& partOf(NativeHandle handle) { return parts_[static_cast<std::size_t>(handle) / STEP % PARTS]; }
+
+    NativeHandle number(const Object& object) {
+        const std::lock_guard<Lock> guard(numberingLock_);
+        return numbering_.next(object);
+    }
+
     /// The object, which no call can enter any more. Null for a stale or invalid handle.
     std::shared_ptr<Object> remove(NativeHandle handle) {
-        const std::lock_guard<Lock> guard(lock_);
-        const auto found = objects_.find(handle);
-        if (found == objects_.end()) return nullptr;
+        Part& part = partOf(handle);
+        const std::lock_guard<Lock> guard(part.lock);
+        const auto found = part.objects.find(handle);
+        if (found == part.objects.end()) return nullptr;
         std::shared_ptr<Object> object = std::move(found->second);
-        objects_.erase(found);
+        part.objects.erase(found);
         return object;
     }
 
-    Lock lock_;  // guards the rest
-    std::unordered_map<NativeHandle, std::shared_ptr<Object>> objects_;
+    std::array<Part, PARTS> parts_;
+    Lock numberingLock_;  // guards numbering_
     Numbering numbering_;
 };
 

@@ -72,11 +72,11 @@ namespace {
 
 void lockAll() {
     ServedName::namesMutex().lock();
-    pipeTable().lock().lock();
+    pipeTable().lock();
 }
 
 void unlockAll() {
-    pipeTable().lock().unlock();
+    pipeTable().unlock();
     ServedName::namesMutex().unlock();
 }
 
