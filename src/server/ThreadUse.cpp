@@ -17,16 +17,17 @@ constexpr auto MOMENT = 50us;  // the pool needs a few microseconds to have a th
 void ThreadUse::grow(int count) {
     const Guard guard(mutex_);
     capacity_ += count;
+    setBusy(busy_);
 }
 
 void ThreadUse::begin() {
     const Guard guard(mutex_);
-    ++busy_;
+    setBusy(busy_ + 1);
 }
 
 void ThreadUse::cancel() {
     const Guard guard(mutex_);
-    --busy_;
+    setBusy(busy_ - 1);
 }
 
 int ThreadUse::generation() const {
@@ -37,13 +38,13 @@ int ThreadUse::generation() const {
 void ThreadUse::forget() {
     const Guard guard(mutex_);
     ++generation_;
-    busy_ = 0;
+    setBusy(0);
 }
 
 void ThreadUse::end(int generation) {
     const Guard guard(mutex_);
     if (generation != generation_) return;
-    --busy_;
+    setBusy(busy_ - 1);
     ++ends_;
     changed_.notify_all();
 }
@@ -53,9 +54,10 @@ int ThreadUse::busy() const {
     return busy_;
 }
 
-int ThreadUse::available() const {
-    const Guard guard(mutex_);
-    return std::max(capacity_ - busy_, 0);
+/// Called with the lock held.
+void ThreadUse::setBusy(int busy) {
+    busy_ = busy;
+    available_ = std::max(capacity_ - busy_, 0);
 }
 
 std::uint64_t ThreadUse::ends() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -14,7 +15,7 @@ class ThreadUse {
     using Clock = std::chrono::steady_clock;
 
     /// `capacity`: how many threads the pool may have.
-    explicit ThreadUse(int capacity) : capacity_(capacity) {}
+    explicit ThreadUse(int capacity) : available_(capacity), capacity_(capacity) {}
 
     void grow(int count);
     void begin();
@@ -27,8 +28,9 @@ class ThreadUse {
     void forget();
 
     int busy() const;
-    /// How many threads are free, also those that are just going back.
-    int available() const;
+    /// How many threads are free, also those that are just going back. It takes no lock: every worker asks after every
+    /// request.
+    int available() const { return available_; }
     /// How often a thread has ended. Take it before a start that may fail: see awaitEnd().
     std::uint64_t ends() const;
     /// Waits until a thread has ended after `seenEnds` was taken. False at the deadline or after stop().
@@ -46,7 +48,10 @@ class ThreadUse {
     bool takeWanted();
 
   private:
-    mutable std::mutex mutex_;  // guards the rest
+    void setBusy(int busy);
+
+    std::atomic<int> available_;  // changed under the lock
+    mutable std::mutex mutex_;    // guards the rest
     std::condition_variable changed_;
     int capacity_;
     int busy_ = 0;
