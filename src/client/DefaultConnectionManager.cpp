@@ -22,6 +22,8 @@ namespace {
 
 using Guard = std::lock_guard<RecursiveMutex>;
 
+constexpr std::size_t KEPT_NAMES = 16;  // of which no pipe is idle
+
 std::string nextBinding() {
     static std::atomic<int> counter{1};
     return "Binding-" + std::to_string(counter.fetch_add(1, std::memory_order_relaxed));
@@ -50,49 +52,61 @@ DefaultConnectionManager::DefaultConnectionManager(int connectTimeoutMs, int sta
 
 DefaultConnectionManager::~DefaultConnectionManager() {
     Guard guard(lock_);
-    available_.clear();
-    used_.clear();
+    for (auto name = available_.rbegin(); name != available_.rend(); ++name) {
+        for (const PipeInfo* info : name->second) close(*info);
+    }
+    pipes_.clear();
 }
 
 DefaultConnectionManager::QvPipe* DefaultConnectionManager::getPipe(const std::string& pipeName,
                                                                     const std::string& mode) {
     const std::string key = pipeName + "." + mode;
-    PipeInfoPtr info = takeIdle(key);
-    if (info == nullptr) info = createPipe(pipeName, mode, key);
-    return use(std::move(info), pipeName);
+    QvPipe* const idle = takeIdle(key, pipeName);
+    return idle != nullptr ? idle : use(createPipe(pipeName, mode, key), pipeName);
 }
 
-DefaultConnectionManager::PipeInfoPtr DefaultConnectionManager::takeIdle(const std::string& key) {
+/// Null if there is none.
+DefaultConnectionManager::QvPipe* DefaultConnectionManager::takeIdle(const std::string& key,
+                                                                     const std::string& pipeName) {
     Guard guard(lock_);
     purgeStale();
     const auto found = available_.find(key);
-    if (found == available_.end()) return nullptr;
-    IdlePipes& idle = found->second;  // not empty: it was purged
-    PipeInfoPtr info = std::move(idle.back());
-    idle.pop_back();
-    return info;
+    if (found == available_.end() || found->second.empty()) return nullptr;
+    PipeInfo& info = *found->second.back();
+    found->second.pop_back();
+    info.isIdle = false;
+    logUse(info, pipeName);
+    return info.pipe.get();
 }
 
 /// Pipes come back to the front, so everything after the first stale one is older still. So it is with the pipes of
-/// the parent in a forked child: a connection that both used would mix their answers. Names without an idle pipe go
-/// too.
+/// the parent in a forked child: a connection that both used would mix their answers. Of names without an idle pipe a
+/// few stay, since their next pipe is soon returned.
 void DefaultConnectionManager::purgeStale() {
     Guard guard(lock_);
     const std::int64_t nowMs = System::wallClockMs();
     const std::uint32_t processId = System::currentProcessId();
-    const auto isForeign = [&](const PipeInfoPtr& info) { return info->processId != processId; };
-    const auto isUseless = [&](const PipeInfoPtr& info) {
+    const auto isForeign = [&](const PipeInfo* info) { return info->processId != processId; };
+    const auto isUseless = [&](const PipeInfo* info) {
         return isForeign(info) || nowMs - info->lastUsedMs > staleTimeoutMs_;
     };
     for (auto entry = available_.begin(); entry != available_.end();) {
         IdlePipes& idle = entry->second;
         const auto fresh = std::find_if(idle.begin(), idle.end(), isUseless) - idle.begin();
         while (idle.size() > static_cast<std::size_t>(fresh)) {
-            if (!isForeign(idle.back())) logDebug([&] { return "Deleting stale QvPipe " + idle.back()->binding; });
+            const PipeInfo& info = *idle.back();
+            if (!isForeign(&info)) logDebug([&] { return "Deleting stale QvPipe " + info.binding; });
             idle.pop_back();
+            close(info);
         }
-        entry = idle.empty() ? available_.erase(entry) : std::next(entry);
+        const bool isKept = !idle.empty() || available_.size() <= KEPT_NAMES;
+        entry = isKept ? std::next(entry) : available_.erase(entry);
     }
+}
+
+/// Whatever list it was in no longer has it.
+void DefaultConnectionManager::close(const PipeInfo& info) {
+    pipes_.erase(info.pipe.get());
 }
 
 DefaultConnectionManager::PipeInfoPtr DefaultConnectionManager::createPipe(const std::string& pipeName,
@@ -127,60 +141,60 @@ void DefaultConnectionManager::connectPipe(PipeInfo& info, const std::string& pi
 
 DefaultConnectionManager::QvPipe* DefaultConnectionManager::use(PipeInfoPtr info, const std::string& pipeName) {
     Guard guard(lock_);
-    logDebug([&] { return text("Using QvPipe (", pipeName, "/", info->binding, ")"); });
+    logUse(*info, pipeName);
     QvPipe* const pipe = info->pipe.get();
-    used_[pipe] = std::move(info);
+    pipes_[pipe] = std::move(info);
     return pipe;
 }
 
-const PipeInfo* DefaultConnectionManager::findAvailable(const QvPipe* pipe) const {
-    for (const auto& [key, idle] : available_) {
-        for (const PipeInfoPtr& info : idle) {
-            if (info->pipe.get() == pipe) return info.get();
-        }
-    }
-    return nullptr;
+void DefaultConnectionManager::logUse(const PipeInfo& info, const std::string& pipeName) {
+    logDebug([&] { return text("Using QvPipe (", pipeName, "/", info.binding, ")"); });
+}
+
+/// Null if the pool does not know the pipe.
+PipeInfo* DefaultConnectionManager::find(QvPipe* pipe) const {
+    const auto found = pipes_.find(pipe);
+    return found != pipes_.end() ? found->second.get() : nullptr;
 }
 
 /// Without the memory for its place in the pool the pipe is closed.
-void DefaultConnectionManager::keep(PipeInfoPtr info) {
+void DefaultConnectionManager::keep(PipeInfo& info) {
     try {
-        IdlePipes& idle = available_[info->key];
-        idle.insert(idle.begin(), std::move(info));
+        IdlePipes& idle = available_[info.key];
+        idle.insert(idle.begin(), &info);
+        info.isIdle = true;
     } catch (const std::bad_alloc&) {
-        // Closed with its owner.
+        close(info);
     }
 }
 
 void DefaultConnectionManager::returnPipe(QvPipe* pipe) {
     if (pipe == nullptr) return;
     Guard guard(lock_);
-    const auto found = used_.find(pipe);
-    if (found != used_.end()) {
-        PipeInfoPtr info = std::move(found->second);
-        used_.erase(found);
-        if (info->processId != System::currentProcessId()) return;  // the parent's: closed here, for this process alone
-        info->lastUsedMs = System::wallClockMs();
-        keep(std::move(info));
+    PipeInfo* const info = find(pipe);
+    if (info == nullptr) {
+        logErrorAndThrow<IllegalStateException>(
+            text("Can't find the pipe ", static_cast<const void*>(pipe), "in the used or available pools."));
+    }
+    if (info->isIdle) logErrorAndThrow<IllegalStateException>(alreadyReturned(*info));
+    if (info->processId != System::currentProcessId()) {
+        close(*info);  // the parent's: closed here, for this process alone
         return;
     }
-    if (const PipeInfo* info = findAvailable(pipe)) logErrorAndThrow<IllegalStateException>(alreadyReturned(*info));
-    logErrorAndThrow<IllegalStateException>(
-        text("Can't find the pipe ", static_cast<const void*>(pipe), "in the used or available pools."));
+    info->lastUsedMs = System::wallClockMs();
+    keep(*info);
 }
 
 void DefaultConnectionManager::removePipe(QvPipe* pipe) {
     Guard guard(lock_);
-    const auto found = used_.find(pipe);
-    if (found != used_.end()) {
+    if (const PipeInfo* const info = find(pipe)) {
+        if (info->isIdle) logErrorAndThrow<IllegalStateException>(alreadyReturned(*info));
         logDebug([&] {
-            return text("Remove QvPipe ", found->second->binding, "(", static_cast<const void*>(pipe),
-                        ") from used pipe list");
+            return text("Remove QvPipe ", info->binding, "(", static_cast<const void*>(pipe), ") from used pipe list");
         });
-        used_.erase(found);
+        close(*info);
         return;
     }
-    if (const PipeInfo* info = findAvailable(pipe)) logErrorAndThrow<IllegalStateException>(alreadyReturned(*info));
     if (pipe != nullptr) pipe->close();
     delete pipe;
     logErrorAndThrow<IllegalStateException>("Can't find the pipe in the Used or Available pools. Will delete it.");

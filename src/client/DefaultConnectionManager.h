@@ -32,18 +32,21 @@ class DefaultConnectionManager : public Quovane::Qvtp::QvtpConnectionManager {
 
   private:
     using PipeInfoPtr = std::unique_ptr<PipeInfo>;
-    using IdlePipes = std::vector<PipeInfoPtr>;  // most recently returned first
+    using IdlePipes = std::vector<PipeInfo*>;  // not owned; most recently returned first
 
-    PipeInfoPtr takeIdle(const std::string& key);
+    QvPipe* takeIdle(const std::string& key, const std::string& pipeName);
     void purgeStale();
+    void close(const PipeInfo& info);
     PipeInfoPtr createPipe(const std::string& pipeName, const std::string& mode, const std::string& key);
     void connectPipe(PipeInfo& info, const std::string& pipeName, const std::string& mode) const;
     QvPipe* use(PipeInfoPtr info, const std::string& pipeName);
-    void keep(PipeInfoPtr info);
-    const PipeInfo* findAvailable(const QvPipe* pipe) const;
+    static void logUse(const PipeInfo& info, const std::string& pipeName);
+    void keep(PipeInfo& info);
+    PipeInfo* find(QvPipe* pipe) const;
 
+    // An entry and a place in the list stay with a pipe and a name that are used again: that takes no memory.
+    std::map<QvPipe*, PipeInfoPtr> pipes_;        // in use and idle; guarded by lock_
     std::map<std::string, IdlePipes> available_;  // guarded by lock_
-    std::map<QvPipe*, PipeInfoPtr> used_;         // guarded by lock_
     int connectTimeoutMs_;
     int staleTimeoutMs_;
     RecursiveMutex lock_;

@@ -21,6 +21,7 @@ class PipeInfo {
 
     std::unique_ptr<Quovane::Io::QvPipe> pipe;
     std::int64_t lastUsedMs = 0;  // wall clock of the last return; 0: never returned
+    bool isIdle = false;
     std::string key;
     std::string binding;            // names the pipe in log lines
     const std::uint32_t processId;  // of the process that made it, the only one that may use the connection

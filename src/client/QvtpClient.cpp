@@ -28,15 +28,16 @@ QvtpClient::QvtpClient() = default;
 QvtpClient::QvtpClient(QvtpConnectionManager* manager) : manager_(manager) {}
 
 QvtpClient::~QvtpClient() {
-    if (ownsManager_) delete manager_;
+    if (ownsManager_) delete manager_.load();
     manager_ = nullptr;
 }
 
 QvtpConnectionManager* QvtpClient::getManager() {
+    if (QvtpConnectionManager* const manager = manager_) return manager;  // without the lock: every request asks
     std::lock_guard<std::mutex> guard(mutex_);
     if (manager_ == nullptr) {
-        manager_ = new DefaultConnectionManager(connectionTimeout_, idleTimeout_);
         ownsManager_ = true;
+        manager_ = new DefaultConnectionManager(connectionTimeout_, idleTimeout_);
     }
     return manager_;
 }

@@ -57,13 +57,13 @@ class QVTP_API QvtpClient {
   private:
     struct QVTP_HIDDEN IntegerOptions;
 
-    QvtpConnectionManager* manager_ = nullptr;
+    std::atomic<QvtpConnectionManager*> manager_{nullptr};
     bool ownsManager_ = false;
     std::atomic<int> connectionTimeout_{60000};
     std::atomic<int> idleTimeout_{10000};
     std::string userAgent_ = "QvtpClient";
     std::atomic<int> bufferSize_{40960};
-    mutable std::mutex mutex_;  // guards manager_, ownsManager_ and userAgent_
+    mutable std::mutex mutex_;  // guards the making of the manager, ownsManager_ and userAgent_
 };
 
 using ClientOptions = QvtpClient::ClientOptions;
