@@ -84,9 +84,7 @@ std::size_t readToEndOf(Source& in, char** out) {
 void StreamUtil::readLine(std::istream& in, std::string& line) {
     line.clear();
     if (!in.bad()) std::getline(in, line);  // a bad stream may throw again at every use
-    if (in.eof() || in.fail()) {
-        throw Io::InterruptedException("Reached the stream end-of-file before the expected new line.");
-    }
+    if (in.eof() || in.fail()) throw Io::InterruptedException(NO_LINE);
     if (!line.empty() && line.back() == '\r') line.pop_back();
 }
 

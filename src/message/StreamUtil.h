@@ -11,6 +11,9 @@ class BodySource;
 /// stream pass through.
 class StreamUtil {
   public:
+    /// What is said when a stream ends before the end of a line.
+    static constexpr char NO_LINE[] = "Reached the stream end-of-file before the expected new line.";
+
     /// Reads one line without its LF or CRLF. Throws InterruptedException if the stream ends before the LF.
     static void readLine(std::istream& in, std::string& line);
     /// Reads exactly `length` bytes into a new block, with a zero byte after them, which the caller frees with

@@ -173,6 +173,10 @@ RequestWorker::Clock::time_point RequestWorker::endOfWait(Clock::time_point idle
     return candidate_ && giveUp_ && Clock::now() < endOfTurn ? std::min(endOfTurn, idleEnd) : idleEnd;
 }
 
+void RequestWorker::logInterruption(const std::string& message) const {
+    logDebug([&] { return "InterruptedException - " + fullName_ + ". " + message; });
+}
+
 bool RequestWorker::hasInput() const {
     return pipe_->getInputStream()->rdbuf()->in_avail() > 0 || PipeControl::available(*pipe_) > 0;
 }

@@ -101,6 +101,8 @@ class RequestWorker : public Poco::Runnable {
     void serveRest();
     std::string takeRest();
 
+    bool beginsRequest(std::istream& in);
+    void logInterruption(const std::string& message) const;
     bool serveRequest(std::istream& in, int headTimeoutMs, const RestInput* rest = nullptr);
     template <typename Read>
     bool tryRead(const Read& read);
@@ -170,7 +172,7 @@ bool RequestWorker::tryRead(const Read& read) {
         logDebug(
             [&] { return "TimeoutException - " + fullName_ + " timed out waiting for a request.  " + e.getMessage(); });
     } catch (Quovane::Io::InterruptedException& e) {
-        logDebug([&] { return "InterruptedException - " + fullName_ + ". " + e.getMessage(); });
+        logInterruption(e.getMessage());
     } catch (Quovane::Io::QvPipeException& e) {
         if (!stop_) {
             logError([&] {

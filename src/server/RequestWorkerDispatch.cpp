@@ -15,7 +15,6 @@
 
 #include <ios>
 #include <memory>
-#include <string>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -28,16 +27,6 @@ using Quovane::Qvtp::QvtpMessage;
 namespace {
 
 constexpr std::uint64_t MAX_SKIPPED_BYTES = std::uint64_t{256} * 1024;
-
-/// Has the first byte of a request brought into the stream's buffer. An end or a failure, with which most connections
-/// end, is thrown from here: further in it would cost more than a request, and be thrown twice by the stream.
-void awaitFirstByte(std::istream& in) {
-    using Traits = std::istream::traits_type;
-    if (!Traits::eq_int_type(in.rdbuf()->sgetc(), Traits::eof())) return;
-    in.setstate(std::ios_base::eofbit);
-    std::string none;
-    StreamUtil::readLine(in, none);  // throws
-}
 
 QvtpHandler& require(QvtpHandler* handler) {
     if (handler == nullptr) throw IllegalStateException("No handler has been set.");
@@ -60,7 +49,7 @@ bool RequestWorker::staysSilent() {
 /// requests reach the handler.
 bool RequestWorker::serveRequest(std::istream& in, int headTimeoutMs, const RestInput* rest) {
     pipe_->setReadTimeout(headTimeoutMs);
-    if (!tryRead([&] { awaitFirstByte(in); })) return false;
+    if (!beginsRequest(in)) return false;
     QvtpServerRequest request(server_, &in, &converter_);
     if (!tryRead([&] { request.getStartLine(); })) return false;
     body_ = request.bodyReader();
@@ -69,6 +58,16 @@ bool RequestWorker::serveRequest(std::istream& in, int headTimeoutMs, const Rest
     if (!handle(request) || hasFailedStream()) return false;
     served_ = true;
     return skipBody(request);
+}
+
+/// Has the first byte brought into the stream's buffer. False if there is none, with which most connections end:
+/// further in that would be thrown, a failure even twice, and cost more than a request.
+bool RequestWorker::beginsRequest(std::istream& in) {
+    using Traits = std::istream::traits_type;
+    bool isAtEnd = false;
+    if (!tryRead([&] { isAtEnd = Traits::eq_int_type(in.rdbuf()->sgetc(), Traits::eof()); })) return false;
+    if (isAtEnd) logInterruption(StreamUtil::NO_LINE);
+    return !isAtEnd;
 }
 
 bool RequestWorker::handle(QvtpServerRequest& request) {
