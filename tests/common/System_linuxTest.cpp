@@ -8,7 +8,6 @@
 
 #include <csignal>
 #include <cstdint>
-#include <thread>
 
 namespace qvtp_test {
 namespace {
@@ -36,15 +35,6 @@ TEST(SystemProcessId, IsThatOfAChildThatTheCLibraryKnowsNothingOf) {
     int status = -1;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
-}
-
-TEST(SystemProcessId, IsRightOnAThreadOfAForkedChild) {
-    EXPECT_EQ(resultInChild([] {
-                  bool isRight = false;
-                  std::thread([&] { isRight = knowsItself(); }).join();
-                  return isRight ? 0 : 1;
-              }),
-              0);
 }
 
 }  // namespace

@@ -18,8 +18,9 @@ class SlowReader : public PipeContract {
         platform::pipeTable().enter(client.pipe)->writeTimeoutMs = static_cast<int>(TIMEOUT.count());
     }
     void TearDown() override {
-        client.close();
+        platform::platformClose(client.pipe, client.event);
         if (writer.joinable()) writer.join();
+        client.forget();  // not before: the writer still looks at it
     }
 
     /// Writes blocks on a thread of its own until one fails or `blocks` are written.
