@@ -1,19 +1,15 @@
 #include <qvtp/io/QvPipe.h>
 #include <qvtp/io/ServerQvPipe.h>
 
-#include "common/System.h"
 #include "platform/PipeAddress_linux.h"
-#include "platform/PipeContract.h"
+#include "platform/PipeFiles_linux.h"
 #include "support/Child.h"
-#include "support/Holdings.h"
 #include "support/Thrown.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,71 +18,14 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-
 #include <fstream>
-#include <iterator>
-#include <optional>
 #include <thread>
-#include <utility>
 
 namespace qvtp_test {
 namespace {
 
 using Quovane::Io::QvPipe;
 using Quovane::Io::ServerQvPipe;
-
-/// Tests that look at the files of the names, in a directory of their own.
-class PipeFiles : public PipeContract {
-  protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/qvtp-test-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        root = pattern;
-        use(root + "/pipes");
-    }
-    void TearDown() override {
-        const std::string command = "rm -rf " + root;
-        ASSERT_EQ(std::system(command.c_str()), 0);
-        before ? ::setenv("QVTP_PIPE_DIR", before->c_str(), 1) : ::unsetenv("QVTP_PIPE_DIR");
-    }
-
-    void use(const std::string& path) {
-        directory = path;
-        ::setenv("QVTP_PIPE_DIR", directory.c_str(), 1);
-    }
-    bool exists(const std::string& file) const { return ::access((directory + "/" + file).c_str(), F_OK) == 0; }
-    mode_t modeOf(const std::string& path) const {
-        struct stat status {};
-        return ::lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-    }
-    std::string lockByte(const std::string& file) const {
-        std::ifstream in(directory + "/" + file);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    std::vector<std::string> files() const {
-        std::vector<std::string> found;
-        DIR* dir = ::opendir(directory.c_str());
-        while (const dirent* entry = ::readdir(dir)) {
-            if (entry->d_name[0] != '.') found.push_back(entry->d_name);
-        }
-        ::closedir(dir);
-        return found;
-    }
-    /// A socket of somebody else's, listening under this file name.
-    int listenAs(const std::string& file) const {
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        (directory + "/" + file).copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(fd, 5), 0);
-        return fd;
-    }
-
-    const std::optional<std::string> before = platform::System::environmentVariable("QVTP_PIPE_DIR");
-    std::string root;
-    std::string directory;
-};
 
 TEST_F(PipeFiles, LieInAPrivateDirectoryThatIsMadeOnFirstUse) {
     End server;
@@ -193,111 +132,6 @@ TEST_F(UnsafeDirectory, IsRefusedWhenItBelongsToAnother) {
     ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
     ASSERT_EQ(::chown(directory.c_str(), 12345, 12345), 0);
     expectRefusal();
-}
-
-/// What a client meets that has connected before.
-class ReplacedDirectory : public PipeFiles {
-  protected:
-    void SetUp() override {
-        PipeFiles::SetUp();
-        End client;
-        ASSERT_EQ(create(server), 0);
-        ASSERT_EQ(connect(client), 0);
-        ASSERT_EQ(accept(server), 0);
-        ASSERT_EQ(createNext(next), 0);
-    }
-    void replace(mode_t mode) {
-        ASSERT_EQ(std::rename(directory.c_str(), (root + "/moved").c_str()), 0);
-        ASSERT_EQ(::mkdir(directory.c_str(), mode), 0);
-        ::close(foreign);
-        foreign = listenAs(name + ".sock");
-    }
-    void TearDown() override {
-        ::close(foreign);
-        PipeFiles::TearDown();
-    }
-
-    End server, next;
-    int foreign = -1;
-};
-
-TEST_F(ReplacedDirectory, IsRefusedWhenOthersMayEnterIt) {
-    replace(0755);
-    End client;
-    EXPECT_EQ(connect(client), ConnectResult::ACCESS_DENIED);
-}
-
-TEST_F(ReplacedDirectory, IsRefusedWhenItBelongsToAnother) {
-    if (::geteuid() != 0) GTEST_SKIP() << "only root can give a directory away";
-    replace(0700);
-    ASSERT_EQ(::chown(directory.c_str(), 12345, 12345), 0);
-    End client;
-    EXPECT_EQ(connect(client), ConnectResult::ACCESS_DENIED);
-}
-
-TEST_F(ReplacedDirectory, IsUsedWhenItIsPrivate) {
-    replace(0700);
-    End client;
-    EXPECT_EQ(connect(client), ConnectResult::CONNECTED);
-    EXPECT_EQ(accept(next, 50), AcceptResult::TIMED_OUT);  // it was not this server's
-}
-
-TEST_F(ReplacedDirectory, EndsTheWaitOfAClientForAServerInTheOtherOne) {
-    const int lock = ::open((directory + "/a.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    struct flock request {};
-    request.l_type = F_WRLCK;
-    ASSERT_EQ(::fcntl(lock, F_OFD_SETLK, &request), 0);  // a server that does not listen yet
-    LogCapture log;
-    auto waiting = std::async(std::launch::async, [&] {
-        End client;
-        return connectNamed(client, "a", 20000);
-    });
-    ASSERT_TRUE(eventually([&] { return log.contains("DEBUG Waiting for named pipe."); }));
-    replace(0755);
-    EXPECT_EQ(waiting.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(waiting.get(), ConnectResult::TIMED_OUT);
-    ::close(lock);
-}
-
-TEST_F(PipeFiles, AreLookedUpAgainForAServerThatWasRestarted) {
-    for (const auto& [readable, writable] : {std::pair(true, true), std::pair(true, false), std::pair(false, true)}) {
-        End server, client;
-        ASSERT_EQ(create(server, readable, writable), 0);
-        EXPECT_EQ(connect(client, 2000, true, true),
-                  readable && writable ? ConnectResult::CONNECTED : ConnectResult::ACCESS_DENIED);
-        client.close();
-        server.close();
-        EXPECT_EQ(connect(client), ConnectResult::CANNOT_OPEN);
-    }
-}
-
-TEST_F(PipeFiles, WorkInADirectoryOfARelativePath) {
-    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
-    const int previous = ::open(".", O_PATH | O_CLOEXEC);
-    ASSERT_EQ(::chdir(root.c_str()), 0);
-    ::setenv("QVTP_PIPE_DIR", "pipes", 1);
-    End server, client;
-    EXPECT_EQ(create(server), 0);
-    EXPECT_EQ(connect(client), 0);
-    EXPECT_EQ(accept(server), 0);
-    ASSERT_EQ(::fchdir(previous), 0);
-    ::close(previous);
-}
-
-TEST_F(PipeFiles, CostAThousandConnectionsNoDescriptor) {
-    End server;
-    ASSERT_EQ(create(server), 0);
-    int handles = 0;
-    for (int i = 0; i < 1000; ++i) {
-        if (i == 10) handles = Holdings::now().handles;
-        End client, next;
-        ASSERT_EQ(connect(client), 0);
-        ASSERT_EQ(accept(server), 0);
-        ASSERT_EQ(createNext(next), 0);
-        server = std::move(next);
-        next.close();
-    }
-    EXPECT_EQ(Holdings::now().handles, handles);
 }
 
 TEST_F(PipeFiles, AreFoundMissingWithoutADirectory) {
