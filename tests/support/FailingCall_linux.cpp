@@ -11,8 +11,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <vector>
 
 namespace qvtp_test {
 
@@ -44,6 +46,31 @@ bool isToFail(Call call) {
     return true;
 }
 
+struct Cut {
+    bool active;
+    bool happened;
+    std::size_t left;
+    int error;
+};
+thread_local Cut cut{};
+
+/// How much of a send may leave; nothing if it fails.
+bool limitSend(std::size_t& size) {
+    if (!cut.active || cut.happened || size == 0) return true;
+    if (cut.left == 0) {
+        cut.happened = true;
+        errno = cut.error;
+        return false;
+    }
+    size = std::min(size, cut.left);
+    return true;
+}
+
+ssize_t countSent(ssize_t count) {
+    if (cut.active && !cut.happened && count > 0) cut.left -= static_cast<std::size_t>(count);
+    return count;
+}
+
 /// The function that this one hides.
 template <typename Function>
 Function hidden(const char* name) {
@@ -64,11 +91,25 @@ bool CallFailure::hasHappened() const {
     return plan.happened;
 }
 
+SendCut::SendCut(std::size_t bytes, int error) {
+    cut = Cut{true, false, bytes, error};
+}
+
+SendCut::~SendCut() {
+    cut.active = false;
+}
+
+bool SendCut::hasHappened() const {
+    return cut.happened;
+}
+
 }  // namespace qvtp_test
 
 using qvtp_test::Call;
+using qvtp_test::countSent;
 using qvtp_test::hidden;
 using qvtp_test::isToFail;
+using qvtp_test::limitSend;
 
 namespace {
 
@@ -185,12 +226,21 @@ int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
 
 ssize_t send(int fd, const void* data, size_t size, int flags) {
     static const auto real = hidden<ssize_t (*)(int, const void*, size_t, int)>("send");
-    return isToFail(Call::SEND) ? -1 : real(fd, data, size, flags);
+    if (isToFail(Call::SEND) || !limitSend(size)) return -1;
+    return countSent(real(fd, data, size, flags));
 }
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     static const auto real = hidden<ssize_t (*)(int, const msghdr*, int)>("sendmsg");
-    return isToFail(Call::SEND) ? -1 : real(fd, message, flags);
+    if (isToFail(Call::SEND)) return -1;
+    std::size_t size = 0;
+    for (std::size_t i = 0; i < message->msg_iovlen; ++i) size += message->msg_iov[i].iov_len;
+    if (!limitSend(size)) return -1;
+    std::vector<iovec> blocks(message->msg_iov, message->msg_iov + message->msg_iovlen);
+    for (iovec& block : blocks) size -= block.iov_len = std::min(block.iov_len, size);
+    msghdr limited = *message;
+    limited.msg_iov = blocks.data();
+    return countSent(real(fd, &limited, flags));
 }
 
 ssize_t write(int fd, const void* data, size_t size) {

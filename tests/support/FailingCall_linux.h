@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 namespace qvtp_test {
 
 /// While it lives, calls of the system that the calling thread makes fail: `times` of them, after the first `after` of
@@ -18,6 +20,19 @@ class CallFailure {
     CallFailure& operator=(const CallFailure&) = delete;
 
     /// Whether one has failed: a loop over `after` ends when none has.
+    bool hasHappened() const;
+};
+
+/// While it lives, what the calling thread sends is cut after so many bytes in all, and the send after that fails. Only
+/// that one: what is sent later goes its way.
+class SendCut {
+  public:
+    SendCut(std::size_t bytes, int error);
+    ~SendCut();
+    SendCut(const SendCut&) = delete;
+    SendCut& operator=(const SendCut&) = delete;
+
+    /// Whether the send has failed.
     bool hasHappened() const;
 };
 
