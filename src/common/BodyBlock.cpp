@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <mutex>
+#include <type_traits>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -15,6 +16,8 @@ constexpr std::size_t MOST_KEPT = std::size_t{4} * 1024 * 1024;
 /// The blocks that nobody uses now. It never waits for its lock: in a forked child that may be held for ever.
 class SpareBlocks {
   public:
+    constexpr SpareBlocks() = default;
+
     /// A block of at least this size, but not much more. Null if there is none.
     char* take(std::size_t size, std::size_t& capacity) {
         const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
@@ -47,20 +50,19 @@ class SpareBlocks {
     };
 
     std::mutex mutex_;  // guards the rest
-    std::array<Spare, 16> spares_;
+    std::array<Spare, 16> spares_{};
     std::size_t kept_ = 0;
 };
 
-/// Never freed: static objects may send messages.
-SpareBlocks& spareBlocks() {
-    static auto* const blocks = new SpareBlocks;
-    return *blocks;
-}
+/// Never freed: static objects may send messages. Made before the program begins, since a forked child would wait for
+/// ever for another thread of its parent that was about to make it.
+SpareBlocks spareBlocks;
+static_assert(std::is_trivially_destructible_v<SpareBlocks>);
 
 }  // namespace
 
 BodyBlock::BodyBlock(std::size_t size) : capacity_(size) {
-    if (size >= SMALLEST_KEPT) data_ = spareBlocks().take(size, capacity_);
+    if (size >= SMALLEST_KEPT) data_ = spareBlocks.take(size, capacity_);
     if (data_ == nullptr) data_ = new char[size];
 }
 
@@ -75,7 +77,7 @@ BodyBlock& BodyBlock::operator=(BodyBlock&& other) noexcept {
 
 BodyBlock::~BodyBlock() {
     const bool isLarge = capacity_ >= SMALLEST_KEPT;
-    if (!isLarge || !spareBlocks().keep(data_, capacity_)) delete[] data_;
+    if (!isLarge || !spareBlocks.keep(data_, capacity_)) delete[] data_;
 }
 
 }  // namespace Quovane::Internal::Qvtp
