@@ -1,0 +1,166 @@
+#include "common/BodyBlock.h"
+
+#include "support/OutOfMemory.h"
+#include "support/Thrown.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace qvtp_test {
+namespace {
+
+using Quovane::Internal::Qvtp::BodyBlock;
+
+constexpr std::size_t KIB = 1024;
+constexpr std::size_t SMALLEST_KEPT = 128 * KIB;
+constexpr std::size_t MOST_KEPT = 4096 * KIB;
+
+/// Whether a block of this size takes new memory.
+bool isNew(std::size_t size) {
+    const long before = OutOfMemory::liveBlocks();
+    const BodyBlock block(size);
+    return OutOfMemory::liveBlocks() > before;
+}
+
+/// How many of these many blocks of one size, made and dropped together, are kept.
+int keptOf(int count, std::size_t size) {
+    std::vector<BodyBlock> blocks;
+    for (int i = 0; i < count; ++i) blocks.emplace_back(size);
+    blocks.clear();
+    const long before = OutOfMemory::liveBlocks();
+    blocks.reserve(static_cast<std::size_t>(count));
+    const long ofTheVector = OutOfMemory::liveBlocks() - before;
+    for (int i = 0; i < count; ++i) blocks.emplace_back(size);
+    return count - static_cast<int>(OutOfMemory::liveBlocks() - before - ofTheVector);
+}
+
+/// Nothing is kept at its beginning: what other tests have left is in use for the length of the test.
+class KeptBlock : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        for (std::size_t size = SMALLEST_KEPT; size <= MOST_KEPT; size *= 2) {
+            for (;;) {
+                const long before = OutOfMemory::liveBlocks();
+                BodyBlock block(size);
+                const bool wasKept = OutOfMemory::liveBlocks() == before;
+                taken_.push_back(std::make_unique<BodyBlock>(std::move(block)));
+                if (!wasKept) break;
+            }
+        }
+    }
+
+  private:
+    std::vector<std::unique_ptr<BodyBlock>> taken_;
+};
+
+TEST_F(KeptBlock, IsGivenToTheNextBodyOfItsSize) {
+    const char* memory = nullptr;
+    {
+        const BodyBlock block(SMALLEST_KEPT);
+        memory = block.get();
+    }
+    EXPECT_FALSE(isNew(SMALLEST_KEPT));
+    EXPECT_EQ(BodyBlock(SMALLEST_KEPT).get(), memory);
+    const BodyBlock used(SMALLEST_KEPT);
+    EXPECT_TRUE(isNew(SMALLEST_KEPT)) << "a block that is in use was given away";
+}
+
+TEST_F(KeptBlock, IsGivenToBodiesOfAtLeastHalfItsSize) {
+    { const BodyBlock block(4 * SMALLEST_KEPT); }
+    EXPECT_TRUE(isNew(2 * SMALLEST_KEPT - 1));
+    EXPECT_FALSE(isNew(2 * SMALLEST_KEPT));
+    EXPECT_FALSE(isNew(4 * SMALLEST_KEPT));
+    EXPECT_TRUE(isNew(4 * SMALLEST_KEPT + 1));
+}
+
+TEST_F(KeptBlock, KeepsItsWholeSizeThroughASmallerBody) {
+    { const BodyBlock block(4 * SMALLEST_KEPT); }
+    { const BodyBlock smaller(2 * SMALLEST_KEPT); }
+    BodyBlock again(4 * SMALLEST_KEPT);
+    std::memset(again.get(), 'x', 4 * SMALLEST_KEPT);  // a sanitizer sees whether it is all there
+    EXPECT_TRUE(isNew(4 * SMALLEST_KEPT));
+}
+
+TEST_F(KeptBlock, IsLarge) {
+    { const BodyBlock small(SMALLEST_KEPT - 1); }
+    EXPECT_TRUE(isNew(SMALLEST_KEPT - 1));
+    EXPECT_EQ(keptOf(1, 1), 0);
+    EXPECT_EQ(keptOf(1, SMALLEST_KEPT), 1);
+}
+
+TEST_F(KeptBlock, IsOneOfAtMost4MebibytesInAll) {
+    EXPECT_EQ(keptOf(10, 1024 * KIB), 4);
+}
+
+TEST_F(KeptBlock, IsNoLargerThan4Mebibytes) {
+    EXPECT_EQ(keptOf(2, MOST_KEPT), 1);
+}
+
+TEST_F(KeptBlock, IsNotOneBeyondThat) {
+    EXPECT_EQ(keptOf(1, MOST_KEPT + 1), 0);
+}
+
+TEST_F(KeptBlock, IsOneOfSixteen) {
+    EXPECT_EQ(keptOf(20, SMALLEST_KEPT), 16);
+}
+
+TEST_F(KeptBlock, MovesWithItsOwner) {
+    BodyBlock block(SMALLEST_KEPT);
+    char* const memory = block.get();
+    BodyBlock moved(std::move(block));
+    EXPECT_FALSE(block.isThere());  // NOLINT(bugprone-use-after-move): the state of what was moved from
+    EXPECT_EQ(moved.get(), memory);
+    BodyBlock assigned;
+    EXPECT_FALSE(assigned.isThere());
+    assigned = std::move(moved);
+    EXPECT_EQ(assigned.get(), memory);
+    assigned = BodyBlock();
+    EXPECT_EQ(BodyBlock(SMALLEST_KEPT).get(), memory);
+}
+
+TEST_F(KeptBlock, IsThereAlsoForNoByte) {
+    EXPECT_TRUE(BodyBlock(0).isThere());
+    EXPECT_FALSE(BodyBlock().isThere());
+}
+
+TEST_F(KeptBlock, NeedsNoMemoryToBeTakenAgain) {
+    { const BodyBlock block(SMALLEST_KEPT); }
+    const auto takeWithoutMemory = [] {
+        const OutOfMemory memory;
+        const BodyBlock block(SMALLEST_KEPT);
+    };
+    EXPECT_EQ(thrownBy(takeWithoutMemory), "nothing");
+    const BodyBlock used(SMALLEST_KEPT);
+    EXPECT_EQ(thrownBy(takeWithoutMemory), "std::exception: std::bad_alloc");
+}
+
+TEST_F(KeptBlock, BelongsToOneOfManyThreads) {
+    std::atomic<int> mixedUp{0};
+    std::vector<std::thread> threads;
+    for (int n = 0; n < 4; ++n) {
+        threads.emplace_back([&mixedUp, n] {
+            for (int i = 0; i < 500; ++i) {
+                const std::size_t size = SMALLEST_KEPT * static_cast<std::size_t>(1 + (i + n) % 3);
+                BodyBlock block(size);
+                const char mark = static_cast<char>('a' + n);
+                block.get()[0] = block.get()[size - 1] = mark;
+                BodyBlock other(size);
+                other.get()[0] = other.get()[size - 1] = static_cast<char>('A' + n);
+                std::this_thread::yield();
+                if (block.get()[0] != mark || block.get()[size - 1] != mark) ++mixedUp;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(mixedUp, 0);
+}
+
+}  // namespace
+}  // namespace qvtp_test
