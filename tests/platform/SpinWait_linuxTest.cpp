@@ -1,0 +1,105 @@
+#include "platform/SpinWait_linux.h"
+
+#include "support/Process.h"
+
+#include <gtest/gtest.h>
+
+#include <sched.h>
+
+#include <string>
+
+namespace qvtp_test {
+namespace {
+
+std::string repeated(int count, const std::string& text) {
+    std::string all;
+    for (int i = 0; i < count; ++i) all += text;
+    return all;
+}
+
+/// The score belongs to a process: each test has some of its own (spin_probe_linux.cpp says what they are told).
+class SpinWait : public ::testing::Test {
+  protected:
+    std::string answers(const std::string& steps) {
+        const std::string output = directory + "/" + std::to_string(++processes) + ".txt";
+        EXPECT_EQ(Process(QVTP_SPIN_PROBE, {steps}, output).wait(), 0);
+        std::string line = contentsOfFile(output);
+        if (!line.empty()) line.pop_back();
+        return line;
+    }
+
+    const std::string directory = makeTestDirectory();
+    int processes = 0;
+};
+
+/// On more processors than one.
+class SpinWaitOfSeveral : public SpinWait {
+  protected:
+    void SetUp() override {
+        cpu_set_t processors;
+        const bool hasOne = ::sched_getaffinity(0, sizeof processors, &processors) == 0 && CPU_COUNT(&processors) == 1;
+        if (hasOne) GTEST_SKIP() << "one processor is allowed";
+        unsetEnvironment("QVTP_SPIN");
+    }
+};
+
+TEST_F(SpinWaitOfSeveral, TriesAtFirstAndGoesOnWhileTriesPay) {
+    EXPECT_EQ(answers("w"), "1");
+    EXPECT_EQ(answers(repeated(200, "w+")), repeated(200, "1"));
+}
+
+TEST_F(SpinWaitOfSeveral, StopsAfterTriesThatDidNotPay) {
+    // The first score is 16, and each of them takes 4.
+    EXPECT_EQ(answers(repeated(8, "w-")), "11110000");
+}
+
+TEST_F(SpinWaitOfSeveral, StopsLaterAfterManyThatPaid) {
+    EXPECT_EQ(answers("w" + repeated(100, "+") + repeated(12, "w-")), "1" + repeated(8, "1") + "0000");
+}
+
+TEST_F(SpinWaitOfSeveral, BearsOneThatDidNotPayAmongFourThatDid) {
+    EXPECT_EQ(answers(repeated(50, "w-w+w+w+w+")), repeated(250, "1"));
+    // One in four is too many.
+    EXPECT_NE(answers(repeated(50, "w-w+w+w+")).find('0'), std::string::npos);
+}
+
+TEST_F(SpinWaitOfSeveral, LetsOneWaitOf64LookWhetherTriesPayAgain) {
+    const std::string stopped = "w----";
+    EXPECT_EQ(answers(stopped + repeated(200, "w")), "1" + repeated(3, repeated(63, "0") + "1") + repeated(8, "0"));
+    // A look that does not pay changes nothing.
+    EXPECT_EQ(answers(stopped + repeated(64, "w") + "-" + repeated(64, "w")),
+              "1" + repeated(2, repeated(63, "0") + "1"));
+}
+
+TEST_F(SpinWaitOfSeveral, TriesAgainAfterALookThatPaid) {
+    const std::string looked = "w----" + repeated(64, "w");
+    EXPECT_EQ(answers(looked + "+www"), "1" + repeated(63, "0") + "1" + "111");
+    // It has earned two tries that do not pay.
+    EXPECT_EQ(answers(looked + "+w-w-w"), "1" + repeated(63, "0") + "1" + "110");
+}
+
+TEST_F(SpinWaitOfSeveral, NeverTriesWhereItIsSwitchedOff) {
+    setEnvironment("QVTP_SPIN", "0");
+    EXPECT_EQ(answers(repeated(300, "w")), repeated(300, "0"));
+    unsetEnvironment("QVTP_SPIN");
+}
+
+TEST_F(SpinWaitOfSeveral, IsSwitchedOffByZeroOnly) {
+    for (const char* value : {"1", "", "00", "off"}) {
+        setEnvironment("QVTP_SPIN", value);
+        EXPECT_EQ(answers("w"), "1") << value;
+    }
+    unsetEnvironment("QVTP_SPIN");
+}
+
+TEST_F(SpinWaitOfSeveral, LooksNoMoreOnceOneProcessorIsAllowed) {
+    EXPECT_EQ(answers("w----s" + repeated(300, "w")), "1" + repeated(300, "0"));
+}
+
+TEST_F(SpinWait, NeverTriesOnOneProcessor) {
+    unsetEnvironment("QVTP_SPIN");
+    EXPECT_EQ(answers("s" + repeated(300, "w")), repeated(300, "0"));
+}
+
+}  // namespace
+}  // namespace qvtp_test
