@@ -2,13 +2,16 @@
 
 #include "support/LogCapture.h"
 #include "support/Thrown.h"
+#include "support/Watchdog.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -304,6 +307,50 @@ TEST_F(HeaderBlockReading, GivesBackTheNamesAndValuesThatWereWritten) {
     copy.read(in, converter_);
     EXPECT_EQ(copy.getHeaderNames(), block_.getHeaderNames());
     for (const std::string& name : block_.getHeaderNames()) EXPECT_EQ(copy.getHeaders(name), block_.getHeaders(name));
+}
+
+// ---- Very many headers, which a peer may send ----
+
+constexpr int VERY_MANY = 100000;
+
+/// "H-099999", so that names have the order of their numbers.
+std::string nameOf(int number) {
+    const std::string digits = std::to_string(number);
+    return "H-" + std::string(6 - digits.size(), '0') + digits;
+}
+
+/// What a name is compared with others for: it shows in the time, of which a test that is quadratic here needs minutes.
+TEST_F(HeaderBlockReading, SortsVeryManyHeadersThatComeInReverse) {
+    std::string lines;
+    for (int i = VERY_MANY - 1; i >= 0; --i) lines += nameOf(i) + ": " + std::to_string(i) + "\r\n";
+    const auto time = qvtp_test::elapsed([&] { EXPECT_EQ(read(lines + "\r\nREST"), "REST"); });
+    EXPECT_LT(time, std::chrono::seconds(20));
+    const std::vector<std::string> names = block_.getHeaderNames();
+    ASSERT_EQ(names.size(), static_cast<std::size_t>(VERY_MANY));
+    for (int i = 0; i < VERY_MANY; ++i) ASSERT_EQ(names[static_cast<std::size_t>(i)], nameOf(i));
+    EXPECT_EQ(block_.getHeader(nameOf(0)), "0");
+    EXPECT_EQ(block_.getHeader(nameOf(VERY_MANY - 1)), std::to_string(VERY_MANY - 1));
+}
+
+TEST_F(HeaderBlockReading, JoinsVeryManyHeadersOfFewNamesInTheOrderOfTheirArrival) {
+    constexpr int NAMES = 10;
+    std::string lines;
+    for (int i = 0; i < VERY_MANY; ++i) {
+        const char first = i % 2 == 0 ? 'h' : 'H';  // without regard to case
+        lines += first + nameOf(NAMES - 1 - i % NAMES).substr(1) + ": " + std::to_string(i) + "\r\n";
+    }
+    const auto time = qvtp_test::elapsed([&] { read(lines + "\r\n"); });
+    EXPECT_LT(time, std::chrono::seconds(20));
+    ASSERT_EQ(block_.getHeaderNames().size(), static_cast<std::size_t>(NAMES));
+    for (int n = 0; n < NAMES; ++n) {
+        const char first = (NAMES - 1 - n) % 2 == 0 ? 'h' : 'H';  // the spelling that came first
+        EXPECT_EQ(block_.getHeaderNames()[static_cast<std::size_t>(n)], first + nameOf(n).substr(1));
+        const std::vector<std::string> values = block_.getHeaders(nameOf(n));
+        ASSERT_EQ(values.size(), static_cast<std::size_t>(VERY_MANY / NAMES));
+        for (int i = 0; i < VERY_MANY / NAMES; ++i) {
+            ASSERT_EQ(values[static_cast<std::size_t>(i)], std::to_string(NAMES - 1 - n + i * NAMES));
+        }
+    }
 }
 
 }  // namespace
