@@ -64,17 +64,6 @@ bool PipeBufferBase<CharT, Traits>::flushArea() {
     return true;
 }
 
-/// Writes what is pending and so much of a block that what is left of it just fits into the area. Returns how much.
-template <typename CharT, typename Traits>
-std::streamsize PipeBufferBase<CharT, Traits>::writeFullAreas(const CharT* s, std::streamsize n) {
-    const std::streamsize pending = this->pptr() - this->pbase();
-    const std::streamsize rest = (pending + n - 1) % bufferSize_ + 1;
-    Internal::Qvtp::PipeControl::write(*pipe_, buffer_, static_cast<std::size_t>(pending), s,
-                                       static_cast<std::size_t>(n - rest));
-    this->setp(buffer_, buffer_ + bufferSize_);
-    return n - rest;
-}
-
 /// Forgets the area and what is in it: its owner may free it.
 template <typename CharT, typename Traits>
 void PipeBufferBase<CharT, Traits>::dropArea() {
@@ -146,7 +135,14 @@ std::streamsize PipeBufferBase<CharT, Traits>::xsputn(const CharT* s, std::strea
         return 0;
     }
     if (bufferSize_ == 0) return 0;
-    if (n > this->epptr() - this->pptr()) placed = writeFullAreas(s, n);
+    if (n > this->epptr() - this->pptr()) {
+        // What is pending leaves with so much of the block that the rest of it just fits into the area.
+        const std::streamsize pending = this->pptr() - this->pbase();
+        placed = n - ((pending + n - 1) % bufferSize_ + 1);
+        Internal::Qvtp::PipeControl::write(*pipe_, buffer_, static_cast<std::size_t>(pending), s,
+                                           static_cast<std::size_t>(placed));
+        this->setp(buffer_, buffer_ + bufferSize_);
+    }
     Traits::copy(this->pptr(), s + placed, static_cast<std::size_t>(n - placed));
     this->pbump(static_cast<int>(n - placed));
     return n;

@@ -47,7 +47,6 @@ class PipeBufferBase : public std::basic_streambuf<CharT, Traits> {
     void requireInput() const;
     void requireOutput() const;
     bool flushArea();
-    QVTP_HIDDEN std::streamsize writeFullAreas(const CharT* s, std::streamsize n);
     void dropArea();
 
     bool isInput_ = false;
