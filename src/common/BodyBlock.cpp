@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <mutex>
+#include <atomic>
+#include <cstddef>
 #include <type_traits>
 #include <utility>
 
@@ -20,8 +21,8 @@ class SpareBlocks {
 
     /// A block of at least this size, but not much more. Null if there is none.
     char* take(std::size_t size, std::size_t& capacity) {
-        const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
-        if (!lock) return nullptr;
+        const Try lock(taken_);
+        if (!lock.succeeded()) return nullptr;
         for (Spare& spare : spares_) {
             if (spare.capacity < size || spare.capacity / 2 > size) continue;
             kept_ -= spare.capacity;
@@ -33,8 +34,8 @@ class SpareBlocks {
 
     /// False if it has no room for the block.
     bool keep(char* data, std::size_t capacity) {
-        const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
-        if (!lock || kept_ + capacity > MOST_KEPT) return false;
+        const Try lock(taken_);
+        if (!lock.succeeded() || kept_ + capacity > MOST_KEPT) return false;
         const auto free =
             std::find_if(spares_.begin(), spares_.end(), [](const Spare& s) { return s.data == nullptr; });
         if (free == spares_.end()) return false;
@@ -49,7 +50,24 @@ class SpareBlocks {
         std::size_t capacity = 0;
     };
 
-    std::mutex mutex_;  // guards the rest
+    /// The lock, if nobody else has it. Not a mutex, which is no constant everywhere.
+    class Try {
+      public:
+        explicit Try(std::atomic_flag& flag) : flag_(flag), succeeded_(!flag.test_and_set(std::memory_order_acquire)) {}
+        ~Try() {
+            if (succeeded_) flag_.clear(std::memory_order_release);
+        }
+        Try(const Try&) = delete;
+        Try& operator=(const Try&) = delete;
+
+        bool succeeded() const { return succeeded_; }
+
+      private:
+        std::atomic_flag& flag_;
+        const bool succeeded_;
+    };
+
+    std::atomic_flag taken_ = ATOMIC_FLAG_INIT;  // guards the rest
     std::array<Spare, 16> spares_{};
     std::size_t kept_ = 0;
 };
