@@ -7,6 +7,7 @@
 #include "support/PipeName.h"
 #include "support/RawServer.h"
 #include "support/Thrown.h"
+#include "support/Watchdog.h"
 
 #include <gtest/gtest.h>
 
@@ -136,6 +137,7 @@ TEST_P(AreaTransfer, JoinsWhatComesInTwoParts) {
         std::string data(all.size(), '?');
         auto reading = std::async(std::launch::async, [&] { return in.sgetn(&data[0], block); });
         send(all.substr(0, static_cast<std::size_t>(cut)));
+        EXPECT_TRUE(eventually([&] { return PipeControl::available(client) == 0; }));  // the reader has the first part
         send(all.substr(static_cast<std::size_t>(cut)));
         EXPECT_EQ(reading.get(), block);
         ASSERT_EQ(data, all) << "cut at " << cut;

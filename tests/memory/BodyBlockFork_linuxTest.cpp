@@ -44,20 +44,5 @@ TEST(BodyBlockInAForkedChild, IsMadeAndDroppedWhileTheParentsThreadsUseThem) {
     for (std::thread& thread : threads) thread.join();
 }
 
-TEST(BodyBlockInAForkedChild, KeepsWhatTheParentsMessageHolds) {
-    BodyBlock block(SIZE);
-    std::memset(block.get(), 'p', SIZE);
-    EXPECT_EQ(resultInChild([&block] {
-                  for (std::size_t i = 0; i < SIZE; ++i) {
-                      if (block.get()[i] != 'p') return 1;
-                  }
-                  std::memset(block.get(), 'c', SIZE);
-                  return 0;
-              }),
-              0);
-    EXPECT_EQ(block.get()[0], 'p');
-    EXPECT_EQ(block.get()[SIZE - 1], 'p');
-}
-
 }  // namespace
 }  // namespace qvtp_test

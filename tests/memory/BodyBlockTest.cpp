@@ -83,6 +83,7 @@ TEST_F(KeptBlock, IsGivenToBodiesOfAtLeastHalfItsSize) {
 TEST_F(KeptBlock, KeepsItsWholeSizeThroughASmallerBody) {
     { const BodyBlock block(4 * SMALLEST_KEPT); }
     { const BodyBlock smaller(2 * SMALLEST_KEPT); }
+    EXPECT_FALSE(isNew(4 * SMALLEST_KEPT));
     BodyBlock again(4 * SMALLEST_KEPT);
     std::memset(again.get(), 'x', 4 * SMALLEST_KEPT);  // a sanitizer sees whether it is all there
     EXPECT_TRUE(isNew(4 * SMALLEST_KEPT));
@@ -142,24 +143,26 @@ TEST_F(KeptBlock, NeedsNoMemoryToBeTakenAgain) {
 }
 
 TEST_F(KeptBlock, BelongsToOneOfManyThreads) {
+    constexpr int THREADS = 4;
+    std::atomic<int> ready{0};
     std::atomic<int> mixedUp{0};
     std::vector<std::thread> threads;
-    for (int n = 0; n < 4; ++n) {
-        threads.emplace_back([&mixedUp, n] {
-            for (int i = 0; i < 500; ++i) {
-                const std::size_t size = SMALLEST_KEPT * static_cast<std::size_t>(1 + (i + n) % 3);
-                BodyBlock block(size);
-                const char mark = static_cast<char>('a' + n);
-                block.get()[0] = block.get()[size - 1] = mark;
-                BodyBlock other(size);
-                other.get()[0] = other.get()[size - 1] = static_cast<char>('A' + n);
-                std::this_thread::yield();
-                if (block.get()[0] != mark || block.get()[size - 1] != mark) ++mixedUp;
+    for (int n = 0; n < THREADS; ++n) {
+        threads.emplace_back([&, mark = static_cast<char>('a' + n)] {
+            ++ready;
+            while (ready < THREADS) std::this_thread::yield();
+            for (int i = 0; i < 20000; ++i) {
+                BodyBlock block(SMALLEST_KEPT);
+                BodyBlock other(SMALLEST_KEPT);
+                block.get()[0] = mark;
+                other.get()[0] = static_cast<char>(mark + THREADS);
+                if (block.get()[0] != mark) ++mixedUp;
             }
         });
     }
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(mixedUp, 0);
+    EXPECT_EQ(keptOf(20, SMALLEST_KEPT), 16) << "the blocks were counted wrongly";
 }
 
 }  // namespace
