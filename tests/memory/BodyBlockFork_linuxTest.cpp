@@ -27,6 +27,7 @@ void useBlocks(int rounds) {
 TEST(BodyBlockInAForkedChild, IsMadeAndDroppedWhileTheParentsThreadsUseThem) {
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
+    threads.reserve(3);
     for (int n = 0; n < 3; ++n) {
         threads.emplace_back([&stop] {
             while (!stop) useBlocks(10);
