@@ -39,7 +39,7 @@ class CutRequest : public Requests {
         });
         const std::string whole = wire(body);
         if (cut > 0 && cut < whole.size()) {
-            const std::string thrown = executing.get();
+            std::string thrown = executing.get();
             committed = request.isCommitted();
             return thrown;
         }
@@ -48,7 +48,7 @@ class CutRequest : public Requests {
         QvPipe& used = cut == 0 ? *other : *pipe;
         EXPECT_EQ(RawServer::read(used, whole.size()), whole) << cut;
         RawServer::write(used, OK_RESPONSE);
-        const std::string thrown = executing.get();
+        std::string thrown = executing.get();
         committed = request.isCommitted();
         response.reset();
         if (other != nullptr) {
