@@ -25,9 +25,15 @@ constexpr int UNKNOWN = -1;  // the first wait finds out
 std::atomic<int> score{UNKNOWN};
 std::atomic<unsigned> waits{0};
 
+/// Read once, without a lock: a child that is forked meanwhile would find it taken for ever.
 bool isSwitchedOff() {
-    static const bool isOff = System::environmentVariable("QVTP_SPIN").value_or("") == "0";
-    return isOff;
+    static std::atomic<int> isOff{UNKNOWN};
+    int known = isOff.load(std::memory_order_relaxed);
+    if (known == UNKNOWN) {
+        known = System::environmentVariable("QVTP_SPIN").value_or("") == "0" ? 1 : 0;
+        isOff.store(known, std::memory_order_relaxed);
+    }
+    return known != 0;
 }
 
 /// The calling thread may run on two processors at least.
