@@ -129,6 +129,16 @@ TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseThatWasRead) {
     EXPECT_FALSE(isReused());
 }
 
+TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseOfAnySizeThatWasRead) {
+    for (const std::size_t size : {4000U, 4095U, 4096U, 8192U, 20000U, 60000U}) {
+        const std::string head = "QVTP/1.0 200 OK\r\nContent-Length: " + std::to_string(size) + "\r\n\r\n";
+        post(head + std::string(size, 'b') + OK_RESPONSE, [&] { EXPECT_EQ(bodyOfResponse().size(), size); });
+        EXPECT_FALSE(isReused()) << size;
+        post(head + std::string(size, 'b'), [&] { bodyOfResponse(); });
+        EXPECT_TRUE(isReused()) << size;
+    }
+}
+
 TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseThatWasSkipped) {
     post(OK_RESPONSE + std::string(OK_RESPONSE));
     EXPECT_FALSE(isReused());
