@@ -6,6 +6,7 @@
 #include "message/StreamUtil.h"
 
 #include <algorithm>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -24,13 +25,10 @@ char upperCase(char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
-/// Whether the next line belongs to the one before. A header that nothing follows, not even an empty line, does not
-/// count: then it throws as StreamUtil::readLine.
+/// Whether the next line belongs to the one before.
 bool isContinued(std::istream& in) {
     const int next = in.bad() ? std::char_traits<char>::eof() : in.peek();
-    std::string none;
-    if (next == std::char_traits<char>::eof()) StreamUtil::readLine(in, none);
-    return BLANKS.find(static_cast<char>(next)) != std::string_view::npos;
+    return next != std::char_traits<char>::eof() && BLANKS.find(static_cast<char>(next)) != std::string_view::npos;
 }
 
 void logLine(const std::string& line) {
@@ -164,27 +162,34 @@ void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
         std::string line;
         StreamUtil::readLine(in, line);
         while (!line.empty()) {
-            readHeader(in, line, converter);
-            StreamUtil::readLine(in, line);
+            Entry entry = readHeader(in, line, converter);
+            StreamUtil::readLine(in, line);  // without the line after it a header does not count
+            if (entries_.empty()) entries_.reserve(USUAL_COUNT);
+            entries_.push_back(std::move(entry));
         }
     } catch (...) {
-        sortOut();
+        sortOutWhatThereIs();
         throw;
     }
     sortOut();
 }
 
-/// Appends the header that begins on `line`, with the lines that continue it.
-void HeaderBlock::readHeader(std::istream& in, const std::string& line, const Utf8String& converter) {
+/// After a failure, which matters more than one of its own.
+void HeaderBlock::sortOutWhatThereIs() noexcept {
+    try {
+        sortOut();
+    } catch (const std::bad_alloc&) {
+        entries_.clear();
+    }
+}
+
+/// The header that begins on `line`, with the lines that continue it.
+HeaderBlock::Entry HeaderBlock::readHeader(std::istream& in, const std::string& line, const Utf8String& converter) {
     logLine(line);
     const std::size_t colon = std::min(line.find(':'), line.size());
     const std::string_view name = std::string_view(line).substr(0, colon);
     const std::string_view text = std::string_view(line).substr(std::min(colon + 1, line.size()));
-    if (entries_.empty()) entries_.reserve(USUAL_COUNT);
-    if (!isContinued(in) && isAscii(text)) {
-        entries_.emplace_back(name, text);
-        return;
-    }
+    if (!isContinued(in) && isAscii(text)) return {name, text};
     std::string value(StringUtils::trim(text, BLANKS));
     std::string next;
     while (isContinued(in)) {
@@ -194,7 +199,7 @@ void HeaderBlock::readHeader(std::istream& in, const std::string& line, const Ut
         value += StringUtils::trim(next);
     }
     converter.decode(value, value);
-    entries_.emplace_back(name, value);
+    return {name, value};
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -46,7 +46,8 @@ class HeaderBlock {
     const QvtpHeader* headerOf(std::string_view name) const;
     void insert(Entry entry);
     void sortOut();
-    void readHeader(std::istream& in, const std::string& line, const Utf8String& converter);
+    void sortOutWhatThereIs() noexcept;
+    static Entry readHeader(std::istream& in, const std::string& line, const Utf8String& converter);
 
     Entries entries_;  // in the order of their upper-cased keys: messages have few headers
 };

@@ -83,7 +83,8 @@ std::size_t readToEndOf(Source& in, char** out) {
 
 void StreamUtil::readLine(std::istream& in, std::string& line) {
     line.clear();
-    if (!in.bad()) std::getline(in, line);  // a bad stream may throw again at every use
+    if (in.fail() && !in.bad() && !in.eof()) in.clear();  // what failed before has taken nothing away
+    if (!in.bad()) std::getline(in, line);                // a bad stream may throw again at every use
     if (in.eof() || in.fail()) throw Io::InterruptedException(NO_LINE);
     if (!line.empty() && line.back() == '\r') line.pop_back();
 }

@@ -112,6 +112,15 @@ TEST(QvtpMessageInImplStandIn, StaysWhenTheHeadIsCutOffAnywhere) {
     }
 }
 
+TEST(QvtpMessageInImplStandIn, HasTheHeadersThatAWholeLineFollowed) {
+    for (const char* end : {"", "\r\n", "\r\nB: 2", "\r\nB: 2\r", "\r\n B"}) {
+        IncomingMessage message("QVTP/1.0 200 OK\r\nX: 0\r\nA: 1" + std::string(end), 16, DirectionLabel::RECEIVE);
+        EXPECT_EQ(startLineThrows(message), HEAD_CUT_OFF) << end;
+        EXPECT_EQ(message->getHeader("X"), *end == '\0' ? "" : "0") << end;
+        EXPECT_EQ(message->getHeader("A"), "") << end;
+    }
+}
+
 TEST(QvtpMessageInImplStandIn, StaysWhenTheHeadGivesNoLength) {
     IncomingMessage message("QVTP/1.0 200 OK\r\nX: 1\r\n\r\n", 16, DirectionLabel::RECEIVE);
     EXPECT_EQ(startLineThrows(message), NO_LENGTH);
