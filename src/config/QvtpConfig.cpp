@@ -187,7 +187,6 @@ QvtpConfig& QvtpConfig::getInstance() {
 QvtpConfig::QvtpConfig() : document_(std::make_unique<Document>()) {
     // An initialisation that fails half-way can neither be used nor taken back: the parser library is not made for it.
     const ParserMemory reserve;
-    if (document_->isThere) document_->startParser();
     loadConfigFile();
 }
 
@@ -196,6 +195,7 @@ QvtpConfig::~QvtpConfig() = default;
 void QvtpConfig::loadConfigFile() {
     Document& document = *document_;
     try {
+        if (document.isThere) document.startParser();
         if (!document.isThere) {
             logError([&] { return "Cannot find qvtp Configuration file: " + document.path; });
             return;
