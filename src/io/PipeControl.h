@@ -40,7 +40,8 @@ class PipeControl {
     static void write(const QvPipe& pipe, const char* first, std::size_t firstLength, const char* second,
                       std::size_t secondLength);
 
-    /// How many bytes can be read without waiting, besides those that the input stream holds already.
+    /// How many bytes can be read without waiting, besides those that the input stream holds already. For the thread
+    /// that reads.
     static std::size_t available(const QvPipe& pipe);
     /// Breaks the peer's next write. What it wrote before can still be read, and answers still arrive. On Windows it
     /// has no effect.

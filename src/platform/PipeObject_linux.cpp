@@ -40,8 +40,10 @@ int PipeObject::accessError(bool allowed) const {
 bool PipeObject::limitReceive(std::chrono::nanoseconds left) {
     // Set again only when it no longer fits: most waits have the same time-out as the one before.
     if (receiveLimit_ <= left && receiveLimit_ >= left / 2) return true;
-    if (!LocalSocket::setReceiveTimeout(socket.get(), left * 3 / 4)) return false;
-    receiveLimit_ = left * 3 / 4;
+    // The kernel's timers are late by up to an eighth of what they are set to: the rest leaves room for that.
+    const std::chrono::nanoseconds limit = left * 3 / 4;
+    if (!LocalSocket::setReceiveTimeout(socket.get(), limit)) return false;
+    receiveLimit_ = limit;
     return true;
 }
 

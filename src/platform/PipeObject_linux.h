@@ -64,7 +64,7 @@ class PipeObject {
     std::atomic<bool> starved{false};      // an accept found no descriptors left, and none has succeeded since
     std::uint32_t owner = 0;               // process id
     ReaderPace pace;                       // of the peer; only for the thread that writes
-    ReadAhead ahead;
+    ReadAhead ahead;                       // only for the thread that reads
     int writeTimeoutMs = WRITE_TIMEOUT_MS;
     bool awaitedBefore = false;  // a wait for input has ended without any; its thread waits on
     bool endAwaited = false;     // the end came during a wait for input; for the thread that reads

@@ -140,8 +140,8 @@ int platformAwaitInput(NativeHandle pipeHandle, NativeHandle eventHandle, int ti
 int platformTakeInput(NativeHandle pipeHandle, NativeHandle eventHandle, char* buffer, int length, int timeoutMs,
                       bool wakeable, int& taken);
 
-/// Ends the running platformAwaitInput of the handle with WOKEN, or else the next one. No other call of the handle
-/// notices.
+/// Ends the running wait for input of the handle with WOKEN, or else the next one. No other call of the handle notices.
+/// A wait that need not be wakeable may swallow it.
 void platformWake(NativeHandle pipeHandle);
 
 /// How many bytes a read would find without waiting. 0 also at the end, and for a handle that cannot be read.

@@ -16,8 +16,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// The time-out of a blocking call may be late by a tick of the kernel's clock. Only for the larger part of a long wait
-// that does not matter.
+// The time-out of a blocking call may be late, by up to an eighth of it. Only for a part of a long wait that does not
+// matter.
 constexpr auto LONG_WAIT = 500ms;
 
 // A read of this size refills a buffer. One of more is for a part of a large message, and takes what it needs.
@@ -44,14 +44,15 @@ void Receiving::attempt() {
     } while (error_ == EINTR);
 }
 
-/// And what is there after it: a reader gets no less, and takes no less from the connection, than without it.
+/// And what is there after it: a reader gets no less, and takes no less from the connection, than without it. Only a
+/// refill is content with what was all when it came.
 void Receiving::takeAhead() {
     error_ = 0;
     count_ = 1;
     if (length_ == 0) return;
     const std::size_t taken = object_.ahead.take(buffer_, length_);
     count_ = static_cast<ssize_t>(taken);
-    if (taken == length_ || object_.ahead.wasLast()) return;
+    if (taken == length_ || (isRefill() && object_.ahead.wasLast())) return;
     const ssize_t more = receiveAhead(buffer_ + taken, length_ - taken, MSG_DONTWAIT);
     if (more > 0) count_ += more;
 }

@@ -47,17 +47,26 @@ bool isPossible() {
     return !isSwitchedOff() && hasSeveralProcessors();
 }
 
+bool isTimeToLook() {
+    return waits.fetch_add(1, std::memory_order_relaxed) % PROBE_EVERY == PROBE_EVERY - 1;
+}
+
 }  // namespace
 
 bool isWorthwhile() {
     const int now = score.load(std::memory_order_relaxed);
-    if (now > 0) return true;
+    if (now > 0 && !isTimeToLook()) return true;
     if (now == UNKNOWN) {
         const bool possible = isPossible();
         score.store(possible ? MOST / 2 : 0, std::memory_order_relaxed);
         return possible;
     }
-    return waits.fetch_add(1, std::memory_order_relaxed) % PROBE_EVERY == PROBE_EVERY - 1 && isPossible();
+    if (now > 0) {
+        const bool possible = isPossible();
+        if (!possible) score.store(0, std::memory_order_relaxed);
+        return possible;
+    }
+    return isTimeToLook() && isPossible();
 }
 
 void record(bool paid) {

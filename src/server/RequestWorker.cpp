@@ -125,9 +125,9 @@ void RequestWorker::serveRequests() {
     }
 }
 
-/// Waits without touching the stream, so that a time-out proves that not even a part of a request has come. A worker
-/// whose request ended while a connection waited can be asked for its thread until its client's next request; a client
-/// that was silent before anybody waited is not cut off.
+/// Waits in a way that takes nothing when it times out: that proves that not even a part of a request has come. A
+/// worker whose request ended while a connection waited can be asked for its thread until its client's next request; a
+/// client that was silent before anybody waited is not cut off.
 RequestWorker::Next RequestWorker::awaitNext() {
     asked_ = false;
     candidate_ = served_ && isConnectionWaiting();

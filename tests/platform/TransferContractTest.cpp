@@ -41,7 +41,7 @@ TEST_F(ReadContract, GivesAllThatIsThereInPiecesOfAnySize) {
                 for (std::size_t left = size; left > 0; left -= data.size()) {
                     ASSERT_EQ(platform::platformAvailable(server.pipe), left);
                     ASSERT_EQ(platform::platformAwaitInput(server.pipe, server.event, 1000), 0);
-                    ASSERT_EQ(read(server, data, length), static_cast<int>(std::min<std::size_t>(left, length)));
+                    ASSERT_EQ(read(server, data, length), std::min(static_cast<int>(left), length));
                     ASSERT_EQ(data, sent.substr(size - left, data.size())) << size << " " << length;
                 }
             }
