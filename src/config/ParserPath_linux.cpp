@@ -35,7 +35,7 @@ std::filesystem::path moduleBeside(const std::filesystem::path& library) {
 
 std::filesystem::path parserPath() {
     const std::filesystem::path library = libraryFile();
-    if (library.empty()) return library;
+    if (library.empty()) return {};
     std::filesystem::path module = moduleBeside(library);
     std::error_code error;
     if (std::filesystem::exists(module, error)) return module;

@@ -35,5 +35,24 @@ TEST(ParserModuleOfARelativeLibrary, IsFoundWhenTheProcessHasGoneElsewhere) {
     changeDirectory(before);
 }
 
+TEST(ParserModuleOfALinkedLibrary, IsFoundBesideTheLibraryThatTheLinkNames) {
+    const std::filesystem::path real = makeTestDirectory();
+    const std::filesystem::path directory = makeTestDirectory();
+    const std::filesystem::path module = real / QVTP_PARSER_PATH;
+    std::filesystem::create_directories(module.parent_path());
+    std::filesystem::copy_file(QVTP_LIBRARY, real / QVTP_LIBRARY_NAME);
+    std::filesystem::copy_file(QVTP_PARSER, module);
+    std::filesystem::create_symlink(real / QVTP_LIBRARY_NAME, directory / QVTP_LIBRARY_NAME);
+    const std::string file = (directory / "settings.xml").string();
+    writeFile(file, "<root><QvtpClient function='F' component='C' stale_timeout='2'/></root>");
+    setEnvironment("LD_LIBRARY_PATH", directory.string());
+    setEnvironment("QvtpConfigurationFile", file);
+    EXPECT_THAT(
+        runProbe(QVTP_CONFIG_PROBE, {"F", "C"}, directory.string()),
+        ElementsAre("INFO Found qvtp configuration file: " + file, "client 60000 2 40960 QvtpClient", DEFAULT_SERVER));
+    unsetEnvironment("LD_LIBRARY_PATH");
+    unsetEnvironment("QvtpConfigurationFile");
+}
+
 }  // namespace
 }  // namespace qvtp_test
