@@ -223,6 +223,8 @@ TEST_F(HandlerException, WorkersAreReportedOrDeletedOneByOneAtTheStop) {
     RawClient third(server.name);
     third.exchange(POST_HELLO, "QVTP/1.0 200 OK");
     ASSERT_TRUE(eventually([&] { return server.server.totalRequestProcessors() == 3; }));
+    const std::string failure = "Unhandled exception in the handler (" + full(2) + ")";
+    ASSERT_TRUE(eventually([&] { return log.text().find(failure) != std::string::npos; }));
     server.stop();
     std::vector<std::string> lines;
     for (const std::string& message : log.messages()) {
