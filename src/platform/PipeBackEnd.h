@@ -49,7 +49,6 @@ int writeBoth(PipeObject& object, const char* first, std::size_t firstLength, co
               std::size_t secondLength);
 int writeSome(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
               std::size_t secondLength, std::size_t& written);
-int awaitInput(PipeObject& object, int timeoutMs);
 int takeInput(PipeObject& object, char* buffer, std::size_t length, int timeoutMs, bool wakeable, int& taken);
 void wake(PipeObject& object);
 std::size_t available(PipeObject& object);

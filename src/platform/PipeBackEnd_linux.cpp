@@ -312,11 +312,6 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
     return result;
 }
 
-int awaitInput(PipeObject& object, int timeoutMs) {
-    int taken = 0;
-    return takeInput(object, nullptr, 0, timeoutMs, true, taken);
-}
-
 int takeInput(PipeObject& object, char* buffer, std::size_t length, int timeoutMs, bool wakeable, int& taken) {
     if (object.accessError(object.readable) != SystemError::NONE) return InputResult::FAILED;
     const InputWake::Scope<PipeObject> scope(object);

@@ -359,14 +359,10 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
     return result;
 }
 
-int awaitInput(PipeObject& object, int timeoutMs) {
-    const InputWake::Scope<PipeObject> scope(object);
-    return scope.hasBegun() ? InputWait(object).run(timeoutMs) : InputResult::WOKEN;
-}
-
 /// Reading is a call of its own here, and every wait has the event.
 int takeInput(PipeObject& object, char*, std::size_t, int timeoutMs, bool, int&) {
-    return awaitInput(object, timeoutMs);
+    const InputWake::Scope<PipeObject> scope(object);
+    return scope.hasBegun() ? InputWait(object).run(timeoutMs) : InputResult::WOKEN;
 }
 
 void wake(PipeObject& object) {

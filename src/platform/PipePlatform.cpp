@@ -69,13 +69,6 @@ int platformWriteBoth(NativeHandle pipeHandle, NativeHandle, const char* first, 
     return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
 }
 
-int platformAwaitInput(NativeHandle pipeHandle, NativeHandle, int timeoutMs) try {
-    const PipeCall call(pipeHandle);
-    return call ? BackEnd::awaitInput(call.object(), timeoutMs) : InputResult::FAILED;
-} catch (const std::bad_alloc&) {
-    return InputResult::INPUT;  // the read reports it
-}
-
 int platformTakeInput(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs, bool wakeable,
                       int& taken) try {
     taken = 0;

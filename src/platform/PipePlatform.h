@@ -65,7 +65,7 @@ inline constexpr int BROKEN = 10;
 inline constexpr int ABORTED = -4;
 }  // namespace WriteResult
 
-/// Results of platformAwaitInput.
+/// Results of platformTakeInput.
 namespace InputResult {
 inline constexpr int INPUT = 0;
 inline constexpr int WOKEN = 1;
@@ -123,20 +123,18 @@ int platformWriteSome(NativeHandle pipeHandle, NativeHandle eventHandle, const c
 int platformWriteBoth(NativeHandle pipeHandle, NativeHandle eventHandle, const char* first, std::size_t firstLength,
                       const char* second, std::size_t secondLength);
 
-/// Waits until a read would not wait. It takes nothing and logs nothing. `timeoutMs`: 0 waits without limit. Returns an
-/// InputResult:
-/// - Bytes are there, or come, or the peer closes: INPUT. The next read finds it as if it had waited itself: an end
-///   that came during the wait is a count of 0.
+/// Waits until a read would not wait, and takes what has come: at most `length` bytes, `taken` receives how many. It
+/// logs nothing. `timeoutMs`: 0 waits without limit. `wakeable`: false where platformWake need not end this wait. That
+/// may cost less; a close ends it all the same. Returns an InputResult:
+/// - Bytes are there, or come: INPUT. With `length` 0, and on a system that takes nothing, `taken` is 0, and the next
+///   read gives them.
+/// - The peer closes: INPUT with `taken` 0. The next read finds it as if it had waited itself: an end that came during
+///   the wait is a count of 0.
 /// - platformWake, also before the wait began: WOKEN.
 /// - Time-out: TIMED_OUT.
 /// - A close while it waits: ABORTED.
 /// - The handle is stale: FAILED. The same for one that does not read, or INPUT where only the read finds that out.
 /// - Memory runs out: INPUT. The read reports it.
-int platformAwaitInput(NativeHandle pipeHandle, NativeHandle eventHandle, int timeoutMs);
-
-/// The same, and takes what has come: at most `length` bytes, `taken` receives how many. 0 with INPUT means that a read
-/// finds out what there is. `wakeable`: false where platformWake need not end this wait. That may cost less; a close
-/// ends it all the same.
 int platformTakeInput(NativeHandle pipeHandle, NativeHandle eventHandle, char* buffer, int length, int timeoutMs,
                       bool wakeable, int& taken);
 

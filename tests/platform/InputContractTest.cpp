@@ -14,7 +14,7 @@ class InputContract : public PipeContract {
     void SetUp() override { pair(server, client); }
 
     static int awaitInput(const End& end, int timeoutMs = 5000) {
-        return platform::platformAwaitInput(end.pipe, end.event, timeoutMs);
+        return PipeContract::awaitInput(end.pipe, end.event, timeoutMs);
     }
     std::future<int> awaitInputInBackground(int timeoutMs = 20000) {
         return std::async(std::launch::async, [this, timeoutMs] { return awaitInput(server, timeoutMs); });
@@ -218,7 +218,7 @@ TEST_F(InputContract, IsAbortedByACloseAlsoWhenItIsWokenAtTheSameTime) {
         pair(other, otherClient);
         auto waiting = std::async(std::launch::async, [&, pipe = other.pipe, event = other.event] {
             int result = InputResult::WOKEN;
-            while (result == InputResult::WOKEN) result = platform::platformAwaitInput(pipe, event, 20000);
+            while (result == InputResult::WOKEN) result = PipeContract::awaitInput(pipe, event, 20000);
             return result;
         });
         std::thread waker([pipe = other.pipe] {
@@ -244,7 +244,7 @@ TEST_F(InputContract, FailsOrLeavesItToTheReadOnAHandleThatDoesNotRead) {
 TEST_F(InputContract, FailsOnAClosedHandle) {
     const auto pipe = server.pipe;
     server.close();
-    EXPECT_EQ(platform::platformAwaitInput(pipe, pipe, 100), InputResult::FAILED);
+    EXPECT_EQ(PipeContract::awaitInput(pipe, pipe, 100), InputResult::FAILED);
     EXPECT_EQ(platform::platformAvailable(pipe), 0U);
     EXPECT_TRUE(platform::platformPeerHasClosed(pipe));
     platform::platformWake(pipe);

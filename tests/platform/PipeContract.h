@@ -115,6 +115,12 @@ class PipeContract : public ::testing::Test {
         return count;
     }
 
+    /// Waits for input and takes nothing.
+    static int awaitInput(NativeHandle pipe, NativeHandle event, int timeoutMs) {
+        int taken = 0;
+        return platform::platformTakeInput(pipe, event, nullptr, 0, timeoutMs, true, taken);
+    }
+
     /// What the next read gives: the bytes, or its result.
     static std::string readText(const End& end, int length = 100) {
         std::string data;

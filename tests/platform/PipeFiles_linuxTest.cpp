@@ -373,14 +373,24 @@ TEST_F(PipeFiles, SurviveSignalsDuringAWait) {
     pair(server, client);
     const pthread_t reader = ::pthread_self();
     std::atomic<bool> done{false};
+    std::atomic<int> sent{0};
     std::thread signals([&] {
         while (!done) {
             ::pthread_kill(reader, SIGUSR1);
+            ++sent;
             std::this_thread::sleep_for(2ms);
         }
     });
     std::string data;
     EXPECT_GE(elapsed([&] { EXPECT_EQ(read(server, data, 100, 200), ReadResult::TIMED_OUT); }), 195ms);
+    for (const int timeoutMs : {0, 20000}) {  // such waits block in the read itself
+        auto writing = std::async(std::launch::async, [&, before = sent.load()] {
+            EXPECT_TRUE(eventually([&] { return sent >= before + 10; }));
+            return write(client, "x");
+        });
+        EXPECT_EQ(read(server, data, 100, timeoutMs), 1) << timeoutMs;
+        EXPECT_EQ(writing.get(), 0);
+    }
     End busy, next;
     ASSERT_EQ(createNext(next), 0);
     ASSERT_EQ(connect(busy), 0);

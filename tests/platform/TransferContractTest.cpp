@@ -40,7 +40,7 @@ TEST_F(ReadContract, GivesAllThatIsThereInPiecesOfAnySize) {
                 ASSERT_EQ(write(client, sent), 0);
                 for (std::size_t left = size; left > 0; left -= data.size()) {
                     ASSERT_EQ(platform::platformAvailable(server.pipe), left);
-                    ASSERT_EQ(platform::platformAwaitInput(server.pipe, server.event, 1000), 0);
+                    ASSERT_EQ(PipeContract::awaitInput(server.pipe, server.event, 1000), 0);
                     ASSERT_EQ(read(server, data, length), std::min(static_cast<int>(left), length));
                     ASSERT_EQ(data, sent.substr(size - left, data.size())) << size << " " << length;
                 }
