@@ -45,7 +45,7 @@ TEST_F(OwnBuffer, SeesHeadFlushPiecesOfTheBufferSizeAndFlushes) {
     WriteRecorder recorder;
     put(&recorder);
     notifyWhole("0123456789");
-    EXPECT_THAT(recorder.events, ElementsAre(PLAIN_HEAD, "flush", "0123", "4567", "89", "flush", "flush"));
+    EXPECT_THAT(recorder.events, ElementsAre(PLAIN_HEAD, "<flush>", "0123", "4567", "89", "<flush>", "<flush>"));
 }
 
 TEST_F(OwnBuffer, SeesChunksOfTheBufferSize) {
@@ -55,8 +55,8 @@ TEST_F(OwnBuffer, SeesChunksOfTheBufferSize) {
     NotifyRequest request(&ownClient, name, "/r");
     request.setBodyStream(&body);
     request.execute();
-    EXPECT_THAT(recorder.events, ElementsAre(CHUNKED_HEAD, "flush", "4\r\n", "0123", "\r\n", "2\r\n", "45", "\r\n",
-                                             "flush", "0\r\n\r\n", "flush"));
+    EXPECT_THAT(recorder.events, ElementsAre(CHUNKED_HEAD, "<flush>", "4\r\n", "0123", "\r\n", "2\r\n", "45", "\r\n",
+                                             "<flush>", "0\r\n\r\n", "<flush>"));
 }
 
 TEST_F(OwnBuffer, SeesTheSameInFrontOfThePipesOwn) {
@@ -76,7 +76,7 @@ TEST_F(OwnBuffer, SeesTheSameInFrontOfThePipesOwn) {
     Passing passing;
     passing.next = manager.pipe.getOutputStream()->rdbuf(&passing);
     notifyWhole("0123456789");
-    EXPECT_THAT(passing.events, ElementsAre(PLAIN_HEAD, "flush", "0123", "4567", "89", "flush", "flush"));
+    EXPECT_THAT(passing.events, ElementsAre(PLAIN_HEAD, "<flush>", "0123", "4567", "89", "<flush>", "<flush>"));
     EXPECT_EQ(RawServer::readUntil(*pipe, "89"), std::string(PLAIN_HEAD) + "0123456789");
 }
 

@@ -2,13 +2,13 @@
 
 #include "support/FailingStreamBuf.h"
 #include "support/VirtualSlot.h"
+#include "support/WriteRecorder.h"
 
 #include <gtest/gtest.h>
 
 #include <limits>
 #include <ostream>
 #include <sstream>
-#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -17,28 +17,6 @@ namespace {
 using Quovane::Soa::Internal::Common::OBufferWriter;
 using Quovane::Soa::Internal::Common::OWriter;
 using qvtp_test::virtualSlot;
-
-/// Keeps every write as one entry and every flush as "<flush>".
-class RecordingStreamBuf : public std::streambuf {
-  public:
-    std::vector<std::string> events;
-    std::vector<const char*> sources;
-
-  protected:
-    std::streamsize xsputn(const char* data, std::streamsize length) override {
-        events.emplace_back(data, static_cast<std::size_t>(length));
-        sources.push_back(data);
-        return length;
-    }
-    int_type overflow(int_type c) override {
-        events.emplace_back(1, traits_type::to_char_type(c));
-        return c;
-    }
-    int sync() override {
-        events.emplace_back("<flush>");
-        return 0;
-    }
-};
 
 class BufferWriter : public ::testing::Test {
   protected:
@@ -54,7 +32,7 @@ class BufferWriter : public ::testing::Test {
     }
     std::vector<std::string> events() const { return recorded_.events; }
 
-    RecordingStreamBuf recorded_;
+    qvtp_test::WriteRecorder recorded_;
     std::ostream out_{&recorded_};
 };
 

@@ -2,6 +2,7 @@
 #include "examples/BodyOf.h"
 #include "message/DirectionLabel.h"
 #include "message/QvtpMessageInImpl.h"
+#include "support/ChoppedStreamBuf.h"
 #include "support/LogCapture.h"
 #include "support/Thrown.h"
 
@@ -12,7 +13,6 @@
 #include <istream>
 #include <iterator>
 #include <stdexcept>
-#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -25,7 +25,7 @@ using namespace qvtp_test;
 // stream, is the same as character by character, wherever the input is cut and wherever it fails.
 
 constexpr std::size_t AREA = 4;
-constexpr std::size_t NEVER = std::string::npos;
+constexpr std::size_t NEVER = ChoppedStreamBuf::NEVER;
 const std::string BODY = "abcdefghijklmnopqrs";
 const std::string NEXT = "NEXT";
 
@@ -44,35 +44,6 @@ const Framing FRAMINGS[] = {
 void PrintTo(const Framing& framing, std::ostream* out) {
     *out << framing.name;
 }
-
-/// Gives a text with no refill across a cut, and fails with an exception where it is told to.
-class CutInput : public std::streambuf {
-  public:
-    /// `step`: bytes of each refill at most.
-    CutInput(std::string text, std::size_t cut, std::size_t step, std::size_t failAt)
-        : text_(std::move(text)), cut_(cut), step_(step), failAt_(failAt) {}
-
-    std::string left() const { return std::string(gptr(), egptr()) + text_.substr(next_); }
-
-  protected:
-    int_type underflow() override {
-        if (next_ == failAt_) throw std::runtime_error("injected");
-        if (next_ == text_.size()) return traits_type::eof();
-        std::size_t end = std::min({text_.size(), failAt_, step_ < NEVER ? next_ + step_ : NEVER});
-        if (next_ < cut_) end = std::min(end, cut_);
-        char* const begin = &text_[0];
-        setg(begin + next_, begin + next_, begin + end);
-        next_ = end;
-        return traits_type::to_int_type(*gptr());
-    }
-
-  private:
-    std::string text_;
-    std::size_t cut_;
-    std::size_t step_;
-    std::size_t failAt_;
-    std::size_t next_ = 0;
-};
 
 /// What a reader has got so far, and the block that a failing read was to fill.
 struct Got {
@@ -153,7 +124,7 @@ struct Outcome {
     std::string after;  // what another getBody() gives
 };
 
-Outcome outcomeOf(const Reader& read, CutInput& input) {
+Outcome outcomeOf(const Reader& read, ChoppedStreamBuf& input) {
     std::istream pipe(&input);
     pipe.exceptions(std::ios_base::badbit);
     Quovane::Soa::Common::Xml::Utf8String converter;
@@ -184,7 +155,7 @@ TEST_P(DirectRead, GivesTheSameWhereverTheInputIsCut) {
         for (const std::size_t step : {std::size_t{1}, std::size_t{3}, NEVER}) {
             for (std::size_t i = 0; i < all.size(); ++i) {
                 const std::string where = "cut at " + std::to_string(cut) + ", way " + std::to_string(i);
-                CutInput once(bytes + NEXT, cut, step, NEVER), again(bytes + NEXT, cut, step, NEVER);
+                ChoppedStreamBuf once(bytes + NEXT, cut, step, NEVER), again(bytes + NEXT, cut, step, NEVER);
                 const Outcome expected = outcomeOf(all[i].reference, once);
                 const Outcome outcome = outcomeOf(all[i].read, again);
                 EXPECT_EQ(outcome.thrown, expected.thrown) << where;
@@ -202,7 +173,7 @@ TEST_P(DirectRead, GivesTheSameWhereverTheInputIsCut) {
 
 TEST_P(DirectRead, GivesTheWholeBodyInEveryWay) {
     for (std::size_t i = 0; i < all.size(); ++i) {
-        CutInput input(bytes + NEXT, 0, NEVER, NEVER);
+        ChoppedStreamBuf input(bytes + NEXT, 0, NEVER, NEVER);
         const Outcome outcome = outcomeOf(all[i].read, input);
         // Of a body of known length only all of it can be asked for at once.
         const bool isCutOff = !isChunked && outcome.got.isBlock && !all[i].stopsAtTheLastByte;
@@ -224,7 +195,7 @@ TEST_P(DirectRead, FailsTheSameWhereverTheInputFails) {
         for (const std::size_t step : {std::size_t{1}, std::size_t{3}, NEVER}) {
             for (std::size_t i = 0; i < all.size(); ++i) {
                 const std::string where = "fails at " + std::to_string(failAt) + ", way " + std::to_string(i);
-                CutInput once(bytes, 0, step, failAt), again(bytes, 0, step, failAt);
+                ChoppedStreamBuf once(bytes, 0, step, failAt), again(bytes, 0, step, failAt);
                 const Outcome expected = outcomeOf(all[i].reference, once);
                 const Outcome outcome = outcomeOf(all[i].read, again);
                 EXPECT_EQ(outcome.thrown, "std::exception: injected") << where;
@@ -246,7 +217,7 @@ TEST_P(DirectRead, LeavesTheSameRecordWhereverTheInputFails) {
     LogCapture log(LogCapture::LoggingLevel::OFF, LogCapture::CommunicationLevel::INPUT);
     const auto record = [&](const Reader& read, std::size_t failAt) {
         log.clear();
-        CutInput input(bytes, 0, NEVER, failAt);
+        ChoppedStreamBuf input(bytes, 0, NEVER, failAt);
         outcomeOf(read, input);
         const std::string records = log.communication();
         return records.substr(records.find('\n') + 1);

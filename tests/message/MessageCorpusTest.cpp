@@ -68,7 +68,7 @@ Outcome parse(const CorpusMessage& entry, const std::string& bytes, std::size_t 
     Outcome outcome;
     outcome.read = describeHead(message);
     outcome.read += describeBody(message, by);
-    outcome.left = chopped.left();
+    outcome.left = chopped.left().size();
     outcome.isComplete = message.bodyReader() != nullptr && message.bodyReader()->isComplete();
     return outcome;
 }

@@ -4,6 +4,7 @@
 #include "support/HasForm.h"
 #include "support/LogCapture.h"
 #include "support/Thrown.h"
+#include "support/WriteRecorder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,7 +12,6 @@
 #include <limits>
 #include <ostream>
 #include <sstream>
-#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -21,22 +21,6 @@ using namespace Quovane::Internal::Qvtp;
 using namespace qvtp_test;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-/// Keeps every write as one entry and every flush as "<flush>".
-class RecordingStreamBuf : public std::streambuf {
-  public:
-    std::vector<std::string> events;
-
-  protected:
-    std::streamsize xsputn(const char* data, std::streamsize length) override {
-        events.emplace_back(data, static_cast<std::size_t>(length));
-        return length;
-    }
-    int sync() override {
-        events.emplace_back("<flush>");
-        return 0;
-    }
-};
 
 std::string headOf(OutgoingMessage& message) {
     std::ostringstream out;
@@ -76,7 +60,7 @@ TEST(QvtpMessageOutImplHead, HasTheHeadersInKeyOrder) {
 TEST(QvtpMessageOutImplHead, GoesOutInOneWriteAndOneFlush) {
     OutgoingMessage message;
     message.addHeader("X", "1");
-    RecordingStreamBuf recorded;
+    WriteRecorder recorded;
     std::ostream out(&recorded);
     message->writeHeaders(&out);
     EXPECT_THAT(recorded.events, ElementsAre("POST /r QVTP/1.0\r\nX: 1\r\n\r\n", "<flush>"));

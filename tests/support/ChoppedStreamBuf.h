@@ -1,23 +1,32 @@
 #pragma once
 
 #include <algorithm>
+#include <limits>
+#include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <utility>
 
 namespace qvtp_test {
 
-/// Reads from a string that arrives in two parts: no refill goes across the split. What follows the text is the end.
+/// Reads from a string that arrives in parts: no refill goes across the split. What follows the text is the end.
 class ChoppedStreamBuf : public std::streambuf {
   public:
-    ChoppedStreamBuf(std::string text, std::size_t split) : text_(std::move(text)), split_(split) {}
+    static constexpr std::size_t NEVER = std::numeric_limits<std::size_t>::max();
 
-    /// How many bytes were not asked for.
-    std::size_t left() const { return text_.size() - next_ + static_cast<std::size_t>(egptr() - gptr()); }
+    /// `step`: bytes of each refill at most. `failAt`: where a refill throws std::runtime_error "injected".
+    ChoppedStreamBuf(std::string text, std::size_t split, std::size_t step = NEVER, std::size_t failAt = NEVER)
+        : text_(std::move(text)), split_(split), step_(step), failAt_(failAt) {}
+
+    /// What was not asked for.
+    std::string left() const { return std::string(gptr(), egptr()) + text_.substr(next_); }
 
   protected:
     int_type underflow() override {
+        if (next_ == failAt_) throw std::runtime_error("injected");
         if (next_ == text_.size()) return traits_type::eof();
-        const std::size_t end = next_ < split_ ? std::min(split_, text_.size()) : text_.size();
+        std::size_t end = std::min({text_.size(), failAt_, step_ < NEVER ? next_ + step_ : NEVER});
+        if (next_ < split_) end = std::min(end, split_);
         char* const begin = &text_[0];
         setg(begin + next_, begin + next_, begin + end);
         next_ = end;
@@ -27,6 +36,8 @@ class ChoppedStreamBuf : public std::streambuf {
   private:
     std::string text_;
     std::size_t split_;
+    std::size_t step_;
+    std::size_t failAt_;
     std::size_t next_ = 0;
 };
 
