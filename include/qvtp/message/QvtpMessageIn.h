@@ -47,7 +47,8 @@ class QVTP_API QvtpMessageIn : public QvtpMessage {
     /// exceptions of QvPipe reach whoever uses its own functions, such as read() and get(). They do not reach a copy by
     /// `out << stream->rdbuf()`: the standard library drops them there, and the copy just ends.
     /// A chunked body that is malformed or cut off ends early, without an exception. That is logged at ERROR, unless it
-    /// is cut off inside a chunk. Throws like getBody() if there is no head.
+    /// is cut off inside a chunk. Throws like getBody() if there is no head, and QvPipeException
+    /// "Not enough memory for a body." if there is none for the stream.
     virtual std::istream* getBodyStream() = 0;
 
   protected:
