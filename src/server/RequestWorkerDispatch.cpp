@@ -10,6 +10,7 @@
 #include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "message/InputBuffer.h"
+#include "message/QvtpMessageInImpl.h"
 #include "message/StreamUtil.h"
 #include "server/RequestWorker.h"
 
@@ -51,7 +52,7 @@ bool RequestWorker::serveRequest(std::istream& in, int headTimeoutMs, const Rest
     pipe_->setReadTimeout(headTimeoutMs);
     if (!beginsRequest(in)) return false;
     QvtpServerRequest request(server_, &in, &converter_);
-    if (!tryRead([&] { request.getStartLine(); })) return false;
+    if (!tryRead([&] { request.impl_->startLine(); })) return false;
     body_ = request.bodyReader();
     if (rest != nullptr && !body_->hasArrived(rest->unread())) return false;
     pipe_->setReadTimeout(receiveTimeoutMs_);
