@@ -2,7 +2,6 @@
 
 #include <qvtp/client/QvtpResponse.h>
 #include <qvtp/io/IllegalStateException.h>
-#include <qvtp/message/Version.h>
 
 #include "client/DeadlineBuffer.h"
 #include "common/System.h"
@@ -20,7 +19,6 @@ namespace Quovane::Internal::Qvtp {
 using Quovane::Io::BrokenPipeException;
 using Quovane::Io::IllegalStateException;
 using Quovane::Io::QvPipeException;
-using Quovane::Qvtp::Version;
 
 namespace {
 
@@ -56,14 +54,13 @@ AbstractQvtpRequestImpl::~AbstractQvtpRequestImpl() noexcept(false) {
 }
 
 std::string AbstractQvtpRequestImpl::getStartLine() {
-    const std::string version = Version::CURRENT_VERSION.toString();
     std::string line;
-    line.reserve(method_.size() + resource_.size() + version.size() + 2);
+    line.reserve(QvtpMessageOutImpl::USUAL_HEAD_LENGTH);
     line += method_;
     line += WireSyntax::BLANK;
     encoder_.appendEncoded(resource_, line);
     line += WireSyntax::BLANK;
-    line += version;
+    line += WireSyntax::VERSION;
     return line;
 }
 
