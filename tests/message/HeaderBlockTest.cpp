@@ -1,5 +1,6 @@
 #include "message/HeaderBlock.h"
 
+#include "support/ChoppedStreamBuf.h"
 #include "support/LogCapture.h"
 #include "support/Thrown.h"
 #include "support/Watchdog.h"
@@ -17,6 +18,7 @@ namespace {
 
 using Quovane::Internal::Qvtp::HeaderBlock;
 using Quovane::Soa::Common::Xml::Utf8String;
+using qvtp_test::ChoppedStreamBuf;
 using qvtp_test::LogCapture;
 using qvtp_test::thrownBy;
 using ::testing::ElementsAre;
@@ -275,6 +277,24 @@ TEST_F(HeaderBlockReading, ReadsLinesOfAnyLength) {
     const std::string value(10000, 'v');
     read("X: " + value + "\r\n\r\n");
     EXPECT_EQ(block_.getHeader("X"), value);
+}
+
+TEST_F(HeaderBlockReading, ReadsTheSameWhereverTheLinesAreCut) {
+    const std::string lines = "A-name: a,\r\n b\r\n\tc\r\nOther: \xE4\r\n\r\nrest";
+    read(lines);
+    const std::string expected = written();
+    for (std::size_t cut = 0; cut <= lines.size(); ++cut) {
+        for (const std::size_t step : {std::size_t{1}, std::size_t{7}, ChoppedStreamBuf::NEVER}) {
+            ChoppedStreamBuf chopped(lines, cut, step);
+            std::istream in(&chopped);
+            HeaderBlock block;
+            block.read(in, converter_);
+            std::string text;
+            block.write(text, converter_);
+            EXPECT_EQ(text, expected) << cut << " " << step;
+            EXPECT_EQ(chopped.left(), "rest") << cut << " " << step;
+        }
+    }
 }
 
 TEST_F(HeaderBlockReading, ThrowsWhenTheStreamEndsBeforeTheEmptyLine) {

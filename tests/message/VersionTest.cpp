@@ -1,5 +1,7 @@
 #include <qvtp/message/Version.h>
 
+#include "common/WireSyntax.h"
+
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -105,6 +107,10 @@ TEST(VersionText, IsTheLabelWithPlainDecimalNumbers) {
     EXPECT_EQ(Version(-1, 5).toString(), "QVTP/-1.5");
     EXPECT_EQ(Version(12, -34).toString(), "QVTP/12.-34");
     EXPECT_EQ(Version(1234567, 0).toString(), "QVTP/1234567.0");
+}
+
+TEST(VersionText, IsWhatStartLinesSay) {
+    EXPECT_EQ(Version::CURRENT_VERSION.toString(), Quovane::Internal::Qvtp::WireSyntax::VERSION);
 }
 
 TEST(VersionText, IsReadBackAsTheSameVersion) {

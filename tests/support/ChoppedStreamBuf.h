@@ -9,7 +9,8 @@
 
 namespace qvtp_test {
 
-/// Reads from a string that arrives in parts: no refill goes across the split. What follows the text is the end.
+/// Reads from a string that arrives in parts: no refill goes across the split. What follows the text is the end. What
+/// came with an earlier refill is overwritten.
 class ChoppedStreamBuf : public std::streambuf {
   public:
     static constexpr std::size_t NEVER = std::numeric_limits<std::size_t>::max();
@@ -27,14 +28,16 @@ class ChoppedStreamBuf : public std::streambuf {
         if (next_ == text_.size()) return traits_type::eof();
         std::size_t end = std::min({text_.size(), failAt_, step_ < NEVER ? next_ + step_ : NEVER});
         if (next_ < split_) end = std::min(end, split_);
-        char* const begin = &text_[0];
-        setg(begin + next_, begin + next_, begin + end);
+        area_.assign(text_.size(), '#');
+        const auto endOfPart = std::copy(text_.data() + next_, text_.data() + end, area_.data());
+        setg(area_.data(), area_.data(), endOfPart);
         next_ = end;
         return traits_type::to_int_type(*gptr());
     }
 
   private:
     std::string text_;
+    std::string area_;
     std::size_t split_;
     std::size_t step_;
     std::size_t failAt_;
