@@ -12,6 +12,7 @@
 #include "message/InputBuffer.h"
 #include "message/StreamUtil.h"
 #include "server/RequestWorker.h"
+#include "server/ServerRequestImpl.h"
 
 #include <ios>
 #include <memory>
@@ -51,6 +52,7 @@ bool RequestWorker::serveRequest(std::istream& in, int headTimeoutMs, const Rest
     pipe_->setReadTimeout(headTimeoutMs);
     if (!beginsRequest(in)) return false;
     QvtpServerRequest request(server_, &in, &converter_);
+    static_cast<ServerRequestImpl&>(*request.impl_).pipe = pipe_.get();
     if (!tryRead([&] { request.getStartLine(); })) return false;
     body_ = request.bodyReader();
     if (rest != nullptr && !body_->hasArrived(rest->unread())) return false;
