@@ -9,6 +9,7 @@
 #include "common/System.h"
 #include "logging/Log.h"
 #include "server/RequestWorker.h"
+#include "server/ServerSettings.h"
 #include "server/ThreadUse.h"
 
 #include <Poco/Mutex.h>
@@ -116,7 +117,10 @@ class QvtpServer::RunGuard {
 };
 
 QvtpServer::QvtpServer(const std::string& pipeName, int accessMode)
-    : pipeName_(pipeName), writable_(accessMode == READ_AND_WRITE), mutex_(std::make_unique<Poco::Mutex>()) {
+    : pipeName_(pipeName),
+      writable_(accessMode == READ_AND_WRITE),
+      settings_(std::make_unique<ServerSettings>()),
+      mutex_(std::make_unique<Poco::Mutex>()) {
     setOption(ACCESS_MODE, accessMode);
     try {
         serverPipe_ = std::make_unique<ServerQvPipe>(pipeName_, true, writable_);
@@ -169,6 +173,10 @@ std::string QvtpServer::getStringOption(ServerOptions option) const {
 
 void QvtpServer::setUnhandledExceptionPolicy(UnhandledExceptionPolicy policy) {
     unhandledExceptionPolicy_ = policy;
+}
+
+void QvtpServer::setLimits(const Limits& limits) {
+    settings_->setLimits(limits);
 }
 
 void QvtpServer::setHandler(QvtpHandler* handler) {

@@ -7,6 +7,8 @@
 #include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "message/InputBuffer.h"
+#include "server/LimitedInput.h"
+#include "server/ServerSettings.h"
 
 #include <algorithm>
 #include <utility>
@@ -97,6 +99,8 @@ void RequestWorker::run() {
 void RequestWorker::prepareStreams() {
     idleTimeoutMs_ = server_->getIntegerOption(QvtpServer::IDLE_TIMEOUT);
     receiveTimeoutMs_ = server_->getIntegerOption(QvtpServer::RECEIVE_TIMEOUT);
+    limits_ = server_->settings_->limits();
+    hasLimits_ = LimitedInput::isAny(limits_);
     const int bufferSize = std::max(server_->getIntegerOption(QvtpServer::BUFFER_SIZE), 1);
     inputBuffer_.reset(new char[static_cast<std::size_t>(bufferSize)]);
     pipe_->getInputStream()->rdbuf()->pubsetbuf(inputBuffer_.get(), bufferSize);

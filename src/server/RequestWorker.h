@@ -4,6 +4,8 @@
 #include <qvtp/io/QvPipe.h>
 #include <qvtp/io/TimeoutException.h>
 
+#include <qvtp/server/QvtpServer.h>
+
 #include "common/Utf8String.h"
 #include "logging/Log.h"
 #include "server/RestInput.h"
@@ -18,7 +20,6 @@
 #include <string>
 
 namespace Quovane::Qvtp {
-class QvtpServer;
 class QvtpServerRequest;
 class QvtpServerResponse;
 }  // namespace Quovane::Qvtp
@@ -26,6 +27,7 @@ class QvtpServerResponse;
 namespace Quovane::Internal::Qvtp {
 
 class InputBuffer;
+class LimitedInput;
 class MessageSink;
 
 /// Serves one accepted connection on a pool thread: reads requests one after another and calls the handler for each.
@@ -104,6 +106,11 @@ class RequestWorker : public Poco::Runnable {
     bool beginsRequest(std::istream& in);
     void logInterruption(const std::string& message) const;
     bool serveRequest(std::istream& in, int headTimeoutMs, const RestInput* rest = nullptr);
+    bool serveBegunRequest(std::istream& in, const RestInput* rest);
+    bool serveLimitedRequest(std::istream& in, const RestInput* rest);
+    bool isOverLimit() const;
+    void refuse(const LimitedInput& limited);
+    void dropInput(Clock::time_point end);
     template <typename Read>
     bool tryRead(const Read& read);
     bool handle(QvtpServerRequest& request);
@@ -113,7 +120,7 @@ class RequestWorker : public Poco::Runnable {
     template <typename Call>
     void callHandler(QvtpServerResponse* response, const Call& call);
     void handleUnknownException(int policy, QvtpServerResponse* response);
-    void answerError(const QvtpServerResponse& response);
+    void answerError(int code);
     bool skipBody(QvtpServerRequest& request);
     void endReading();
     bool hasFailedStream() const;
@@ -159,6 +166,10 @@ class RequestWorker : public Poco::Runnable {
     bool readingEnded_ = false;   // the client's next write breaks
     bool handlerFailed_ = false;  // with an exception that is not the library's, which leaves run()
     bool mustClose_ = false;      // the same, but the connection is to be closed
+    QvtpServer::Limits limits_;
+    bool hasLimits_ = false;
+    LimitedInput* limited_ = nullptr;  // what the current request is read from, if there are limits; not owned
+    bool answered_ = false;            // something was sent for it, if there are limits
     Quovane::Soa::Common::Xml::Utf8String converter_;
 };
 
@@ -174,7 +185,7 @@ bool RequestWorker::tryRead(const Read& read) {
     } catch (Quovane::Io::InterruptedException& e) {
         logInterruption(e.getMessage());
     } catch (Quovane::Io::QvPipeException& e) {
-        if (!stop_) {
+        if (!stop_ && !isOverLimit()) {
             logError([&] {
                 return "QvPipeException - " + fullName_ + " error while reading request start line. " + e.getMessage();
             });

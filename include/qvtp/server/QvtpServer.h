@@ -21,6 +21,7 @@ class ThreadPool;
 
 namespace Quovane::Internal::Qvtp {
 class RequestWorker;
+class ServerSettings;
 class ThreadUse;
 }  // namespace Quovane::Internal::Qvtp
 
@@ -66,6 +67,15 @@ class QVTP_API QvtpServer : public Poco::Runnable {
         ANSWER = 2,  ///< the same, after a response of status 500 if the handler has sent nothing yet
     };
 
+    /// What one request may take. 0, the default, and below: no limit.
+    struct Limits {
+        int headBytes = 0;           ///< of start line and headers, with line ends and the empty line after them
+        int headers = 0;             ///< lines; one that continues another does not count
+        std::int64_t bodyBytes = 0;  ///< as the handler reads them, without the framing of chunks
+        int headMs = 0;              ///< from the first byte of the request to the end of its head
+        int requestMs = 0;           ///< from the first byte of the request to the end of its body
+    };
+
     /// Takes the pipe name; clients connect from now on and wait until run(). `accessMode`: 1 for POST and NOTIFY,
     /// anything else for a pipe that only reads, for NOTIFY alone. A name that cannot be taken (served by another, or
     /// no possible name) is logged at ERROR and not thrown: run() then returns at once.
@@ -90,6 +100,15 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// KEEP unless it is set. CLOSE and ANSWER free the worker as well, so that a faulty handler costs one request and
     /// no more; ANSWER is what most applications want. From any thread, at any time.
     void setUnhandledExceptionPolicy(UnhandledExceptionPolicy policy);
+
+    /// Ends requests that take more than this, for servers that do not trust their clients. Such a request is logged at
+    /// WARN, and its connection is closed. A POST to which nothing was sent yet is answered first: 414 for a start line
+    /// that is too long, 400 for a head that is, 413 for a body, 408 for time. Where the handler is reading the body
+    /// by then, its read throws QvPipeException: let it pass. A time-out of the server can only be shorter. When the
+    /// time is over, what has arrived is still read, so that a handler may take its time before it reads.
+    /// Throws nothing. From any thread; it holds for connections that a worker takes over from then on. It costs
+    /// nothing while all are 0; otherwise a head is read byte by byte, which takes some microseconds.
+    void setLimits(const Limits& limits);
 
     /// Accepts and serves until shutdown(), then stops the workers: closes their pipes and waits for the handlers that
     /// are still running, about ten seconds each, and four for all. A handler that does not return by then is left
@@ -144,10 +163,11 @@ class QVTP_API QvtpServer : public Poco::Runnable {
 
     std::string pipeName_;
     bool writable_;  // the direction of the pipes, which the access flag does not show
-    std::unique_ptr<Io::ServerQvPipe> serverPipe_;
-    std::atomic<QvtpHandler*> handler_{nullptr};  // not owned
     std::atomic<bool> running_{false};
-    std::string serverName_ = "QvtpServer";  // guarded by mutex_
+    std::unique_ptr<Io::ServerQvPipe> serverPipe_;
+    std::atomic<QvtpHandler*> handler_{nullptr};                // not owned
+    std::unique_ptr<Internal::Qvtp::ServerSettings> settings_;  // never null
+    std::string serverName_ = "QvtpServer";                     // guarded by mutex_
     std::atomic<int> accessFlag_{1};  // what ACCESS_MODE reads as; never 0, so the workers' tests of it always hold
     std::atomic<int> maxRequestProcessors_{5};
     std::atomic<int> acceptTimeout_{0};
