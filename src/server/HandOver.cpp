@@ -2,6 +2,7 @@
 
 #include "io/PipeControl.h"
 #include "logging/Log.h"
+#include "server/ServerSettings.h"
 
 #include <Poco/Mutex.h>
 #include <Poco/ThreadPool.h>
@@ -33,7 +34,7 @@ bool QvtpServer::HandOver::startWorker() {
         server_.cancelBusyWorkers(true);
         askForThread();
         awaitThread(seenEnds, result == StartResult::FAILED);
-        if (!server_.running_) return false;
+        if (!server_.running_ && !server_.settings_->drain.isUnderWay()) return false;
         waitedMs += stepMs_;
         server_.freeFinishedWorkers();
     }
@@ -112,6 +113,7 @@ void QvtpServer::HandOver::enterWorker(WorkerMap::node_type entry) {
     server_.cancelBusyWorkers(false);
     auto inserted = server_.workers_.insert(std::move(entry));
     if (!inserted.inserted) std::swap(inserted.position->second, inserted.node.mapped());
+    if (server_.settings_->drain.hasBegun()) worker_.drain();
     const int count = static_cast<int>(server_.workers_.size());
     server_.peakThreads_ = std::max<int>(server_.peakThreads_, count);
     logDebug([&] { return text("Activated worker thread ", worker_.getFullName(), " (", count, ")."); });

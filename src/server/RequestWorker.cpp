@@ -64,6 +64,15 @@ void RequestWorker::nudge() {
     PipeControl::wake(*pipe_);
 }
 
+/// The end of reading ends a wait that cannot be woken. It must not fall into a request: a worker that is not waiting
+/// ends the reading itself. Where there is no end of reading every wait can be woken.
+void RequestWorker::drain() {
+    drain_ = true;
+    if (pipe_ == nullptr) return;
+    if (wait_ != Wait::NONE) PipeControl::endReading(*pipe_);
+    nudge();
+}
+
 void RequestWorker::releaseIfDeserted() {
     if (!deserted_ || pipe_ == nullptr || !PipeControl::peerHasClosed(*pipe_)) return;
     pipe_.reset();
@@ -140,7 +149,7 @@ RequestWorker::Next RequestWorker::awaitNext() {
     const bool unlimited = idleTimeoutMs_ <= 0;  // below 0 it is a time that nobody waits for the end of
     const auto idleEnd =
         unlimited ? Clock::time_point::max() : Clock::now() + std::chrono::milliseconds(idleTimeoutMs_);
-    resting_ = candidate_;
+    wait_ = candidate_ ? Wait::RESTING : Wait::PLAIN;
     PipeControl::Input input = PipeControl::Input::WOKEN;
     Next next = Next::REQUEST;
     while (input != PipeControl::Input::THERE && next == Next::REQUEST) {
@@ -154,8 +163,9 @@ RequestWorker::Next RequestWorker::awaitNext() {
                                             candidate_);
         }
     }
-    resting_ = false;
-    return next;
+    wait_ = Wait::NONE;
+    // What has come by then is served on that way too, and the end of reading is no end of the client's.
+    return drain_ ? Next::GIVE_UP : next;
 }
 
 /// Also one that the accept thread has not come to yet. The system is asked only when all threads are busy.
@@ -166,7 +176,7 @@ bool RequestWorker::isConnectionWaiting() const {
 /// `requestEnded`: whether that was just now. Later only one worker gives up for each connection that waits: the one
 /// that was asked, or the first whose turn ends.
 bool RequestWorker::isAskedToGiveUp(bool requestEnded) {
-    if (readingEnded_) return true;
+    if (readingEnded_ || drain_) return true;
     if (!candidate_ || !giveUp_) return false;
     if (asked_.exchange(false)) return true;
     return Clock::now() >= endOfTurn_.load() && (threads_->takeWanted() || requestEnded);
@@ -197,15 +207,21 @@ void RequestWorker::giveUp() {
     while (alive && !readingEnded_ && !stop_ && hasInput()) {
         if (Clock::now() >= (small ? std::min(begin + TURN, end) : end)) break;
         alive = serveRequest(in, millisecondsUntil(end));
+        if (drain_ && !alive) noteCutOff();
         small = small && body_ != nullptr && body_->isSmallerThan(SMALL_BODY);
     }
     endReading();
     if (alive) serveRest();
-    logDebug([&] { return "Give up " + fullName_ + " for a new request waiting for a worker thread."; });
+    if (drain_) {
+        logDebug([&] { return "Drained " + fullName_ + "."; });
+    } else {
+        logDebug([&] { return "Give up " + fullName_ + " for a new request waiting for a worker thread."; });
+    }
 }
 
 void RequestWorker::beforeAnswer() {
-    if (giveUp_ && Clock::now() >= endOfTurn_.load() && body_ != nullptr && body_->isComplete()) endReading();
+    const bool isLast = drain_ || (giveUp_ && Clock::now() >= endOfTurn_.load());
+    if (isLast && body_ != nullptr && body_->isComplete()) endReading();
 }
 
 MessageSink* RequestWorker::sink() const {
@@ -222,9 +238,13 @@ void RequestWorker::endReading() {
 /// client's write has failed.
 void RequestWorker::serveRest() {
     RestInput rest(takeRest());
-    while (!stop_ && !rest.unread().empty()) {
-        if (!serveRequest(rest, receiveTimeoutMs_, &rest)) return;
-    }
+    bool alive = true;
+    while (alive && !stop_ && !rest.unread().empty()) alive = serveRequest(rest, receiveTimeoutMs_, &rest);
+    if (drain_ && (!alive || !rest.unread().empty())) noteCutOff();
+}
+
+void RequestWorker::noteCutOff() {
+    if (!stop_) server_->settings_->drain.noteCutOff();  // after that the server may be gone
 }
 
 /// The bytes that the stream holds, and those that the system does.

@@ -64,13 +64,15 @@ class RequestWorker : public Poco::Runnable {
     void setGiveUp(bool giveUp) { giveUp_ = giveUp; }
     /// Whether its last request ended while a connection waited, and its client has sent nothing since: such a worker
     /// can be asked for its thread.
-    bool isResting() const { return resting_; }
+    bool isResting() const { return wait_ == Wait::RESTING; }
     /// From when on it may be asked: its client has had it for a while then.
     Clock::time_point endOfTurn() const { return endOfTurn_; }
     /// Asks a resting worker for its thread.
     void ask();
     /// Makes a resting worker look at the clock: it is the next whose turn ends.
     void nudge();
+    /// Has it serve what its client has written by now, and then end: the server takes no more.
+    void drain();
     /// Closes the connection and frees its buffers, if a handler's exception has ended the worker and its client has
     /// gone since.
     void releaseIfDeserted();
@@ -90,6 +92,8 @@ class RequestWorker : public Poco::Runnable {
 
   private:
     enum class Next { REQUEST, SILENCE, GIVE_UP };
+    /// Whether the worker waits between two requests; RESTING: and can be asked for its thread.
+    enum class Wait { NONE, PLAIN, RESTING };
 
     void prepareStreams();
     void serveRequests();
@@ -101,6 +105,7 @@ class RequestWorker : public Poco::Runnable {
     bool staysSilent();
     void giveUp();
     void serveRest();
+    void noteCutOff();
     std::string takeRest();
 
     bool beginsRequest(std::istream& in);
@@ -128,15 +133,16 @@ class RequestWorker : public Poco::Runnable {
 
     // The life of a worker, and how its states differ:
     //
-    //   state                    begun_  running_  resting_  deserted_
-    //   waits for a thread       no      yes       no        no
-    //   serves, or waits         yes     yes       no        no
-    //   waits, can be asked      yes     yes       yes       no
-    //   a handler's exception    yes     yes       no        yes         the thread has gone, the entry stays
-    //   ended                    yes     no        no        no          may be deleted
+    //   state                    begun_  running_  wait_     deserted_
+    //   waits for a thread       no      yes       NONE      no
+    //   serves                   yes     yes       NONE      no
+    //   waits                    yes     yes       PLAIN     no
+    //   waits, can be asked      yes     yes       RESTING   no
+    //   a handler's exception    yes     yes       NONE      yes         the thread has gone, the entry stays
+    //   ended                    yes     no        NONE      no          may be deleted
     //
-    // What it is told: stop_ ends it now. giveUp_ says that a connection waits for a thread, and asked_ that this
-    // worker is to give up its own before its client's next request.
+    // What it is told: stop_ ends it now, and drain_ when it has served what is there. giveUp_ says that a connection
+    // waits for a thread, and asked_ that this worker is to give up its own before its client's next request.
 
     QvtpServer* server_;  // not owned
     std::unique_ptr<Quovane::Io::QvPipe> pipe_;
@@ -150,7 +156,8 @@ class RequestWorker : public Poco::Runnable {
     std::atomic<bool> running_{true};
     std::atomic<bool> begun_{false};
     std::atomic<bool> giveUp_{false};
-    std::atomic<bool> resting_{false};
+    std::atomic<bool> drain_{false};
+    std::atomic<Wait> wait_{Wait::NONE};
     std::atomic<bool> asked_{false};
     std::atomic<bool> deserted_{false};
     std::atomic<Clock::time_point> endOfTurn_{Clock::time_point::max()};

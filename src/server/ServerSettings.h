@@ -2,6 +2,8 @@
 
 #include <qvtp/server/QvtpServer.h>
 
+#include "server/Drain.h"
+
 #include <mutex>
 
 namespace Quovane::Internal::Qvtp {
@@ -20,8 +22,10 @@ class ServerSettings {
         return limits_;
     }
 
+    Drain drain;
+
   private:
-    mutable std::mutex mutex_;  // guards all
+    mutable std::mutex mutex_;  // guards the rest
     Limits limits_;
 };
 
