@@ -187,6 +187,10 @@ void QvtpServer::setLimits(const Limits& limits) {
     settings_->setLimits(limits);
 }
 
+void QvtpServer::setMakeRoom(bool makeRoom) {
+    settings_->makesRoom = makeRoom;
+}
+
 void QvtpServer::setHandler(QvtpHandler* handler) {
     handler_ = handler;
 }

@@ -109,6 +109,7 @@ void RequestWorker::prepareStreams() {
     idleTimeoutMs_ = server_->getIntegerOption(QvtpServer::IDLE_TIMEOUT);
     receiveTimeoutMs_ = server_->getIntegerOption(QvtpServer::RECEIVE_TIMEOUT);
     limits_ = server_->settings_->limits();
+    makesRoom_ = server_->settings_->makesRoom;
     hasLimits_ = LimitedInput::isAny(limits_);
     const int bufferSize = std::max(server_->getIntegerOption(QvtpServer::BUFFER_SIZE), 1);
     inputBuffer_.reset(new char[static_cast<std::size_t>(bufferSize)]);
@@ -149,6 +150,7 @@ RequestWorker::Next RequestWorker::awaitNext() {
     const bool unlimited = idleTimeoutMs_ <= 0;  // below 0 it is a time that nobody waits for the end of
     const auto idleEnd =
         unlimited ? Clock::time_point::max() : Clock::now() + std::chrono::milliseconds(idleTimeoutMs_);
+    if (makesRoom_ && served_) silentSince_ = Clock::now();
     wait_ = candidate_ ? Wait::RESTING : Wait::PLAIN;
     PipeControl::Input input = PipeControl::Input::WOKEN;
     Next next = Next::REQUEST;
@@ -160,7 +162,7 @@ RequestWorker::Next RequestWorker::awaitNext() {
         } else {
             const auto end = endOfWait(idleEnd);
             input = PipeControl::awaitInput(*pipe_, end == Clock::time_point::max() ? 0 : millisecondsUntil(end),
-                                            candidate_);
+                                            candidate_ || makesRoom_);
         }
     }
     wait_ = Wait::NONE;
@@ -177,9 +179,9 @@ bool RequestWorker::isConnectionWaiting() const {
 /// that was asked, or the first whose turn ends.
 bool RequestWorker::isAskedToGiveUp(bool requestEnded) {
     if (readingEnded_ || drain_) return true;
-    if (!candidate_ || !giveUp_) return false;
+    if (!(candidate_ || makesRoom_) || !giveUp_) return false;
     if (asked_.exchange(false)) return true;
-    return Clock::now() >= endOfTurn_.load() && (threads_->takeWanted() || requestEnded);
+    return candidate_ && Clock::now() >= endOfTurn_.load() && (threads_->takeWanted() || requestEnded);
 }
 
 RequestWorker::Clock::time_point RequestWorker::endOfWait(Clock::time_point idleEnd) const {

@@ -67,8 +67,15 @@ class RequestWorker : public Poco::Runnable {
     bool isResting() const { return wait_ == Wait::RESTING; }
     /// From when on it may be asked: its client has had it for a while then.
     Clock::time_point endOfTurn() const { return endOfTurn_; }
-    /// Asks a resting worker for its thread.
+    /// Since when its client has sent nothing, if it has sent a request before and the server makes room for others.
+    /// Otherwise a moment that never comes.
+    Clock::time_point silentSince() const {
+        return wait_ != Wait::NONE ? silentSince_.load() : Clock::time_point::max();
+    }
+    /// Asks a worker for its thread that rests or whose client is silent.
     void ask();
+    /// Whether its client's next request came before it was asked: it serves that first.
+    bool isAskedInVain() const { return asked_ && wait_ == Wait::NONE; }
     /// Makes a resting worker look at the clock: it is the next whose turn ends.
     void nudge();
     /// Has it serve what its client has written by now, and then end: the server takes no more.
@@ -161,6 +168,7 @@ class RequestWorker : public Poco::Runnable {
     std::atomic<bool> asked_{false};
     std::atomic<bool> deserted_{false};
     std::atomic<Clock::time_point> endOfTurn_{Clock::time_point::max()};
+    std::atomic<Clock::time_point> silentSince_{Clock::time_point::max()};
 
     // Of the worker's own thread.
     std::unique_ptr<char[]> inputBuffer_;   // of the pipe's stream
@@ -170,6 +178,7 @@ class RequestWorker : public Poco::Runnable {
     int receiveTimeoutMs_ = 0;
     bool served_ = false;         // a request has ended
     bool candidate_ = false;      // it ended while a connection waited
+    bool makesRoom_ = false;      // can be asked for its thread whenever its client is silent
     bool readingEnded_ = false;   // the client's next write breaks
     bool handlerFailed_ = false;  // with an exception that is not the library's, which leaves run()
     bool mustClose_ = false;      // the same, but the connection is to be closed

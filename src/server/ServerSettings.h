@@ -4,6 +4,7 @@
 
 #include "server/Drain.h"
 
+#include <atomic>
 #include <mutex>
 
 namespace Quovane::Internal::Qvtp {
@@ -22,6 +23,7 @@ class ServerSettings {
         return limits_;
     }
 
+    std::atomic<bool> makesRoom{false};
     Drain drain;
 
   private:

@@ -110,6 +110,15 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// nothing while all are 0; otherwise a head is read byte by byte, which takes some microseconds.
     void setLimits(const Limits& limits);
 
+    /// Lets many clients that are mostly silent share few workers; false unless it is set. While a connection waits for
+    /// a worker, the client that has been silent for longest since its last request, for 20 ms at least, makes room for
+    /// it: its next write breaks, and its next request goes to a new connection, unseen by the application. One client
+    /// does so for each connection that waits. If nobody is silent, the others share their workers as always, after 20
+    /// ms more. Without it a client that fell silent before anybody waited keeps its worker until the IDLE_TIMEOUT.
+    /// Throws nothing. From any thread; it holds for connections that a worker takes over from then on. A wait for a
+    /// request costs another call of the system on Linux, and each change of a worker a connection.
+    void setMakeRoom(bool makeRoom);
+
     /// Accepts and serves until shutdown(), then stops the workers: closes their pipes and waits for the handlers that
     /// are still running, about ten seconds each, and four for all. A handler that does not return by then is left
     /// alone, and its worker with it. A server runs once. It returns at once if the constructor could not take the
