@@ -179,8 +179,7 @@ TEST_F(Drain, AcceptsNoMore) {
     EXPECT_TRUE(draining.get());
 }
 
-TEST_F(Drain, BreaksTheNextWriteOfAClientThatWasAnswered) {
-    if (!backend::closesHalfOfAPipe()) GTEST_SKIP() << "a pipe has no half to close";
+TEST_F(Drain, BreaksTheNextWriteOfAClientThatWasAnsweredWhereTheSystemCan) {
     server.handler.onPost = [this](QvtpServerRequest& request, QvtpServerResponse& response) {
         const std::string body = bodyOf(request);
         if (++begun == 1) released.wait();
@@ -197,8 +196,10 @@ TEST_F(Drain, BreaksTheNextWriteOfAClientThatWasAnswered) {
     ASSERT_TRUE(isPending(draining));
     letGo();
     EXPECT_EQ(client.read(std::string(HELLO_BACK).size()), HELLO_BACK);
-    EXPECT_EQ(thrownBy([&] { client.write(POST_HELLO); }), "BrokenPipeException: Pipe was closed at other end.");
+    const std::string thrown = thrownBy([&] { client.write(POST_HELLO); });
     EXPECT_TRUE(draining.get());
+    if (!backend::closesHalfOfAPipe()) return;  // it may be served there
+    EXPECT_EQ(thrown, "BrokenPipeException: Pipe was closed at other end.");
     EXPECT_EQ(begun, 1);
 }
 
@@ -211,9 +212,7 @@ TEST_F(Drain, EndsAtItsTimeAndCutsOffWhatIsLeft) {
     const auto time = elapsed([&] { EXPECT_FALSE(server.server.drain(150)); });
     EXPECT_GE(time, 145ms);
     EXPECT_LT(time, 10s);
-    letGo();
-    server.stop();
-    EXPECT_TRUE(log.contains("DEBUG Stopping worker " + full()));
+    EXPECT_TRUE(eventuallyLogs(log, "DEBUG Stopping worker " + full()));
 }
 
 TEST_F(Drain, CutsOffAConnectionThatStillWaitsForAWorkerAtItsTime) {
@@ -243,7 +242,6 @@ TEST_F(Drain, ReportsARequestThatDidNotArriveInTime) {
 }
 
 TEST_F(Drain, ReportsARequestOfWhichOnlyAPartHadArrivedWhenReadingEnded) {
-    if (!backend::closesHalfOfAPipe()) GTEST_SKIP() << "a pipe has no half to close";
     server.handler.onPost = [this](QvtpServerRequest&, QvtpServerResponse& response) {
         ++begun;
         released.wait();
