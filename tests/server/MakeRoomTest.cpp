@@ -52,7 +52,10 @@ TEST_F(MakeRoom, LetsManySilentClientsShareFewWorkers) {
 
 TEST_F(MakeRoom, TakesTheClientThatHasBeenSilentForLongest) {
     server.start();
-    for (int i = 0; i < 3; ++i) addSilentClient();
+    for (int i = 0; i < 3; ++i) {
+        addSilentClient();
+        std::this_thread::sleep_for(20ms);  // what is tested is the order of silences
+    }
     EXPECT_EQ(clients[0]->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);  // the second has been silent for longest now
     std::this_thread::sleep_for(40ms);
     addSilentClient();

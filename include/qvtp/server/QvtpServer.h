@@ -104,10 +104,10 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// Ends requests that take more than this, for servers that do not trust their clients. Such a request is logged at
     /// WARN, and its connection is closed. A POST to which nothing was sent yet is answered first: 414 for a start line
     /// that is too long, 400 for a head that is, 413 for a body, 408 for time. Where the handler is reading the body
-    /// by then, its read throws QvPipeException: let it pass. A time-out of the server can only be shorter. When the
-    /// time is over, what has arrived is still read, so that a handler may take its time before it reads.
+    /// by then, its read throws QvPipeException: let it pass. When the time is over, what has arrived is still read, so
+    /// that a handler may take its time before it reads. The server's time-outs, for each pause, go on beside this.
     /// Throws nothing. From any thread; it holds for connections that a worker takes over from then on. It costs
-    /// nothing while all are 0; otherwise a head is read byte by byte, which takes some microseconds.
+    /// nothing while all are 0; otherwise a head is read byte by byte, a microsecond or so for a small one.
     void setLimits(const Limits& limits);
 
     /// Lets many clients that are mostly silent share few workers; false unless it is set. While a connection waits for
@@ -125,7 +125,7 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// name. If the first threads cannot be started, that is logged at ERROR, the name is given up, and run() returns.
     void run() override;
     /// Ends run(). It does not wait for that. It does nothing while isRunning() is false, so also before run() accepts:
-    /// see the example above.
+    /// see the example above. One thing it does even then: it ends the wait of a drain().
     void shutdown();
     /// Ends run() without cutting anything off. The server accepts no more and ends the reading of every connection, so
     /// that its client's next write breaks. Workers serve what has arrived by then, and connections that wait for a
