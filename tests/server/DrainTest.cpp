@@ -86,6 +86,7 @@ TEST_F(Drain, EndsAServerWithoutClientsAtOnce) {
 }
 
 TEST_F(Drain, HangsUpOnClientsThatAreSilent) {
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 600000);
     server.start();
     const auto fresh = clientWithWorker();
     const auto served = clientWithWorker();
@@ -148,6 +149,7 @@ TEST_F(Drain, ServesARequestThatIsStillArriving) {
 TEST_F(Drain, ServesAConnectionThatWaitsForAWorker) {
     noteNotifications();
     server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 600000);
     server.start();
     std::vector<std::unique_ptr<RawClient>> clients;
     for (int i = 1; i <= 3; ++i) {
