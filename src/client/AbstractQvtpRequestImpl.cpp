@@ -3,7 +3,6 @@
 #include <qvtp/client/QvtpResponse.h>
 #include <qvtp/io/IllegalStateException.h>
 #include <qvtp/io/TimeoutException.h>
-#include <qvtp/message/Version.h>
 
 #include "client/DeadlineBuffer.h"
 #include "common/System.h"
@@ -22,7 +21,6 @@ using Quovane::Io::BrokenPipeException;
 using Quovane::Io::IllegalStateException;
 using Quovane::Io::QvPipeException;
 using Quovane::Io::TimeoutException;
-using Quovane::Qvtp::Version;
 
 namespace {
 
@@ -58,14 +56,13 @@ AbstractQvtpRequestImpl::~AbstractQvtpRequestImpl() noexcept(false) {
 }
 
 std::string AbstractQvtpRequestImpl::getStartLine() {
-    const std::string version = Version::CURRENT_VERSION.toString();
     std::string line;
-    line.reserve(method_.size() + resource_.size() + version.size() + 2);
+    line.reserve(QvtpMessageOutImpl::USUAL_HEAD_LENGTH);
     line += method_;
     line += WireSyntax::BLANK;
     encoder_.appendEncoded(resource_, line);
     line += WireSyntax::BLANK;
-    line += version;
+    line += WireSyntax::VERSION;
     return line;
 }
 

@@ -81,9 +81,8 @@ DefaultConnectionManager::QvPipe* DefaultConnectionManager::takeIdle(const std::
 
 /// Pipes come back to the front, so everything after the first stale one is older still. So it is with the pipes of
 /// the parent in a forked child: a connection that both used would mix their answers. Of names without an idle pipe a
-/// few stay, since their next pipe is soon returned.
+/// few stay, since their next pipe is soon returned. With the lock held.
 void DefaultConnectionManager::purgeStale() {
-    Guard guard(lock_);
     const std::int64_t nowMs = System::wallClockMs();
     const std::uint32_t processId = System::currentProcessId();
     const auto isForeign = [&](const PipeInfo* info) { return info->processId != processId; };

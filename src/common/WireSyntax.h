@@ -7,6 +7,8 @@ namespace Quovane::Internal::Qvtp::WireSyntax {
 
 inline constexpr std::string_view LINE_END = "\r\n";
 inline constexpr std::string_view LAST_CHUNK = "0\r\n\r\n";
+/// What start lines call the version of this library's messages.
+inline constexpr std::string_view VERSION = "QVTP/1.0";
 /// Separates the words of a start line.
 inline constexpr char BLANK = ' ';
 /// Around values, and at the beginning of a line that continues one.

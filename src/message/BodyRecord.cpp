@@ -17,7 +17,7 @@ BodyRecord::BodyRecord()
 BodyRecord::~BodyRecord() = default;
 
 void BodyRecord::start() {
-    startTimeMs_ = System::wallClockMs();
+    if (isInfoEnabled()) startTimeMs_ = System::wallClockMs();
 }
 
 void BodyRecord::add(const char* data, std::size_t length) {

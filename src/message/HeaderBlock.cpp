@@ -18,8 +18,6 @@ namespace {
 
 using namespace WireSyntax;
 
-constexpr std::size_t USUAL_COUNT = 4;
-
 /// Independent of the locale: bytes above 127 stay as they are.
 char upperCase(char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
@@ -27,13 +25,13 @@ char upperCase(char c) {
 
 /// Whether the next line belongs to the one before.
 bool isContinued(std::istream& in) {
-    const int next = in.bad() ? std::char_traits<char>::eof() : in.peek();
+    const int next = StreamUtil::peek(in);
     return next != std::char_traits<char>::eof() && BLANKS.find(static_cast<char>(next)) != std::string_view::npos;
 }
 
-void logLine(const std::string& line) {
+void logLine(std::string_view line) {
     if (isCommunicationEnabled(CommunicationLevel::INPUT)) {
-        logStep([&] { logCommunication(CommunicationLevel::INPUT, line + "\n", false); });
+        logStep([&] { logCommunication(CommunicationLevel::INPUT, text(line, "\n"), false); });
     }
 }
 
@@ -60,10 +58,14 @@ bool isAscii(std::string_view text) {
 
 }  // namespace
 
+HeaderBlock::HeaderBlock() {
+    entries_.reserve(USUAL_COUNT);
+}
+
 HeaderBlock::Entry::Entry(std::string_view name, std::string_view value) : header(name) {
     header.addValues(value);
     // Names with a vertical tab or a form feed at their ends.
-    if (header.getName().size() != trimmed(name).size()) oddKey = trimmed(name);
+    if (header.getName().size() != trimmed(name).size()) oddKey = std::make_unique<std::string>(trimmed(name));
 }
 
 HeaderBlock::Entries::iterator HeaderBlock::find(std::string_view name) {
@@ -79,12 +81,13 @@ const QvtpHeader* HeaderBlock::headerOf(std::string_view name) const {
     return nullptr;
 }
 
-/// For a name that is not there yet.
-void HeaderBlock::insert(Entry entry) {
-    if (entries_.empty()) entries_.reserve(USUAL_COUNT);
-    const auto isAfter = [&](const Entry& other) { return isBefore(entry.key(), other.key()); };
-    const auto place = std::find_if(entries_.begin(), entries_.end(), isAfter);
-    entries_.insert(place, std::move(entry));
+/// A name that is not there yet.
+void HeaderBlock::insert(std::string_view name, std::string_view value) {
+    const Entry& added = entries_.emplace_back(name, value);
+    const auto end = entries_.end() - 1;
+    const auto place =
+        std::find_if(entries_.begin(), end, [&](const Entry& other) { return isBefore(added.key(), other.key()); });
+    std::rotate(place, end, entries_.end());
 }
 
 /// Brings entries as they were read into order and joins those of one name. A peer may send very many.
@@ -125,7 +128,7 @@ void HeaderBlock::addHeader(std::string_view name, std::string_view value) {
     if (entry != entries_.end()) {
         entry->header.addValues(value);
     } else {
-        insert(Entry(name, value));
+        insert(name, value);
     }
 }
 
@@ -134,7 +137,7 @@ void HeaderBlock::setHeader(std::string_view name, std::string_view value) {
     if (entry != entries_.end()) {
         *entry = Entry(name, value);
     } else {
-        insert(Entry(name, value));
+        insert(name, value);
     }
 }
 
@@ -158,16 +161,17 @@ void HeaderBlock::write(std::string& out, const Utf8String& converter) const {
 }
 
 void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
+    std::size_t complete = entries_.size();
     try {
-        std::string line;
-        StreamUtil::readLine(in, line);
-        while (!line.empty()) {
-            Entry entry = readHeader(in, line, converter);
-            StreamUtil::readLine(in, line);  // without the line after it a header does not count
-            if (entries_.empty()) entries_.reserve(USUAL_COUNT);
-            entries_.push_back(std::move(entry));
+        std::string room;
+        for (;;) {
+            const std::string_view line = StreamUtil::readLine(in, room);
+            complete = entries_.size();  // without the line after it a header does not count
+            if (line.empty()) break;
+            readHeader(in, line, converter);
         }
     } catch (...) {
+        entries_.resize(complete);
         sortOutWhatThereIs();
         throw;
     }
@@ -183,23 +187,26 @@ void HeaderBlock::sortOutWhatThereIs() noexcept {
     }
 }
 
-/// The header that begins on `line`, with the lines that continue it.
-HeaderBlock::Entry HeaderBlock::readHeader(std::istream& in, const std::string& line, const Utf8String& converter) {
+/// Adds the header that begins on `line`, with the lines that continue it. `line` is as StreamUtil::readLine gave it.
+void HeaderBlock::readHeader(std::istream& in, std::string_view line, const Utf8String& converter) {
     logLine(line);
     const std::size_t colon = std::min(line.find(':'), line.size());
-    const std::string_view name = std::string_view(line).substr(0, colon);
-    const std::string_view text = std::string_view(line).substr(std::min(colon + 1, line.size()));
-    if (!isContinued(in) && isAscii(text)) return {name, text};
-    std::string value(StringUtils::trim(text, BLANKS));
-    std::string next;
+    const std::string_view first = line.substr(std::min(colon + 1, line.size()));
+    if (!isContinued(in) && isAscii(first)) {
+        entries_.emplace_back(line.substr(0, colon), first);
+        return;
+    }
+    const std::string name(line.substr(0, colon));  // the next line may come to where this one is
+    std::string value(StringUtils::trim(first, BLANKS));
+    std::string room;
     while (isContinued(in)) {
-        StreamUtil::readLine(in, next);
+        const std::string_view next = StreamUtil::readLine(in, room);
         logLine(next);
         if (!value.empty()) value += ' ';
         value += StringUtils::trim(next);
     }
     converter.decode(value, value);
-    return {name, value};
+    entries_.emplace_back(name, value);
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -3,7 +3,10 @@
 #include "common/Utf8String.h"
 #include "message/QvtpHeader.h"
 
+#include <cstddef>
 #include <istream>
+#include <memory>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,6 +18,8 @@ namespace Quovane::Internal::Qvtp {
 class HeaderBlock {
   public:
     using Utf8String = Quovane::Soa::Common::Xml::Utf8String;
+
+    HeaderBlock();
 
     std::string getHeader(std::string_view name) const;
     std::vector<std::string> getHeaders(std::string_view name) const;
@@ -35,21 +40,26 @@ class HeaderBlock {
         Entry() = default;
         Entry(std::string_view name, std::string_view value);
         /// What the name is compared by, without regard to case.
-        std::string_view key() const { return oddKey.empty() ? std::string_view(header.getName()) : oddKey; }
+        std::string_view key() const { return oddKey == nullptr ? header.getName() : *oddKey; }
 
         QvtpHeader header;
-        std::string oddKey;  // if it is not the name
+        std::unique_ptr<std::string> oddKey;  // if it is not the name
     };
-    using Entries = std::vector<Entry>;
+    using Entries = std::pmr::vector<Entry>;
+
+    static constexpr std::size_t USUAL_COUNT = 4;
 
     Entries::iterator find(std::string_view name);
     const QvtpHeader* headerOf(std::string_view name) const;
-    void insert(Entry entry);
+    void insert(std::string_view name, std::string_view value);
     void sortOut();
     void sortOutWhatThereIs() noexcept;
-    static Entry readHeader(std::istream& in, const std::string& line, const Utf8String& converter);
+    void readHeader(std::istream& in, std::string_view line, const Utf8String& converter);
 
-    Entries entries_;  // in the order of their upper-cased keys: messages have few headers
+    // Messages have few headers: these need no memory of their own.
+    alignas(Entry) std::byte room_[USUAL_COUNT * sizeof(Entry)];
+    std::pmr::monotonic_buffer_resource memory_{room_, sizeof room_};
+    Entries entries_{&memory_};  // in the order of their upper-cased keys
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -38,7 +38,7 @@ void InputBuffer::failTooLong() {
 
 std::size_t InputBuffer::read(char* buffer, std::size_t size) {
     if (finished_ || broken_ || stream_ == nullptr) return 0;
-    if (startTimeMs_ == 0) startTimeMs_ = System::wallClockMs();
+    if (startTimeMs_ == 0 && isDebugEnabled()) startTimeMs_ = System::wallClockMs();
     if (chunked_ && remaining_ == 0 && !beginChunk()) return 0;
 
     std::size_t count = 0;

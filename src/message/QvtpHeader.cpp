@@ -51,7 +51,7 @@ void QvtpHeader::addPiece(std::string_view text) {
     if (hasValue()) {
         more_.emplace_back(value);
     } else {
-        first_ = std::string(value);
+        first_.assign(value);
     }
 }
 

@@ -80,9 +80,10 @@ std::string QvtpMessageInImpl::standInStartLine() const {
 
 /// Empty lines before a message are skipped.
 std::string QvtpMessageInImpl::readStartLine() {
-    std::string line;
-    while (line.empty()) StreamUtil::readLine(*pipeStream_, line);
-    return line;
+    std::string room;
+    std::string_view line;
+    while (line.empty()) line = StreamUtil::readLine(*pipeStream_, room);
+    return std::string(line);
 }
 
 bool QvtpMessageInImpl::isChunked() const {

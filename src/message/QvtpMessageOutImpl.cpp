@@ -18,7 +18,6 @@ using Quovane::Soa::Internal::Common::StringUtils;
 
 namespace {
 
-constexpr std::size_t USUAL_HEAD_LENGTH = 256;
 constexpr std::size_t MAX_BODY_LENGTH = std::numeric_limits<std::int32_t>::max();
 
 }  // namespace
@@ -79,10 +78,9 @@ void QvtpMessageOutImpl::writeBody(std::ostream* out) const {
 }
 
 QvtpMessageOutImpl::Head QvtpMessageOutImpl::composeHead() {
-    Head head{{}, 0};
-    head.text.reserve(USUAL_HEAD_LENGTH);
-    head.text += owner_->getStartLine();
+    Head head{owner_->getStartLine(), 0};
     head.startLineLength = head.text.size();
+    if (head.text.capacity() < USUAL_HEAD_LENGTH) head.text.reserve(USUAL_HEAD_LENGTH);
     head.text += WireSyntax::LINE_END;
     headers_.write(head.text, *converter_);
     head.text += WireSyntax::LINE_END;

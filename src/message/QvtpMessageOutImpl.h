@@ -26,6 +26,9 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     /// The body length of a message without a body.
     static constexpr std::uint64_t NO_BODY = ~std::uint64_t{0};
 
+    /// Room for most heads. A start line that has it becomes the head without being copied.
+    static constexpr std::size_t USUAL_HEAD_LENGTH = 256;
+
     /// Neither owner nor converter is owned. `label`: one of DirectionLabel.
     QvtpMessageOutImpl(QvtpMessageOut* owner, const std::string& label, Utf8String* converter);
     ~QvtpMessageOutImpl() noexcept override;

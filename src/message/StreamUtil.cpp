@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <streambuf>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -16,6 +17,30 @@ namespace Quovane::Internal::Qvtp {
 namespace {
 
 constexpr std::size_t INITIAL_CAPACITY = 40960;
+
+/// What a stream has in its buffer. The members that show it are protected, and the same for every kind of buffer.
+class Area : private std::streambuf {
+  public:
+    /// Nothing of a stream that formatted or unformatted input would not read from as it is.
+    static std::string_view unread(const std::istream& in) {
+        const std::streambuf* const buffer = in.rdbuf();
+        if (!in.good() || in.tie() != nullptr || buffer == nullptr) return {};
+        const char* const next = (buffer->*&Area::gptr)();
+        return {next, static_cast<std::size_t>((buffer->*&Area::egptr)() - next)};
+    }
+    static void skip(std::istream& in, std::size_t count) { (in.rdbuf()->*&Area::gbump)(static_cast<int>(count)); }
+};
+
+/// Takes a line out of the stream's buffer. Not the last one there: what follows it can then be looked at without
+/// moving it.
+bool takeLine(std::istream& in, std::string_view& line) {
+    const std::string_view there = Area::unread(in);
+    const std::size_t end = there.find('\n');
+    if (end == std::string_view::npos || end + 1 == there.size()) return false;
+    line = there.substr(0, end);
+    Area::skip(in, end + 1);
+    return true;
+}
 
 /// Null if there is no memory for it. The peer chose the length, so that is a failure of its message, not of the
 /// program.
@@ -81,12 +106,25 @@ std::size_t readToEndOf(Source& in, char** out) {
 
 }  // namespace
 
-void StreamUtil::readLine(std::istream& in, std::string& line) {
-    line.clear();
+std::string_view StreamUtil::readLine(std::istream& in, std::string& room) {
     if (in.fail() && !in.bad() && !in.eof()) in.clear();  // what failed before has taken nothing away
-    if (!in.bad()) std::getline(in, line);                // a bad stream may throw again at every use
-    if (in.eof() || in.fail()) throw Io::InterruptedException(NO_LINE);
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+    peek(in);                                             // has the stream fill its buffer
+    std::string_view line;
+    if (!takeLine(in, line)) {
+        room.clear();
+        if (!in.bad()) std::getline(in, room);  // a bad stream may throw again at every use
+        if (in.eof() || in.fail()) throw Io::InterruptedException(NO_LINE);
+        line = room;
+    }
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    return line;
+}
+
+std::istream::int_type StreamUtil::peek(std::istream& in) {
+    using Traits = std::istream::traits_type;
+    const std::string_view there = Area::unread(in);
+    if (!there.empty()) return Traits::to_int_type(there.front());
+    return in.bad() ? Traits::eof() : in.peek();
 }
 
 void StreamUtil::readLength(std::istream& in, char** out, long length) {

@@ -2,6 +2,7 @@
 
 #include <istream>
 #include <string>
+#include <string_view>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -14,8 +15,11 @@ class StreamUtil {
     /// What is said when a stream ends before the end of a line.
     static constexpr char NO_LINE[] = "Reached the stream end-of-file before the expected new line.";
 
-    /// Reads one line without its LF or CRLF. Throws InterruptedException if the stream ends before the LF.
-    static void readLine(std::istream& in, std::string& line);
+    /// Reads one line without its LF or CRLF. Throws InterruptedException if the stream ends before the LF. The line is
+    /// where the stream has it, until the next reading from the stream, or in `room`.
+    static std::string_view readLine(std::istream& in, std::string& room);
+    /// The next character, which stays there, or the end. It leaves the last line where it is.
+    static std::istream::int_type peek(std::istream& in);
     /// Reads exactly `length` bytes into a new block, with a zero byte after them, which the caller frees with
     /// delete[]. 0 and less give an empty block. Throws QvPipeException if the stream ends first (logged at WARN) or if
     /// there is no memory for so much (logged at ERROR).

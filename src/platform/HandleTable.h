@@ -2,12 +2,13 @@
 
 #include "platform/PipeBackEnd.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <memory>
 #include <mutex>
-#include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -23,14 +24,14 @@ class HandleTable final : public OpenHandles {
         const NativeHandle handle = number(*object);
         Part& part = partOf(handle);
         const std::lock_guard<Lock> guard(part.lock);
-        part.objects.emplace(handle, std::move(object));
+        part.objects.insert(part.place(handle), {handle, std::move(object)});
         return handle;
     }
 
     std::shared_ptr<Object> enter(NativeHandle handle) override {
         Part& part = partOf(handle);
         const std::lock_guard<Lock> guard(part.lock);
-        const auto found = part.objects.find(handle);
+        const auto found = part.find(handle);
         if (found == part.objects.end()) return nullptr;
         found->second->enter();
         return found->second;
@@ -57,9 +58,20 @@ class HandleTable final : public OpenHandles {
     static constexpr std::size_t CACHE_LINE = 64;
     static constexpr std::size_t STEP = 4;  // from one value to the next
 
+    using Objects = std::vector<std::pair<NativeHandle, std::shared_ptr<Object>>>;
+
     struct alignas(CACHE_LINE) Part {
-        Lock lock;  // guards the objects
-        std::unordered_map<NativeHandle, std::shared_ptr<Object>> objects;
+        typename Objects::iterator place(NativeHandle handle) {
+            const auto isBefore = [](const auto& entry, NativeHandle wanted) { return entry.first < wanted; };
+            return std::lower_bound(objects.begin(), objects.end(), handle, isBefore);
+        }
+        typename Objects::iterator find(NativeHandle handle) {
+            const auto found = place(handle);
+            return found != objects.end() && found->first == handle ? found : objects.end();
+        }
+
+        Lock lock;        // guards the objects
+        Objects objects;  // in the order of their handles: a part has few
     };
 
     Part& partOf(NativeHandle handle) { return parts_[static_cast<std::size_t>(handle) / STEP % PARTS]; }
@@ -73,7 +85,7 @@ class HandleTable final : public OpenHandles {
     std::shared_ptr<Object> remove(NativeHandle handle) {
         Part& part = partOf(handle);
         const std::lock_guard<Lock> guard(part.lock);
-        const auto found = part.objects.find(handle);
+        const auto found = part.find(handle);
         if (found == part.objects.end()) return nullptr;
         std::shared_ptr<Object> object = std::move(found->second);
         part.objects.erase(found);

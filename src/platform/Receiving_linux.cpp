@@ -108,9 +108,10 @@ bool Receiving::spin() {
 /// False if it is time to wait with more care for the clock, or if a limit of an earlier wait has ended this one.
 bool Receiving::block(const Deadline& deadline) {
     do {
-        const bool mayBlock =
-            deadline.isUnlimited() || (deadline.left() >= LONG_WAIT && object_.limitReceive(deadline.left()));
-        if (!mayBlock) return false;
+        if (!deadline.isUnlimited()) {
+            const auto left = deadline.left();
+            if (left < LONG_WAIT || !object_.limitReceive(left)) return false;
+        }
         receive(0);
     } while (error_ == EINTR);
     return !mustWait();

@@ -1,10 +1,11 @@
 #include <qvtp/server/QvtpServerResponse.h>
 
 #include <qvtp/io/IllegalStateException.h>
-#include <qvtp/message/Version.h>
 #include <qvtp/server/QvtpServer.h>
 
+#include "common/Text.h"
 #include "common/Utf8String.h"
+#include "common/WireSyntax.h"
 #include "logging/Log.h"
 #include "message/DirectionLabel.h"
 #include "message/QvtpMessageOutImpl.h"
@@ -12,6 +13,7 @@
 #include "server/RequestWorker.h"
 
 #include <algorithm>
+#include <cstddef>
 
 namespace Quovane::Qvtp {
 
@@ -23,10 +25,11 @@ using Io::IllegalStateException;
 namespace {
 
 /// Otherwise a reason, which may be the text of any exception, could end its line and smuggle in headers.
-std::string asOneLine(std::string reason) {
+void appendAsOneLine(std::string& line, const std::string& reason) {
     const auto endsLine = [](char c) { return c == '\r' || c == '\n' || c == '\0'; };
-    std::replace_if(reason.begin(), reason.end(), endsLine, ' ');
-    return reason;
+    const std::size_t begin = line.size();
+    line += reason;
+    std::replace_if(line.begin() + static_cast<std::ptrdiff_t>(begin), line.end(), endsLine, ' ');
 }
 
 }  // namespace
@@ -44,7 +47,16 @@ QvtpServerResponse::QvtpServerResponse(QvtpServer* server, std::ostream* out, So
 QvtpServerResponse::~QvtpServerResponse() noexcept = default;
 
 std::string QvtpServerResponse::getStartLine() {
-    return Internal::Qvtp::text(Version::CURRENT_VERSION.toString(), " ", statusCode_, " ", asOneLine(reasonPhrase_));
+    using Internal::Qvtp::appendText;
+    namespace WireSyntax = Internal::Qvtp::WireSyntax;
+    std::string line;
+    line.reserve(QvtpMessageOutImpl::USUAL_HEAD_LENGTH);
+    line += WireSyntax::VERSION;
+    line += WireSyntax::BLANK;
+    appendText(line, statusCode_);
+    line += WireSyntax::BLANK;
+    appendAsOneLine(line, reasonPhrase_);
+    return line;
 }
 
 void QvtpServerResponse::addHeader(const std::string& name, const std::string& value) {

@@ -29,8 +29,8 @@ constexpr int REST_TIMEOUT_MS = 1000;        // for bytes that are there already
 constexpr auto TURN = 5ms;                   // the least that a client has of a worker while others wait
 
 /// Whole milliseconds up to a moment, at least one.
-int millisecondsUntil(RequestWorker::Clock::time_point end) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - RequestWorker::Clock::now()).count();
+int millisecondsUntil(RequestWorker::Clock::time_point end, RequestWorker::Clock::time_point now) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now).count();
     return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left, 1));
 }
 
@@ -148,21 +148,22 @@ RequestWorker::Next RequestWorker::awaitNext() {
     if (isAskedToGiveUp(true)) return Next::GIVE_UP;
     if (pipe_->getInputStream()->rdbuf()->in_avail() > 0) return Next::REQUEST;
     const bool unlimited = idleTimeoutMs_ <= 0;  // below 0 it is a time that nobody waits for the end of
-    const auto idleEnd =
-        unlimited ? Clock::time_point::max() : Clock::now() + std::chrono::milliseconds(idleTimeoutMs_);
-    if (makesRoom_ && served_) silentSince_ = Clock::now();
+    auto now = Clock::now();
+    const auto idleEnd = unlimited ? Clock::time_point::max() : now + std::chrono::milliseconds(idleTimeoutMs_);
+    if (makesRoom_ && served_) silentSince_ = now;
     wait_ = candidate_ ? Wait::RESTING : Wait::PLAIN;
     PipeControl::Input input = PipeControl::Input::WOKEN;
     Next next = Next::REQUEST;
     while (input != PipeControl::Input::THERE && next == Next::REQUEST) {
         if (isAskedToGiveUp(false)) {
             next = Next::GIVE_UP;
-        } else if (Clock::now() >= idleEnd) {
+        } else if (now >= idleEnd) {
             next = Next::SILENCE;
         } else {
             const auto end = endOfWait(idleEnd);
-            input = PipeControl::awaitInput(*pipe_, end == Clock::time_point::max() ? 0 : millisecondsUntil(end),
+            input = PipeControl::awaitInput(*pipe_, end == Clock::time_point::max() ? 0 : millisecondsUntil(end, now),
                                             candidate_ || makesRoom_);
+            if (input != PipeControl::Input::THERE) now = Clock::now();
         }
     }
     wait_ = Wait::NONE;
@@ -208,7 +209,7 @@ void RequestWorker::giveUp() {
     bool small = true;
     while (alive && !readingEnded_ && !stop_ && hasInput()) {
         if (Clock::now() >= (small ? std::min(begin + TURN, end) : end)) break;
-        alive = serveRequest(in, millisecondsUntil(end));
+        alive = serveRequest(in, millisecondsUntil(end, Clock::now()));
         if (drain_ && !alive) noteCutOff();
         small = small && body_ != nullptr && body_->isSmallerThan(SMALL_BODY);
     }

@@ -10,6 +10,7 @@
 #include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "message/InputBuffer.h"
+#include "message/QvtpMessageInImpl.h"
 #include "message/StreamUtil.h"
 #include "server/LimitedInput.h"
 #include "server/RequestWorker.h"
@@ -68,7 +69,7 @@ bool RequestWorker::serveRequest(std::istream& in, int headTimeoutMs, const Rest
 bool RequestWorker::serveBegunRequest(std::istream& in, const RestInput* rest) {
     QvtpServerRequest request(server_, &in, &converter_);
     static_cast<ServerRequestImpl&>(*request.impl_).pipe = pipe_.get();
-    if (!tryRead([&] { request.getStartLine(); })) return false;
+    if (!tryRead([&] { request.impl_->startLine(); })) return false;
     body_ = request.bodyReader();
     if (limited_ != nullptr && !limited_->endHead(*body_)) return false;
     if (rest != nullptr && !body_->hasArrived(rest->unread())) return false;

@@ -30,9 +30,8 @@ const char LINE_CUT_OFF[] = "InterruptedException: Reached the stream end-of-fil
 const char BODY_CUT_OFF[] = "QvPipeException: Reached the stream end-of-file before the expected length.";
 
 std::string lineOf(std::istream& in) {
-    std::string line = "left over";
-    StreamUtil::readLine(in, line);
-    return line;
+    std::string room = "left over";
+    return std::string(StreamUtil::readLine(in, room));
 }
 
 std::string bytesOf(std::istream& in, long length) {
