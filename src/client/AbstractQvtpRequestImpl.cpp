@@ -2,6 +2,7 @@
 
 #include <qvtp/client/QvtpResponse.h>
 #include <qvtp/io/IllegalStateException.h>
+#include <qvtp/io/TimeoutException.h>
 
 #include "client/DeadlineBuffer.h"
 #include "common/System.h"
@@ -19,6 +20,7 @@ namespace Quovane::Internal::Qvtp {
 using Quovane::Io::BrokenPipeException;
 using Quovane::Io::IllegalStateException;
 using Quovane::Io::QvPipeException;
+using Quovane::Io::TimeoutException;
 
 namespace {
 
@@ -136,11 +138,19 @@ std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::
     prepare();
     pipe_->getOutputStream();  // made for the pipe, if it is not there
     if (!message_.sendWhole(PipeControl::sinkOf(*pipe_))) sendThroughStream();
-    if (isAnswered()) {
-        return std::make_unique<QvtpResponse>(client_, pipe_->getInputStream());
-    }
+    if (isAnswered()) return beginResponse();
     exchangeComplete_ = true;
     return nullptr;
+}
+
+std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::beginResponse() {
+    const int timeoutMs = client_->getResponseTimeout();
+    responseTimed_ = timeoutMs > 0;
+    if (responseTimed_) {
+        pipeTimeoutMs_ = pipe_->getReadTimeout();
+        pipe_->setReadTimeout(timeoutMs);
+    }
+    return std::make_unique<QvtpResponse>(client_, pipe_->getInputStream());
 }
 
 void AbstractQvtpRequestImpl::prepare() {
@@ -192,7 +202,13 @@ void AbstractQvtpRequestImpl::handleBrokenPipe(BrokenPipeException& e) {
 
 std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::receive(
     std::unique_ptr<QvtpResponse> response) {
-    response->getStartLine();
+    try {
+        response->getStartLine();
+    } catch (TimeoutException&) {
+        response.reset();                // it reads from the pipe
+        if (responseTimed_) dropPipe();  // now: nobody is going to wait for this answer
+        throw;
+    }
     responseBody_ = response->bodyReader();
     exchangeComplete_ = true;
     return response;
@@ -216,6 +232,7 @@ void AbstractQvtpRequestImpl::releasePipe() {
         dropPipe();
         return;
     }
+    if (responseTimed_) pipe_->setReadTimeout(pipeTimeoutMs_);
     client_->getManager()->returnPipe(pipe_);
     pipe_ = nullptr;
 }

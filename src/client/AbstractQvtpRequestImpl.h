@@ -56,6 +56,7 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     std::unique_ptr<QvtpResponse> attempt();
     void prepare();
     void sendThroughStream();
+    std::unique_ptr<QvtpResponse> beginResponse();
     void copyBodyStream();
     void handleBrokenPipe(Quovane::Io::BrokenPipeException& e);
     void dropPipe();
@@ -77,6 +78,8 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     bool announcesBody_ = false;   // otherwise the server takes up the next request elsewhere than it begins
     std::uint32_t processId_ = 0;  // in which pipe_ was taken
     std::shared_ptr<InputBuffer> responseBody_;  // shared with the response, which may be gone
+    bool responseTimed_ = false;                 // pipe_ has the client's time-out for the response
+    int pipeTimeoutMs_ = 0;                      // what pipe_ had before that
     bool exchangeComplete_ = false;              // nothing failed: the pipe may be used again after the response
     const int exceptionsBefore_ = std::uncaught_exceptions();  // of which none makes the destructor keep quiet
 };

@@ -80,4 +80,12 @@ int QvtpClient::getIntegerOption(ClientOptions option) const {
     return -1;
 }
 
+void QvtpClient::setResponseTimeout(int milliseconds) {
+    responseTimeout_ = milliseconds;
+}
+
+int QvtpClient::getResponseTimeout() const {
+    return responseTimeout_;
+}
+
 }  // namespace Quovane::Qvtp

@@ -55,6 +55,11 @@ bool PipeControl::peerHasClosed(const QvPipe& pipe) {
     return platformPeerHasClosed(pipe.pipeHandle_);
 }
 
+PipeControl::Peer PipeControl::peerOf(const QvPipe& pipe) {
+    const PeerIds ids = platformPeer(pipe.pipeHandle_);
+    return {ids.processId, ids.userId, ids.groupId};
+}
+
 bool PipeControl::hasClient(const ServerQvPipe& server) {
     return server.handingOver_ || platformHasClient(server.pipeHandle_);
 }

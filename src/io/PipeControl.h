@@ -4,6 +4,7 @@
 #include <qvtp/io/ServerQvPipe.h>
 
 #include <cstddef>
+#include <cstdint>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -48,6 +49,14 @@ class PipeControl {
     static void endReading(const QvPipe& pipe);
     /// Whether the peer has closed its end. Only for a connection that nobody will read any more.
     static bool peerHasClosed(const QvPipe& pipe);
+
+    /// What the system says about the client. -1: nothing.
+    struct Peer {
+        std::int64_t processId;
+        std::int64_t userId;
+        std::int64_t groupId;
+    };
+    static Peer peerOf(const QvPipe& pipe);
 
     using ServerQvPipe = Quovane::Io::ServerQvPipe;
 

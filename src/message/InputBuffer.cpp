@@ -1,7 +1,10 @@
 #include "message/InputBuffer.h"
 
+#include <qvtp/io/QvPipeException.h>
+
 #include "common/StringUtils.h"
 #include "common/System.h"
+#include "common/Text.h"
 #include "common/WireSyntax.h"
 #include "logging/Log.h"
 #include "message/Throughput.h"
@@ -21,6 +24,17 @@ constexpr std::size_t SKIP_PIECE = 4096;
 
 InputBuffer::InputBuffer(std::uint64_t length, std::istream* stream)
     : remaining_(length == CHUNKED ? 0 : length), chunked_(length == CHUNKED), stream_(stream) {}
+
+bool InputBuffer::limit(std::uint64_t maxBytes) {
+    maxBytes_ = maxBytes;
+    return chunked_ || remaining_ <= maxBytes;
+}
+
+void InputBuffer::failTooLong() {
+    broken_ = true;
+    overLimit_ = true;
+    throw Quovane::Io::QvPipeException(text("The body is longer than ", maxBytes_, " bytes."));
+}
 
 std::size_t InputBuffer::read(char* buffer, std::size_t size) {
     if (finished_ || broken_ || stream_ == nullptr) return 0;
@@ -53,6 +67,7 @@ bool InputBuffer::beginChunk() {
     }
     std::uint32_t size = 0;
     if (!StringUtils::scanHexadecimal(line, size)) return fail("InputBuffer::read(): invalid chunksize line");
+    if (size > maxBytes_ - static_cast<std::uint64_t>(bytes_)) failTooLong();
     remaining_ = size;
     return true;
 }

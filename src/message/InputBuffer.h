@@ -17,6 +17,11 @@ class InputBuffer {
     /// `length`: bytes of the body, or CHUNKED. The stream is not owned.
     InputBuffer(std::uint64_t length, std::istream* stream);
 
+    /// Sets the most bytes that the body may have. False if it is announced as longer. A chunked one throws
+    /// QvPipeException when it turns out to be longer, and has ended then.
+    bool limit(std::uint64_t maxBytes);
+    bool isOverLimit() const { return overLimit_; }
+
     /// Reads at most `size` bytes, and no more than the current chunk has. 0 is the end of the body.
     std::size_t read(char* buffer, std::size_t size);
 
@@ -54,6 +59,7 @@ class InputBuffer {
     std::size_t readData(char* buffer, std::size_t size);
     bool endChunk();
     bool fail(const char* message);
+    [[noreturn]] void failTooLong();
     void logEnd() const;
 
     std::uint64_t remaining_;
@@ -63,6 +69,8 @@ class InputBuffer {
     std::int64_t startTimeMs_ = 0;
     std::int64_t bytes_ = 0;
     bool broken_ = false;
+    bool overLimit_ = false;
+    std::uint64_t maxBytes_ = ~std::uint64_t{0};
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -54,6 +54,7 @@ void wake(PipeObject& object);
 std::size_t available(PipeObject& object);
 void endReading(PipeObject& object);
 bool peerHasClosed(PipeObject& object);
+PeerIds peer(PipeObject& object);
 int accept(PipeObject& object, int timeoutMs);
 bool hasClient(PipeObject& object);
 

@@ -343,6 +343,19 @@ bool peerHasClosed(PipeObject& object) {
     return ::poll(&descriptor, 1, 0) > 0 && (descriptor.revents & (POLLHUP | POLLERR)) != 0;
 }
 
+/// A process of another namespace has the number 0 here.
+PeerIds peer(PipeObject& object) {
+    PeerIds ids;
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (!object.connected) return ids;
+    if (::getsockopt(object.socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return ids;
+    if (credentials.pid > 0) ids.processId = credentials.pid;
+    ids.userId = credentials.uid;
+    ids.groupId = credentials.gid;
+    return ids;
+}
+
 }  // namespace BackEnd
 
 std::size_t platformBlockSize() {

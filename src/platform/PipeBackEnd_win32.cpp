@@ -389,6 +389,13 @@ bool peerHasClosed(PipeObject& object) {
     return ::GetLastError() == ERROR_BROKEN_PIPE || ::GetLastError() == ERROR_PIPE_NOT_CONNECTED;
 }
 
+PeerIds peer(PipeObject& object) {
+    PeerIds ids;
+    ULONG processId = 0;
+    if (::GetNamedPipeClientProcessId(object.pipe(), &processId) && processId != 0) ids.processId = processId;
+    return ids;
+}
+
 }  // namespace BackEnd
 
 std::size_t platformBlockSize() {

@@ -104,6 +104,11 @@ bool platformPeerHasClosed(NativeHandle pipeHandle) try {
     return false;
 }
 
+PeerIds platformPeer(NativeHandle pipeHandle) {
+    const PipeCall call(pipeHandle);
+    return call ? BackEnd::peer(call.object()) : PeerIds();
+}
+
 void platformClose(NativeHandle pipeHandle, NativeHandle eventHandle) {
     PipeLog::pipeCloses(pipeHandle, eventHandle);
     BackEnd::handles().close(pipeHandle);

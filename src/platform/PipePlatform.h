@@ -3,6 +3,7 @@
 #include <qvtp/platform/NativeHandle.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 /// The contract between the pipe classes and the operating system. The routines are written once, over what each system
@@ -152,6 +153,19 @@ void platformEndReading(NativeHandle pipeHandle);
 /// Whether the peer has closed its end. True for a stale handle. On Windows the call may drop bytes that the peer left:
 /// it is for a connection that nobody will read any more.
 bool platformPeerHasClosed(NativeHandle pipeHandle);
+
+/// Who a client is, as the system knows it. -1: it does not say.
+struct PeerIds {
+    std::int64_t processId = -1;
+    std::int64_t userId = -1;
+    std::int64_t groupId = -1;
+};
+
+/// Who has connected to the server's end of a connection. It logs nothing. What it says:
+/// - Linux: process, effective user and group at the moment of the connect, also when the client has gone since.
+/// - Windows: the process.
+/// - The handle is stale: nothing.
+PeerIds platformPeer(NativeHandle pipeHandle);
 
 /// Closes both handles:
 /// - Every running call of the handle ends as ABORTED.

@@ -2,6 +2,7 @@
 
 #include "io/PipeControl.h"
 #include "logging/Log.h"
+#include "server/ServerSettings.h"
 
 #include <Poco/Mutex.h>
 #include <Poco/ThreadPool.h>
@@ -18,6 +19,8 @@ namespace {
 
 constexpr int GROWTH = 2;
 constexpr std::int64_t LONG_WAIT_MS = 2001;
+constexpr auto SILENCE = std::chrono::milliseconds(20);  // of a client that is asked to make room
+constexpr auto LOOK = std::chrono::milliseconds(5);      // how often such a client is looked for
 
 }  // namespace
 
@@ -30,10 +33,9 @@ bool QvtpServer::HandOver::startWorker() {
         if (result == StartResult::STARTED) break;
         if (waitedMs == 0) logInfo([&] { return "Waiting for thread to process QvPipe worker " + fullName; });
         logDebug([&] { return "Still waiting for thread to process QvPipe worker " + fullName; });
-        server_.cancelBusyWorkers(true);
-        askForThread();
-        awaitThread(seenEnds, result == StartResult::FAILED);
-        if (!server_.running_) return false;
+        askForRoom();
+        awaitStep(seenEnds, result == StartResult::FAILED);
+        if (!mayGoOn()) return false;
         waitedMs += stepMs_;
         server_.freeFinishedWorkers();
     }
@@ -70,6 +72,40 @@ QvtpServer::HandOver::StartResult QvtpServer::HandOver::tryToStart() {
     return StartResult::FAILED;
 }
 
+bool QvtpServer::HandOver::mayGoOn() const {
+    return server_.running_ || server_.settings_->drain.isUnderWay();
+}
+
+/// A client that is silent makes room, so that others can go on. If nobody has become silent by then, all are asked.
+void QvtpServer::HandOver::askForRoom() {
+    asked_ = nullptr;
+    allAsked_ = false;
+    if (makesRoom_ && (askTheLongestSilent() || Clock::now() < begin_ + SILENCE)) return;
+    askAll();
+}
+
+void QvtpServer::HandOver::askAll() {
+    allAsked_ = true;
+    server_.cancelBusyWorkers(true);
+    askForThread();
+}
+
+bool QvtpServer::HandOver::askTheLongestSilent() {
+    Poco::Mutex::ScopedLock lock(*server_.mutex_);
+    auto since = Clock::now() - SILENCE;
+    RequestWorker* longest = nullptr;
+    for (auto& [name, worker] : server_.workers_) {
+        if (worker.get() == asked_ || worker->silentSince() > since) continue;
+        since = worker->silentSince();
+        longest = worker.get();
+    }
+    if (longest == nullptr) return false;
+    asked_ = longest;
+    longest->setGiveUp(true);
+    longest->ask();
+    return true;
+}
+
 /// Asks the worker for its thread that has had its client longest, of those whose client is silent and whose turn is
 /// over. If there is none, the first whose turn ends gives up.
 void QvtpServer::HandOver::askForThread() {
@@ -91,20 +127,35 @@ void QvtpServer::HandOver::askForThread() {
     }
 }
 
-/// Waits until a thread may be had, for one step at most. The pool has a thread back shortly after its worker has
-/// ended, and says so to nobody: look closely then. After a start that failed only a thread that is there already will
-/// do.
-void QvtpServer::HandOver::awaitThread(std::uint64_t seenEnds, bool startFailed) {
+/// Waits until a thread may be had, for one step at most. Meanwhile a client may have become silent for long enough, or
+/// the one that was asked may have been quicker with its next request.
+void QvtpServer::HandOver::awaitStep(std::uint64_t seenEnds, bool startFailed) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(stepMs_);
+    if (!makesRoom_) {
+        awaitThread(seenEnds, startFailed, deadline);
+        return;
+    }
+    while (!awaitThread(seenEnds, startFailed, std::min(deadline, Clock::now() + LOOK))) {
+        if (!mayGoOn() || Clock::now() >= deadline) return;
+        if (asked_ != nullptr && !asked_->isAskedInVain()) continue;
+        if (!askTheLongestSilent() && !allAsked_ && Clock::now() >= begin_ + SILENCE) askAll();
+    }
+}
+
+/// Waits until a thread may be had. False if there is none by the deadline, or when the server stops. The pool has a
+/// thread back shortly after its worker has ended, and says so to nobody: look closely then. After a start that failed
+/// only a thread that is there already will do.
+bool QvtpServer::HandOver::awaitThread(std::uint64_t seenEnds, bool startFailed, Clock::time_point deadline) {
     const Poco::ThreadPool& pool = *server_.threadPool_;
-    const auto deadline = ThreadUse::Clock::now() + std::chrono::milliseconds(stepMs_);
-    bool mayGoOn = !startFailed || threads_.awaitEnd(seenEnds, deadline);
-    while (mayGoOn) {
+    bool isInTime = !startFailed || threads_.awaitEnd(seenEnds, deadline);
+    while (isInTime) {
         seenEnds = threads_.ends();
         const int used = pool.used();
-        if (startFailed ? pool.allocated() > used : pool.available() > 0) return;
+        if (startFailed ? pool.allocated() > used : pool.available() > 0) return true;
         const bool isReturning = used > threads_.busy();
-        mayGoOn = isReturning ? threads_.awaitReturn(deadline) : threads_.awaitEnd(seenEnds, deadline);
+        isInTime = isReturning ? threads_.awaitReturn(deadline) : threads_.awaitEnd(seenEnds, deadline);
     }
+    return false;
 }
 
 void QvtpServer::HandOver::enterWorker(WorkerMap::node_type entry) {
@@ -112,6 +163,7 @@ void QvtpServer::HandOver::enterWorker(WorkerMap::node_type entry) {
     server_.cancelBusyWorkers(false);
     auto inserted = server_.workers_.insert(std::move(entry));
     if (!inserted.inserted) std::swap(inserted.position->second, inserted.node.mapped());
+    if (server_.settings_->drain.hasBegun()) worker_.drain();
     const int count = static_cast<int>(server_.workers_.size());
     server_.peakThreads_ = std::max<int>(server_.peakThreads_, count);
     logDebug([&] { return text("Activated worker thread ", worker_.getFullName(), " (", count, ")."); });

@@ -3,6 +3,7 @@
 #include <qvtp/server/QvtpServer.h>
 
 #include "server/RequestWorker.h"
+#include "server/ServerSettings.h"
 #include "server/ThreadUse.h"
 
 #include <algorithm>
@@ -17,7 +18,8 @@ class QvtpServer::HandOver {
         : server_(server),
           worker_(worker),
           threads_(*server.threads_),
-          stepMs_(std::max(server.idleTimeout_ / 10, 1)) {}
+          stepMs_(std::max(server.idleTimeout_ / 10, 1)),
+          makesRoom_(server.settings_->makesRoom) {}
 
     /// Starts the worker as soon as there is a thread for it. False if the server stops first.
     bool startWorker();
@@ -25,17 +27,29 @@ class QvtpServer::HandOver {
     void enterWorker(WorkerMap::node_type entry);
 
   private:
+    using Clock = Internal::Qvtp::ThreadUse::Clock;
+
     enum class StartResult { STARTED, NO_THREAD, FAILED };
 
     StartResult tryToStart();
+    bool mayGoOn() const;
+    void askForRoom();
+    bool askTheLongestSilent();
+    void askAll();
     void askForThread();
-    void awaitThread(std::uint64_t seenEnds, bool startFailed);
+    void awaitStep(std::uint64_t seenEnds, bool startFailed);
+    bool awaitThread(std::uint64_t seenEnds, bool startFailed, Clock::time_point deadline);
     void logEndOfWait(std::int64_t waitedMs) const;
 
     QvtpServer& server_;
     Internal::Qvtp::RequestWorker& worker_;
     Internal::Qvtp::ThreadUse& threads_;
     const int stepMs_;
+    const bool makesRoom_;
+    const Clock::time_point begin_ = Clock::now();
+    // Of this step.
+    Internal::Qvtp::RequestWorker* asked_ = nullptr;  // whose client makes room; not owned
+    bool allAsked_ = false;
 };
 
 }  // namespace Quovane::Qvtp

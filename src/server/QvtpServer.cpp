@@ -9,6 +9,7 @@
 #include "common/System.h"
 #include "logging/Log.h"
 #include "server/RequestWorker.h"
+#include "server/ServerSettings.h"
 #include "server/ThreadUse.h"
 
 #include <Poco/Mutex.h>
@@ -32,6 +33,7 @@ constexpr int READ_AND_WRITE = 1;  // the access mode of a server that answers
 constexpr int FAILURE_PAUSE_MS = 100;
 constexpr int STOP_CHECKS = 40;
 constexpr int STOP_CHECK_MS = 100;
+constexpr auto FOR_EVER = std::chrono::hours(24 * 365);  // the end of all time is more than waits can be given
 
 /// Workers whose handler never came back. They are not deleted, since their threads still use them, and stay in this
 /// list so that they do not look lost. It takes no memory: a stop must not fail.
@@ -41,6 +43,12 @@ void abandon(std::unique_ptr<RequestWorker> worker) {
     last->setNextAbandoned(abandoned);
     while (!abandoned.compare_exchange_weak(last->nextAbandoned(), last)) {
     }
+}
+
+/// Whoever waits for a thread, or for the end of one, waits no more.
+void endDraining(ServerSettings& settings, const std::shared_ptr<ThreadUse>& threads) {
+    settings.drain.end();
+    if (const auto use = std::atomic_load(&threads)) use->stop();
 }
 
 /// An accept that fails may have taken its client all the same, which `pipe` holds then: what failed is the place for
@@ -65,6 +73,7 @@ class QvtpServer::StopGuard {
     explicit StopGuard(QvtpServer& server) : server_(server) {}
     ~StopGuard() {
         server_.running_ = false;
+        server_.settings_->drain.acceptHasEnded();
         server_.stopWorkers();
     }
     StopGuard(const StopGuard&) = delete;
@@ -116,7 +125,10 @@ class QvtpServer::RunGuard {
 };
 
 QvtpServer::QvtpServer(const std::string& pipeName, int accessMode)
-    : pipeName_(pipeName), writable_(accessMode == READ_AND_WRITE), mutex_(std::make_unique<Poco::Mutex>()) {
+    : pipeName_(pipeName),
+      writable_(accessMode == READ_AND_WRITE),
+      settings_(std::make_unique<ServerSettings>()),
+      mutex_(std::make_unique<Poco::Mutex>()) {
     setOption(ACCESS_MODE, accessMode);
     try {
         serverPipe_ = std::make_unique<ServerQvPipe>(pipeName_, true, writable_);
@@ -171,6 +183,14 @@ void QvtpServer::setUnhandledExceptionPolicy(UnhandledExceptionPolicy policy) {
     unhandledExceptionPolicy_ = policy;
 }
 
+void QvtpServer::setLimits(const Limits& limits) {
+    settings_->setLimits(limits);
+}
+
+void QvtpServer::setMakeRoom(bool makeRoom) {
+    settings_->makesRoom = makeRoom;
+}
+
 void QvtpServer::setHandler(QvtpHandler* handler) {
     handler_ = handler;
 }
@@ -184,9 +204,32 @@ bool QvtpServer::isRunning() const {
 }
 
 void QvtpServer::shutdown() {
-    if (!running_.exchange(false)) return;
+    if (!running_.exchange(false)) {
+        if (settings_->drain.isUnderWay()) endDraining(*settings_, threads_);
+        return;
+    }
     std::atomic_load(&threads_)->stop();
     serverPipe_->close();
+}
+
+bool QvtpServer::drain(int milliseconds) {
+    const auto now = Drain::Clock::now();
+    const auto deadline = milliseconds > 0 ? now + std::chrono::milliseconds(milliseconds) : now + FOR_EVER;
+    Drain& draining = settings_->drain;
+    if (!draining.begin()) return false;  // before all else: a run() that begins meanwhile finds it
+    const bool wasRunning = running_.exchange(false);
+    if (serverPipe_ != nullptr) serverPipe_->close();
+    bool isDone = true;
+    if (wasRunning) {
+        {
+            Poco::Mutex::ScopedLock lock(*mutex_);
+            for (auto& [name, worker] : workers_) worker->drain();
+        }
+        isDone = draining.awaitEndOfAccept(deadline) && std::atomic_load(&threads_)->awaitIdle(deadline) &&
+                 !draining.hasCutOff();
+    }
+    endDraining(*settings_, threads_);
+    return isDone;
 }
 
 /// Not asked of the pool: while it stops its threads it holds its own lock until they have ended, and one of them may
@@ -207,6 +250,10 @@ void QvtpServer::run() {
         logError([&] { return "QvtpServer " + pipeName_ + " cannot run without its named pipe."; });
         return;
     }
+    if (settings_->drain.hasBegun()) {
+        logInfo([&] { return "QvtpServer " + pipeName_ + " is stopped."; });
+        return;
+    }
     logDebug([&] { return "QvTpServer is running on Pipe " + pipeName_; });
     try {
         initializeThreadPool();
@@ -220,7 +267,7 @@ void QvtpServer::run() {
     }
     serverPipe_->setAcceptTimeout(acceptTimeout_);
     running_ = true;
-    if (destroying_) running_ = false;
+    if (destroying_ || settings_->drain.hasBegun()) running_ = false;
     {
         const StopGuard stopAtTheEnd(*this);
         acceptLoop();

@@ -4,20 +4,22 @@
 #include <qvtp/server/QvtpServer.h>
 
 #include "common/Utf8String.h"
+#include "io/PipeControl.h"
 #include "message/DirectionLabel.h"
-#include "message/QvtpMessageInImpl.h"
 #include "message/StartLine.h"
+#include "server/ServerRequestImpl.h"
 
 namespace Quovane::Qvtp {
 
 using Internal::Qvtp::InputBuffer;
-using Internal::Qvtp::QvtpMessageInImpl;
+using Internal::Qvtp::PipeControl;
+using Internal::Qvtp::ServerRequestImpl;
 using Internal::Qvtp::StartLine;
 
 QvtpServerRequest::QvtpServerRequest(QvtpServer* server, std::istream* in, Soa::Common::Xml::Utf8String* converter)
     : server_(server), converter_(converter) {
     const int bufferSize = server_->getIntegerOption(QvtpServer::BUFFER_SIZE);
-    impl_ = std::make_unique<QvtpMessageInImpl>(in, bufferSize, Internal::Qvtp::DirectionLabel::ACCEPT, converter_);
+    impl_ = std::make_unique<ServerRequestImpl>(in, bufferSize, Internal::Qvtp::DirectionLabel::ACCEPT, converter_);
 }
 
 QvtpServerRequest::~QvtpServerRequest() = default;
@@ -74,6 +76,13 @@ Version QvtpServerRequest::getQvtpVersion() {
     } catch (Io::QvPipeException&) {
         return Version::CURRENT_VERSION;
     }
+}
+
+QvtpServerRequest::Peer QvtpServerRequest::getPeer() const {
+    const auto* const pipe = static_cast<const ServerRequestImpl&>(*impl_).pipe;
+    if (pipe == nullptr) return {};
+    const PipeControl::Peer peer = PipeControl::peerOf(*pipe);
+    return {peer.processId, peer.userId, peer.groupId};
 }
 
 }  // namespace Quovane::Qvtp

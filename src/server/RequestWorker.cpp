@@ -7,6 +7,8 @@
 #include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "message/InputBuffer.h"
+#include "server/LimitedInput.h"
+#include "server/ServerSettings.h"
 
 #include <algorithm>
 #include <utility>
@@ -62,6 +64,15 @@ void RequestWorker::nudge() {
     PipeControl::wake(*pipe_);
 }
 
+/// The end of reading ends a wait that cannot be woken. It must not fall into a request: a worker that is not waiting
+/// ends the reading itself. Where there is no end of reading every wait can be woken.
+void RequestWorker::drain() {
+    drain_ = true;
+    if (pipe_ == nullptr) return;
+    if (wait_ != Wait::NONE) PipeControl::endReading(*pipe_);
+    nudge();
+}
+
 void RequestWorker::releaseIfDeserted() {
     if (!deserted_ || pipe_ == nullptr || !PipeControl::peerHasClosed(*pipe_)) return;
     pipe_.reset();
@@ -97,6 +108,9 @@ void RequestWorker::run() {
 void RequestWorker::prepareStreams() {
     idleTimeoutMs_ = server_->getIntegerOption(QvtpServer::IDLE_TIMEOUT);
     receiveTimeoutMs_ = server_->getIntegerOption(QvtpServer::RECEIVE_TIMEOUT);
+    limits_ = server_->settings_->limits();
+    makesRoom_ = server_->settings_->makesRoom;
+    hasLimits_ = LimitedInput::isAny(limits_);
     const int bufferSize = std::max(server_->getIntegerOption(QvtpServer::BUFFER_SIZE), 1);
     inputBuffer_.reset(new char[static_cast<std::size_t>(bufferSize)]);
     pipe_->getInputStream()->rdbuf()->pubsetbuf(inputBuffer_.get(), bufferSize);
@@ -136,7 +150,8 @@ RequestWorker::Next RequestWorker::awaitNext() {
     const bool unlimited = idleTimeoutMs_ <= 0;  // below 0 it is a time that nobody waits for the end of
     auto now = Clock::now();
     const auto idleEnd = unlimited ? Clock::time_point::max() : now + std::chrono::milliseconds(idleTimeoutMs_);
-    resting_ = candidate_;
+    if (makesRoom_ && served_) silentSince_ = now;
+    wait_ = candidate_ ? Wait::RESTING : Wait::PLAIN;
     PipeControl::Input input = PipeControl::Input::WOKEN;
     Next next = Next::REQUEST;
     while (input != PipeControl::Input::THERE && next == Next::REQUEST) {
@@ -147,12 +162,13 @@ RequestWorker::Next RequestWorker::awaitNext() {
         } else {
             const auto end = endOfWait(idleEnd);
             input = PipeControl::awaitInput(*pipe_, end == Clock::time_point::max() ? 0 : millisecondsUntil(end, now),
-                                            candidate_);
+                                            candidate_ || makesRoom_);
             if (input != PipeControl::Input::THERE) now = Clock::now();
         }
     }
-    resting_ = false;
-    return next;
+    wait_ = Wait::NONE;
+    // What has come by then is served on that way too, and the end of reading is no end of the client's.
+    return drain_ ? Next::GIVE_UP : next;
 }
 
 /// Also one that the accept thread has not come to yet. The system is asked only when all threads are busy.
@@ -163,10 +179,10 @@ bool RequestWorker::isConnectionWaiting() const {
 /// `requestEnded`: whether that was just now. Later only one worker gives up for each connection that waits: the one
 /// that was asked, or the first whose turn ends.
 bool RequestWorker::isAskedToGiveUp(bool requestEnded) {
-    if (readingEnded_) return true;
-    if (!candidate_ || !giveUp_) return false;
+    if (readingEnded_ || drain_) return true;
+    if (!(candidate_ || makesRoom_) || !giveUp_) return false;
     if (asked_.exchange(false)) return true;
-    return Clock::now() >= endOfTurn_.load() && (threads_->takeWanted() || requestEnded);
+    return candidate_ && Clock::now() >= endOfTurn_.load() && (threads_->takeWanted() || requestEnded);
 }
 
 RequestWorker::Clock::time_point RequestWorker::endOfWait(Clock::time_point idleEnd) const {
@@ -194,15 +210,21 @@ void RequestWorker::giveUp() {
     while (alive && !readingEnded_ && !stop_ && hasInput()) {
         if (Clock::now() >= (small ? std::min(begin + TURN, end) : end)) break;
         alive = serveRequest(in, millisecondsUntil(end, Clock::now()));
+        if (drain_ && !alive) noteCutOff();
         small = small && body_ != nullptr && body_->isSmallerThan(SMALL_BODY);
     }
     endReading();
     if (alive) serveRest();
-    logDebug([&] { return "Give up " + fullName_ + " for a new request waiting for a worker thread."; });
+    if (drain_) {
+        logDebug([&] { return "Drained " + fullName_ + "."; });
+    } else {
+        logDebug([&] { return "Give up " + fullName_ + " for a new request waiting for a worker thread."; });
+    }
 }
 
 void RequestWorker::beforeAnswer() {
-    if (giveUp_ && Clock::now() >= endOfTurn_.load() && body_ != nullptr && body_->isComplete()) endReading();
+    const bool isLast = drain_ || (giveUp_ && Clock::now() >= endOfTurn_.load());
+    if (isLast && body_ != nullptr && body_->isComplete()) endReading();
 }
 
 MessageSink* RequestWorker::sink() const {
@@ -219,9 +241,13 @@ void RequestWorker::endReading() {
 /// client's write has failed.
 void RequestWorker::serveRest() {
     RestInput rest(takeRest());
-    while (!stop_ && !rest.unread().empty()) {
-        if (!serveRequest(rest, receiveTimeoutMs_, &rest)) return;
-    }
+    bool alive = true;
+    while (alive && !stop_ && !rest.unread().empty()) alive = serveRequest(rest, receiveTimeoutMs_, &rest);
+    if (drain_ && (!alive || !rest.unread().empty())) noteCutOff();
+}
+
+void RequestWorker::noteCutOff() {
+    if (!stop_) server_->settings_->drain.noteCutOff();  // after that the server may be gone
 }
 
 /// The bytes that the stream holds, and those that the system does.

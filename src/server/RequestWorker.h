@@ -4,6 +4,8 @@
 #include <qvtp/io/QvPipe.h>
 #include <qvtp/io/TimeoutException.h>
 
+#include <qvtp/server/QvtpServer.h>
+
 #include "common/Utf8String.h"
 #include "logging/Log.h"
 #include "server/RestInput.h"
@@ -18,7 +20,6 @@
 #include <string>
 
 namespace Quovane::Qvtp {
-class QvtpServer;
 class QvtpServerRequest;
 class QvtpServerResponse;
 }  // namespace Quovane::Qvtp
@@ -26,6 +27,7 @@ class QvtpServerResponse;
 namespace Quovane::Internal::Qvtp {
 
 class InputBuffer;
+class LimitedInput;
 class MessageSink;
 
 /// Serves one accepted connection on a pool thread: reads requests one after another and calls the handler for each.
@@ -62,13 +64,22 @@ class RequestWorker : public Poco::Runnable {
     void setGiveUp(bool giveUp) { giveUp_ = giveUp; }
     /// Whether its last request ended while a connection waited, and its client has sent nothing since: such a worker
     /// can be asked for its thread.
-    bool isResting() const { return resting_; }
+    bool isResting() const { return wait_ == Wait::RESTING; }
     /// From when on it may be asked: its client has had it for a while then.
     Clock::time_point endOfTurn() const { return endOfTurn_; }
-    /// Asks a resting worker for its thread.
+    /// Since when its client has sent nothing, if it has sent a request before and the server makes room for others.
+    /// Otherwise a moment that never comes.
+    Clock::time_point silentSince() const {
+        return wait_ != Wait::NONE ? silentSince_.load() : Clock::time_point::max();
+    }
+    /// Asks a worker for its thread that rests or whose client is silent.
     void ask();
+    /// Whether its client's next request came before it was asked: it serves that first.
+    bool isAskedInVain() const { return asked_ && wait_ == Wait::NONE; }
     /// Makes a resting worker look at the clock: it is the next whose turn ends.
     void nudge();
+    /// Has it serve what its client has written by now, and then end: the server takes no more.
+    void drain();
     /// Closes the connection and frees its buffers, if a handler's exception has ended the worker and its client has
     /// gone since.
     void releaseIfDeserted();
@@ -88,6 +99,8 @@ class RequestWorker : public Poco::Runnable {
 
   private:
     enum class Next { REQUEST, SILENCE, GIVE_UP };
+    /// Whether the worker waits between two requests; RESTING: and can be asked for its thread.
+    enum class Wait { NONE, PLAIN, RESTING };
 
     void prepareStreams();
     void serveRequests();
@@ -99,11 +112,17 @@ class RequestWorker : public Poco::Runnable {
     bool staysSilent();
     void giveUp();
     void serveRest();
+    void noteCutOff();
     std::string takeRest();
 
     bool beginsRequest(std::istream& in);
     void logInterruption(const std::string& message) const;
     bool serveRequest(std::istream& in, int headTimeoutMs, const RestInput* rest = nullptr);
+    bool serveBegunRequest(std::istream& in, const RestInput* rest);
+    bool serveLimitedRequest(std::istream& in, const RestInput* rest);
+    bool isOverLimit() const;
+    void refuse(const LimitedInput& limited);
+    void dropInput(Clock::time_point end);
     template <typename Read>
     bool tryRead(const Read& read);
     bool handle(QvtpServerRequest& request);
@@ -113,7 +132,7 @@ class RequestWorker : public Poco::Runnable {
     template <typename Call>
     void callHandler(QvtpServerResponse* response, const Call& call);
     void handleUnknownException(int policy, QvtpServerResponse* response);
-    void answerError(const QvtpServerResponse& response);
+    void answerError(int code);
     bool skipBody(QvtpServerRequest& request);
     void endReading();
     bool hasFailedStream() const;
@@ -121,15 +140,16 @@ class RequestWorker : public Poco::Runnable {
 
     // The life of a worker, and how its states differ:
     //
-    //   state                    begun_  running_  resting_  deserted_
-    //   waits for a thread       no      yes       no        no
-    //   serves, or waits         yes     yes       no        no
-    //   waits, can be asked      yes     yes       yes       no
-    //   a handler's exception    yes     yes       no        yes         the thread has gone, the entry stays
-    //   ended                    yes     no        no        no          may be deleted
+    //   state                    begun_  running_  wait_     deserted_
+    //   waits for a thread       no      yes       NONE      no
+    //   serves                   yes     yes       NONE      no
+    //   waits                    yes     yes       PLAIN     no
+    //   waits, can be asked      yes     yes       RESTING   no
+    //   a handler's exception    yes     yes       NONE      yes         the thread has gone, the entry stays
+    //   ended                    yes     no        NONE      no          may be deleted
     //
-    // What it is told: stop_ ends it now. giveUp_ says that a connection waits for a thread, and asked_ that this
-    // worker is to give up its own before its client's next request.
+    // What it is told: stop_ ends it now, and drain_ when it has served what is there. giveUp_ says that a connection
+    // waits for a thread, and asked_ that this worker is to give up its own before its client's next request.
 
     QvtpServer* server_;  // not owned
     std::unique_ptr<Quovane::Io::QvPipe> pipe_;
@@ -143,10 +163,12 @@ class RequestWorker : public Poco::Runnable {
     std::atomic<bool> running_{true};
     std::atomic<bool> begun_{false};
     std::atomic<bool> giveUp_{false};
-    std::atomic<bool> resting_{false};
+    std::atomic<bool> drain_{false};
+    std::atomic<Wait> wait_{Wait::NONE};
     std::atomic<bool> asked_{false};
     std::atomic<bool> deserted_{false};
     std::atomic<Clock::time_point> endOfTurn_{Clock::time_point::max()};
+    std::atomic<Clock::time_point> silentSince_{Clock::time_point::max()};
 
     // Of the worker's own thread.
     std::unique_ptr<char[]> inputBuffer_;   // of the pipe's stream
@@ -156,9 +178,14 @@ class RequestWorker : public Poco::Runnable {
     int receiveTimeoutMs_ = 0;
     bool served_ = false;         // a request has ended
     bool candidate_ = false;      // it ended while a connection waited
+    bool makesRoom_ = false;      // can be asked for its thread whenever its client is silent
     bool readingEnded_ = false;   // the client's next write breaks
     bool handlerFailed_ = false;  // with an exception that is not the library's, which leaves run()
     bool mustClose_ = false;      // the same, but the connection is to be closed
+    QvtpServer::Limits limits_;
+    bool hasLimits_ = false;
+    LimitedInput* limited_ = nullptr;  // what the current request is read from, if there are limits; not owned
+    bool answered_ = false;            // something was sent for it, if there are limits
     Quovane::Soa::Common::Xml::Utf8String converter_;
 };
 
@@ -174,7 +201,7 @@ bool RequestWorker::tryRead(const Read& read) {
     } catch (Quovane::Io::InterruptedException& e) {
         logInterruption(e.getMessage());
     } catch (Quovane::Io::QvPipeException& e) {
-        if (!stop_) {
+        if (!stop_ && !isOverLimit()) {
             logError([&] {
                 return "QvPipeException - " + fullName_ + " error while reading request start line. " + e.getMessage();
             });

@@ -12,7 +12,9 @@
 #include "message/InputBuffer.h"
 #include "message/QvtpMessageInImpl.h"
 #include "message/StreamUtil.h"
+#include "server/LimitedInput.h"
 #include "server/RequestWorker.h"
+#include "server/ServerRequestImpl.h"
 
 #include <ios>
 #include <memory>
@@ -34,6 +36,16 @@ QvtpHandler& require(QvtpHandler* handler) {
     return *handler;
 }
 
+/// Notes at its end whether something was sent.
+struct AnswerNote {
+    bool* answered;  // null if nobody asks
+    const Quovane::Qvtp::QvtpServerResponse& response;
+
+    ~AnswerNote() {
+        if (answered != nullptr && response.isCommitted()) *answered = true;
+    }
+};
+
 }  // namespace
 
 /// The idle time-out is over. A last look at the pipe, which logs that; then the client's next write is broken, and
@@ -51,9 +63,15 @@ bool RequestWorker::staysSilent() {
 bool RequestWorker::serveRequest(std::istream& in, int headTimeoutMs, const RestInput* rest) {
     pipe_->setReadTimeout(headTimeoutMs);
     if (!beginsRequest(in)) return false;
+    return hasLimits_ ? serveLimitedRequest(in, rest) : serveBegunRequest(in, rest);
+}
+
+bool RequestWorker::serveBegunRequest(std::istream& in, const RestInput* rest) {
     QvtpServerRequest request(server_, &in, &converter_);
+    static_cast<ServerRequestImpl&>(*request.impl_).pipe = pipe_.get();
     if (!tryRead([&] { request.impl_->startLine(); })) return false;
     body_ = request.bodyReader();
+    if (limited_ != nullptr && !limited_->endHead(*body_)) return false;
     if (rest != nullptr && !body_->hasArrived(rest->unread())) return false;
     pipe_->setReadTimeout(receiveTimeoutMs_);
     if (!handle(request) || hasFailedStream()) return false;
@@ -79,16 +97,18 @@ bool RequestWorker::handle(QvtpServerRequest& request) {
     } catch (InterruptedException& e) {
         logError([&] { return "InterruptedException - " + fullName_ + ". " + e.getMessage(); });
     } catch (QvPipeException& e) {
-        if (!stop_) logFailure("QvPipeException - ", e.getMessage(), request);
+        if (!stop_ && !isOverLimit()) logFailure("QvPipeException - ", e.getMessage(), request);
     } catch (const std::ios_base::failure&) {
         if (!hasFailedStream()) throw;  // of a stream of the handler's own
-        if (!stop_) logFailure("QvPipeException - ", "A stream of the QvPipe was used after it failed.", request);
+        if (!stop_ && !isOverLimit())
+            logFailure("QvPipeException - ", "A stream of the QvPipe was used after it failed.", request);
     }
     return false;
 }
 
 /// After its first failure, which is a QvPipeException, a standard stream throws failures of its own kind.
 bool RequestWorker::hasFailedStream() const {
+    if (limited_ != nullptr && limited_->bad()) return true;
     return pipe_->getInputStream()->bad() || (outputBuffer_ != nullptr && pipe_->getOutputStream()->bad());
 }
 
@@ -142,6 +162,7 @@ void RequestWorker::handlePost(QvtpServerRequest& request) {
     logDebug([&] { return "Begin processing of POST request (" + fullName_ + ")."; });
     QvtpServerResponse response(server_, pipe_->getOutputStream(), &converter_);
     response.worker_ = this;
+    const AnswerNote note{limited_ != nullptr ? &answered_ : nullptr, response};
     ++server_->totalPosts_;
     callHandler(&response, [&](QvtpHandler& handler) { handler.handlePost(&request, &response); });
     if (mustClose_) {
@@ -163,13 +184,13 @@ void RequestWorker::handleUnknownException(int policy, QvtpServerResponse* respo
     }
     logError(line);
     mustClose_ = true;
-    if (policy == QvtpServer::ANSWER && response != nullptr && !stop_) answerError(*response);
+    const bool canAnswer = response != nullptr && !response->isCommitted() && !stop_ && !isOverLimit();
+    if (policy == QvtpServer::ANSWER && canAnswer) answerError(QvtpMessage::STATUS_SERVER_ERROR);
 }
 
-/// Unless the handler has sent something already, in a response that has nothing of the handler's.
-void RequestWorker::answerError(const QvtpServerResponse& response) {
-    if (response.isCommitted()) return;
-    const int code = QvtpMessage::STATUS_SERVER_ERROR;
+/// In a response that has nothing of the handler's.
+void RequestWorker::answerError(int code) {
+    answered_ = true;
     QvtpServerResponse answer(server_, pipe_->getOutputStream(), &converter_);
     answer.sendError(code, QvtpMessage::STATUS_REASONS.at(code));
 }

@@ -71,6 +71,12 @@ bool ThreadUse::awaitEnd(std::uint64_t seenEnds, Clock::time_point deadline) {
     return woken && !stopped_;
 }
 
+bool ThreadUse::awaitIdle(Clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_until(lock, deadline, [&] { return stopped_ || busy_ == 0; });
+    return busy_ == 0;
+}
+
 bool ThreadUse::awaitReturn(Clock::time_point deadline) {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_until(lock, std::min(deadline, Clock::now() + MOMENT), [&] { return stopped_; });

@@ -35,6 +35,8 @@ class ThreadUse {
     std::uint64_t ends() const;
     /// Waits until a thread has ended after `seenEnds` was taken. False at the deadline or after stop().
     bool awaitEnd(std::uint64_t seenEnds, Clock::time_point deadline);
+    /// Waits until no thread serves a connection. False at the deadline, or after stop() while one does.
+    bool awaitIdle(Clock::time_point deadline);
     /// Lets a moment pass, for a thread that has ended and is on its way back to the pool. False as above.
     bool awaitReturn(Clock::time_point deadline);
     /// Ends every wait, now and later.

@@ -3,6 +3,7 @@
 #include "common/System.h"
 #include "support/HasForm.h"
 #include "support/LogCapture.h"
+#include "support/Thrown.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -198,6 +199,31 @@ TEST(InputBufferChunkedMalformed, StaysEndedAfterAFailure) {
     EXPECT_EQ(body.read(10), "");
     EXPECT_EQ(body.read(10), "");
     EXPECT_EQ(body.left(), "3\r\nabc\r\n0\r\n\r\n");
+}
+
+TEST(InputBufferLimit, RefusesALengthThatIsMore) {
+    EXPECT_TRUE(Body(7, "").input().limit(7));
+    EXPECT_FALSE(Body(8, "").input().limit(7));
+    EXPECT_TRUE(Body(CHUNKED, "").input().limit(0));
+}
+
+TEST(InputBufferLimit, ThrowsBeforeTheChunkThatIsTooMuchAndEndsForGood) {
+    const std::string chunks = "3\r\nabc\r\n4\r\ndefg\r\n0\r\n\r\n";
+    Body whole(CHUNKED, chunks);
+    whole.input().limit(7);
+    EXPECT_THAT(whole.pieces(9), ElementsAre("abc", "defg"));
+    EXPECT_FALSE(whole.input().isOverLimit());
+
+    LogCapture log;
+    Body body(CHUNKED, chunks);
+    body.input().limit(6);
+    EXPECT_EQ(body.read(9), "abc");
+    EXPECT_EQ(qvtp_test::thrownBy([&] { body.read(9); }), "QvPipeException: The body is longer than 6 bytes.");
+    EXPECT_TRUE(body.input().isOverLimit());
+    EXPECT_FALSE(body.input().isComplete());
+    EXPECT_EQ(body.read(9), "");
+    EXPECT_FALSE(body.input().skipRest(1000));
+    EXPECT_THAT(log.messages(), IsEmpty());
 }
 
 TEST(InputBufferLog, ReportsTheThroughputOnceAtTheEnd) {

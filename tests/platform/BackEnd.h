@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 /// What the back ends do differently, each difference with its reason in docs/porting.md. One source of contract tests
 /// serves all of them; BackEnd_linux.cpp or BackEnd_win32.cpp answers.
 namespace qvtp_test::backend {
@@ -36,5 +38,9 @@ int longNameOpenError();
 int emptyNameError();
 /// Whether a client can open the empty name.
 bool opensTheEmptyName();
+
+/// Who this process is, as far as the system says it about a client; -1 where it does not.
+std::int64_t ownUserId();
+std::int64_t ownGroupId();
 
 }  // namespace qvtp_test::backend

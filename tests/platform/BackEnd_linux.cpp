@@ -1,5 +1,7 @@
 #include "platform/BackEnd.h"
 
+#include <unistd.h>
+
 namespace qvtp_test::backend {
 
 bool refusesSecondFirstInstance() {
@@ -64,6 +66,14 @@ int emptyNameError() {
 
 bool opensTheEmptyName() {
     return false;
+}
+
+std::int64_t ownUserId() {
+    return ::geteuid();
+}
+
+std::int64_t ownGroupId() {
+    return ::getegid();
 }
 
 }  // namespace qvtp_test::backend

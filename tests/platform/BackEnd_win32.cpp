@@ -174,4 +174,12 @@ bool opensTheEmptyName() {
     return true;
 }
 
+std::int64_t ownUserId() {
+    return -1;
+}
+
+std::int64_t ownGroupId() {
+    return -1;
+}
+
 }  // namespace qvtp_test::backend

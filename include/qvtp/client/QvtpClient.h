@@ -54,6 +54,14 @@ class QVTP_API QvtpClient {
     std::string getStringOption(ClientOptions option) const;
     int getIntegerOption(ClientOptions option) const;
 
+    /// How long a POST waits for its response, and for each pause within it: milliseconds, 0 (the default) and below
+    /// without limit. When the time is over, TimeoutException leaves execute(), or whoever reads the body, and the pipe
+    /// is closed instead of used again. It holds for requests that are executed from now on, also where the connection
+    /// manager has set a read time-out of its own. From any thread. It throws nothing. A wait with a limit may take a
+    /// call or two of the system more than one without.
+    void setResponseTimeout(int milliseconds);
+    int getResponseTimeout() const;
+
   private:
     struct QVTP_HIDDEN IntegerOptions;
 
@@ -63,6 +71,7 @@ class QVTP_API QvtpClient {
     std::atomic<int> idleTimeout_{10000};
     std::string userAgent_ = "QvtpClient";
     std::atomic<int> bufferSize_{40960};
+    std::atomic<int> responseTimeout_{0};
     mutable std::mutex mutex_;  // guards the making of the manager, ownsManager_ and userAgent_
 };
 

@@ -40,7 +40,8 @@ class QVTP_API TwoWayRequest : public AbstractQvtpRequest {
     void setBodyStream(std::istream* stream) override;
 
     /// Sends the request and reads the head of the response, which belongs to the caller: delete it, before the
-    /// request. There is no time-out for the response unless the connection manager sets a read time-out on its pipes.
+    /// request. There is no time-out for the response unless QvtpClient::setResponseTimeout() sets one, or the
+    /// connection manager a read time-out on its pipes.
     /// A connection that breaks before the head is out is replaced, and the request is sent again: the caller does not
     /// notice. Throws
     /// - IllegalStateException: no body, two bodies, or executed before. It also means that the connection broke after
@@ -49,7 +50,8 @@ class QVTP_API TwoWayRequest : public AbstractQvtpRequest {
     /// - QvPipeException: no connection could be made, or "The body stream failed before its end.";
     /// - the exceptions of the connection manager, if it is the application's, and those of QvPipe for reading and
     ///   writing;
-    /// - InterruptedException or QvPipeException: the server hung up instead of answering.
+    /// - InterruptedException or QvPipeException: the server hung up instead of answering;
+    /// - TimeoutException: one of those time-outs is over. The server may have acted on the request or not.
     QvtpResponse* execute();
 
   protected:

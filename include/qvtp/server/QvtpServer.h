@@ -21,6 +21,7 @@ class ThreadPool;
 
 namespace Quovane::Internal::Qvtp {
 class RequestWorker;
+class ServerSettings;
 class ThreadUse;
 }  // namespace Quovane::Internal::Qvtp
 
@@ -66,6 +67,15 @@ class QVTP_API QvtpServer : public Poco::Runnable {
         ANSWER = 2,  ///< the same, after a response of status 500 if the handler has sent nothing yet
     };
 
+    /// What one request may take. 0, the default, and below: no limit.
+    struct Limits {
+        int headBytes = 0;           ///< of start line and headers, with line ends and the empty line after them
+        int headers = 0;             ///< lines; one that continues another does not count
+        std::int64_t bodyBytes = 0;  ///< as the handler reads them, without the framing of chunks
+        int headMs = 0;              ///< from the first byte of the request to the end of its head
+        int requestMs = 0;           ///< from the first byte of the request to the end of its body
+    };
+
     /// Takes the pipe name; clients connect from now on and wait until run(). `accessMode`: 1 for POST and NOTIFY,
     /// anything else for a pipe that only reads, for NOTIFY alone. A name that cannot be taken (served by another, or
     /// no possible name) is logged at ERROR and not thrown: run() then returns at once.
@@ -91,14 +101,41 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// no more; ANSWER is what most applications want. From any thread, at any time.
     void setUnhandledExceptionPolicy(UnhandledExceptionPolicy policy);
 
+    /// Ends requests that take more than this, for servers that do not trust their clients. Such a request is logged at
+    /// WARN, and its connection is closed. A POST to which nothing was sent yet is answered first: 414 for a start line
+    /// that is too long, 400 for a head that is, 413 for a body, 408 for time. Where the handler is reading the body
+    /// by then, its read throws QvPipeException: let it pass. When the time is over, what has arrived is still read, so
+    /// that a handler may take its time before it reads. The server's time-outs, for each pause, go on beside this.
+    /// Throws nothing. From any thread; it holds for connections that a worker takes over from then on. It costs
+    /// nothing while all are 0; otherwise a head is read byte by byte, a microsecond or so for a small one.
+    void setLimits(const Limits& limits);
+
+    /// Lets many clients that are mostly silent share few workers; false unless it is set. While a connection waits for
+    /// a worker, the client that has been silent for longest since its last request, for 20 ms at least, makes room for
+    /// it: its next write breaks, and its next request goes to a new connection, unseen by the application. One client
+    /// does so for each connection that waits. If nobody is silent, the others share their workers as always, after 20
+    /// ms more. Without it a client that fell silent before anybody waited keeps its worker until the IDLE_TIMEOUT.
+    /// Throws nothing. From any thread; it holds for connections that a worker takes over from then on. A wait for a
+    /// request costs another call of the system on Linux, and each change of a worker a connection.
+    void setMakeRoom(bool makeRoom);
+
     /// Accepts and serves until shutdown(), then stops the workers: closes their pipes and waits for the handlers that
     /// are still running, about ten seconds each, and four for all. A handler that does not return by then is left
     /// alone, and its worker with it. A server runs once. It returns at once if the constructor could not take the
     /// name. If the first threads cannot be started, that is logged at ERROR, the name is given up, and run() returns.
     void run() override;
     /// Ends run(). It does not wait for that. It does nothing while isRunning() is false, so also before run() accepts:
-    /// see the example above.
+    /// see the example above. One thing it does even then: it ends the wait of a drain().
     void shutdown();
+    /// Ends run() without cutting anything off. The server accepts no more and ends the reading of every connection, so
+    /// that its client's next write breaks. Workers serve what has arrived by then, and connections that wait for a
+    /// worker get one. That may take `milliseconds`, 0 and below without limit. Then it does what shutdown() does.
+    /// True if all requests that had begun to arrive were served, and every worker has ended. A shutdown() of another
+    /// thread ends it early. Before run() it gives the name up, and run() returns at once; that is true too, and so is
+    /// a drain() after shutdown(), which has nothing left to do. False at once while another thread drains.
+    /// From any thread but a handler's, which it would wait for. It throws nothing. It costs the stop nothing, and an
+    /// exchange a look at a flag.
+    bool drain(int milliseconds);
     /// Whether run() accepts connections. It is false before that, from shutdown() on, and if run() cannot serve.
     bool isRunning() const;
 
@@ -144,10 +181,11 @@ class QVTP_API QvtpServer : public Poco::Runnable {
 
     std::string pipeName_;
     bool writable_;  // the direction of the pipes, which the access flag does not show
-    std::unique_ptr<Io::ServerQvPipe> serverPipe_;
-    std::atomic<QvtpHandler*> handler_{nullptr};  // not owned
     std::atomic<bool> running_{false};
-    std::string serverName_ = "QvtpServer";  // guarded by mutex_
+    std::unique_ptr<Io::ServerQvPipe> serverPipe_;
+    std::atomic<QvtpHandler*> handler_{nullptr};                // not owned
+    std::unique_ptr<Internal::Qvtp::ServerSettings> settings_;  // never null
+    std::string serverName_ = "QvtpServer";                     // guarded by mutex_
     std::atomic<int> accessFlag_{1};  // what ACCESS_MODE reads as; never 0, so the workers' tests of it always hold
     std::atomic<int> maxRequestProcessors_{5};
     std::atomic<int> acceptTimeout_{0};

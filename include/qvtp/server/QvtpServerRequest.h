@@ -4,6 +4,7 @@
 #include <qvtp/message/QvtpMessageIn.h>
 #include <qvtp/message/Version.h>
 
+#include <cstdint>
 #include <istream>
 #include <memory>
 #include <string>
@@ -27,6 +28,13 @@ class QvtpServer;
 /// Reading the body is subject to the server's RECEIVE_TIMEOUT.
 class QVTP_API QvtpServerRequest : public QvtpMessageIn {
   public:
+    /// Who has sent a request. -1: the system does not say.
+    struct Peer {
+        std::int64_t processId = -1;
+        std::int64_t userId = -1;   ///< Linux: the effective user
+        std::int64_t groupId = -1;  ///< Linux: the effective group
+    };
+
     /// Nothing is read yet. None of the three is owned; all must outlive the request.
     QvtpServerRequest(QvtpServer* server, std::istream* in, Soa::Common::Xml::Utf8String* converter);
     QvtpServerRequest(const QvtpServerRequest&) = delete;
@@ -52,6 +60,12 @@ class QVTP_API QvtpServerRequest : public QvtpMessageIn {
     std::string getResource();
     /// The version of the client's protocol; the current version.
     Version getQvtpVersion();
+
+    /// The process that opened this connection, as it was then: the system says so, not the client. Windows knows its
+    /// number only. The number may be another process's by now, if the client has gone. All are -1 outside of a server,
+    /// when the server stops meanwhile, and on a system that does not know. Throws nothing. Each call asks the system
+    /// once, and nothing is asked for requests that do not call it.
+    Peer getPeer() const;
 
   private:
     friend class Internal::Qvtp::RequestWorker;
