@@ -18,14 +18,14 @@ class Exchange : public Scenario {
         server_.waitUntilItRuns();
     }
     void prepare() override {
-        client_ = std::make_unique<QvtpClient>();
+        client_ = newClient();
         wrongBefore_ = server_.handler.wrong;
     }
     std::string act() override { return exchange(); }
     /// The same client, and one that is new.
     std::string afterwards() override {
         const std::string again = onceServed([this] { return exchange(); });
-        client_ = std::make_unique<QvtpClient>();
+        client_ = newClient();
         const std::string fresh = exchange();
         client_.reset();
         if (again != RIGHT) return "the next exchange of this client: " + again;

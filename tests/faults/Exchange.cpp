@@ -11,6 +11,7 @@ namespace qvtp_test::faults {
 namespace {
 
 constexpr int IDLE_WAIT_MS = 1;
+constexpr int CONNECT_LIMIT_MS = 2000;
 
 const std::string WHOLE = "/whole";
 const std::string STREAM = "/stream";
@@ -144,6 +145,12 @@ void EchoServer::stop() {
     if (server != nullptr) server->shutdown();
     if (thread_.joinable()) thread_.join();
     server.reset();
+}
+
+std::unique_ptr<QvtpClient> newClient() {
+    auto client = std::make_unique<QvtpClient>();
+    client->setOption(QvtpClient::CONNECTION_TIMEOUT, CONNECT_LIMIT_MS);
+    return client;
 }
 
 std::string postWhole(QvtpClient& client, const std::string& name, const std::string& resource, std::size_t size) {

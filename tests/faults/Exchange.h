@@ -85,6 +85,9 @@ class EchoServer {
     std::atomic<bool> ended_{false};
 };
 
+/// A client that gives up connecting after two seconds: it tries again until then, whatever fails.
+std::unique_ptr<QvtpClient> newClient();
+
 /// An exchange on the client's side: "right", a status, what was thrown, or "WRONG" and what nobody may see.
 std::string postWhole(QvtpClient& client, const std::string& name, const std::string& resource, std::size_t size);
 std::string postStream(QvtpClient& client, const std::string& name, std::size_t size);

@@ -27,8 +27,8 @@ class ServerLife : public Scenario {
         const bool runs = server_.waitUntilItRuns();
         std::string outcome = "does not run";
         if (runs) {
-            QvtpClient client;
-            outcome = postWhole(client, server_.name, WHOLE, SMALL);
+            const std::unique_ptr<QvtpClient> client = newClient();
+            outcome = postWhole(*client, server_.name, WHOLE, SMALL);
         }
         server_.stop();
         return outcome;
@@ -39,8 +39,8 @@ class ServerLife : public Scenario {
         server_.construct();
         server_.start();
         if (!server_.waitUntilItRuns()) return "the name cannot be served again";
-        QvtpClient client;
-        const std::string outcome = postWhole(client, server_.name, WHOLE, SMALL);
+        const std::unique_ptr<QvtpClient> client = newClient();
+        const std::string outcome = postWhole(*client, server_.name, WHOLE, SMALL);
         server_.stop();
         return withContext("the next server: ", outcome);
     }
@@ -61,14 +61,14 @@ class StopWhileBusy : public Scenario {
         server_.handler.released = false;
         outcome_ = "none";
         busy_ = std::thread([this] {
-            QvtpClient client;
-            outcome_ = postWhole(client, server_.name, "/wait", SMALL);
+            const std::unique_ptr<QvtpClient> client = newClient();
+            outcome_ = postWhole(*client, server_.name, "/wait", SMALL);
         });
         soon([this] { return server_.handler.waiting == 1; });
     }
     std::string act() override {
-        QvtpClient idle;
-        const std::string other = postWhole(idle, server_.name, WHOLE, SMALL);
+        const std::unique_ptr<QvtpClient> idle = newClient();
+        const std::string other = postWhole(*idle, server_.name, WHOLE, SMALL);
         server_.server->shutdown();
         server_.handler.released = true;
         server_.stop();
@@ -83,8 +83,8 @@ class StopWhileBusy : public Scenario {
         server_.construct();
         server_.start();
         if (!server_.waitUntilItRuns()) return "the name cannot be served again";
-        QvtpClient client;
-        const std::string outcome = postWhole(client, server_.name, WHOLE, SMALL);
+        const std::unique_ptr<QvtpClient> client = newClient();
+        const std::string outcome = postWhole(*client, server_.name, WHOLE, SMALL);
         server_.stop();
         return withContext("the next server: ", outcome);
     }
@@ -107,7 +107,7 @@ class HandOver : public Scenario {
         std::string first = RIGHT;
         std::vector<std::unique_ptr<QvtpClient>> clients;
         for (int i = 0; i < CLIENTS; ++i) {
-            clients.push_back(std::make_unique<QvtpClient>());
+            clients.push_back(newClient());
             const std::string outcome = postWhole(*clients.back(), server_.name, WHOLE, MEDIUM);
             if (first == RIGHT || outcome.compare(0, 5, "WRONG") == 0) first = outcome;
         }
@@ -139,8 +139,8 @@ class TimeOuts : public Scenario {
     std::string afterwards() override {
         const std::string timedOut = onceServed([this] { return act(); });
         if (timedOut != RIGHT) return "the next time-out: " + timedOut;
-        QvtpClient client;
-        return withContext("the next exchange: ", postWhole(client, server_.name, WHOLE, SMALL));
+        const std::unique_ptr<QvtpClient> client = newClient();
+        return withContext("the next exchange: ", postWhole(*client, server_.name, WHOLE, SMALL));
     }
     void tearDown() override { server_.stop(); }
 
@@ -150,7 +150,9 @@ class TimeOuts : public Scenario {
         std::string ending;
         const std::string thrown = thrownBy([&] {
             const Working working(CLIENT);
-            Quovane::Io::QvPipe pipe(server_.name, true, true);
+            Quovane::Io::QvPipe pipe;
+            pipe.setConnectTimeout(CONNECT_LIMIT_MS);
+            pipe.connect(server_.name, true, true);
             if (!request.empty()) pipe.writePipe(request.data(), 0, static_cast<int>(request.size()));
             char answer[500];
             int count = 1;
@@ -166,6 +168,7 @@ class TimeOuts : public Scenario {
     }
 
     static constexpr int LIMIT_MS = 8000;
+    static constexpr int CONNECT_LIMIT_MS = 2000;
     EchoServer server_;
 };
 
