@@ -212,8 +212,9 @@ class Plans {
         plan.extent = extent;
         plan.sides = entry.side;
         plan.variant = variant;
-        // A client waits for as long as its server has no memory: that has to end, and then it is served.
-        if (entry.side == SERVER) plan.lastingMs = SHORTAGE_MS;
+        // Some things are tried again until they succeed: clients wait for a server without memory, and a request is
+        // sent again as often as its connection breaks. What fails for ever ends after a while, and then they have to.
+        if (extent != Extent::ONCE) plan.lastingMs = SHORTAGE_MS;
         const int factor = !options_.quick || kind == Kind::THREAD ? 1 : logged ? 4 : 1;
         addCell({entry, plan, logged,
                  kind == Kind::THREAD ? 1
