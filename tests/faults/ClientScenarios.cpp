@@ -26,7 +26,7 @@ class Exchange : public Scenario {
     std::string afterwards() override {
         const std::string again = onceServed([this] { return exchange(); });
         client_ = newClient();
-        const std::string fresh = exchange();
+        const std::string fresh = onceServed([this] { return exchange(); });
         client_.reset();
         if (again != RIGHT) return "the next exchange of this client: " + again;
         if (fresh != RIGHT) return "the next client's exchange: " + fresh;

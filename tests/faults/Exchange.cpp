@@ -210,8 +210,11 @@ std::string notify(QvtpClient& client, const std::string& name, std::size_t size
 
 std::string onceServed(const std::function<std::string()>& exchange) {
     const auto isDenied = [](const std::string& outcome) {
-        return outcome.find("Could not connect to pipe.") != std::string::npos ||
-               outcome.find("Timed out connecting to pipe") != std::string::npos;
+        for (const char* text : {"Could not connect to pipe.", "Timed out connecting to pipe", "QvPipe read failed.",
+                                 "Reached the stream end-of-file before the expected new line."}) {
+            if (outcome.find(text) != std::string::npos) return true;
+        }
+        return false;
     };
     std::string outcome;
     soon([&] { return !isDenied(outcome = exchange()); }, 1000);

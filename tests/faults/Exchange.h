@@ -93,8 +93,9 @@ std::string postWhole(QvtpClient& client, const std::string& name, const std::st
 std::string postStream(QvtpClient& client, const std::string& name, std::size_t size);
 std::string notify(QvtpClient& client, const std::string& name, std::size_t size);
 
-/// The same exchange until a server is there: one that could not make its next instance tries again in a moment, and
-/// until then its name may be gone.
+/// The same exchange until a server is there for it. One that could not make its next instance tries again in a moment,
+/// and until then its name may be gone. One that is giving up an idle connection may have closed it or not when the
+/// next request is written: its client gets an exception then.
 std::string onceServed(const std::function<std::string()>& exchange);
 
 bool soon(const std::function<bool()>& condition, int limitMs = 10000);
