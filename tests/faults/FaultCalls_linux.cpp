@@ -44,6 +44,7 @@ constexpr Errors OF_SENDING = {EPIPE, ENOBUFS, ECONNRESET};
 constexpr Errors OF_RECEIVING = {ECONNRESET, ENOMEM, EIO};
 constexpr Errors OF_WAITING = {ENOMEM, EINVAL, EFAULT};
 constexpr Errors OF_LOCKS = {ENOLCK, EAGAIN, EIO};
+constexpr Errors OF_ASKING = {ENOMEM, EINVAL, EIO};
 constexpr Errors OF_DISKS = {ENOSPC, EIO, EROFS};
 constexpr Errors OF_LOOKING = {EACCES, EIO, ENOMEM};
 constexpr Errors OF_MEMORY = {ENOMEM, EAGAIN, EINVAL};
@@ -191,7 +192,8 @@ int fcntl64(int fd, int command, ...) {
     void* const argument = va_arg(arguments, void*);  // every argument fits into a pointer
     va_end(arguments);
     const bool unlocks = command == F_OFD_SETLK && static_cast<struct flock*>(argument)->l_type == F_UNLCK;
-    if (!unlocks && failsOrIsInterrupted("fcntl", OF_LOCKS)) return -1;
+    const Errors& errors = command == F_OFD_SETLK ? OF_LOCKS : OF_ASKING;
+    if (!unlocks && failsOrIsInterrupted("fcntl", errors)) return -1;
     return real(fd, command, argument);
 }
 
