@@ -4,7 +4,7 @@
 #define _GNU_SOURCE
 #endif
 
-#include "faults/FaultPlan.h"
+#include "faults/FaultPlan_linux.h"
 
 #include <fcntl.h>
 #include <poll.h>

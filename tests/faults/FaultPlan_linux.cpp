@@ -1,4 +1,4 @@
-#include "faults/FaultPlan.h"
+#include "faults/FaultPlan_linux.h"
 
 #include <malloc.h>
 #include <pthread.h>
