@@ -19,16 +19,17 @@ const std::string COMPONENT = "frontend";
 class Configuration : public Scenario {
   public:
     /// What the parser's own libraries print while they have no memory is nobody's concern.
-    void prepare() override {
-        standardError_ = ::dup(STDERR_FILENO);
+    std::string act() override {
+        const int standardError = ::dup(STDERR_FILENO);
         const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
         ::dup2(nowhere, STDERR_FILENO);
         ::close(nowhere);
+        std::string outcome = apply();
+        ::dup2(standardError, STDERR_FILENO);
+        ::close(standardError);
+        return outcome;
     }
-    std::string act() override { return apply(); }
     std::string afterwards() override {
-        ::dup2(standardError_, STDERR_FILENO);
-        ::close(standardError_);
         const std::string first = apply();
         const std::string second = apply();
         if (first != second) return "read anew: " + first + ", then " + second;
@@ -36,8 +37,6 @@ class Configuration : public Scenario {
     }
 
   private:
-    int standardError_ = -1;
-
     static std::string apply() {
         QvtpClient client;
         const int before = client.getIntegerOption(QvtpClient::CONNECTION_TIMEOUT);
