@@ -10,9 +10,12 @@
 #include <xercesc/parsers/XercesDOMParser.hpp>
 #include <xercesc/sax/HandlerBase.hpp>
 #include <xercesc/sax/SAXParseException.hpp>
+#include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLException.hpp>
 #include <xercesc/util/XMLString.hpp>
+
+#include <new>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -100,8 +103,13 @@ bool parse(const char* path, const ParserCalls& calls) {
     return false;
 }
 
+/// The parser has a class of its own for a lack of memory, which no caller knows.
 int toInteger(const char* value) {
-    return xercesc::XMLString::parseInt(XmlText::fromUtf8(value).c_str());
+    try {
+        return xercesc::XMLString::parseInt(XmlText::fromUtf8(value).c_str());
+    } catch (const xercesc::OutOfMemoryException&) {
+        throw std::bad_alloc();
+    }
 }
 
 constexpr ParserFunctions FUNCTIONS = {initialize, parse, toInteger};

@@ -63,7 +63,7 @@ QvtpServer::HandOver::StartResult QvtpServer::HandOver::tryToStart() {
         PipeControl::giveAway(*server_.serverPipe_);
         threads_.begin();
         counted = true;
-        pool.start(worker_, worker_.getFullName());
+        pool.start(worker_);  // without a name: see RequestWorker::run
         return StartResult::STARTED;
     } catch (const std::exception&) {
         // No thread after all: the pool has given it away, or the system has none left.

@@ -10,7 +10,10 @@
 #include "server/LimitedInput.h"
 #include "server/ServerSettings.h"
 
+#include <Poco/Thread.h>
+
 #include <algorithm>
+#include <new>
 #include <utility>
 
 // How a worker shares its thread: waiting for a client, parting from it, and its end. What it does with a request is in
@@ -32,6 +35,18 @@ constexpr auto TURN = 5ms;                   // the least that a client has of a
 int millisecondsUntil(RequestWorker::Clock::time_point end, RequestWorker::Clock::time_point now) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now).count();
     return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left, 1));
+}
+
+/// As the pool names a thread. The pool itself would take memory for the name when it has given the thread away:
+/// without that memory the thread would never come back.
+void nameThread(const std::string& name) {
+    Poco::Thread* const thread = Poco::Thread::current();
+    if (thread == nullptr) return;
+    try {
+        thread->setName(name + " (" + thread->getName() + ")");
+    } catch (const std::bad_alloc&) {
+        // It keeps the name that it has in the pool.
+    }
 }
 
 }  // namespace
@@ -90,6 +105,7 @@ void RequestWorker::run() {
         ~ThreadEnd() { threads->end(generation); }
     } threadEnd{threads_};
     begun_ = true;
+    nameThread(fullName_);
     try {
         prepareStreams();
         serveRequests();

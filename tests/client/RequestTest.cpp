@@ -385,6 +385,16 @@ TEST_F(OwnManager, IsToldToRemoveThePipeAfterAFailure) {
     EXPECT_THAT(manager.calls, ::testing::Not(::testing::HasSubstr("return ")));
 }
 
+TEST_F(OwnManager, IsNotGivenBackWhatItWasToldToRemove) {
+    RawServer::write(*pipe, "QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n1\r\nabc\r\n");
+    {
+        PostRequest request(&ownClient, name, "/r");
+        request.setBody("x", 1);
+        const std::unique_ptr<QvtpResponse> unread(request.execute());
+    }
+    EXPECT_EQ(manager.calls, "get(" + name + ",rw) remove ");
+}
+
 /// A manager that has broken pipes alone, and some time none.
 class BrokenPipesManager : public QvtpConnectionManager {
   public:

@@ -135,6 +135,9 @@ TEST(StringUtilsScanHexadecimal, SkipsWhiteSpaceAndThePrefix) {
     EXPECT_EQ(hexadecimal("0x1f"), "31");
     EXPECT_EQ(hexadecimal("0X1F"), "31");
     EXPECT_EQ(hexadecimal("+0x1f"), "31");
+    EXPECT_EQ(hexadecimal("0x5"), "5");
+    EXPECT_EQ(hexadecimal("0x05"), "5");
+    EXPECT_EQ(hexadecimal("1x5"), "1");
 }
 
 TEST(StringUtilsScanHexadecimal, IsZeroWithoutDigits) {

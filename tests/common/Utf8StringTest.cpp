@@ -129,6 +129,7 @@ TEST(Utf8String, ChangesNothingTheSecondTime) {
 TEST(Utf8String, EncodesEveryLineEndAndNulAsABlank) {
     EXPECT_EQ(encoded(std::string("a\r\nb\nc\rd\0e", 10)), "a  b c d e");
     EXPECT_EQ(encoded("x\r\nInjected: 1"), "x  Injected: 1");
+    EXPECT_EQ(encoded("\r\n"), "  ");
 }
 
 TEST(Utf8String, DecodesLineEndsAndNulAsTheyAre) {

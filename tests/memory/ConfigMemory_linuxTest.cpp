@@ -63,6 +63,27 @@ TEST_F(ConfigWithoutMemory, IsThereAtTheSecondCall) {
     EXPECT_GT(n, 1000);
 }
 
+/// Lets each allocation of the use of a configuration that is there fail. 0 if all that comes of it can be caught by
+/// its class.
+int applyWithoutMemory() {
+    QvtpConfig::getInstance();
+    bool failed = true;
+    for (long n = 1; failed; ++n) {
+        const std::string thrown = thrownBy([&] {
+            QvtpClient client;
+            const OutOfMemory memory(n, OutOfMemory::ONCE);
+            QvtpConfig::getInstance().setQvtpClientOptions(client, "F", "C");
+            failed = memory.hasFailed();
+        });
+        if (thrown != "nothing" && thrown != "std::exception: std::bad_alloc") return static_cast<int>(n);
+    }
+    return 0;
+}
+
+TEST_F(ConfigWithoutMemory, IsNotAppliedAndSaysSoInTheLanguagesOwnClass) {
+    EXPECT_EQ(resultInChild(applyWithoutMemory), 0);
+}
+
 TEST_F(ConfigWithoutMemory, IsNoneWhenThereIsNotEnoughToParseTheFile) {
     const std::string logFile = directory + "/log.txt";
     const auto parseWithoutMemory = [&] {

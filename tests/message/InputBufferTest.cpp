@@ -387,4 +387,29 @@ TEST(InputBufferDetach, EndsTheBodyAndLeavesTheStreamAlone) {
     EXPECT_EQ(body.left(), "3456789");
 }
 
+TEST(InputBufferArrival, OfABodyOfKnownLengthIsAsManyBytes) {
+    Body body(5, "");
+    EXPECT_FALSE(body.input().hasArrived("hell"));
+    EXPECT_TRUE(body.input().hasArrived("hello"));
+    EXPECT_TRUE(body.input().hasArrived("hello, and more"));
+}
+
+TEST(InputBufferArrival, OfChunksIsAllUpToTheEndOfTheLastOne) {
+    Body body(CHUNKED, "");
+    const std::string chunks = HELLO;
+    for (std::size_t size = 0; size < chunks.size(); ++size) {
+        EXPECT_FALSE(body.input().hasArrived(chunks.substr(0, size))) << size;
+    }
+    EXPECT_TRUE(body.input().hasArrived(chunks));
+    EXPECT_TRUE(body.input().hasArrived(chunks + "POST"));
+}
+
+/// What no more bytes can repair is not waited for: the reader reports it.
+TEST(InputBufferArrival, IsThereWithASizeLineThatIsInvalid) {
+    Body body(CHUNKED, "");
+    EXPECT_TRUE(body.input().hasArrived("1\r\na\r\n123456789\r\n"));
+    EXPECT_FALSE(body.input().hasArrived("1\r\na\r\n" + std::string(19, '0')));
+    EXPECT_TRUE(body.input().hasArrived("1\r\na\r\n" + std::string(20, '0')));
+}
+
 }  // namespace

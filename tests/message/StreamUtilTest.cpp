@@ -126,6 +126,16 @@ TEST(StreamUtilReadLine, LeavesTheStreamGoodAfterALongLine) {
     EXPECT_EQ(lineOf(in), "next");
 }
 
+TEST(StreamUtilReadLine, GoesOnAfterAFailureThatTookNothingButNotAtTheEnd) {
+    std::istringstream in("a\r\nb\r\n");
+    in.setstate(std::ios_base::failbit);
+    EXPECT_EQ(lineOf(in), "a");
+    in.setstate(std::ios_base::failbit | std::ios_base::eofbit);
+    EXPECT_EQ(thrownBy([&] { lineOf(in); }), LINE_CUT_OFF);
+    in.clear();
+    EXPECT_EQ(lineOf(in), "b");
+}
+
 TEST(StreamUtilReadLine, ThrowsAtTheEndOfTheStreamEvenAfterContent) {
     const LogCapture log;
     for (const std::size_t length : {0U, 1U, 3U, 2046U, 2047U, 2048U, 4094U, 4095U}) {

@@ -132,6 +132,20 @@ TEST(WholeResponse, IsCommittedBeforeItIsWritten) {
     }
 }
 
+/// Over a stream the head is the beginning of what is written, and recorded on its own before that: so it is here.
+TEST(WholeResponse, IsRecordedWithItsHeadTwice) {
+    OutgoingMessage message("QVTP/1.0 200 OK", DirectionLabel::REPLY);
+    message.setBody(BODY);
+    CutSink sink(std::string::npos);
+    const LogCapture log(LogCapture::LoggingLevel::DEBUG, LogCapture::CommunicationLevel::OUTPUT);
+    EXPECT_TRUE(message->answerWhole(&sink, LARGE_BUFFER));
+    const std::string head = "QVTP/1.0 200 OK\r\nContent-Length: 13\r\n\r\n";
+    const std::string records = log.communication();
+    EXPECT_EQ(records.substr(records.find('\n') + 1), head + head + BODY + "\n");
+    const std::string all = std::to_string(head.size() + BODY.size());
+    EXPECT_THAT(log.messages(), Contains(StartsWith("INFO Wrote " + all + " bytes")));
+}
+
 /// Whether a response is committed that went over a pipe's stream and took nothing.
 bool isCommittedOverABrokenStream(int bufferSize) {
     OutgoingMessage message;
