@@ -11,11 +11,14 @@
 #include <xercesc/sax/HandlerBase.hpp>
 #include <xercesc/sax/SAXParseException.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
+#include <xercesc/util/PanicHandler.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLException.hpp>
 #include <xercesc/util/XMLString.hpp>
+#include <xercesc/util/XMLUni.hpp>
 
 #include <new>
+#include <stdexcept>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -69,26 +72,44 @@ void parseDocument(const char* path, const ParserCalls& calls) {
     reportElements(*parser.getDocument()->getDocumentElement(), calls);
 }
 
+/// What the parser library calls where it cannot go on. Its own one ends the process.
+class Panic : public xercesc::PanicHandler {
+  public:
+    void panic(PanicReasons reason) override { throw std::runtime_error(getPanicReasonString(reason)); }
+};
+
 /// Ends at the exit of the process, or when the module goes: on Windows that is before the library goes, so the library
 /// cannot see to it.
 class ParserLibrary {
   public:
-    ParserLibrary() { xercesc::XMLPlatformUtils::Initialize(); }
+    explicit ParserLibrary(Panic& panic) {
+        using xercesc::XMLUni;
+        xercesc::XMLPlatformUtils::Initialize(XMLUni::fgXercescDefaultLocale, nullptr, &panic);
+    }
     ParserLibrary(const ParserLibrary&) = delete;
     ParserLibrary& operator=(const ParserLibrary&) = delete;
     ~ParserLibrary() { xercesc::XMLPlatformUtils::Terminate(); }
 };
 
+/// A library whose start was given up half way takes itself for started. Nobody may use it, or start it again.
+bool isUnusable = false;
+
 void initialize(const ParserCalls& calls) {
+    if (isUnusable) return;
     try {
-        static const ParserLibrary library;
+        static Panic panic;
+        static const ParserLibrary library(panic);
     } catch (const xercesc::XMLException& e) {
         reportMessage(calls, e);
+    } catch (const std::runtime_error& e) {
+        isUnusable = true;
+        calls.error(calls.context, e.what());
     }
 }
 
 bool parse(const char* path, const ParserCalls& calls) {
     try {
+        if (isUnusable) throw std::runtime_error("The parser could not be started.");
         parseDocument(path, calls);
         return true;
     } catch (const xercesc::XMLException& e) {
