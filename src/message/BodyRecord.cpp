@@ -29,7 +29,9 @@ void BodyRecord::add(const char* data, std::size_t length) {
 
 void BodyRecord::log() {
     if (!isInfoEnabled()) return;
-    logInfo([&] { return Throughput::describeWritten(bytes_, startTimeMs_, System::wallClockMs()); });
+    const std::int64_t nowMs = System::wallClockMs();
+    const std::int64_t startMs = startTimeMs_ != 0 ? startTimeMs_ : nowMs;  // not known if the level was off then
+    logInfo([&] { return Throughput::describeWritten(bytes_, startMs, nowMs); });
     if (capture_ == nullptr) return;
     logStep([&] {
         capture_->write("\n", 1);

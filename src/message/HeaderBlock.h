@@ -56,9 +56,10 @@ class HeaderBlock {
     void sortOutWhatThereIs() noexcept;
     void readHeader(std::istream& in, std::string_view line, const Utf8String& converter);
 
-    // Messages have few headers: these need no memory of their own.
+    // Messages have few headers: these need no memory of their own. More of them come from the heap, whatever resource
+    // the application has made the default.
     alignas(Entry) std::byte room_[USUAL_COUNT * sizeof(Entry)];
-    std::pmr::monotonic_buffer_resource memory_{room_, sizeof room_};
+    std::pmr::monotonic_buffer_resource memory_{room_, sizeof room_, std::pmr::new_delete_resource()};
     Entries entries_{&memory_};  // in the order of their upper-cased keys
 };
 

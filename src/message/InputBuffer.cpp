@@ -100,7 +100,11 @@ bool InputBuffer::fail(const char* message) {
 }
 
 void InputBuffer::logEnd() const {
-    logDebug([&] { return Throughput::describeRead(bytes_, startTimeMs_, System::wallClockMs()); });
+    logDebug([&] {
+        const std::int64_t nowMs = System::wallClockMs();
+        const std::int64_t startMs = startTimeMs_ != 0 ? startTimeMs_ : nowMs;  // not known if the level was off then
+        return Throughput::describeRead(bytes_, startMs, nowMs);
+    });
     logCommunication(CommunicationLevel::INPUT, "\n", 1, false);
 }
 

@@ -3,13 +3,13 @@
 #include "support/ChoppedStreamBuf.h"
 #include "support/LogCapture.h"
 #include "support/Thrown.h"
-#include "support/Watchdog.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <ctime>
 #include <iterator>
+#include <memory_resource>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -329,6 +329,18 @@ TEST_F(HeaderBlockReading, GivesBackTheNamesAndValuesThatWereWritten) {
     for (const std::string& name : block_.getHeaderNames()) EXPECT_EQ(copy.getHeaders(name), block_.getHeaders(name));
 }
 
+/// That resource is the application's, and need not be for several threads.
+TEST_F(HeaderBlockReading, TakesNoMemoryFromTheDefaultResourceOfTheApplication) {
+    std::string lines;
+    for (int i = 0; i < 20; ++i) lines += "H" + std::to_string(i) + ": a, b\r\n";
+    std::pmr::memory_resource* const before = std::pmr::set_default_resource(std::pmr::null_memory_resource());
+    HeaderBlock block;
+    std::istringstream in(lines + "\r\n");
+    block.read(in, converter_);
+    std::pmr::set_default_resource(before);
+    EXPECT_EQ(block.getHeaderNames().size(), 20U);
+}
+
 // ---- Very many headers, which a peer may send ----
 
 constexpr int VERY_MANY = 100000;
@@ -339,12 +351,20 @@ std::string nameOf(int number) {
     return "H-" + std::string(6 - digits.size(), '0') + digits;
 }
 
+/// Of the processor: what else the machine does then does not count.
+template <typename Work>
+double processorSeconds(const Work& work) {
+    const std::clock_t begin = std::clock();
+    work();
+    return static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC;
+}
+
 /// What a name is compared with others for: it shows in the time, of which a test that is quadratic here needs minutes.
 TEST_F(HeaderBlockReading, SortsVeryManyHeadersThatComeInReverse) {
     std::string lines;
     for (int i = VERY_MANY - 1; i >= 0; --i) lines += nameOf(i) + ": " + std::to_string(i) + "\r\n";
-    const auto time = qvtp_test::elapsed([&] { EXPECT_EQ(read(lines + "\r\nREST"), "REST"); });
-    EXPECT_LT(time, std::chrono::seconds(20));
+    const double seconds = processorSeconds([&] { EXPECT_EQ(read(lines + "\r\nREST"), "REST"); });
+    EXPECT_LT(seconds, 20);
     const std::vector<std::string> names = block_.getHeaderNames();
     ASSERT_EQ(names.size(), static_cast<std::size_t>(VERY_MANY));
     for (int i = 0; i < VERY_MANY; ++i) ASSERT_EQ(names[static_cast<std::size_t>(i)], nameOf(i));
@@ -359,8 +379,7 @@ TEST_F(HeaderBlockReading, JoinsVeryManyHeadersOfFewNamesInTheOrderOfTheirArriva
         const char first = i % 2 == 0 ? 'h' : 'H';  // without regard to case
         lines += first + nameOf(NAMES - 1 - i % NAMES).substr(1) + ": " + std::to_string(i) + "\r\n";
     }
-    const auto time = qvtp_test::elapsed([&] { read(lines + "\r\n"); });
-    EXPECT_LT(time, std::chrono::seconds(20));
+    EXPECT_LT(processorSeconds([&] { read(lines + "\r\n"); }), 20);
     ASSERT_EQ(block_.getHeaderNames().size(), static_cast<std::size_t>(NAMES));
     for (int n = 0; n < NAMES; ++n) {
         const char first = (NAMES - 1 - n) % 2 == 0 ? 'h' : 'H';  // the spelling that came first
