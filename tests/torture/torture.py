@@ -24,6 +24,7 @@ HANG_S = 20
 MOST_THREADS = 16 + 3  # workers; the first thread, that of run() and one that has just begun
 MOST_GROWTH_KIB = 16384  # what the C library keeps for 16 threads
 HEAD = b"POST /whole QVTP/1.0\r\nContent-Length: 7\r\n\r\n"
+SOAK_PAUSE_MS = 10  # a long run need not be a busy one
 REQUEST = HEAD + b"request"
 ANSWER = b"QVTP/1.0 200 OK\r\nContent-Length: 7\r\n\r\nrequest"
 failures = []
@@ -293,7 +294,7 @@ def torture(peer, quick, sanitized):
 
 def soak(peer, minutes, chart):
     server = start_server(peer)
-    load = Peer(peer, "load", PIPE, minutes * 60, 8)
+    load = Peer(peer, "load", PIPE, minutes * 60, 8, SOAK_PAUSE_MS)
     samples = []
     begin = time.monotonic()
     while load.process.poll() is None and time.monotonic() < begin + minutes * 60:

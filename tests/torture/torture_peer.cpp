@@ -1,7 +1,9 @@
 // The two library sides of scripts/torture and scripts/soak.
 //
 //     torture_peer serve PIPE                    until its standard input ends
-//     torture_peer load PIPE SECONDS THREADS     well-behaved clients; prints what became of their requests
+//     torture_peer load PIPE SECONDS THREADS [PAUSE]
+//                                                well-behaved clients, with a pause of so many ms after each request;
+//                                                prints what became of their requests
 //     torture_peer once PIPE                     one POST; prints its answer, or how it failed
 //
 // Every body says who has sent it and as which one, and ends with a checksum. The server checks and counts them, and
@@ -168,7 +170,7 @@ bool succeeds(Tally& tally, const Work& work) {
     return false;
 }
 
-void behaveWell(const std::string& pipe, Clock::time_point end, int index, Tally& tally) {
+void behaveWell(const std::string& pipe, Clock::time_point end, int index, int pauseMs, Tally& tally) {
     const std::string name =
         std::to_string(std::chrono::system_clock::now().time_since_epoch().count()) + "-" + std::to_string(index);
     std::minstd_rand random(static_cast<std::uint32_t>(index + 1));
@@ -193,6 +195,7 @@ void behaveWell(const std::string& pipe, Clock::time_point end, int index, Tally
             });
             ++tally.posts;
         }
+        if (pauseMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
         if (random() % 64 == 0) std::this_thread::sleep_for(30ms);  // silent enough to be asked to make room
     }
     // What was notified may still be on its way to a handler.
@@ -209,12 +212,12 @@ void behaveWell(const std::string& pipe, Clock::time_point end, int index, Tally
     tally.broken += broken;
 }
 
-int load(const std::string& pipe, double seconds, int threads) {
+int load(const std::string& pipe, double seconds, int threads, int pauseMs) {
     Tally tally;
     const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     std::vector<std::future<void>> clients;
     for (int i = 0; i < threads; ++i) {
-        clients.push_back(std::async(std::launch::async, [&, i] { behaveWell(pipe, end, i, tally); }));
+        clients.push_back(std::async(std::launch::async, [&, i] { behaveWell(pipe, end, i, pauseMs, tally); }));
     }
     for (auto& client : clients) client.get();
     std::printf("%ld posts, %ld notifications: %ld failed, %ld lost, %ld doubled, %ld mixed, %ld broken\n",
@@ -237,8 +240,10 @@ int once(const std::string& pipe) {
 int main(int argc, char** argv) {
     const std::string mode = argc > 2 ? argv[1] : "";
     if (mode == "serve") return serve(argv[2]);
-    if (mode == "load" && argc == 5) return load(argv[2], std::atof(argv[3]), std::atoi(argv[4]));
+    if (mode == "load" && argc > 4) {
+        return load(argv[2], std::atof(argv[3]), std::atoi(argv[4]), argc > 5 ? std::atoi(argv[5]) : 0);
+    }
     if (mode == "once") return once(argv[2]);
-    std::fprintf(stderr, "usage: torture_peer serve PIPE | load PIPE SECONDS THREADS | once PIPE\n");
+    std::fprintf(stderr, "usage: torture_peer serve PIPE | load PIPE SECONDS THREADS [PAUSE] | once PIPE\n");
     return 2;
 }
