@@ -24,6 +24,7 @@ HANG_S = 20
 MOST_THREADS = 16 + 3  # workers; the first thread, that of run() and one that has just begun
 MOST_GROWTH_KIB = 16384  # what the C library keeps for 16 threads
 HEAD = b"POST /whole QVTP/1.0\r\nContent-Length: 7\r\n\r\n"
+CLIENTS = 24  # more than the 16 workers of the server
 SOAK_PAUSE_MS = 10  # a long run need not be a busy one
 REQUEST = HEAD + b"request"
 ANSWER = b"QVTP/1.0 200 OK\r\nContent-Length: 7\r\n\r\nrequest"
@@ -52,7 +53,7 @@ class Peer:
 
     def __init__(self, program, *arguments):
         self.process = subprocess.Popen([program, *map(str, arguments)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, text=True)
+                                        stderr=subprocess.PIPE, text=True, errors="replace")
 
     def end(self, timeout, what):
         try:
@@ -262,11 +263,11 @@ def report(load, seconds):
 def torture(peer, quick, sanitized):
     rounds = 2 if quick else 10
     server = start_server(peer)
-    warm = Peer(peer, "load", PIPE, 1, 4)
+    warm = Peer(peer, "load", PIPE, 1, CLIENTS)
     report(warm, HANG_S * 2)
     before = Held(server.process.pid)
     seconds = 6 if quick else 60
-    load = Peer(peer, "load", PIPE, seconds, 4)
+    load = Peer(peer, "load", PIPE, seconds, CLIENTS)
     end = time.monotonic() + seconds
     done = 0
     acts = [kill_clients_while_they_write, kill_clients_while_they_read, storm_of_connects, heads_that_drip,
