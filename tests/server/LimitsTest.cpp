@@ -142,6 +142,44 @@ TEST_F(Limits, AnswerAHeadWithTooManyHeaders) {
     expectOnly("The head has more than 2 headers.");
 }
 
+TEST_F(Limits, CountHeadersThatBeginWithACarriageReturn) {
+    limits.headers = 2;
+    startWith(limits);
+    // What follows the carriage return would be a continuation without it.
+    EXPECT_EQ(refusal("POST /p QVTP/1.0\r\nA: a\r\nContent-Length: 0\r\n\r B: b\r\n\r\n"), answer("400 Bad Request"));
+    expectOnly("The head has more than 2 headers.");
+}
+
+TEST_F(Limits, CountHeadersOfACarriageReturnAlone) {
+    limits.headers = 2;
+    startWith(limits);
+    EXPECT_EQ(refusal("POST /p QVTP/1.0\r\nA: a\r\nContent-Length: 0\r\n\r\r\n\r\n"), answer("400 Bad Request"));
+    expectOnly("The head has more than 2 headers.");
+}
+
+TEST_F(Limits, CountTheHeadersAfterAStartLineOfACarriageReturnAlone) {
+    limits.headers = 1;
+    startWith(limits);
+    // The second line is no start line then, and is not asked for a method: nobody is answered.
+    EXPECT_EQ(refusal("\r\r\nPOST /p QVTP/1.0\r\nContent-Length: 0\r\n\r\n"), "");
+    expectOnly("The head has more than 1 headers.");
+}
+
+TEST_F(Limits, CountAFirstHeaderThatBeginsWithABlank) {
+    limits.headers = 1;
+    startWith(limits);
+    EXPECT_EQ(refusal("POST /p QVTP/1.0\r\n A: a\r\nContent-Length: 0\r\n\r\n"), answer("400 Bad Request"));
+    expectOnly("The head has more than 1 headers.");
+}
+
+TEST_F(Limits, DoNotCountLineEndsBeforeAHead) {
+    limits.headers = 1;
+    startWith(limits);
+    RawClient client(server.name);
+    const std::string request = std::string("\r\n\n\r\n") + POST_HELLO;
+    EXPECT_EQ(client.exchange(request, HELLO_BACK), HELLO_BACK);
+}
+
 TEST_F(Limits, AnswerABodyThatIsAnnouncedAsTooLong) {
     std::atomic<int> handled{0};
     server.handler.onPost = [&](QvtpServerRequest&, QvtpServerResponse&) { ++handled; };
