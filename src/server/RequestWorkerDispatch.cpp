@@ -166,14 +166,19 @@ void RequestWorker::handlePost(QvtpServerRequest& request) {
     ++server_->totalPosts_;
     callHandler(&response, [&](QvtpHandler& handler) { handler.handlePost(&request, &response); });
     if (mustClose_) {
-        skipBody(request);  // the client reads the answer only when its request is written
+        if (!isOverLimit()) skipBody(request);  // the client reads the answer only when its request is written
         return;
     }
     logDebug([&] { return "Complete processing of POST request (" + fullName_ + ")."; });
 }
 
-/// Within the handler of the exception, which leaves again unless the server was told to close such connections.
+/// Within the handler of the exception, which leaves again unless the server was told to close such connections. Over a
+/// limit it is what the handler made of the failure of its read: the limit ends the connection, and has its own line.
 void RequestWorker::handleUnknownException(int policy, QvtpServerResponse* response) {
+    if (isOverLimit()) {
+        mustClose_ = true;
+        return;
+    }
     const auto line = [&] {
         return "Unhandled exception in the handler (" + fullName_ + "). " + describeCurrentException();
     };
@@ -184,7 +189,7 @@ void RequestWorker::handleUnknownException(int policy, QvtpServerResponse* respo
     }
     logError(line);
     mustClose_ = true;
-    const bool canAnswer = response != nullptr && !response->isCommitted() && !stop_ && !isOverLimit();
+    const bool canAnswer = response != nullptr && !response->isCommitted() && !stop_;
     if (policy == QvtpServer::ANSWER && canAnswer) answerError(QvtpMessage::STATUS_SERVER_ERROR);
 }
 

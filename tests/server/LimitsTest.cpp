@@ -12,6 +12,7 @@
 #include <future>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -226,6 +227,26 @@ TEST_F(Limits, AreKeptAlsoByAHandlerThatReadsAsAStreamAndSwallowsWhatIsThrown) {
     EXPECT_EQ(refusal(head + chunk("12345") + chunk("6789")), answer("413 Request Entity Too Large"));
     EXPECT_EQ(read.get_future().get(), "QvPipeException: The body is longer than 8 bytes.");
     expectOnly("The body is longer than 8 bytes.");
+}
+
+TEST_F(Limits, EndTheConnectionWhateverTheHandlerMakesOfTheFailedRead) {
+    server.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse&) {
+        if (thrownBy([&] { bodyOf(request); }) != "nothing") throw std::runtime_error("cannot read");
+    };
+    limits.bodyBytes = 8;
+    limits.requestMs = 100;
+    startWith(limits);
+    const std::string chunked =
+        "POST /p QVTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk("12345") + chunk("6789");
+    const std::string slow = "POST /p QVTP/1.0\r\nContent-Length: 5\r\n\r\nhe";
+    for (const auto policy : {QvtpServer::KEEP, QvtpServer::CLOSE, QvtpServer::ANSWER}) {
+        server.server.setUnhandledExceptionPolicy(policy);
+        EXPECT_EQ(refusal(chunked), answer("413 Request Entity Too Large")) << policy;
+        EXPECT_EQ(refusal(slow), answer("408 Request Timeout")) << policy;
+    }
+    EXPECT_EQ(warnings(), 6);
+    EXPECT_EQ(errors(), 0);
+    EXPECT_EQ(log.text().find("Unhandled exception"), std::string::npos);
 }
 
 TEST_F(Limits, AddNoAnswerToOneThatTheHandlerHasSent) {
