@@ -113,12 +113,14 @@ class RequestWorker : public Poco::Runnable {
     void giveUp();
     void serveRest();
     void noteCutOff();
+    void noteLeft(bool hasMore);
     std::string takeRest();
 
     bool beginsRequest(std::istream& in);
     void logInterruption(const std::string& message) const;
     bool serveRequest(std::istream& in, int headTimeoutMs, const RestInput* rest = nullptr);
     bool serveBegunRequest(std::istream& in, const RestInput* rest);
+    bool serveWithBody(QvtpServerRequest& request, const RestInput* rest);
     bool serveLimitedRequest(std::istream& in, const RestInput* rest);
     bool isOverLimit() const;
     void refuse(const LimitedInput& limited);

@@ -66,13 +66,34 @@ bool RequestWorker::serveRequest(std::istream& in, int headTimeoutMs, const Rest
     return hasLimits_ ? serveLimitedRequest(in, rest) : serveBegunRequest(in, rest);
 }
 
+/// The one place that decides whether a request was cut off: if its head or its body did not come whole, however its
+/// handler takes that, or if it exceeded a limit. A body that the handler did not ask for is not missed.
 bool RequestWorker::serveBegunRequest(std::istream& in, const RestInput* rest) {
     QvtpServerRequest request(server_, &in, &converter_);
     static_cast<ServerRequestImpl&>(*request.impl_).pipe = pipe_.get();
-    if (!tryRead([&] { request.impl_->startLine(); })) return false;
+    if (!tryRead([&] { request.impl_->startLine(); })) {
+        noteCutOff();
+        return false;
+    }
     body_ = request.bodyReader();
+    /// Also if the handler's own exception leaves.
+    const struct End {
+        RequestWorker& worker;
+        const std::istream& in;
+        ~End() {
+            const bool isMissing = in.bad() || in.eof() || worker.isOverLimit();
+            if (isMissing && !worker.body_->isComplete()) worker.noteCutOff();
+        }
+    } end{*this, in};
+    return serveWithBody(request, rest);
+}
+
+bool RequestWorker::serveWithBody(QvtpServerRequest& request, const RestInput* rest) {
     if (limited_ != nullptr && !limited_->endHead(*body_)) return false;
-    if (rest != nullptr && !body_->hasArrived(rest->unread())) return false;
+    if (rest != nullptr && !body_->hasArrived(rest->unread())) {
+        noteCutOff();
+        return false;
+    }
     pipe_->setReadTimeout(receiveTimeoutMs_);
     if (!handle(request) || hasFailedStream()) return false;
     served_ = true;

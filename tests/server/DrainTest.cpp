@@ -259,6 +259,72 @@ TEST_F(Drain, ReportsARequestOfWhichOnlyAPartHadArrivedWhenReadingEnded) {
     EXPECT_FALSE(draining.get());
 }
 
+TEST_F(Drain, ReportsARequestWhoseBodyTheHandlerWaitedForInVain) {
+    std::atomic<int> failed{0};
+    server.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse&) {
+        ++begun;
+        released.wait();
+        if (thrownBy([&] { bodyOf(request); }) != "nothing") ++failed;
+    };
+    server.server.setOption(QvtpServer::RECEIVE_TIMEOUT, 50);
+    server.start();
+    RawClient client(server.name);
+    client.write("POST /p QVTP/1.0\r\nContent-Length: 5\r\n\r\nhe");
+    ASSERT_TRUE(eventually([&] { return begun == 1; }));
+    auto draining = drain();
+    letGo();
+    EXPECT_FALSE(draining.get());
+    EXPECT_EQ(failed, 1);
+}
+
+TEST_F(Drain, CountsARequestAsServedThatWasAnsweredAndEndedItsConnection) {
+    const std::string large = "POST /p QVTP/1.0\r\nContent-Length: 300000\r\n\r\nhe";
+    const std::string unknown = "PUT /p QVTP/1.0\r\nContent-Length: 0\r\n\r\n";
+    for (const std::string& second : {std::string(POST_HELLO), large, unknown}) {
+        TestServer other;
+        std::promise<void> go;
+        std::atomic<int> calls{0};
+        other.server.setUnhandledExceptionPolicy(QvtpServer::ANSWER);
+        other.handler.onPost = [&](QvtpServerRequest&, QvtpServerResponse& response) {
+            if (++calls == 1) {
+                go.get_future().wait();
+            } else if (second == POST_HELLO) {
+                throw 1;
+            }
+            response.sendError(200, "OK");
+        };
+        other.start();
+        RawClient client(other.name);
+        client.write(POST_HELLO);
+        ASSERT_TRUE(eventually([&] { return calls == 1; }));
+        client.write(second);
+        auto draining = std::async(std::launch::async, [&] { return other.server.drain(LONG_MS); });
+        EXPECT_TRUE(eventually([&] { return !other.server.isRunning(); }));
+        go.set_value();
+        EXPECT_TRUE(draining.get()) << second;
+        const std::string answered = client.readToEnd();
+        EXPECT_EQ(answered.find(" 500 ") != std::string::npos, second == POST_HELLO) << answered;
+        other.stop();
+    }
+}
+
+TEST_F(Drain, ReportsARequestAfterOneThatEndedItsConnection) {
+    server.server.setUnhandledExceptionPolicy(QvtpServer::ANSWER);
+    server.handler.onPost = [&](QvtpServerRequest&, QvtpServerResponse&) {
+        ++begun;
+        released.wait();
+        throw 1;
+    };
+    server.start();
+    RawClient client(server.name);
+    client.write(std::string(POST_HELLO) + POST_HELLO);
+    ASSERT_TRUE(eventually([&] { return begun == 1; }));
+    auto draining = drain();
+    letGo();
+    EXPECT_FALSE(draining.get());
+    EXPECT_EQ(begun, 1);
+}
+
 TEST_F(Drain, BeforeRunMakesItReturnAtOnceAndGivesTheNameUp) {
     EXPECT_TRUE(server.server.drain(LONG_MS));
     EXPECT_LT(elapsed([&] { server.server.run(); }), 10s);
