@@ -132,13 +132,15 @@ TEST_F(Drain, ServesWhatHasArrivedBeforeIt) {
 }
 
 TEST_F(Drain, ServesARequestThatIsStillArriving) {
-    noteNotifications();
+    server.handler.onNotify = [this](QvtpServerRequest& request) {
+        ++begun;
+        notified.push_back(bodyOf(request));
+    };
     server.start();
     const auto client = clientWithWorker();
     const std::string request = notify("whole");
     client->write(request.substr(0, request.size() - 2));
-    // What is left of it may come late: the worker is reading by then.
-    std::this_thread::sleep_for(30ms);
+    ASSERT_TRUE(eventually([&] { return begun == 1; }));  // what is left of it may come late
     auto draining = drain();
     EXPECT_TRUE(isPending(draining));
     client->write(request.substr(request.size() - 2));
