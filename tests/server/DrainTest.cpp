@@ -169,6 +169,28 @@ TEST_F(Drain, ServesAConnectionThatWaitsForAWorker) {
     EXPECT_THAT(notifications(), ::testing::UnorderedElementsAre("first", "first", "first", "fourth"));
 }
 
+TEST_F(Drain, ReportsAConnectionThatWasNotAcceptedYet) {
+    noteNotifications();
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 600000);
+    server.start();
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int i = 1; i <= 3; ++i) {
+        clients.push_back(std::make_unique<RawClient>(server.name));
+        clients.back()->write(notify("first"));
+        ASSERT_TRUE(eventually([&] { return begun == i; }));
+    }
+    RawClient fourth(server.name);
+    fourth.write(notify("fourth"));
+    ASSERT_TRUE(eventuallyLogs(log, "INFO Waiting for thread to process QvPipe worker " + full(4)));
+    RawClient fifth(server.name);  // the accept thread is busy with the fourth
+    fifth.write(notify("fifth"));
+    auto draining = drain();
+    letGo();
+    EXPECT_FALSE(draining.get());
+    EXPECT_THAT(notifications(), ::testing::UnorderedElementsAre("first", "first", "first", "fourth"));
+}
+
 TEST_F(Drain, AcceptsNoMore) {
     noteNotifications();
     server.start();

@@ -128,15 +128,17 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// see the example above. One thing it does even then: it ends the wait of a drain().
     void shutdown();
     /// Ends run() without cutting anything off. The server accepts no more and ends the reading of every connection, so
-    /// that its client's next write breaks. Workers serve what has arrived by then, and connections that wait for a
-    /// worker get one. That may take `milliseconds`, 0 and below without limit. Then it does what shutdown() does.
-    /// True if all requests that had begun to arrive were served, and every worker has ended. A request was served if
-    /// it reached the handler and no part was missing that anybody asked for, however the handler ended. It was not if
-    /// its head or its body did not come whole in time, or if it exceeded a limit. A shutdown() of another
-    /// thread ends it early. Before run() it gives the name up, and run() returns at once; that is true too, and so is
-    /// a drain() after shutdown(), which has nothing left to do. False at once while another thread drains.
-    /// From any thread but a handler's, which it would wait for. It throws nothing. It costs the stop nothing, and an
-    /// exchange a look at a flag.
+    /// that its client's next write breaks. Workers serve what has arrived by then, and a connection that was accepted
+    /// and waits for a worker gets one. Clients that have connected and were not accepted yet are cut off: run()
+    /// accepts one at a time, and none while that one waits for a worker. That may take `milliseconds`, 0 and below
+    /// without limit. Then it does what shutdown() does. True if all requests that had begun to arrive were served, and
+    /// every worker has ended. A request was served if it reached the handler and no part was missing that anybody
+    /// asked for, however the handler ended. It was not if its head or its body did not come whole in time, or if it
+    /// exceeded a limit. It is false too if a client was connected and not accepted, whether it had written or not. A
+    /// shutdown() of another thread ends it early. Before run() it gives the name up, and run() returns at once; that
+    /// is true too, and so is a drain() after shutdown(), which has nothing left to do. False at once while another
+    /// thread drains. From any thread but a handler's, which it would wait for. It throws nothing. It costs the stop
+    /// nothing, and an exchange a look at a flag.
     bool drain(int milliseconds);
     /// Whether run() accepts connections. It is false before that, from shutdown() on, and if run() cannot serve.
     bool isRunning() const;
