@@ -79,12 +79,17 @@ void RequestWorker::nudge() {
     PipeControl::wake(*pipe_);
 }
 
-/// The end of reading ends a wait that cannot be woken. It must not fall into a request: a worker that is not waiting
-/// ends the reading itself. Where there is no end of reading every wait can be woken.
+/// The end of reading ends a wait that cannot be woken. A request into which it falls must not reach the handler: the
+/// wait is marked as ended before, so that its worker takes nothing but whole requests from then on. A worker that is
+/// not waiting ends the reading itself. Where there is no end of reading every wait can be woken.
 void RequestWorker::drain() {
     drain_ = true;
     if (pipe_ == nullptr) return;
-    if (wait_ != Wait::NONE) PipeControl::endReading(*pipe_);
+    Wait plain = Wait::PLAIN;
+    Wait resting = Wait::RESTING;
+    const bool isWaiting =
+        wait_.compare_exchange_strong(plain, Wait::ENDED) || wait_.compare_exchange_strong(resting, Wait::ENDED);
+    if (isWaiting) PipeControl::endReading(*pipe_);
     nudge();
 }
 
@@ -186,7 +191,7 @@ RequestWorker::Next RequestWorker::awaitNext() {
             if (input != PipeControl::Input::THERE) now = Clock::now();
         }
     }
-    wait_ = Wait::NONE;
+    if (wait_.exchange(Wait::NONE) == Wait::ENDED) endReading();  // perhaps before drain() comes to it
     // What has come by then is served on that way too, and the end of reading is no end of the client's.
     return drain_ ? Next::GIVE_UP : next;
 }

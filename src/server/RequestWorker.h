@@ -99,8 +99,9 @@ class RequestWorker : public Poco::Runnable {
 
   private:
     enum class Next { REQUEST, SILENCE, GIVE_UP };
-    /// Whether the worker waits between two requests; RESTING: and can be asked for its thread.
-    enum class Wait { NONE, PLAIN, RESTING };
+    /// Whether the worker waits between two requests; RESTING: and can be asked for its thread; ENDED: a drain is about
+    /// to end the reading, if it has not yet.
+    enum class Wait { NONE, PLAIN, RESTING, ENDED };
 
     void prepareStreams();
     void serveRequests();
@@ -147,6 +148,7 @@ class RequestWorker : public Poco::Runnable {
     //   serves                   yes     yes       NONE      no
     //   waits                    yes     yes       PLAIN     no
     //   waits, can be asked      yes     yes       RESTING   no
+    //   waits, drained           yes     yes       ENDED     no
     //   a handler's exception    yes     yes       NONE      yes         the thread has gone, the entry stays
     //   ended                    yes     no        NONE      no          may be deleted
     //

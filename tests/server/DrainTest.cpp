@@ -391,6 +391,44 @@ TEST_F(Drain, IsEndedByAShutdown) {
     EXPECT_FALSE(draining.get());
 }
 
+TEST_F(Drain, HandsNoPartOfARequestToTheHandlerWhenItComesWhileOneBegins) {
+    const std::string head = "POST /p QVTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n";
+    const std::string tail = "6\r\nsecond\r\n0\r\n\r\n";
+    const auto spin = [](int us) {
+        const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(us);
+        while (std::chrono::steady_clock::now() < until) {
+        }
+    };
+    for (int round = 0; round < 100; ++round) {
+        TestServer other;
+        std::atomic<int> whole{0};
+        std::atomic<int> parts{0};
+        other.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse& response) {
+            std::string body;
+            thrownBy([&] { body = bodyOf(request); });
+            ++(body == "firstsecond" ? whole : parts);
+            response.sendError(200, "OK");
+        };
+        other.start();
+        RawClient client(other.name);
+        client.write(head + tail);
+        ASSERT_TRUE(eventually([&] { return whole == 1; }));
+        client.read(10);
+        std::thread writing([&] {
+            thrownBy([&] {
+                client.write(head);
+                spin(900);
+                client.write(tail);
+            });
+        });
+        spin(round * 3 / 2);
+        const bool drained = other.server.drain(LONG_MS);
+        writing.join();
+        other.stop();
+        ASSERT_EQ(parts, 0) << "round " << round << ", drained: " << drained;
+    }
+}
+
 TEST_F(Drain, LosesNothingWhileClientsCallAllTheTime) {
     std::atomic<int> handled{0};
     server.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse& response) {
