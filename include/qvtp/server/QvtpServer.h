@@ -114,9 +114,11 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// a worker, the client that has been silent for longest since its last request, for 20 ms at least, makes room for
     /// it: its next write breaks, and its next request goes to a new connection, unseen by the application. One client
     /// does so for each connection that waits. If nobody is silent, the others share their workers as always, after 20
-    /// ms more. Without it a client that fell silent before anybody waited keeps its worker until the IDLE_TIMEOUT.
-    /// Throws nothing. From any thread; it holds for connections that a worker takes over from then on. A wait for a
-    /// request costs another call of the system on Linux, and each change of a worker a connection.
+    /// ms more. A client whose next request comes while it is asked is served first, and until the next tenth of the
+    /// IDLE_TIMEOUT nobody else may be asked in its place. Without it a client that fell silent before anybody waited
+    /// keeps its worker until the IDLE_TIMEOUT. Throws nothing. From any thread; it holds for connections that a worker
+    /// takes over from then on. A wait for a request costs another call of the system on Linux, and each change of a
+    /// worker a connection.
     void setMakeRoom(bool makeRoom);
 
     /// Accepts and serves until shutdown(), then stops the workers: closes their pipes and waits for the handlers that
