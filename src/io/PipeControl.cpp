@@ -61,7 +61,11 @@ PipeControl::Peer PipeControl::peerOf(const QvPipe& pipe) {
 }
 
 bool PipeControl::hasClient(const ServerQvPipe& server) {
-    return server.handingOver_ || platformHasClient(server.pipeHandle_);
+    return server.handingOver_ || hasUnacceptedClient(server);
+}
+
+bool PipeControl::hasUnacceptedClient(const ServerQvPipe& server) {
+    return platformHasClient(server.pipeHandle_);
 }
 
 void PipeControl::giveAway(ServerQvPipe& server) {

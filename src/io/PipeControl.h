@@ -62,6 +62,8 @@ class PipeControl {
 
     /// Whether a client waits to be accepted, or was accepted and has not been given away since. From any thread.
     static bool hasClient(const ServerQvPipe& server);
+    /// Whether a client waits to be accepted: it has connected, and may have written.
+    static bool hasUnacceptedClient(const ServerQvPipe& server);
     /// The accepted client has its worker now.
     static void giveAway(ServerQvPipe& server);
 };

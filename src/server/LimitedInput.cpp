@@ -92,15 +92,22 @@ void LimitedInput::Buffer::countHead(char c) {
     if (c == '\n') {
         if (!lineIsEmpty_) inStartLine_ = false;  // empty lines may stand before the start line
         lineIsEmpty_ = true;
-    } else if (c != '\r') {
-        if (lineIsEmpty_) beginLine(c);
+        heldReturn_ = false;
+    } else if (lineIsEmpty_ && !heldReturn_ && c == '\r') {
+        heldReturn_ = true;  // the line is empty if its end follows
+    } else {
+        if (lineIsEmpty_) beginLine(heldReturn_ ? '\r' : c);
+        if (inStartLine_ && lineIsEmpty_ && heldReturn_) method_ += '\r';
         lineIsEmpty_ = false;
         if (inStartLine_ && method_.size() <= QvtpMessage::METHOD_POST.size()) method_ += c;
     }
 }
 
+/// Lines are seen as the parser sees them, which drops one carriage return before the end of a line: a line that begins
+/// with one and has more is neither empty nor does it continue another.
 void LimitedInput::Buffer::beginLine(char c) {
-    const bool isHeader = !inStartLine_ && c != ' ' && c != '\t';
+    const bool continues = headers_ > 0 && (c == ' ' || c == '\t');
+    const bool isHeader = !inStartLine_ && !continues;
     if (!isHeader || limits_.headers <= 0) return;
     if (headers_ == limits_.headers) {
         fail(QvtpMessage::STATUS_BAD_REQUEST, text("The head has more than ", limits_.headers, " headers."));

@@ -84,6 +84,7 @@ class LimitedInput : public std::istream {
         int headers_ = 0;
         bool inStartLine_ = true;  // or before it
         bool lineIsEmpty_ = true;  // what has come of it
+        bool heldReturn_ = false;  // it has begun with a carriage return, which may belong to its end
         std::string method_;       // the beginning of the start line
         bool late_ = false;        // the time is over
         std::size_t arrived_ = 0;  // what had come by then and was not read yet

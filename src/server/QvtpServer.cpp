@@ -7,6 +7,7 @@
 
 #include "common/CurrentException.h"
 #include "common/System.h"
+#include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "server/RequestWorker.h"
 #include "server/ServerSettings.h"
@@ -218,7 +219,10 @@ bool QvtpServer::drain(int milliseconds) {
     Drain& draining = settings_->drain;
     if (!draining.begin()) return false;  // before all else: a run() that begins meanwhile finds it
     const bool wasRunning = running_.exchange(false);
-    if (serverPipe_ != nullptr) serverPipe_->close();
+    if (serverPipe_ != nullptr) {
+        if (PipeControl::hasUnacceptedClient(*serverPipe_)) draining.noteCutOff();  // the close hangs up on it
+        serverPipe_->close();
+    }
     bool isDone = true;
     if (wasRunning) {
         {

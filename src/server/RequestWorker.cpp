@@ -79,12 +79,17 @@ void RequestWorker::nudge() {
     PipeControl::wake(*pipe_);
 }
 
-/// The end of reading ends a wait that cannot be woken. It must not fall into a request: a worker that is not waiting
-/// ends the reading itself. Where there is no end of reading every wait can be woken.
+/// The end of reading ends a wait that cannot be woken. A request into which it falls must not reach the handler: the
+/// wait is marked as ended before, so that its worker takes nothing but whole requests from then on. A worker that is
+/// not waiting ends the reading itself. Where there is no end of reading every wait can be woken.
 void RequestWorker::drain() {
     drain_ = true;
     if (pipe_ == nullptr) return;
-    if (wait_ != Wait::NONE) PipeControl::endReading(*pipe_);
+    Wait plain = Wait::PLAIN;
+    Wait resting = Wait::RESTING;
+    const bool isWaiting =
+        wait_.compare_exchange_strong(plain, Wait::ENDED) || wait_.compare_exchange_strong(resting, Wait::ENDED);
+    if (isWaiting) PipeControl::endReading(*pipe_);
     nudge();
 }
 
@@ -111,6 +116,7 @@ void RequestWorker::run() {
         serveRequests();
     } catch (...) {
         if (handlerFailed_) {
+            noteLeft(drain_ && hasInput());
             deserted_ = true;
             throw;
         }
@@ -143,7 +149,10 @@ void RequestWorker::serveRequests() {
         if (!tryRead([&] { next = awaitNext(); })) return;
         switch (next) {
             case Next::REQUEST:
-                if (!serveRequest(in, idleTimeoutMs_)) return;
+                if (!serveRequest(in, idleTimeoutMs_)) {
+                    noteLeft(drain_ && hasInput());
+                    return;
+                }
                 break;
             case Next::SILENCE:
                 if (staysSilent()) return;
@@ -182,7 +191,7 @@ RequestWorker::Next RequestWorker::awaitNext() {
             if (input != PipeControl::Input::THERE) now = Clock::now();
         }
     }
-    wait_ = Wait::NONE;
+    if (wait_.exchange(Wait::NONE) == Wait::ENDED) endReading();  // perhaps before drain() comes to it
     // What has come by then is served on that way too, and the end of reading is no end of the client's.
     return drain_ ? Next::GIVE_UP : next;
 }
@@ -226,11 +235,14 @@ void RequestWorker::giveUp() {
     while (alive && !readingEnded_ && !stop_ && hasInput()) {
         if (Clock::now() >= (small ? std::min(begin + TURN, end) : end)) break;
         alive = serveRequest(in, millisecondsUntil(end, Clock::now()));
-        if (drain_ && !alive) noteCutOff();
         small = small && body_ != nullptr && body_->isSmallerThan(SMALL_BODY);
     }
     endReading();
-    if (alive) serveRest();
+    if (alive) {
+        serveRest();
+    } else {
+        noteLeft(drain_ && hasInput());
+    }
     if (drain_) {
         logDebug([&] { return "Drained " + fullName_ + "."; });
     } else {
@@ -257,13 +269,27 @@ void RequestWorker::endReading() {
 /// client's write has failed.
 void RequestWorker::serveRest() {
     RestInput rest(takeRest());
+    /// Also if the handler's own exception leaves.
+    const struct End {
+        RequestWorker& worker;
+        const RestInput& rest;
+        ~End() { worker.noteLeft(!rest.unread().empty()); }
+    } end{*this, rest};
     bool alive = true;
     while (alive && !stop_ && !rest.unread().empty()) alive = serveRequest(rest, receiveTimeoutMs_, &rest);
-    if (drain_ && (!alive || !rest.unread().empty())) noteCutOff();
 }
 
+/// A request that had begun to arrive is not served.
 void RequestWorker::noteCutOff() {
-    if (!stop_) server_->settings_->drain.noteCutOff();  // after that the server may be gone
+    if (stop_) return;  // the server may be gone
+    Drain& drain = server_->settings_->drain;
+    if (drain.hasBegun()) drain.noteCutOff();
+}
+
+/// The connection ends with a request, and `hasMore` is whether there is more to read. What is left of the body of that
+/// request does not count.
+void RequestWorker::noteLeft(bool hasMore) {
+    if (hasMore && (body_ == nullptr || body_->isComplete())) noteCutOff();
 }
 
 /// The bytes that the stream holds, and those that the system does.

@@ -99,8 +99,9 @@ class RequestWorker : public Poco::Runnable {
 
   private:
     enum class Next { REQUEST, SILENCE, GIVE_UP };
-    /// Whether the worker waits between two requests; RESTING: and can be asked for its thread.
-    enum class Wait { NONE, PLAIN, RESTING };
+    /// Whether the worker waits between two requests; RESTING: and can be asked for its thread; ENDED: a drain is about
+    /// to end the reading, if it has not yet.
+    enum class Wait { NONE, PLAIN, RESTING, ENDED };
 
     void prepareStreams();
     void serveRequests();
@@ -113,12 +114,14 @@ class RequestWorker : public Poco::Runnable {
     void giveUp();
     void serveRest();
     void noteCutOff();
+    void noteLeft(bool hasMore);
     std::string takeRest();
 
     bool beginsRequest(std::istream& in);
     void logInterruption(const std::string& message) const;
     bool serveRequest(std::istream& in, int headTimeoutMs, const RestInput* rest = nullptr);
     bool serveBegunRequest(std::istream& in, const RestInput* rest);
+    bool serveWithBody(QvtpServerRequest& request, const RestInput* rest);
     bool serveLimitedRequest(std::istream& in, const RestInput* rest);
     bool isOverLimit() const;
     void refuse(const LimitedInput& limited);
@@ -145,6 +148,7 @@ class RequestWorker : public Poco::Runnable {
     //   serves                   yes     yes       NONE      no
     //   waits                    yes     yes       PLAIN     no
     //   waits, can be asked      yes     yes       RESTING   no
+    //   waits, drained           yes     yes       ENDED     no
     //   a handler's exception    yes     yes       NONE      yes         the thread has gone, the entry stays
     //   ended                    yes     no        NONE      no          may be deleted
     //

@@ -66,13 +66,34 @@ bool RequestWorker::serveRequest(std::istream& in, int headTimeoutMs, const Rest
     return hasLimits_ ? serveLimitedRequest(in, rest) : serveBegunRequest(in, rest);
 }
 
+/// The one place that decides whether a request was cut off: if its head or its body did not come whole, however its
+/// handler takes that, or if it exceeded a limit. A body that the handler did not ask for is not missed.
 bool RequestWorker::serveBegunRequest(std::istream& in, const RestInput* rest) {
     QvtpServerRequest request(server_, &in, &converter_);
     static_cast<ServerRequestImpl&>(*request.impl_).pipe = pipe_.get();
-    if (!tryRead([&] { request.impl_->startLine(); })) return false;
+    if (!tryRead([&] { request.impl_->startLine(); })) {
+        noteCutOff();
+        return false;
+    }
     body_ = request.bodyReader();
+    /// Also if the handler's own exception leaves.
+    const struct End {
+        RequestWorker& worker;
+        const std::istream& in;
+        ~End() {
+            const bool isMissing = in.bad() || in.eof() || worker.isOverLimit();
+            if (isMissing && !worker.body_->isComplete()) worker.noteCutOff();
+        }
+    } end{*this, in};
+    return serveWithBody(request, rest);
+}
+
+bool RequestWorker::serveWithBody(QvtpServerRequest& request, const RestInput* rest) {
     if (limited_ != nullptr && !limited_->endHead(*body_)) return false;
-    if (rest != nullptr && !body_->hasArrived(rest->unread())) return false;
+    if (rest != nullptr && !body_->hasArrived(rest->unread())) {
+        noteCutOff();
+        return false;
+    }
     pipe_->setReadTimeout(receiveTimeoutMs_);
     if (!handle(request) || hasFailedStream()) return false;
     served_ = true;
@@ -166,14 +187,19 @@ void RequestWorker::handlePost(QvtpServerRequest& request) {
     ++server_->totalPosts_;
     callHandler(&response, [&](QvtpHandler& handler) { handler.handlePost(&request, &response); });
     if (mustClose_) {
-        skipBody(request);  // the client reads the answer only when its request is written
+        if (!isOverLimit()) skipBody(request);  // the client reads the answer only when its request is written
         return;
     }
     logDebug([&] { return "Complete processing of POST request (" + fullName_ + ")."; });
 }
 
-/// Within the handler of the exception, which leaves again unless the server was told to close such connections.
+/// Within the handler of the exception, which leaves again unless the server was told to close such connections. Over a
+/// limit it is what the handler made of the failure of its read: the limit ends the connection, and has its own line.
 void RequestWorker::handleUnknownException(int policy, QvtpServerResponse* response) {
+    if (isOverLimit()) {
+        mustClose_ = true;
+        return;
+    }
     const auto line = [&] {
         return "Unhandled exception in the handler (" + fullName_ + "). " + describeCurrentException();
     };
@@ -184,7 +210,7 @@ void RequestWorker::handleUnknownException(int policy, QvtpServerResponse* respo
     }
     logError(line);
     mustClose_ = true;
-    const bool canAnswer = response != nullptr && !response->isCommitted() && !stop_ && !isOverLimit();
+    const bool canAnswer = response != nullptr && !response->isCommitted() && !stop_;
     if (policy == QvtpServer::ANSWER && canAnswer) answerError(QvtpMessage::STATUS_SERVER_ERROR);
 }
 

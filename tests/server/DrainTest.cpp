@@ -132,13 +132,15 @@ TEST_F(Drain, ServesWhatHasArrivedBeforeIt) {
 }
 
 TEST_F(Drain, ServesARequestThatIsStillArriving) {
-    noteNotifications();
+    server.handler.onNotify = [this](QvtpServerRequest& request) {
+        ++begun;
+        notified.push_back(bodyOf(request));
+    };
     server.start();
     const auto client = clientWithWorker();
     const std::string request = notify("whole");
     client->write(request.substr(0, request.size() - 2));
-    // What is left of it may come late: the worker is reading by then.
-    std::this_thread::sleep_for(30ms);
+    ASSERT_TRUE(eventually([&] { return begun == 1; }));  // what is left of it may come late
     auto draining = drain();
     EXPECT_TRUE(isPending(draining));
     client->write(request.substr(request.size() - 2));
@@ -164,6 +166,28 @@ TEST_F(Drain, ServesAConnectionThatWaitsForAWorker) {
     EXPECT_TRUE(isPending(draining));
     letGo();
     EXPECT_TRUE(draining.get());
+    EXPECT_THAT(notifications(), ::testing::UnorderedElementsAre("first", "first", "first", "fourth"));
+}
+
+TEST_F(Drain, ReportsAConnectionThatWasNotAcceptedYet) {
+    noteNotifications();
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 600000);
+    server.start();
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int i = 1; i <= 3; ++i) {
+        clients.push_back(std::make_unique<RawClient>(server.name));
+        clients.back()->write(notify("first"));
+        ASSERT_TRUE(eventually([&] { return begun == i; }));
+    }
+    RawClient fourth(server.name);
+    fourth.write(notify("fourth"));
+    ASSERT_TRUE(eventuallyLogs(log, "INFO Waiting for thread to process QvPipe worker " + full(4)));
+    RawClient fifth(server.name);  // the accept thread is busy with the fourth
+    fifth.write(notify("fifth"));
+    auto draining = drain();
+    letGo();
+    EXPECT_FALSE(draining.get());
     EXPECT_THAT(notifications(), ::testing::UnorderedElementsAre("first", "first", "first", "fourth"));
 }
 
@@ -259,6 +283,72 @@ TEST_F(Drain, ReportsARequestOfWhichOnlyAPartHadArrivedWhenReadingEnded) {
     EXPECT_FALSE(draining.get());
 }
 
+TEST_F(Drain, ReportsARequestWhoseBodyTheHandlerWaitedForInVain) {
+    std::atomic<int> failed{0};
+    server.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse&) {
+        ++begun;
+        released.wait();
+        if (thrownBy([&] { bodyOf(request); }) != "nothing") ++failed;
+    };
+    server.server.setOption(QvtpServer::RECEIVE_TIMEOUT, 50);
+    server.start();
+    RawClient client(server.name);
+    client.write("POST /p QVTP/1.0\r\nContent-Length: 5\r\n\r\nhe");
+    ASSERT_TRUE(eventually([&] { return begun == 1; }));
+    auto draining = drain();
+    letGo();
+    EXPECT_FALSE(draining.get());
+    EXPECT_EQ(failed, 1);
+}
+
+TEST_F(Drain, CountsARequestAsServedThatWasAnsweredAndEndedItsConnection) {
+    const std::string large = "POST /p QVTP/1.0\r\nContent-Length: 300000\r\n\r\nhe";
+    const std::string unknown = "PUT /p QVTP/1.0\r\nContent-Length: 0\r\n\r\n";
+    for (const std::string& second : {std::string(POST_HELLO), large, unknown}) {
+        TestServer other;
+        std::promise<void> go;
+        std::atomic<int> calls{0};
+        other.server.setUnhandledExceptionPolicy(QvtpServer::ANSWER);
+        other.handler.onPost = [&](QvtpServerRequest&, QvtpServerResponse& response) {
+            if (++calls == 1) {
+                go.get_future().wait();
+            } else if (second == POST_HELLO) {
+                throw 1;
+            }
+            response.sendError(200, "OK");
+        };
+        other.start();
+        RawClient client(other.name);
+        client.write(POST_HELLO);
+        ASSERT_TRUE(eventually([&] { return calls == 1; }));
+        client.write(second);
+        auto draining = std::async(std::launch::async, [&] { return other.server.drain(LONG_MS); });
+        EXPECT_TRUE(eventually([&] { return !other.server.isRunning(); }));
+        go.set_value();
+        EXPECT_TRUE(draining.get()) << second;
+        const std::string answered = client.readToEnd();
+        EXPECT_EQ(answered.find(" 500 ") != std::string::npos, second == POST_HELLO) << answered;
+        other.stop();
+    }
+}
+
+TEST_F(Drain, ReportsARequestAfterOneThatEndedItsConnection) {
+    server.server.setUnhandledExceptionPolicy(QvtpServer::ANSWER);
+    server.handler.onPost = [&](QvtpServerRequest&, QvtpServerResponse&) {
+        ++begun;
+        released.wait();
+        throw 1;
+    };
+    server.start();
+    RawClient client(server.name);
+    client.write(std::string(POST_HELLO) + POST_HELLO);
+    ASSERT_TRUE(eventually([&] { return begun == 1; }));
+    auto draining = drain();
+    letGo();
+    EXPECT_FALSE(draining.get());
+    EXPECT_EQ(begun, 1);
+}
+
 TEST_F(Drain, BeforeRunMakesItReturnAtOnceAndGivesTheNameUp) {
     EXPECT_TRUE(server.server.drain(LONG_MS));
     EXPECT_LT(elapsed([&] { server.server.run(); }), 10s);
@@ -299,6 +389,44 @@ TEST_F(Drain, IsEndedByAShutdown) {
     EXPECT_TRUE(isPending(draining));
     server.server.shutdown();
     EXPECT_FALSE(draining.get());
+}
+
+TEST_F(Drain, HandsNoPartOfARequestToTheHandlerWhenItComesWhileOneBegins) {
+    const std::string head = "POST /p QVTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n";
+    const std::string tail = "6\r\nsecond\r\n0\r\n\r\n";
+    const auto spin = [](int us) {
+        const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(us);
+        while (std::chrono::steady_clock::now() < until) {
+        }
+    };
+    for (int round = 0; round < 100; ++round) {
+        TestServer other;
+        std::atomic<int> whole{0};
+        std::atomic<int> parts{0};
+        other.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse& response) {
+            std::string body;
+            thrownBy([&] { body = bodyOf(request); });
+            ++(body == "firstsecond" ? whole : parts);
+            response.sendError(200, "OK");
+        };
+        other.start();
+        RawClient client(other.name);
+        client.write(head + tail);
+        ASSERT_TRUE(eventually([&] { return whole == 1; }));
+        client.read(10);
+        std::thread writing([&] {
+            thrownBy([&] {
+                client.write(head);
+                spin(900);
+                client.write(tail);
+            });
+        });
+        spin(round * 3 / 2);
+        const bool drained = other.server.drain(LONG_MS);
+        writing.join();
+        other.stop();
+        ASSERT_EQ(parts, 0) << "round " << round << ", drained: " << drained;
+    }
 }
 
 TEST_F(Drain, LosesNothingWhileClientsCallAllTheTime) {

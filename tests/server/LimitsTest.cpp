@@ -12,6 +12,7 @@
 #include <future>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -142,6 +143,44 @@ TEST_F(Limits, AnswerAHeadWithTooManyHeaders) {
     expectOnly("The head has more than 2 headers.");
 }
 
+TEST_F(Limits, CountHeadersThatBeginWithACarriageReturn) {
+    limits.headers = 2;
+    startWith(limits);
+    // What follows the carriage return would be a continuation without it.
+    EXPECT_EQ(refusal("POST /p QVTP/1.0\r\nA: a\r\nContent-Length: 0\r\n\r B: b\r\n\r\n"), answer("400 Bad Request"));
+    expectOnly("The head has more than 2 headers.");
+}
+
+TEST_F(Limits, CountHeadersOfACarriageReturnAlone) {
+    limits.headers = 2;
+    startWith(limits);
+    EXPECT_EQ(refusal("POST /p QVTP/1.0\r\nA: a\r\nContent-Length: 0\r\n\r\r\n\r\n"), answer("400 Bad Request"));
+    expectOnly("The head has more than 2 headers.");
+}
+
+TEST_F(Limits, CountTheHeadersAfterAStartLineOfACarriageReturnAlone) {
+    limits.headers = 1;
+    startWith(limits);
+    // The second line is no start line then, and is not asked for a method: nobody is answered.
+    EXPECT_EQ(refusal("\r\r\nPOST /p QVTP/1.0\r\nContent-Length: 0\r\n\r\n"), "");
+    expectOnly("The head has more than 1 headers.");
+}
+
+TEST_F(Limits, CountAFirstHeaderThatBeginsWithABlank) {
+    limits.headers = 1;
+    startWith(limits);
+    EXPECT_EQ(refusal("POST /p QVTP/1.0\r\n A: a\r\nContent-Length: 0\r\n\r\n"), answer("400 Bad Request"));
+    expectOnly("The head has more than 1 headers.");
+}
+
+TEST_F(Limits, DoNotCountLineEndsBeforeAHead) {
+    limits.headers = 1;
+    startWith(limits);
+    RawClient client(server.name);
+    const std::string request = std::string("\r\n\n\r\n") + POST_HELLO;
+    EXPECT_EQ(client.exchange(request, HELLO_BACK), HELLO_BACK);
+}
+
 TEST_F(Limits, AnswerABodyThatIsAnnouncedAsTooLong) {
     std::atomic<int> handled{0};
     server.handler.onPost = [&](QvtpServerRequest&, QvtpServerResponse&) { ++handled; };
@@ -188,6 +227,26 @@ TEST_F(Limits, AreKeptAlsoByAHandlerThatReadsAsAStreamAndSwallowsWhatIsThrown) {
     EXPECT_EQ(refusal(head + chunk("12345") + chunk("6789")), answer("413 Request Entity Too Large"));
     EXPECT_EQ(read.get_future().get(), "QvPipeException: The body is longer than 8 bytes.");
     expectOnly("The body is longer than 8 bytes.");
+}
+
+TEST_F(Limits, EndTheConnectionWhateverTheHandlerMakesOfTheFailedRead) {
+    server.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse&) {
+        if (thrownBy([&] { bodyOf(request); }) != "nothing") throw std::runtime_error("cannot read");
+    };
+    limits.bodyBytes = 8;
+    limits.requestMs = 100;
+    startWith(limits);
+    const std::string chunked =
+        "POST /p QVTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk("12345") + chunk("6789");
+    const std::string slow = "POST /p QVTP/1.0\r\nContent-Length: 5\r\n\r\nhe";
+    for (const auto policy : {QvtpServer::KEEP, QvtpServer::CLOSE, QvtpServer::ANSWER}) {
+        server.server.setUnhandledExceptionPolicy(policy);
+        EXPECT_EQ(refusal(chunked), answer("413 Request Entity Too Large")) << policy;
+        EXPECT_EQ(refusal(slow), answer("408 Request Timeout")) << policy;
+    }
+    EXPECT_EQ(warnings(), 6);
+    EXPECT_EQ(errors(), 0);
+    EXPECT_EQ(log.text().find("Unhandled exception"), std::string::npos);
 }
 
 TEST_F(Limits, AddNoAnswerToOneThatTheHandlerHasSent) {

@@ -114,9 +114,11 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// a worker, the client that has been silent for longest since its last request, for 20 ms at least, makes room for
     /// it: its next write breaks, and its next request goes to a new connection, unseen by the application. One client
     /// does so for each connection that waits. If nobody is silent, the others share their workers as always, after 20
-    /// ms more. Without it a client that fell silent before anybody waited keeps its worker until the IDLE_TIMEOUT.
-    /// Throws nothing. From any thread; it holds for connections that a worker takes over from then on. A wait for a
-    /// request costs another call of the system on Linux, and each change of a worker a connection.
+    /// ms more. A client whose next request comes while it is asked is served first, and until the next tenth of the
+    /// IDLE_TIMEOUT nobody else may be asked in its place. Without it a client that fell silent before anybody waited
+    /// keeps its worker until the IDLE_TIMEOUT. Throws nothing. From any thread; it holds for connections that a worker
+    /// takes over from then on. A wait for a request costs another call of the system on Linux, and each change of a
+    /// worker a connection.
     void setMakeRoom(bool makeRoom);
 
     /// Accepts and serves until shutdown(), then stops the workers: closes their pipes and waits for the handlers that
@@ -128,13 +130,17 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// see the example above. One thing it does even then: it ends the wait of a drain().
     void shutdown();
     /// Ends run() without cutting anything off. The server accepts no more and ends the reading of every connection, so
-    /// that its client's next write breaks. Workers serve what has arrived by then, and connections that wait for a
-    /// worker get one. That may take `milliseconds`, 0 and below without limit. Then it does what shutdown() does.
-    /// True if all requests that had begun to arrive were served, and every worker has ended. A shutdown() of another
-    /// thread ends it early. Before run() it gives the name up, and run() returns at once; that is true too, and so is
-    /// a drain() after shutdown(), which has nothing left to do. False at once while another thread drains.
-    /// From any thread but a handler's, which it would wait for. It throws nothing. It costs the stop nothing, and an
-    /// exchange a look at a flag.
+    /// that its client's next write breaks. Workers serve what has arrived by then, and a connection that was accepted
+    /// and waits for a worker gets one. Clients that have connected and were not accepted yet are cut off: run()
+    /// accepts one at a time, and none while that one waits for a worker. That may take `milliseconds`, 0 and below
+    /// without limit. Then it does what shutdown() does. True if all requests that had begun to arrive were served, and
+    /// every worker has ended. A request was served if it reached the handler and no part was missing that anybody
+    /// asked for, however the handler ended. It was not if its head or its body did not come whole in time, or if it
+    /// exceeded a limit. It is false too if a client was connected and not accepted, whether it had written or not. A
+    /// shutdown() of another thread ends it early. Before run() it gives the name up, and run() returns at once; that
+    /// is true too, and so is a drain() after shutdown(), which has nothing left to do. False at once while another
+    /// thread drains. From any thread but a handler's, which it would wait for. It throws nothing. It costs the stop
+    /// nothing, and an exchange a look at a flag.
     bool drain(int milliseconds);
     /// Whether run() accepts connections. It is false before that, from shutdown() on, and if run() cannot serve.
     bool isRunning() const;
