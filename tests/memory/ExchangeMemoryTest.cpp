@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace qvtp_test {
 namespace {
@@ -43,10 +44,25 @@ class ExchangeWithoutMemory : public ::testing::Test {
         request.execute();
     }
 
+    /// When the server has all that it works with, and nothing of an exchange any more.
+    int settledHandles() const {
+        {
+            QvtpClient client;
+            post(client, server.name, "first");
+        }
+        int handles = 0, sameFor = 0;
+        EXPECT_TRUE(eventually([&] {
+            const int before = std::exchange(handles, Holdings::now().handles);
+            sameFor = handles == before ? sameFor + 1 : 0;
+            return sameFor == 10;
+        }));
+        return handles;
+    }
+
     /// Lets each allocation of an exchange fail in turn, with a new client and with one that has an idle pipe. What it
     /// throws is what can be caught, and the client is as good as before.
     void expectHarmless(const std::function<void(QvtpClient&)>& exchange) {
-        const int handlesBefore = Holdings::now().handles;
+        const int handlesBefore = settledHandles();
         for (const bool hasPipe : {false, true}) {
             long n = 1;
             for (bool failed = true; failed; ++n) {

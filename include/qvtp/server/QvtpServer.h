@@ -136,11 +136,11 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// without limit. Then it does what shutdown() does. True if all requests that had begun to arrive were served, and
     /// every worker has ended. A request was served if it reached the handler and no part was missing that anybody
     /// asked for, however the handler ended. It was not if its head or its body did not come whole in time, or if it
-    /// exceeded a limit. It is false too if a client was connected and not accepted, whether it had written or not. A
-    /// shutdown() of another thread ends it early. Before run() it gives the name up, and run() returns at once; that
-    /// is true too, and so is a drain() after shutdown(), which has nothing left to do. False at once while another
-    /// thread drains. From any thread but a handler's, which it would wait for. It throws nothing. It costs the stop
-    /// nothing, and an exchange a look at a flag.
+    /// exceeded a limit. It is false too if a client was connected and not accepted, whether it had written or not; on
+    /// Windows such a client cannot be seen and does not count. A shutdown() of another thread ends it early. Before
+    /// run() it gives the name up, and run() returns at once; that is true too, and so is a drain() after shutdown(),
+    /// which has nothing left to do. False at once while another thread drains. From any thread but a handler's, which
+    /// it would wait for. It throws nothing. It costs the stop nothing, and an exchange a look at a flag.
     bool drain(int milliseconds);
     /// Whether run() accepts connections. It is false before that, from shutdown() on, and if run() cannot serve.
     bool isRunning() const;
