@@ -83,12 +83,17 @@ void LimitedInput::Buffer::fail(int code, const std::string& what) {
     throw QvPipeException(reason);
 }
 
-void LimitedInput::Buffer::countHead(char c) {
-    if (limits_.headBytes > 0 && headBytes_ == limits_.headBytes) {
+void LimitedInput::Buffer::countHeadByte() {
+    if (limits_.headBytes <= 0) return;
+    if (headBytes_ == limits_.headBytes) {
         fail(inStartLine_ ? QvtpMessage::STATUS_RESOURCE_ID_LONG : QvtpMessage::STATUS_BAD_REQUEST,
              text("The head is longer than ", limits_.headBytes, " bytes."));
     }
-    if (limits_.headBytes > 0) ++headBytes_;
+    ++headBytes_;
+}
+
+void LimitedInput::Buffer::countHead(char c) {
+    countHeadByte();
     if (c == '\n') {
         if (!lineIsEmpty_) inStartLine_ = false;  // empty lines may stand before the start line
         lineIsEmpty_ = true;

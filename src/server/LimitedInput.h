@@ -63,6 +63,7 @@ class LimitedInput : public std::istream {
 
         [[noreturn]] void fail(int code, const std::string& what);
         void countHead(char c);
+        void countHeadByte();
         void beginLine(char c);
         bool isTimed() const { return limits_.requestMs > 0 || (inHead_ && limits_.headMs > 0); }
         Clock::time_point end() const;

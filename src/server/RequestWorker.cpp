@@ -173,27 +173,26 @@ RequestWorker::Next RequestWorker::awaitNext() {
     if (isAskedToGiveUp(true)) return Next::GIVE_UP;
     if (pipe_->getInputStream()->rdbuf()->in_avail() > 0) return Next::REQUEST;
     const bool unlimited = idleTimeoutMs_ <= 0;  // below 0 it is a time that nobody waits for the end of
-    auto now = Clock::now();
+    const auto now = Clock::now();
     const auto idleEnd = unlimited ? Clock::time_point::max() : now + std::chrono::milliseconds(idleTimeoutMs_);
     if (makesRoom_ && served_) silentSince_ = now;
     wait_ = candidate_ ? Wait::RESTING : Wait::PLAIN;
-    PipeControl::Input input = PipeControl::Input::WOKEN;
-    Next next = Next::REQUEST;
-    while (input != PipeControl::Input::THERE && next == Next::REQUEST) {
-        if (isAskedToGiveUp(false)) {
-            next = Next::GIVE_UP;
-        } else if (now >= idleEnd) {
-            next = Next::SILENCE;
-        } else {
-            const auto end = endOfWait(idleEnd);
-            input = PipeControl::awaitInput(*pipe_, end == Clock::time_point::max() ? 0 : millisecondsUntil(end, now),
-                                            candidate_ || makesRoom_);
-            if (input != PipeControl::Input::THERE) now = Clock::now();
-        }
-    }
+    const Next next = awaitInput(idleEnd, now);
     if (wait_.exchange(Wait::NONE) == Wait::ENDED) endReading();  // perhaps before drain() comes to it
     // What has come by then is served on that way too, and the end of reading is no end of the client's.
     return drain_ ? Next::GIVE_UP : next;
+}
+
+/// `now`: read a moment ago, since a look at the clock costs as much as a hundred instructions.
+RequestWorker::Next RequestWorker::awaitInput(Clock::time_point idleEnd, Clock::time_point now) {
+    for (;; now = Clock::now()) {
+        if (isAskedToGiveUp(false)) return Next::GIVE_UP;
+        if (now >= idleEnd) return Next::SILENCE;
+        const auto end = endOfWait(idleEnd);
+        const int timeoutMs = end == Clock::time_point::max() ? 0 : millisecondsUntil(end, now);
+        const auto input = PipeControl::awaitInput(*pipe_, timeoutMs, candidate_ || makesRoom_);
+        if (input == PipeControl::Input::THERE) return Next::REQUEST;
+    }
 }
 
 /// Also one that the accept thread has not come to yet. The system is asked only when all threads are busy.

@@ -106,6 +106,7 @@ class RequestWorker : public Poco::Runnable {
     void prepareStreams();
     void serveRequests();
     Next awaitNext();
+    Next awaitInput(Clock::time_point idleEnd, Clock::time_point now);
     bool isConnectionWaiting() const;
     bool isAskedToGiveUp(bool requestEnded);
     Clock::time_point endOfWait(Clock::time_point idleEnd) const;
