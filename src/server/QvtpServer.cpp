@@ -213,6 +213,16 @@ void QvtpServer::shutdown() {
     serverPipe_->close();
 }
 
+/// An accept that only looks for a client shows one for a moment. A client that is there stays.
+static bool hasUnacceptedClient(const Io::ServerQvPipe& pipe) {
+    constexpr int LOOKS = 10;
+    for (int i = 0; i < LOOKS; ++i) {
+        if (!Internal::Qvtp::PipeControl::hasUnacceptedClient(pipe)) return false;
+        Internal::Qvtp::System::sleepMs(1);
+    }
+    return true;
+}
+
 bool QvtpServer::drain(int milliseconds) {
     const auto now = Drain::Clock::now();
     const auto deadline = milliseconds > 0 ? now + std::chrono::milliseconds(milliseconds) : now + FOR_EVER;
@@ -220,7 +230,7 @@ bool QvtpServer::drain(int milliseconds) {
     if (!draining.begin()) return false;  // before all else: a run() that begins meanwhile finds it
     const bool wasRunning = running_.exchange(false);
     if (serverPipe_ != nullptr) {
-        if (PipeControl::hasUnacceptedClient(*serverPipe_)) draining.noteCutOff();  // the close hangs up on it
+        if (hasUnacceptedClient(*serverPipe_)) draining.noteCutOff();  // the close hangs up on it
         serverPipe_->close();
     }
     bool isDone = true;
