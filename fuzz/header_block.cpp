@@ -19,11 +19,12 @@ std::string written(const HeaderBlock& block) {
     return text;
 }
 
-HeaderBlock readBack(const HeaderBlock& block) {
-    HeaderBlock copy;
-    std::istringstream in(written(block) + "\r\n");
-    copy.read(in, Utf8String());
-    return copy;
+/// What a block writes that has read this text.
+std::string readAndWritten(const std::string& text) {
+    HeaderBlock block;
+    std::istringstream in(text + "\r\n");
+    block.read(in, Utf8String());
+    return written(block);
 }
 
 /// What was written is read back to the same values. The first pass may still change those that only a peer can send:
@@ -32,8 +33,8 @@ void checkRoundTrip(const HeaderBlock& block) {
     for (const std::string& name : block.getHeaderNames()) {
         if (name.empty() || name.find_first_of("\r\n") != std::string::npos) return;
     }
-    const HeaderBlock copy = readBack(block);
-    if (written(readBack(copy)) != written(copy)) std::abort();
+    const std::string settled = readAndWritten(written(block));
+    if (readAndWritten(settled) != settled) std::abort();
 }
 
 }  // namespace
