@@ -8,6 +8,7 @@
 #include "platform/PipePlatform.h"
 
 #include <algorithm>
+#include <atomic>
 #include <istream>
 #include <limits>
 #include <mutex>
@@ -37,14 +38,17 @@ class QvPipe::PipeStream : public Stream {
         heir_->readTimeout_ = owner.readTimeout_;
         buffer_.pipe_ = &*heir_;
         buffer_.dropArea();  // whoever gave it to the owner frees it now
+        isOrphan_ = true;
     }
 
     /// Gives a stream without an owner to a copy that asks for it.
     void adopt(QvPipe* pipe) {
+        if (!isOrphan_) return;
         std::lock_guard<std::mutex> guard(mutex_);
         if (!heir_) return;
         buffer_.pipe_ = pipe;
         heir_.reset();
+        isOrphan_ = false;
     }
 
   protected:
@@ -53,6 +57,7 @@ class QvPipe::PipeStream : public Stream {
   private:
     std::mutex mutex_;  // guards whose the stream is: heir_ and the buffer's pipe
     std::optional<QvPipe> heir_;
+    std::atomic<bool> isOrphan_{false};  // whether there is an heir, for those who have no lock
 };
 
 /// The stream that reads.
