@@ -36,7 +36,6 @@ void appendAsOneLine(std::string& line, const std::string& reason) {
 
 QvtpServerResponse::QvtpServerResponse(QvtpServer* server, std::ostream* out, Soa::Common::Xml::Utf8String* converter)
     : statusCode_(STATUS_SERVER_ERROR),
-      reasonPhrase_(STATUS_REASONS.at(STATUS_SERVER_ERROR)),
       server_(server),
       out_(out),
       impl_(std::make_unique<QvtpMessageOutImpl>(this, Internal::Qvtp::DirectionLabel::REPLY, converter)),
@@ -55,7 +54,7 @@ std::string QvtpServerResponse::getStartLine() {
     line += WireSyntax::BLANK;
     appendText(line, statusCode_);
     line += WireSyntax::BLANK;
-    appendAsOneLine(line, reasonPhrase_);
+    appendAsOneLine(line, hasReason_ ? reasonPhrase_ : STATUS_REASONS.at(STATUS_SERVER_ERROR));
     return line;
 }
 
@@ -86,11 +85,12 @@ void QvtpServerResponse::setStatusCode(int code) {
 
 void QvtpServerResponse::setStatusCode(int code, const std::string& reason) {
     statusCode_ = code;
-    reasonPhrase_ = reason;
+    setReasonPhrase(reason);
 }
 
 void QvtpServerResponse::setReasonPhrase(const std::string& reason) {
     reasonPhrase_ = reason;
+    hasReason_ = true;
 }
 
 std::ostream* QvtpServerResponse::getBodyStream() {

@@ -73,6 +73,7 @@ class QVTP_API QvtpServerResponse : public QvtpMessageOut {
     int bufferSize_;  // read once: the server may be gone when a handler that never ended comes back
     Internal::Qvtp::RequestWorker* worker_ = nullptr;  // not owned; null unless a worker serves the request
     bool sentWhole_ = false;                           // what setBody() gave was sent, or was to be
+    bool hasReason_ = false;                           // until then it is the usual one of the first status
 };
 
 }  // namespace Quovane::Qvtp
