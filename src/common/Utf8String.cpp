@@ -2,13 +2,15 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <utility>
 
 namespace Quovane::Soa::Common::Xml {
 
 namespace {
 
-unsigned char byteAt(const std::string& text, std::size_t position) {
+unsigned char byteAt(std::string_view text, std::size_t position) {
     return static_cast<unsigned char>(text[position]);
 }
 
@@ -38,7 +40,7 @@ std::size_t lengthByFirstByte(unsigned char first) {
 }
 
 /// The length of the well-formed sequence that starts here, 0 if none does.
-std::size_t sequenceLength(const std::string& text, std::size_t position) {
+std::size_t sequenceLength(std::string_view text, std::size_t position) {
     const unsigned char first = byteAt(text, position);
     const std::size_t length = lengthByFirstByte(first);
     if (length == 0 || position + length > text.size()) return 0;
@@ -54,11 +56,23 @@ void appendLatin1(std::string& out, unsigned char byte) {
     out += static_cast<char>(0x80 | (byte & 0x3F));
 }
 
-bool isAscii(char c) {
-    return static_cast<unsigned char>(c) < 0x80;
+constexpr std::uint64_t EIGHT_BYTES = 0x0101010101010101;
+constexpr std::uint64_t HIGH_BITS = 0x80 * EIGHT_BYTES;
+
+/// Whether `isOdd(eight bytes)` says so of no part of the text. Blanks stand in for what its last part lacks.
+template <typename IsOdd>
+bool isWithout(std::string_view text, const IsOdd& isOdd) {
+    std::uint64_t word = 0;
+    for (; text.size() >= sizeof word; text.remove_prefix(sizeof word)) {
+        std::memcpy(&word, text.data(), sizeof word);
+        if (isOdd(word)) return false;
+    }
+    word = ' ' * EIGHT_BYTES;
+    for (const char c : text) word = word << 8 | static_cast<unsigned char>(c);
+    return !isOdd(word);
 }
 
-std::string wellFormed(const std::string& in) {
+std::string wellFormed(std::string_view in) {
     std::string result;
     result.reserve(in.size());
     for (std::size_t position = 0; position < in.size();) {
@@ -67,7 +81,7 @@ std::string wellFormed(const std::string& in) {
             appendLatin1(result, byteAt(in, position));
             ++position;
         } else {
-            result.append(in, position, length);
+            result.append(in.substr(position, length));
             position += length;
         }
     }
@@ -86,9 +100,17 @@ void Utf8String::encode(const std::string& in, std::string& out) {
     out = std::move(result);
 }
 
-void Utf8String::appendEncoded(const std::string& in, std::string& out) {
-    const auto passes = [](char c) { return isAscii(c) && !endsLine(c); };
-    if (std::all_of(in.begin(), in.end(), passes)) {
+bool Utf8String::isPlain(std::string_view text) {
+    // A byte below ' ' borrows from its high bit.
+    return isWithout(text, [](std::uint64_t word) { return ((word - ' ' * EIGHT_BYTES) | word) & HIGH_BITS; });
+}
+
+bool Utf8String::isAscii(std::string_view text) {
+    return isWithout(text, [](std::uint64_t word) { return word & HIGH_BITS; });
+}
+
+void Utf8String::appendEncoded(std::string_view in, std::string& out) {
+    if (isPlain(in)) {
         out += in;
         return;
     }
@@ -98,7 +120,7 @@ void Utf8String::appendEncoded(const std::string& in, std::string& out) {
 }
 
 void Utf8String::decode(const std::string& in, std::string& out) {
-    if (std::all_of(in.begin(), in.end(), isAscii)) {
+    if (isAscii(in)) {
         out = in;
         return;
     }

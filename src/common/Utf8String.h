@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace Quovane::Soa::Common::Xml {
 
@@ -13,7 +14,11 @@ class Utf8String {
     /// can end its line and smuggle in another header.
     static void encode(const std::string& in, std::string& out);
     /// The same, appended to what `out` holds.
-    static void appendEncoded(const std::string& in, std::string& out);
+    static void appendEncoded(std::string_view in, std::string& out);
+    /// Whether encoding leaves the text as it is. False for some texts that it would leave, too.
+    static bool isPlain(std::string_view text);
+    /// Whether decoding finds nothing but ASCII, and leaves the text as it is.
+    static bool isAscii(std::string_view text);
     /// From the wire.
     static void decode(const std::string& in, std::string& out);
 };

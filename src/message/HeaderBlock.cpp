@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <new>
 #include <string_view>
-#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -35,143 +34,125 @@ void logLine(std::string_view line) {
     }
 }
 
-/// Without regard to case.
-bool isBefore(std::string_view left, std::string_view right) {
+/// By their bytes without regard to case: less than 0, 0 or more, as memcmp.
+int compare(std::string_view left, std::string_view right) {
     const std::size_t shorter = std::min(left.size(), right.size());
+    if (left == right) return 0;
     for (std::size_t i = 0; i < shorter; ++i) {
-        const auto l = static_cast<unsigned char>(upperCase(left[i]));
-        const auto r = static_cast<unsigned char>(upperCase(right[i]));
-        if (l != r) return l < r;
+        if (left[i] == right[i]) continue;
+        const int difference =
+            static_cast<unsigned char>(upperCase(left[i])) - static_cast<unsigned char>(upperCase(right[i]));
+        if (difference != 0) return difference;
     }
-    return left.size() < right.size();
-}
-
-bool isSame(std::string_view left, std::string_view right) {
-    if (left.size() != right.size()) return false;
-    const auto matches = [](char l, char r) { return upperCase(l) == upperCase(r); };
-    return left == right || std::equal(left.begin(), left.end(), right.begin(), matches);
-}
-
-bool isAscii(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    return left.size() < right.size() ? -1 : static_cast<int>(left.size() > right.size());
 }
 
 }  // namespace
 
 HeaderBlock::HeaderBlock() {
-    entries_.reserve(USUAL_COUNT);
+    records_.reserve(USUAL_COUNT);
 }
 
-HeaderBlock::Entry::Entry(std::string_view name, std::string_view value) : header(name) {
-    header.addValues(value);
-    // Names with a vertical tab or a form feed at their ends.
-    if (header.getName().size() != trimmed(name).size()) oddKey = std::make_unique<std::string>(trimmed(name));
+/// Of the header with this key, or where it would be.
+HeaderBlock::Records::iterator HeaderBlock::placeOf(std::string_view key) {
+    return std::find_if(records_.begin(), records_.end(),
+                        [&](const HeaderRecord& record) { return compare(record.getKey(), key) >= 0; });
 }
 
-HeaderBlock::Entries::iterator HeaderBlock::find(std::string_view name) {
+bool HeaderBlock::isAt(Records::iterator place, std::string_view key) const {
+    return place != records_.end() && compare(place->getKey(), key) == 0;
+}
+
+const HeaderRecord* HeaderBlock::recordOf(std::string_view name) const {
     const std::string_view key = trimmed(name);
-    return std::find_if(entries_.begin(), entries_.end(), [&](const Entry& entry) { return isSame(entry.key(), key); });
+    const auto isIt = [&](const HeaderRecord& record) {
+        return record.getKey().size() == key.size() && compare(record.getKey(), key) == 0;
+    };
+    const auto record = std::find_if(records_.begin(), records_.end(), isIt);
+    return record != records_.end() ? &*record : nullptr;
 }
 
-const QvtpHeader* HeaderBlock::headerOf(std::string_view name) const {
-    const std::string_view key = trimmed(name);
-    for (const Entry& entry : entries_) {
-        if (isSame(entry.key(), key)) return &entry.header;
-    }
-    return nullptr;
-}
-
-/// A name that is not there yet.
-void HeaderBlock::insert(std::string_view name, std::string_view value) {
-    const Entry& added = entries_.emplace_back(name, value);
-    const auto end = entries_.end() - 1;
-    const auto place =
-        std::find_if(entries_.begin(), end, [&](const Entry& other) { return isBefore(added.key(), other.key()); });
-    std::rotate(place, end, entries_.end());
-}
-
-/// Brings entries as they were read into order and joins those of one name. A peer may send very many.
+/// Brings headers as they were read into order and joins those of one name. A peer may send very many.
 void HeaderBlock::sortOut() {
-    const auto isInOrder = [](const Entry& left, const Entry& right) { return isBefore(left.key(), right.key()); };
-    const auto isOutOfOrder = [&](const Entry& left, const Entry& right) { return !isInOrder(left, right); };
-    if (std::adjacent_find(entries_.begin(), entries_.end(), isOutOfOrder) == entries_.end()) return;
-    std::stable_sort(entries_.begin(), entries_.end(), isInOrder);
+    const auto isInOrder = [](const HeaderRecord& left, const HeaderRecord& right) {
+        return compare(left.getKey(), right.getKey()) < 0;
+    };
+    const auto isOutOfOrder = [&](const HeaderRecord& left, const HeaderRecord& right) {
+        return !isInOrder(left, right);
+    };
+    if (std::adjacent_find(records_.begin(), records_.end(), isOutOfOrder) == records_.end()) return;
+    std::stable_sort(records_.begin(), records_.end(), isInOrder);
     std::size_t last = 0;
-    for (std::size_t i = 1; i < entries_.size(); ++i) {
-        if (isSame(entries_[last].key(), entries_[i].key())) {
-            entries_[i].header.forEachValue([&](const std::string& value) { entries_[last].header.addValues(value); });
+    for (std::size_t i = 1; i < records_.size(); ++i) {
+        if (!isInOrder(records_[last], records_[i])) {
+            records_[i].forEachValue([&](std::string_view value) { records_[last].addValues(value, memory_); });
         } else if (++last != i) {
-            entries_[last] = std::move(entries_[i]);
+            records_[last] = records_[i];
         }
     }
-    entries_.resize(last + 1);
+    records_.resize(last + 1);
 }
 
-std::string HeaderBlock::getHeader(std::string_view name) const {
-    const QvtpHeader* const header = headerOf(name);
-    return header != nullptr ? header->getValue() : std::string();
+std::string_view HeaderBlock::firstValue(std::string_view name) const {
+    const HeaderRecord* const record = recordOf(name);
+    return record != nullptr ? record->getValue() : std::string_view();
 }
 
 std::vector<std::string> HeaderBlock::getHeaders(std::string_view name) const {
-    const QvtpHeader* const header = headerOf(name);
-    return header != nullptr ? header->getValues() : std::vector<std::string>();
+    std::vector<std::string> values;
+    const HeaderRecord* const record = recordOf(name);
+    if (record != nullptr) record->forEachValue([&](std::string_view value) { values.emplace_back(value); });
+    return values;
 }
 
 std::vector<std::string> HeaderBlock::getHeaderNames() const {
     std::vector<std::string> names;
-    for (const Entry& entry : entries_) names.push_back(entry.header.getName());
+    for (const HeaderRecord& record : records_) names.emplace_back(record.getName());
     return names;
 }
 
 void HeaderBlock::addHeader(std::string_view name, std::string_view value) {
-    const auto entry = find(name);
-    if (entry != entries_.end()) {
-        entry->header.addValues(value);
+    const std::string_view key = trimmed(name);
+    const auto place = placeOf(key);
+    if (isAt(place, key)) {
+        place->addValues(value, memory_);
     } else {
-        insert(name, value);
+        records_.insert(place, HeaderRecord(name, value, memory_));
     }
 }
 
 void HeaderBlock::setHeader(std::string_view name, std::string_view value) {
-    const auto entry = find(name);
-    if (entry != entries_.end()) {
-        *entry = Entry(name, value);
+    const std::string_view key = trimmed(name);
+    const auto place = placeOf(key);
+    if (isAt(place, key)) {
+        *place = HeaderRecord(name, value, memory_);
     } else {
-        insert(name, value);
+        records_.insert(place, HeaderRecord(name, value, memory_));
     }
 }
 
 void HeaderBlock::removeHeader(std::string_view name) {
-    const auto entry = find(name);
-    if (entry != entries_.end()) entries_.erase(entry);
+    const std::string_view key = trimmed(name);
+    const auto place = placeOf(key);
+    if (isAt(place, key)) records_.erase(place);
 }
 
 void HeaderBlock::write(std::string& out, const Utf8String& converter) const {
-    for (const Entry& entry : entries_) {
-        out += entry.header.getName();
-        out += ": ";
-        bool isFirst = true;
-        entry.header.forEachValue([&](const std::string& value) {
-            if (!isFirst) out += DELIMITER;
-            converter.appendEncoded(value, out);
-            isFirst = false;
-        });
-        out += LINE_END;
-    }
+    for (const HeaderRecord& record : records_) record.write(out, converter);
 }
 
 void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
-    std::size_t complete = entries_.size();
+    std::size_t complete = records_.size();
     try {
         std::string room;
         for (;;) {
             const std::string_view line = StreamUtil::readLine(in, room);
-            complete = entries_.size();  // without the line after it a header does not count
+            complete = records_.size();  // without the line after it a header does not count
             if (line.empty()) break;
             readHeader(in, line, converter);
         }
     } catch (...) {
-        entries_.resize(complete);
+        records_.resize(complete);
         sortOutWhatThereIs();
         throw;
     }
@@ -183,7 +164,7 @@ void HeaderBlock::sortOutWhatThereIs() noexcept {
     try {
         sortOut();
     } catch (const std::bad_alloc&) {
-        entries_.clear();
+        records_.clear();
     }
 }
 
@@ -192,8 +173,8 @@ void HeaderBlock::readHeader(std::istream& in, std::string_view line, const Utf8
     logLine(line);
     const std::size_t colon = std::min(line.find(':'), line.size());
     const std::string_view first = line.substr(std::min(colon + 1, line.size()));
-    if (!isContinued(in) && isAscii(first)) {
-        entries_.emplace_back(line.substr(0, colon), first);
+    if (!isContinued(in) && Utf8String::isAscii(first)) {
+        records_.push_back(HeaderRecord::ofLine(line, colon, memory_));
         return;
     }
     const std::string name(line.substr(0, colon));  // the next line may come to where this one is
@@ -206,7 +187,7 @@ void HeaderBlock::readHeader(std::istream& in, std::string_view line, const Utf8
         value += StringUtils::trim(next);
     }
     converter.decode(value, value);
-    entries_.emplace_back(name, value);
+    records_.emplace_back(name, value, memory_);
 }
 
 }  // namespace Quovane::Internal::Qvtp

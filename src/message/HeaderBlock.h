@@ -1,11 +1,10 @@
 #pragma once
 
 #include "common/Utf8String.h"
-#include "message/QvtpHeader.h"
+#include "message/HeaderRecord.h"
 
 #include <cstddef>
 #include <istream>
-#include <memory>
 #include <memory_resource>
 #include <string>
 #include <string_view>
@@ -21,7 +20,9 @@ class HeaderBlock {
 
     HeaderBlock();
 
-    std::string getHeader(std::string_view name) const;
+    std::string getHeader(std::string_view name) const { return std::string(firstValue(name)); }
+    /// The same, in the block's own memory: until the block changes.
+    std::string_view firstValue(std::string_view name) const;
     std::vector<std::string> getHeaders(std::string_view name) const;
     std::vector<std::string> getHeaderNames() const;
 
@@ -36,31 +37,26 @@ class HeaderBlock {
     void read(std::istream& in, const Utf8String& converter);
 
   private:
-    struct Entry {
-        Entry() = default;
-        Entry(std::string_view name, std::string_view value);
-        /// What the name is compared by, without regard to case.
-        std::string_view key() const { return oddKey == nullptr ? header.getName() : *oddKey; }
-
-        QvtpHeader header;
-        std::unique_ptr<std::string> oddKey;  // if it is not the name
-    };
-    using Entries = std::pmr::vector<Entry>;
+    using Records = std::pmr::vector<HeaderRecord>;
 
     static constexpr std::size_t USUAL_COUNT = 4;
+    static constexpr std::size_t USUAL_TEXT = 256;  // bytes of their names and values
 
-    Entries::iterator find(std::string_view name);
-    const QvtpHeader* headerOf(std::string_view name) const;
-    void insert(std::string_view name, std::string_view value);
+    HeaderBlock(const HeaderBlock&) = delete;
+    HeaderBlock& operator=(const HeaderBlock&) = delete;
+
+    Records::iterator placeOf(std::string_view key);
+    bool isAt(Records::iterator place, std::string_view key) const;
+    const HeaderRecord* recordOf(std::string_view name) const;
     void sortOut();
     void sortOutWhatThereIs() noexcept;
     void readHeader(std::istream& in, std::string_view line, const Utf8String& converter);
 
     // Messages have few headers: these need no memory of their own. More of them come from the heap, whatever resource
-    // the application has made the default.
-    alignas(Entry) std::byte room_[USUAL_COUNT * sizeof(Entry)];
+    // the application has made the default. What a header gives up is free again only with the block.
+    alignas(HeaderRecord) std::byte room_[USUAL_COUNT * sizeof(HeaderRecord) + USUAL_TEXT];
     std::pmr::monotonic_buffer_resource memory_{room_, sizeof room_, std::pmr::new_delete_resource()};
-    Entries entries_{&memory_};  // in the order of their upper-cased keys
+    Records records_{&memory_};  // in the order of their upper-cased keys
 };
 
 }  // namespace Quovane::Internal::Qvtp

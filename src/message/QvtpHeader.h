@@ -6,7 +6,8 @@
 
 namespace Quovane::Internal::Qvtp {
 
-/// One header: its name as it is written on the wire, and its values in the order in which they were added.
+/// One header: its name as it is written on the wire, and its values in the order in which they were added. It owns its
+/// texts; a block holds a HeaderRecord instead, which does not.
 class QvtpHeader {
   public:
     QvtpHeader() = default;
@@ -39,7 +40,6 @@ class QvtpHeader {
 
   private:
     bool hasValue() const { return !first_.empty(); }  // no value is empty
-    void addPiece(std::string_view text);
 
     std::string name_;
     std::string first_;              // most headers have one value

@@ -87,11 +87,11 @@ std::string QvtpMessageInImpl::readStartLine() {
 }
 
 bool QvtpMessageInImpl::isChunked() const {
-    return getHeader(QvtpMessage::HEADER_TRANSFER_ENCODING) == QvtpMessage::HEADER_CHUNKED_ENCODING;
+    return headers_.firstValue(QvtpMessage::HEADER_TRANSFER_ENCODING) == QvtpMessage::HEADER_CHUNKED_ENCODING;
 }
 
 std::uint64_t QvtpMessageInImpl::findBodyLength() {
-    const std::string length = getHeader(QvtpMessage::HEADER_CONTENT_LENGTH);
+    const std::string_view length = headers_.firstValue(QvtpMessage::HEADER_CONTENT_LENGTH);
     if (!length.empty()) {
         announcedLength_ = StringUtils::toInteger(length);
         return static_cast<std::uint64_t>(std::int64_t{*announcedLength_});  // its sign kept: -1 marks a chunked body

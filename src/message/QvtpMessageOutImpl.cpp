@@ -66,9 +66,9 @@ std::uint64_t QvtpMessageOutImpl::getBodyLength() const {
 
 bool QvtpMessageOutImpl::announcesBody(bool chunked) const {
     // As the receiver has it: the length comes first.
-    const std::string length = headers_.getHeader(HEADER_CONTENT_LENGTH);
+    const std::string_view length = headers_.firstValue(HEADER_CONTENT_LENGTH);
     if (chunked) {
-        return length.empty() && headers_.getHeader(HEADER_TRANSFER_ENCODING) == HEADER_CHUNKED_ENCODING;
+        return length.empty() && headers_.firstValue(HEADER_TRANSFER_ENCODING) == HEADER_CHUNKED_ENCODING;
     }
     return hasBody() && !length.empty() && bodyLength_ == static_cast<std::size_t>(StringUtils::toInteger(length));
 }

@@ -156,4 +156,45 @@ TEST(Utf8String, MayWriteItsResultOverItsArgument) {
     EXPECT_EQ(text, "\xC3\xA4");
 }
 
+/// One byte of each value, at each place of texts of each length up to two words of the processor and a little.
+template <typename Check>
+void forEachByteAnywhere(const Check& check) {
+    for (std::size_t length = 1; length <= 18; ++length) {
+        for (std::size_t place = 0; place < length; ++place) {
+            for (int byte = 0; byte < 256; ++byte) {
+                std::string text(length, 'x');
+                text[place] = static_cast<char>(byte);
+                check(text, byte);
+            }
+        }
+    }
+}
+
+TEST(Utf8String, KnowsTextOfAsciiByEachOfItsBytes) {
+    EXPECT_TRUE(Utf8String::isAscii(""));
+    forEachByteAnywhere([](const std::string& text, int byte) {
+        EXPECT_EQ(Utf8String::isAscii(text), byte < 128) << text.size() << " " << byte;
+    });
+}
+
+TEST(Utf8String, CallsNoTextPlainThatEncodingChanges) {
+    EXPECT_TRUE(Utf8String::isPlain(""));
+    forEachByteAnywhere([](const std::string& text, int byte) {
+        EXPECT_EQ(Utf8String::isPlain(text), byte >= ' ' && byte < 128) << text.size() << " " << byte;
+        if (Utf8String::isPlain(text)) {
+            EXPECT_EQ(encoded(text), text);
+        }
+    });
+}
+
+TEST(Utf8String, EncodesEachByteAnywhereInATextAsItDoesAlone) {
+    forEachByteAnywhere([](const std::string& text, int byte) {
+        const bool endsLine = byte == 0 || byte == '\r' || byte == '\n';
+        const std::string alone = endsLine ? " " : decoded(std::string(1, static_cast<char>(byte)));
+        const std::size_t place = text.find(static_cast<char>(byte));
+        if (byte == 'x') return;
+        EXPECT_EQ(encoded(text), std::string(place, 'x') + alone + std::string(text.size() - place - 1, 'x'));
+    });
+}
+
 }  // namespace

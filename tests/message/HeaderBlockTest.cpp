@@ -1,5 +1,6 @@
 #include "message/HeaderBlock.h"
 
+#include "message/QvtpHeader.h"
 #include "support/ChoppedStreamBuf.h"
 #include "support/LogCapture.h"
 #include "support/Thrown.h"
@@ -17,6 +18,7 @@
 namespace {
 
 using Quovane::Internal::Qvtp::HeaderBlock;
+using Quovane::Internal::Qvtp::QvtpHeader;
 using Quovane::Soa::Common::Xml::Utf8String;
 using qvtp_test::ChoppedStreamBuf;
 using qvtp_test::LogCapture;
@@ -316,6 +318,49 @@ TEST_F(HeaderBlockReading, RecordsNothingWhenOnlyOutputIsRecorded) {
     read("X: a\r\n\r\n");
     EXPECT_EQ(log.communication(), "");
     EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(HeaderBlockWriting, WritesAHeaderTheSameHoweverItCameToBe) {
+    const std::vector<std::pair<std::string, std::string>> headers = {
+        {"Plain", "value"},  {"Trimmed ", " value "}, {"Several", "a,b"}, {"Empty", ""},
+        {"Blank", " \t"},    {"Comma", "a,"},         {"Tab", "a\tb"},    {"Umlaut", "\xE4"},
+        {"LineEnd", "a\rb"}, {" \vOdd\f ", "value"},  {"\vTab", "value"}};
+    for (const auto& [name, value] : headers) {
+        HeaderBlock added, set, joined;
+        added.addHeader(name, value);
+        set.setHeader(name, "another");
+        set.setHeader(name, value);
+        joined.addHeader(name, "");
+        joined.addHeader(name, value);
+        QvtpHeader header;
+        header.setName(name);
+        header.setValue(value);
+        std::string expected = header.getName() + ": ";
+        for (const std::string& one : header.getValues()) {
+            std::string sent;
+            converter_.encode(one, sent);
+            expected += (expected.back() == ' ' ? "" : ",") + sent;
+        }
+        for (const HeaderBlock* block : {&added, &set, &joined}) {
+            std::string text;
+            block->write(text, converter_);
+            EXPECT_EQ(text, expected + "\r\n");
+        }
+    }
+}
+
+TEST_F(HeaderBlockAccess, KeepsItsTextsWhateverBecomesOfThoseItWasGiven) {
+    std::string name = "A-name-that-is-longer-than-any-short-string";
+    std::string value = "first, second, a value that is longer than any short string";
+    block_.addHeader(name, value);
+    name.assign(name.size(), 'x');
+    value.assign(value.size(), 'x');
+    for (int i = 0; i < 100; ++i) block_.addHeader("Another-" + std::to_string(i), std::to_string(i));
+    EXPECT_THAT(block_.getHeaders("a-NAME-that-is-longer-than-any-short-string"),
+                ElementsAre("first", "second", "a value that is longer than any short string"));
+    block_.removeHeader("Another-50");
+    EXPECT_EQ(block_.getHeader("Another-50"), "");
+    EXPECT_EQ(block_.getHeader("Another-51"), "51");
 }
 
 TEST_F(HeaderBlockReading, GivesBackTheNamesAndValuesThatWereWritten) {

@@ -1,0 +1,97 @@
+#include "message/HeaderRecord.h"
+
+#include "common/WireSyntax.h"
+#include "message/HeaderText.h"
+
+#include <new>
+
+namespace Quovane::Internal::Qvtp {
+
+namespace {
+
+using namespace WireSyntax;
+
+constexpr std::string_view AFTER_NAME = ": ";
+
+char* room(std::size_t size, HeaderRecord::Memory& memory) {
+    return static_cast<char*>(memory.allocate(size, 1));
+}
+
+/// A copy.
+std::string_view keep(std::string_view text, HeaderRecord::Memory& memory) {
+    if (text.empty()) return {};
+    char* const copy = room(text.size(), memory);
+    text.copy(copy, text.size());
+    return {copy, text.size()};
+}
+
+/// The line of a header, with its end.
+std::string_view keepLine(std::string_view name, std::string_view valueText, HeaderRecord::Memory& memory) {
+    const std::size_t size = name.size() + AFTER_NAME.size() + valueText.size() + LINE_END.size();
+    char* const line = room(size, memory);
+    char* end = line + name.copy(line, name.size());
+    end += AFTER_NAME.copy(end, AFTER_NAME.size());
+    end += valueText.copy(end, valueText.size());
+    LINE_END.copy(end, LINE_END.size());
+    return {line, size};
+}
+
+}  // namespace
+
+HeaderRecord::HeaderRecord(std::string_view name, std::string_view valueText, Memory& memory) {
+    const std::string_view line = keepLine(name, valueText, memory);
+    setName(line.substr(0, name.size()));
+    splitValues(line.substr(name.size() + AFTER_NAME.size(), valueText.size()), memory);
+    const bool isWhole = name_.size() == name.size() && first_.text.size() == valueText.size();
+    if (isWhole && Utf8String::isPlain(first_.text)) whole_ = line;
+}
+
+HeaderRecord HeaderRecord::ofLine(std::string_view line, std::size_t colon, Memory& memory) {
+    const std::string_view kept = keep(line, memory);
+    HeaderRecord record;
+    record.setName(kept.substr(0, colon));
+    if (colon < kept.size()) record.splitValues(kept.substr(colon + 1), memory);
+    return record;
+}
+
+void HeaderRecord::setName(std::string_view kept) {
+    key_ = trimmed(kept);
+    name_ = HeaderText::nameOf(kept);
+}
+
+void HeaderRecord::addValues(std::string_view valueText, Memory& memory) {
+    whole_ = {};
+    splitValues(keep(valueText, memory), memory);
+}
+
+void HeaderRecord::splitValues(std::string_view kept, Memory& memory) {
+    HeaderText::forEachValueOf(kept, [&](std::string_view value) { addValue(value, memory); });
+}
+
+void HeaderRecord::addValue(std::string_view text, Memory& memory) {
+    if (!hasValue()) {
+        first_.text = text;
+        return;
+    }
+    Value* const added = ::new (memory.allocate(sizeof(Value), alignof(Value))) Value{text, nullptr};
+    (last_ != nullptr ? last_->next : first_.next) = added;
+    last_ = added;
+}
+
+void HeaderRecord::write(std::string& out, const Utf8String& converter) const {
+    if (!whole_.empty()) {
+        out += whole_;
+        return;
+    }
+    out += name_;
+    out += AFTER_NAME;
+    bool isFirst = true;
+    forEachValue([&](std::string_view value) {
+        if (!isFirst) out += DELIMITER;
+        converter.appendEncoded(value, out);
+        isFirst = false;
+    });
+    out += LINE_END;
+}
+
+}  // namespace Quovane::Internal::Qvtp
