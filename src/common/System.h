@@ -42,6 +42,12 @@ using File = std::unique_ptr<std::FILE, FileCloser>;
 
 /// Opens a file (UTF-8; on Linux any bytes) for reading, null if that fails.
 File openFile(const std::string& path);
+/// The same for writing at its end. It is made if it is not there. Programs that this one starts do not get it.
+File openFileToAppend(const std::string& path);
+
+/// Whether the process may do more than the user who started it, who has no say in what it does then: set-user-id
+/// programs and the like, as in the manual of secure_getenv(3). Never on Windows.
+bool hasMoreRightsThanItsUser();
 
 /// Calendar times that, unlike std::gmtime and std::localtime, share no buffer between threads.
 std::tm utcTime(std::time_t seconds);

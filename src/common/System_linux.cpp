@@ -1,5 +1,6 @@
 #include "common/System.h"
 
+#include <sys/auxv.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -119,6 +120,14 @@ bool fileExists(const std::string& path) {
 
 File openFile(const std::string& path) {
     return File(std::fopen(path.c_str(), "rbe"));
+}
+
+File openFileToAppend(const std::string& path) {
+    return File(std::fopen(path.c_str(), "abe"));
+}
+
+bool hasMoreRightsThanItsUser() {
+    return ::getauxval(AT_SECURE) != 0;
 }
 
 std::tm utcTime(std::time_t seconds) {

@@ -126,6 +126,14 @@ File openFile(const std::string& path) {
     return File(::_wfopen(wide(path).c_str(), L"rb"));
 }
 
+File openFileToAppend(const std::string& path) {
+    return File(::_wfopen(wide(path).c_str(), L"abN"));
+}
+
+bool hasMoreRightsThanItsUser() {
+    return false;
+}
+
 std::tm utcTime(std::time_t seconds) {
     std::tm result{};
     const __time64_t time = seconds;

@@ -1,10 +1,12 @@
 #include "logging/Logger.h"
 
 #include "common/System.h"
+#include "logging/EnvironmentLog.h"
 #include "logging/LogLine.h"
 #include "logging/LogStep.h"
 
 #include <mutex>
+#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -22,6 +24,9 @@ Logger::CommunicationLevel valid(Logger::CommunicationLevel level) {
 
 using Guard = std::lock_guard<RecursiveMutex>;
 
+// Here, since whoever links the library statically gets this file in any case.
+[[maybe_unused]] const bool ENVIRONMENT_IS_READ = (EnvironmentLog::apply(), true);
+
 }  // namespace
 
 Logger& Logger::instance() {
@@ -33,11 +38,23 @@ Logger& Logger::instance() {
 }
 
 void Logger::configure(std::FILE* logFile, LoggingLevel level, std::FILE* commFile, CommunicationLevel commLevel) {
+    configure(logFile, level, commFile, commLevel, {});
+}
+
+void Logger::configure(System::File logFile, LoggingLevel level, System::File commFile, CommunicationLevel commLevel) {
+    std::FILE* const log = logFile != nullptr ? logFile.get() : stderr;
+    std::FILE* const communication = commFile != nullptr ? commFile.get() : stderr;
+    configure(log, level, communication, commLevel, {std::move(logFile), std::move(commFile)});
+}
+
+void Logger::configure(std::FILE* logFile, LoggingLevel level, std::FILE* commFile, CommunicationLevel commLevel,
+                       Files files) {
     Guard settings(settingsLock_);
     Guard error(lineLocks_[1]), warn(lineLocks_[2]), info(lineLocks_[3]), debug(lineLocks_[4]);
     Guard communication(communicationLock_);
     logFile_ = logFile;
     commFile_ = commFile;
+    ownFiles_ = std::move(files);
     level_.store(valid(level), std::memory_order_relaxed);
     commLevel_.store(commFile != nullptr ? valid(commLevel) : CommunicationLevel::OFF, std::memory_order_relaxed);
 }

@@ -3,6 +3,7 @@
 #include <qvtp/logging/LoggingLevel.h>
 
 #include "common/RecursiveMutex.h"
+#include "common/System.h"
 
 #include <atomic>
 #include <cstddef>
@@ -27,6 +28,9 @@ class Logger {
     /// Replaces all settings; unknown levels become OFF, and without a communication file its level is OFF. When it
     /// returns, no thread writes to the former files any more, so they may be closed.
     void configure(std::FILE* logFile, LoggingLevel level, std::FILE* commFile, CommunicationLevel commLevel);
+    /// The same with files that are the logger's own, until the settings are replaced. Standard error where there is
+    /// none.
+    void configure(System::File logFile, LoggingLevel level, System::File commFile, CommunicationLevel commLevel);
 
     static LoggingLevel level() { return level_.load(std::memory_order_relaxed); }
     static bool isEnabled(LoggingLevel level) { return Logger::level() >= level; }
@@ -47,11 +51,20 @@ class Logger {
 
     static constexpr std::size_t LEVELS = 5;
 
+    struct Files {
+        System::File log;
+        System::File communication;
+    };
+
+    void configure(std::FILE* logFile, LoggingLevel level, std::FILE* commFile, CommunicationLevel commLevel,
+                   Files files);
+
     RecursiveMutex settingsLock_;       // held while the settings change
     RecursiveMutex lineLocks_[LEVELS];  // one per level; guards logFile_
     RecursiveMutex communicationLock_;  // guards commFile_; keeps a record's header and bytes together
-    std::FILE* logFile_ = nullptr;      // not owned
-    std::FILE* commFile_ = nullptr;     // not owned
+    std::FILE* logFile_ = nullptr;
+    std::FILE* commFile_ = nullptr;
+    Files ownFiles_;  // those of the former two that are the logger's
     static inline std::atomic<LoggingLevel> level_{LoggingLevel::OFF};
     static inline std::atomic<CommunicationLevel> commLevel_{CommunicationLevel::OFF};
 };
