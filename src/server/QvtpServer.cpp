@@ -365,15 +365,27 @@ void QvtpServer::deleteWorkers() {
     workers_.clear();
 }
 
+QvtpServer::Statistics QvtpServer::statistics() const {
+    Statistics now;
+    now.posts = totalPosts_;
+    now.notifications = totalNotifies_;
+    now.connections = totalWorkersUsed_;
+    now.endedWorkers = totalIdleTimeouts_;
+    now.waitsForThread = totalWaitsForThread_;
+    now.peakWorkers = peakThreads_;
+    return now;
+}
+
 void QvtpServer::logSummary() const {
     logDebug([&] {
-        return text("\nQvtpServer ", pipeName_, " Summary:\n",                             //
-                    "    Total POST requests:       ", totalPosts_.load(), "\n",           //
-                    "    Total NOTIFY requests:     ", totalNotifies_.load(), "\n",        //
-                    "    Total workers used:        ", totalWorkersUsed_.load(), "\n",     //
-                    "    Total idle timeouts:       ", totalIdleTimeouts_.load(), "\n",    //
-                    "    Total waits for thread:    ", totalWaitsForThread_.load(), "\n",  //
-                    "    Peak number of threads:    ", peakThreads_.load(), "\n");
+        const Statistics all = statistics();
+        return text("\nQvtpServer ", pipeName_, " Summary:\n",                    //
+                    "    Total POST requests:       ", all.posts, "\n",           //
+                    "    Total NOTIFY requests:     ", all.notifications, "\n",   //
+                    "    Total workers used:        ", all.connections, "\n",     //
+                    "    Total idle timeouts:       ", all.endedWorkers, "\n",    //
+                    "    Total waits for thread:    ", all.waitsForThread, "\n",  //
+                    "    Peak number of threads:    ", all.peakWorkers, "\n");
     });
 }
 

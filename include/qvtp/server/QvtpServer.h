@@ -76,6 +76,17 @@ class QVTP_API QvtpServer : public Poco::Runnable {
         int requestMs = 0;           ///< from the first byte of the request to the end of its body
     };
 
+    /// What a server has done since it was made. Each figure is exact; they are read one after another, so that
+    /// requests that come meanwhile may be in one and not in another.
+    struct Statistics {
+        std::int64_t posts = 0;           ///< POST requests that were given to the handler
+        std::int64_t notifications = 0;   ///< NOTIFY requests that were given to the handler
+        std::int64_t connections = 0;     ///< that were accepted
+        std::int64_t endedWorkers = 0;    ///< of connections that ended; noticed at the next one, not at the stop
+        std::int64_t waitsForThread = 0;  ///< connections that had to wait for a worker, and got one
+        int peakWorkers = 0;              ///< most connections that had a worker at once
+    };
+
     /// Takes the pipe name; clients connect from now on and wait until run(). `accessMode`: 1 for POST and NOTIFY,
     /// anything else for a pipe that only reads, for NOTIFY alone. A name that cannot be taken (served by another, or
     /// no possible name) is logged at ERROR and not thrown: run() then returns at once.
@@ -150,6 +161,10 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     /// How many connections have a worker, those that have just finished included.
     int totalRequestProcessors() const;
 
+    /// What it has done so far: the figures of the summary that run() logs at DEBUG when it ends. From any thread, at
+    /// any time, also from a handler. It costs six reads and throws nothing.
+    Statistics statistics() const;
+
   private:
     friend class Internal::Qvtp::RequestWorker;
     using WorkerPtr = std::unique_ptr<Internal::Qvtp::RequestWorker>;
@@ -204,11 +219,11 @@ class QVTP_API QvtpServer : public Poco::Runnable {
     std::shared_ptr<Internal::Qvtp::ThreadUse> threads_;  // shared with the workers; atomic
 
     // Statistics.
-    std::atomic<int> totalPosts_{0};
-    std::atomic<int> totalNotifies_{0};
-    std::atomic<int> totalWorkersUsed_{0};
-    std::atomic<int> totalIdleTimeouts_{0};
-    std::atomic<int> totalWaitsForThread_{0};
+    std::atomic<std::int64_t> totalPosts_{0};
+    std::atomic<std::int64_t> totalNotifies_{0};
+    std::atomic<std::int64_t> totalWorkersUsed_{0};
+    std::atomic<std::int64_t> totalIdleTimeouts_{0};
+    std::atomic<std::int64_t> totalWaitsForThread_{0};
     std::atomic<int> peakThreads_{0};
 
     std::atomic<UnhandledExceptionPolicy> unhandledExceptionPolicy_{KEEP};
