@@ -102,11 +102,12 @@ QueueResult connectBefore(int fd, const std::string& path, const Deadline& deadl
     return result == 0 ? QueueResult::CONNECTED : QueueResult::NOT_CONNECTED;
 }
 
-WaitResult wait(int fd, short events, int event, const Deadline& deadline) {
+WaitResult wait(int fd, short events, int event, const Deadline& deadline, int watch) {
     for (;;) {
-        pollfd descriptors[] = {{event, POLLIN, 0}, {fd, events, 0}};
-        const int ready = pollOnce(descriptors, 2, deadline);
-        if (ready > 0) return descriptors[0].revents != 0 ? WaitResult::SIGNALLED : WaitResult::READY;
+        pollfd descriptors[] = {{event, POLLIN, 0}, {fd, events, 0}, {watch, POLLIN, 0}};
+        const int ready = pollOnce(descriptors, watch >= 0 ? 3 : 2, deadline);
+        if (ready > 0 && descriptors[0].revents != 0) return WaitResult::SIGNALLED;
+        if (ready > 0) return descriptors[1].revents != 0 ? WaitResult::READY : WaitResult::NOTICED;
         if (deadline.isOver()) return WaitResult::TIMED_OUT;
         if (ready < 0 && errno != EINTR) return WaitResult::FAILED;
     }

@@ -37,10 +37,11 @@ enum class QueueResult { CONNECTED, NOT_CONNECTED, FAILED };
 /// away. FAILED: the wait could not be given its limit, and there was none.
 QueueResult connectBefore(int fd, const std::string& path, const Deadline& deadline);
 
-enum class WaitResult { READY, SIGNALLED, TIMED_OUT, FAILED };
+enum class WaitResult { READY, SIGNALLED, NOTICED, TIMED_OUT, FAILED };
 
-/// Waits until `fd` is ready for `events` (as in poll) or `event` is signalled, which goes first. Never FAILED after
-/// the deadline: who tries again after a failure comes to an end.
-WaitResult wait(int fd, short events, int event, const Deadline& deadline);
+/// Waits until `fd` is ready for `events` (as in poll) or `event` is signalled, which goes first. NOTICED: neither, but
+/// `watch`, if there is one, can be read. Never FAILED after the deadline: who tries again after a failure comes to an
+/// end.
+WaitResult wait(int fd, short events, int event, const Deadline& deadline, int watch = -1);
 
 }  // namespace Quovane::Internal::Qvtp::LocalSocket

@@ -78,7 +78,7 @@ std::string stemOf(const std::string& name) {
 }
 
 /// Not derived from TMPDIR, HOME or XDG_RUNTIME_DIR: client and server may have different ones.
-std::string directoryPath() {
+std::string chosenDirectory() {
     const char* chosen = std::getenv("QVTP_PIPE_DIR");
     if (chosen != nullptr && *chosen != '\0') return chosen;
     return "/tmp/qvtp-pipe-" + std::to_string(::geteuid());
@@ -99,7 +99,7 @@ int PipeAddress::resolve(const std::string& pipePath, Directory directory) {
     lockFile_ = stem + ".lock";
     socketFile_ = stem + ".sock";
     freshSocketFile_ = stem + ".new";
-    directoryPath_ = directoryPath();
+    directoryPath_ = chosenDirectory();
     const bool needsDescriptor = directory == Directory::CREATE || !isReachedByPath(socketFile_);
     return needsDescriptor ? openDirectory(directory) : lookAtDirectory();
 }
@@ -129,19 +129,48 @@ int PipeAddress::lookAtDirectory() {
 
 int PipeAddress::check(const struct stat& directory) {
     if (!isPrivate(directory)) return SystemError::ACCESS_DENIED;
-    device_ = directory.st_dev;
-    inode_ = directory.st_ino;
+    directoryId_ = FileId(directory);
     return SystemError::NONE;
 }
 
 bool PipeAddress::isStillThere() const {
     if (directory_.isOpen()) return true;
     struct stat status {};
-    return ::lstat(directoryPath_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+    return ::lstat(directoryPath_.c_str(), &status) == 0 && FileId(status) == directoryId_;
+}
+
+bool PipeAddress::identify(const std::string& file, FileId& id) const {
+    struct stat status {};
+    if (::fstatat(directory_.get(), file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    id = FileId(status);
+    return true;
+}
+
+bool PipeAddress::hasLost(const std::string& file, const FileId& id) const {
+    FileId found;
+    if (identify(file, found)) return !(found == id);
+    return errno == ENOENT;
+}
+
+bool PipeAddress::hasLostDirectory() const {
+    struct stat status {};
+    if (::fstat(directory_.get(), &status) == 0 && status.st_nlink == 0) return true;
+    if (!isPathAbsolute()) return false;
+    if (::lstat(directoryPath_.c_str(), &status) == 0) return !(FileId(status) == directoryId_);
+    return errno == ENOENT || errno == ENOTDIR;
+}
+
+int PipeAddress::findAgain(PipeAddress& found) const {
+    if (!isPathAbsolute()) return SystemError::FILE_NOT_FOUND;
+    found.directoryPath_ = directoryPath_;
+    found.lockFile_ = lockFile_;
+    found.socketFile_ = socketFile_;
+    found.freshSocketFile_ = freshSocketFile_;
+    return found.openDirectory(Directory::CREATE);
 }
 
 bool PipeAddress::isSame(const PipeAddress& other) const {
-    return device_ == other.device_ && inode_ == other.inode_ && lockFile_ == other.lockFile_;
+    return directoryId_ == other.directoryId_ && lockFile_ == other.lockFile_;
 }
 
 Descriptor PipeAddress::openLockFile(int flags) const {
@@ -174,7 +203,7 @@ std::string PipeAddress::pathOf(const std::string& file) const {
 
 /// Whether the file's full path fits into a socket address and does not depend on the current directory.
 bool PipeAddress::isReachedByPath(const std::string& file) const {
-    return directoryPath_[0] == '/' && directoryPath_.size() + 1 + file.size() <= MAX_SOCKET_PATH;
+    return isPathAbsolute() && directoryPath_.size() + 1 + file.size() <= MAX_SOCKET_PATH;
 }
 
 std::string PipeAddress::socketPath(const std::string& file) const {

@@ -74,6 +74,18 @@ void instanceCreated(NativeHandle pipeHandle, NativeHandle eventHandle) {
     logDebug([&] { return text("bindPipe: handle=", printable(pipeHandle), " event=", printable(eventHandle)); });
 }
 
+void nameRemoved(const std::string& path, Number error) {
+    logError([&] {
+        const std::string removed = text("Removed under the server: ", path, ". ");
+        return error == 0 ? removed + "The name was taken anew."
+                          : text(removed, "The name cannot be taken anew: ", error);
+    });
+}
+
+void nameTakenAgain(const std::string& path) {
+    logInfo([&] { return text("The name was taken anew: ", path); });
+}
+
 void acceptCalled() {
     logDebug("Calling ConnectNamedPipe.");
 }

@@ -49,6 +49,11 @@ void pendingWriteTookNothing();
 void createFailed(Number error);
 void instanceCreated(NativeHandle pipeHandle, NativeHandle eventHandle);
 
+/// Files of a name were removed that this process serves. `error`: 0 if the name was taken anew at once.
+void nameRemoved(const std::string& path, Number error);
+/// The name could not be taken anew then, but now. `path`: of its socket.
+void nameTakenAgain(const std::string& path);
+
 // ---- Accepting ----
 
 void acceptCalled();

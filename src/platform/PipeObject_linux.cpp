@@ -51,10 +51,10 @@ LocalSocket::WaitResult PipeObject::wait(short events, const Deadline& deadline)
     return waitOn(socket.get(), events, deadline);
 }
 
-LocalSocket::WaitResult PipeObject::waitOn(int fd, short events, const Deadline& deadline) {
+LocalSocket::WaitResult PipeObject::waitOn(int fd, short events, const Deadline& deadline, int watch) {
     ++waiters_;  // before the mark is looked at: a close sets the mark before it looks for waiters
     const auto result =
-        closed ? LocalSocket::WaitResult::SIGNALLED : LocalSocket::wait(fd, events, event.get(), deadline);
+        closed ? LocalSocket::WaitResult::SIGNALLED : LocalSocket::wait(fd, events, event.get(), deadline, watch);
     --waiters_;
     return result;
 }

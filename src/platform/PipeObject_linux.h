@@ -46,25 +46,24 @@ class PipeObject {
     /// Waits until the connection is ready for `events` (as in poll) or the event is signalled. After a close it does
     /// not wait.
     LocalSocket::WaitResult wait(short events, const Deadline& deadline);
-    /// The same for another descriptor; -1: for the event alone.
-    LocalSocket::WaitResult waitOn(int fd, short events, const Deadline& deadline);
+    /// The same for another descriptor; -1: for the event alone. `watch` as in LocalSocket::wait.
+    LocalSocket::WaitResult waitOn(int fd, short events, const Deadline& deadline, int watch = -1);
     /// Lets receives that block end before `left` is over, but not long before. False if that fails. For the thread
     /// that reads.
     bool limitReceive(std::chrono::nanoseconds left);
 
     bool readable = false;
     bool writable = false;
-    Descriptor event;                      // signalled for good by a close while a thread waits
-    Descriptor socket;                     // the connection; set before `connected`
-    std::shared_ptr<Descriptor> listener;  // of an instance
-    std::shared_ptr<ServedName> served;    // null for a client's end
-    std::atomic<bool> connected{false};    // changed under ServedName::namesMutex() for a server's end
-    std::atomic<bool> closed{false};       // the same
-    std::atomic<bool> accepting{false};    // a client is being taken from the queue, or was
-    std::atomic<bool> starved{false};      // an accept found no descriptors left, and none has succeeded since
-    std::uint32_t owner = 0;               // process id
-    ReaderPace pace;                       // of the peer; only for the thread that writes
-    ReadAhead ahead;                       // only for the thread that reads
+    Descriptor event;                    // signalled for good by a close while a thread waits
+    Descriptor socket;                   // the connection; set before `connected`
+    std::shared_ptr<ServedName> served;  // null for a client's end
+    std::atomic<bool> connected{false};  // changed under ServedName::namesMutex() for a server's end
+    std::atomic<bool> closed{false};     // the same
+    std::atomic<bool> accepting{false};  // a client is being taken from the queue, or was
+    std::atomic<bool> starved{false};    // an accept found no descriptors left, and none has succeeded since
+    std::uint32_t owner = 0;             // process id
+    ReaderPace pace;                     // of the peer; only for the thread that writes
+    ReadAhead ahead;                     // only for the thread that reads
     int writeTimeoutMs = WRITE_TIMEOUT_MS;
     bool awaitedBefore = false;  // a wait for input has ended without any; its thread waits on
     bool endAwaited = false;     // the end came during a wait for input; for the thread that reads

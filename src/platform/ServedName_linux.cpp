@@ -1,20 +1,17 @@
 #include "platform/ServedName_linux.h"
 
 #include "common/System.h"
-#include "platform/Interruption_linux.h"
 #include "platform/LocalSocket_linux.h"
 #include "platform/SystemError_linux.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <new>
 #include <utility>
-#include <vector>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -26,12 +23,13 @@ std::vector<std::shared_ptr<ServedName>>& nameTable() {
     return *table;
 }
 
-struct flock wholeFile(short type) {
-    struct flock lock {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    return lock;
-}
+/// Gives back what it still holds, however its scope is left.
+struct FreshLock : NameLock {
+    FreshLock() = default;
+    ~FreshLock() { giveBack(); }
+    FreshLock(const FreshLock&) = delete;
+    FreshLock& operator=(const FreshLock&) = delete;
+};
 
 }  // namespace
 
@@ -44,7 +42,7 @@ ServedName::ServedName(PipeAddress address, char direction)
     : address_(std::move(address)), direction_(direction), owner_(System::currentProcessId()) {}
 
 ServedName::~ServedName() {
-    if (lock_.isOpen() && isOwn()) release();
+    if (isOwn()) lock_.giveBack();
 }
 
 bool ServedName::isOwn() const {
@@ -64,8 +62,7 @@ int ServedName::addInstance(PipeAddress address, char direction, bool first, std
     }
     table.reserve(table.size() + 1);  // entering it is the last step and must not fail
     const auto served = std::make_shared<ServedName>(std::move(address), direction);
-    int error = served->takeLock();
-    if (error == SystemError::NONE) error = served->addInstance(direction, event);
+    const int error = served->addInstance(direction, event);
     if (error != SystemError::NONE) return error;
     table.push_back(served);
     name = served;
@@ -75,7 +72,7 @@ int ServedName::addInstance(PipeAddress address, char direction, bool first, std
 int ServedName::addInstance(char direction, Descriptor& event) {
     if (direction != direction_) return SystemError::ACCESS_DENIED;
     int error = reserveEvent();
-    if (error == SystemError::NONE && listener_ == nullptr) error = listen();
+    if (error == SystemError::NONE && listener_ == nullptr) error = renew();
     if (error != SystemError::NONE) return error;
     ++ends_;
     ++waiting_;
@@ -84,37 +81,113 @@ int ServedName::addInstance(char direction, Descriptor& event) {
     return SystemError::NONE;
 }
 
-int ServedName::takeLock() {
-    Descriptor lock = address_.openLockFile(O_RDWR | O_CREAT);
-    if (!lock.isOpen()) return SystemError::fromErrno(errno);
-    struct flock request = wholeFile(F_WRLCK);
-    if (uninterrupted([&] { return ::fcntl(lock.get(), F_OFD_SETLK, &request); }) != 0) {
-        const bool taken = errno == EAGAIN || errno == EACCES;
-        return taken ? SystemError::ACCESS_DENIED : SystemError::fromErrno(errno);
+/// Makes what is missing: the lock, the listening socket, the directory of both. On failure everything is as it was.
+int ServedName::renew() {
+    PipeAddress found;
+    const bool isElsewhere = lock_.isHeld() && address_.hasLostDirectory();
+    int error = isElsewhere ? address_.findAgain(found) : SystemError::NONE;
+    const PipeAddress& address = isElsewhere ? found : address_;
+    const bool needsLock = isElsewhere || !lock_.isHeld() || address.hasLost(address.lockFile(), lock_.id());
+    FreshLock lock;
+    if (error == SystemError::NONE && needsLock) error = takeLock(address, lock);
+    if (error == SystemError::NONE &&
+        (isElsewhere || listener_ == nullptr || address.hasLost(address.socketFile(), socketId_))) {
+        error = listen(address);
     }
-    if (uninterrupted([&] { return ::pwrite(lock.get(), &direction_, 1, 0); }) != 1)
-        return SystemError::fromErrno(errno);
-    lock_ = std::move(lock);
+    if (error != SystemError::NONE) return error;
+    if (needsLock) {
+        lock_.giveBack();
+        lock_ = std::move(static_cast<NameLock&>(lock));
+    }
+    if (isElsewhere) address_ = std::move(found);
+    hold_ = Hold::WHOLE;
+    watchFiles();
     return SystemError::NONE;
 }
 
-int ServedName::listen() {
+int ServedName::takeLock(const PipeAddress& address, NameLock& lock) {
+    switch (lock.take(address, direction_)) {
+        case NameLock::Result::HELD:
+            return SystemError::NONE;
+        case NameLock::Result::HELD_BY_ANOTHER:
+            if (lock_.isHeld()) hold_ = Hold::LEFT_TO_ANOTHER;
+            return SystemError::ACCESS_DENIED;
+        default:
+            return SystemError::fromErrno(errno);
+    }
+}
+
+int ServedName::listen(const PipeAddress& address) {
     const auto socket = std::make_shared<Descriptor>(LocalSocket::create());
     if (!socket->isOpen()) return SystemError::fromErrno(errno);
+    formerQueues_.reserve(formerQueues_.size() + 1);
     // Bound under another name and renamed once it listens: no client meets a socket that refuses it, and a file that a
     // killed server left is replaced. The lock makes this process the only one that touches either name.
-    const char* const fresh = address_.freshSocketFile().c_str();
-    const std::string freshPath = address_.socketPath(address_.freshSocketFile());
-    ::unlinkat(address_.directory(), fresh, 0);
-    if (!LocalSocket::bind(socket->get(), freshPath) || ::listen(socket->get(), 0) != 0 ||
-        ::renameat(address_.directory(), fresh, address_.directory(), address_.socketFile().c_str()) != 0) {
+    const char* const fresh = address.freshSocketFile().c_str();
+    const std::string freshPath = address.socketPath(address.freshSocketFile());
+    const int backlog = std::max(waiting_ - 1, 0);
+    FileId id;
+    ::unlinkat(address.directory(), fresh, 0);
+    if (!LocalSocket::bind(socket->get(), freshPath) || ::listen(socket->get(), backlog) != 0 ||
+        !address.identify(address.freshSocketFile(), id) ||
+        ::renameat(address.directory(), fresh, address.directory(), address.socketFile().c_str()) != 0) {
         const int error = errno;
-        ::unlinkat(address_.directory(), fresh, 0);
+        ::unlinkat(address.directory(), fresh, 0);
         return SystemError::fromErrno(error);
     }
+    if (listener_ != nullptr) {
+        ::shutdown(listener_->get(), SHUT_RDWR);  // no client more; those that are queued can still be taken
+        formerQueues_.push_back(std::move(listener_));
+    }
     listener_ = socket;
-    backlog_ = 0;
+    socketId_ = id;
+    backlog_ = backlog;
     return SystemError::NONE;
+}
+
+void ServedName::leaveQueue(const std::shared_ptr<Descriptor>& queue) {
+    formerQueues_.erase(std::remove(formerQueues_.begin(), formerQueues_.end(), queue), formerQueues_.end());
+}
+
+/// It is a hint only: what there is no memory for is not watched.
+void ServedName::watchFiles() try {
+    watch_.addFile(address_.socketPath(address_.lockFile()));
+    watch_.addFile(address_.socketPath(address_.socketFile()));
+    if (address_.isPathAbsolute()) watch_.addDirectory(address_.directoryPath());
+} catch (const std::bad_alloc&) {
+}
+
+bool ServedName::hasLostFiles(bool thorough) const {
+    if (listener_ == nullptr || hold_ == Hold::LEFT_TO_ANOTHER) return false;
+    return address_.hasLost(address_.socketFile(), socketId_) || address_.hasLost(address_.lockFile(), lock_.id()) ||
+           (thorough && address_.hasLostDirectory());
+}
+
+std::string ServedName::lostPath() const {
+    if (address_.hasLostDirectory()) return address_.directoryPath();
+    const bool isSocket = address_.hasLost(address_.socketFile(), socketId_);
+    return address_.pathInLog(isSocket ? address_.socketFile() : address_.lockFile());
+}
+
+NameNews ServedName::takeAgain() {
+    NameNews news;
+    const bool wasLost = hold_ == Hold::LOST;
+    const bool isLost = hasLostFiles(true);
+    if (!isLost && !wasLost) return news;
+    news.path = wasLost ? address_.pathInLog(address_.socketFile()) : lostPath();
+    news.error = isLost ? renewOrRunShort() : SystemError::NONE;
+    if (news.error == SystemError::NONE) {
+        hold_ = Hold::WHOLE;
+        news.kind = wasLost ? NameNews::Kind::TAKEN_AGAIN : NameNews::Kind::REMOVED;
+    } else {
+        if (hold_ != Hold::LEFT_TO_ANOTHER) hold_ = Hold::LOST;
+        news.kind = wasLost ? NameNews::Kind::NONE : NameNews::Kind::REMOVED;
+    }
+    return news;
+}
+
+int ServedName::renewOrRunShort() try { return renew(); } catch (const std::bad_alloc&) {
+    return SystemError::NOT_ENOUGH_MEMORY;
 }
 
 int ServedName::reserveEvent() {
@@ -145,7 +218,7 @@ void ServedName::endClosed(bool waiting) {
     if (waiting && waiting_ > 0) updateBacklog();
     if (waiting_ == 0 && (waiting || ends_ == 0)) stopListening();
     if (ends_ > 0) return;
-    release();
+    lock_.giveBack();
     auto& table = nameTable();
     const auto isThis = [this](const std::shared_ptr<ServedName>& entry) { return entry.get() == this; };
     table.erase(std::remove_if(table.begin(), table.end(), isThis), table.end());
@@ -153,18 +226,13 @@ void ServedName::endClosed(bool waiting) {
 
 void ServedName::stopListening() {
     if (listener_ == nullptr) return;
-    ::unlinkat(address_.directory(), address_.socketFile().c_str(), 0);
+    // A file that another server has put in its place is that one's.
+    if (!address_.hasLost(address_.socketFile(), socketId_)) {
+        ::unlinkat(address_.directory(), address_.socketFile().c_str(), 0);
+    }
     ::shutdown(listener_->get(), SHUT_RDWR);
     listener_.reset();
-}
-
-/// Unlocks before it closes: a forked child may still hold the same open file description.
-void ServedName::release() {
-    // A client that meets the next server's lock before its direction must not take this one's for it.
-    uninterrupted([&] { return ::ftruncate(lock_.get(), 0); });
-    struct flock request = wholeFile(F_UNLCK);
-    uninterrupted([&] { return ::fcntl(lock_.get(), F_OFD_SETLK, &request); });
-    lock_.reset();
+    formerQueues_.clear();
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -1,14 +1,26 @@
 #pragma once
 
 #include "platform/Descriptor_linux.h"
+#include "platform/FileWatch_linux.h"
+#include "platform/NameLock_linux.h"
 #include "platform/PipeAddress_linux.h"
 
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace Quovane::Internal::Qvtp {
+
+/// What has become of a name whose files were removed.
+struct NameNews {
+    enum class Kind { NONE, REMOVED, TAKEN_AGAIN };
+
+    Kind kind = Kind::NONE;
+    std::string path;  // what was removed, or the socket that is there again
+    int error = 0;     // of REMOVED: 0 if the name was taken again at once, or the number of a SystemError
+};
 
 /// A pipe name that this process serves: the lock that keeps other servers away, and the one listening socket that all
 /// waiting instances of the name share. It lives as long as there is a server end of the name, waiting or accepted.
@@ -32,7 +44,26 @@ class ServedName {
         return static_cast<char>('0' + (readable ? 1 : 0) + (writable ? 2 : 0));
     }
 
-    std::shared_ptr<Descriptor> listener() const { return listener_; }
+    /// Where the next client is taken from; null when no instance waits.
+    std::shared_ptr<Descriptor> queue() const { return formerQueues_.empty() ? listener_ : formerQueues_.front(); }
+    /// Whether no more clients come to the queue. Those that it has are taken first. Then it is left.
+    bool isFormer(const std::shared_ptr<Descriptor>& queue) const { return queue != listener_; }
+    void leaveQueue(const std::shared_ptr<Descriptor>& queue);
+
+    // Others may remove the files under a server that lives: whoever cleans a directory up, for one. Nobody reaches it
+    // then, and others may take its name. It takes the name anew. If another server was faster, that one has the name,
+    // and this one goes on with the connections that it has.
+
+    /// Whether files are gone that were there at the last look. `thorough`: looks at the directory too, which may have
+    /// another path now.
+    bool hasLostFiles(bool thorough) const;
+    /// Takes the name anew if files are gone. Tells each removal once.
+    NameNews takeAgain();
+    /// Whether the name could not be taken anew and should be tried again.
+    bool isToBeTakenAgain() const { return hold_ == Hold::LOST; }
+    /// Wakes who waits for clients when hasLostFiles() is to be asked; without a descriptor, that can only be asked
+    /// from time to time.
+    const FileWatch& watch() const { return watch_; }
 
     /// Makes sure that the next instance will have an event, so that running out of descriptors is met before a client
     /// is taken from the queue and not after. Returns 0 or the number of a SystemError.
@@ -49,11 +80,16 @@ class ServedName {
     ServedName& operator=(const ServedName&) = delete;
 
   private:
+    enum class Hold { WHOLE, LOST, LEFT_TO_ANOTHER };
+
     bool isOwn() const;
-    int takeLock();
-    int listen();
+    int renew();
+    int renewOrRunShort();
+    int takeLock(const PipeAddress& address, NameLock& lock);
+    int listen(const PipeAddress& address);
+    void watchFiles();
+    std::string lostPath() const;
     void stopListening();
-    void release();
     void updateBacklog();
 
     PipeAddress address_;
@@ -62,8 +98,12 @@ class ServedName {
     int ends_ = 0;
     int waiting_ = 0;
     int backlog_ = 0;  // of the listener
-    Descriptor lock_;
-    std::shared_ptr<Descriptor> listener_;  // instances keep it alive while a thread waits on it
+    NameLock lock_;
+    std::shared_ptr<Descriptor> listener_;                   // a thread that waits on it keeps it alive
+    FileId socketId_;                                        // of the listener's file
+    std::vector<std::shared_ptr<Descriptor>> formerQueues_;  // those of sockets whose files are gone
+    Hold hold_ = Hold::WHOLE;
+    FileWatch watch_;
     Descriptor reservedEvent_;
 };
 

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -27,9 +28,17 @@ constexpr std::uint32_t WAIT_SIGNALLED = 0;
 constexpr std::uint32_t WAIT_TIMED_OUT = 258;
 constexpr std::uint32_t WAIT_BROKEN = UINT32_MAX;
 
-std::shared_ptr<Descriptor> listenerOf(const PipeObject& object) {
+/// How long a removal of several files may take: it is one, and whoever removes a directory finds it empty.
+constexpr int REMOVAL_MS = 10;
+/// How long a name stays lost before it is tried again.
+constexpr int RETRY_MS = 1000;
+constexpr std::chrono::milliseconds RETRY_TIME(RETRY_MS);
+
+/// What an instance takes its client from; null when it waits for none.
+std::shared_ptr<Descriptor> queueOf(const PipeObject& object) {
     const NamesGuard guard(ServedName::namesMutex());
-    return object.listener;
+    const bool waits = object.served != nullptr && !object.isClosed() && !object.connected;
+    return waits ? object.served->queue() : nullptr;
 }
 
 // ---- Accepting ----
@@ -42,6 +51,7 @@ class Accepting {
 
     int run(int timeoutMs) {
         const Deadline deadline = Deadline::after(timeoutMs);
+        if (hasLostFiles(false)) keepName();
         const int error = begin();
         PipeLog::acceptBegun(error);
         switch (error) {
@@ -62,23 +72,36 @@ class Accepting {
 
     /// One try, without waiting: PIPE_CONNECTED, IO_PENDING when no client is there, or why it cannot be taken.
     int takeClient() {
-        std::shared_ptr<Descriptor> listener;
+        std::shared_ptr<Descriptor> queue;
+        bool isFormer = false;
         {
             const NamesGuard guard(ServedName::namesMutex());
             if (object_.isClosed()) return SystemError::IO_PENDING;  // the wait finds the close at once
             if (object_.connected) return SystemError::PIPE_CONNECTED;
             const int error = object_.served->reserveEvent();
             if (error != SystemError::NONE) return error;
-            listener = object_.listener;
+            queue = object_.served->queue();
+            isFormer = object_.served->isFormer(queue);
         }
         for (;;) {
             object_.accepting = true;  // before the queue is empty: see hasClient
-            const int fd = ::accept4(listener->get(), nullptr, nullptr, SOCK_CLOEXEC);
+            const int fd = ::accept4(queue->get(), nullptr, nullptr, SOCK_CLOEXEC);
             if (fd >= 0) return enterConnection(Descriptor(fd));
+            const int error = errno;
             object_.accepting = false;
-            if (errno == EAGAIN || errno == EWOULDBLOCK || object_.isClosed()) return SystemError::IO_PENDING;
-            if (errno != EINTR && errno != ECONNABORTED) return SystemError::fromErrno(errno);
+            const bool isEmpty = error == EAGAIN || error == EWOULDBLOCK;
+            if (isFormer && isEmpty && leave(queue)) return takeClient();
+            if (isEmpty || object_.isClosed()) return SystemError::IO_PENDING;
+            if (error != EINTR && error != ECONNABORTED) return SystemError::fromErrno(error);
         }
+    }
+
+    /// False after a close.
+    bool leave(const std::shared_ptr<Descriptor>& queue) {
+        const NamesGuard guard(ServedName::namesMutex());
+        if (object_.isClosed()) return false;
+        object_.served->leaveQueue(queue);
+        return true;
     }
 
     int enterConnection(Descriptor socket) {
@@ -87,7 +110,6 @@ class Accepting {
         if (object_.isClosed()) return SystemError::IO_PENDING;
         object_.socket = std::move(socket);
         object_.connected = true;
-        object_.listener.reset();
         object_.served->instanceConnected();
         return SystemError::PIPE_CONNECTED;
     }
@@ -113,13 +135,12 @@ class Accepting {
     }
 
     std::uint32_t waitForClient(const Deadline& deadline, int& error) {
-        const std::shared_ptr<Descriptor> listener = listenerOf(object_);
-        // Without a listener the object is closed; its event is all there is to wait for.
-        const int fd = listener != nullptr ? listener->get() : -1;
         while (error == SystemError::IO_PENDING) {
-            const WaitResult waited = object_.waitOn(fd, POLLIN, deadline);
+            const WaitResult waited = waitOnQueue(deadline);
             if (object_.isClosed()) {
                 error = SystemError::OPERATION_ABORTED;
+            } else if (waited == WaitResult::NOTICED) {
+                keepName();
             } else if (waited == WaitResult::TIMED_OUT || hasStarvedFor(deadline)) {
                 return WAIT_TIMED_OUT;
             } else if (waited == WaitResult::FAILED) {
@@ -129,6 +150,46 @@ class Accepting {
             }
         }
         return WAIT_SIGNALLED;
+    }
+
+    /// NOTICED: the name's files may have been removed, or a lost name is due to be tried again.
+    WaitResult waitOnQueue(const Deadline& deadline) {
+        const std::shared_ptr<Descriptor> queue = queueOf(object_);
+        // Without a queue the object is closed; its event is all there is to wait for.
+        const int fd = queue != nullptr ? queue->get() : -1;
+        int watch = -1;
+        bool isLost = false;
+        {
+            const NamesGuard guard(ServedName::namesMutex());
+            watch = object_.served->watch().descriptor();
+            isLost = object_.served->isToBeTakenAgain();
+        }
+        const bool isShortened = isLost && (deadline.isUnlimited() || deadline.left() > RETRY_TIME);
+        const WaitResult waited = object_.waitOn(fd, POLLIN, isShortened ? Deadline::after(RETRY_MS) : deadline, watch);
+        return waited == WaitResult::TIMED_OUT && isShortened ? WaitResult::NOTICED : waited;
+    }
+
+    bool hasLostFiles(bool thorough) {
+        const NamesGuard guard(ServedName::namesMutex());
+        ServedName& name = *object_.served;
+        return !object_.isClosed() && (name.isToBeTakenAgain() || name.hasLostFiles(thorough));
+    }
+
+    /// Takes the name anew if its files were removed, and says so.
+    void keepName() {
+        NameNews news;
+        {
+            NamesGuard guard(ServedName::namesMutex());
+            object_.served->watch().clear();
+        }
+        if (!hasLostFiles(true)) return;
+        waitForClose(REMOVAL_MS);
+        {
+            const NamesGuard guard(ServedName::namesMutex());
+            if (!object_.isClosed()) news = object_.served->takeAgain();
+        }
+        if (news.kind == NameNews::Kind::REMOVED) PipeLog::nameRemoved(news.path, news.error);
+        if (news.kind == NameNews::Kind::TAKEN_AGAIN) PipeLog::nameTakenAgain(news.path);
     }
 
     /// A client that cannot be taken for want of descriptors keeps the listener ready: no wait for it times out.
@@ -152,8 +213,8 @@ class Accepting {
         return AcceptResult::CONNECT_ERROR;
     }
 
-    /// A close ends it.
-    void pause() const { object_.waitOn(-1, 0, Deadline::after(BackEnd::ACCEPT_PAUSE_MS)); }
+    void pause() const { waitForClose(BackEnd::ACCEPT_PAUSE_MS); }
+    void waitForClose(int timeoutMs) const { object_.waitOn(-1, 0, Deadline::after(timeoutMs)); }
 
     PipeObject& object_;
 };
@@ -167,9 +228,7 @@ int addInstance(const std::string& path, bool first, PipeObject& object) {
     if (error != SystemError::NONE) return error;
     const char direction = ServedName::directionOf(object.readable, object.writable);
     NamesGuard guard(ServedName::namesMutex());
-    const int result = ServedName::addInstance(std::move(address), direction, first, object.served, object.event);
-    if (result == SystemError::NONE) object.listener = object.served->listener();
-    return result;
+    return ServedName::addInstance(std::move(address), direction, first, object.served, object.event);
 }
 
 /// Enters an instance of the sibling's name. False if there is no such sibling any more.
@@ -183,7 +242,6 @@ bool addInstance(NativeHandle sibling, PipeObject& object, int& error) {
     error = known.served->addInstance(ServedName::directionOf(object.readable, object.writable), object.event);
     if (error != SystemError::NONE) return true;
     object.served = known.served;
-    object.listener = known.served->listener();
     return true;
 }
 
@@ -213,9 +271,9 @@ int accept(PipeObject& object, int timeoutMs) {
 }
 
 bool hasClient(PipeObject& object) {
-    const std::shared_ptr<Descriptor> listener = listenerOf(object);
-    if (listener == nullptr) return false;
-    pollfd descriptor{listener->get(), POLLIN, 0};
+    const std::shared_ptr<Descriptor> queue = queueOf(object);
+    if (queue == nullptr) return false;
+    pollfd descriptor{queue->get(), POLLIN, 0};
     const bool isQueued = ::poll(&descriptor, 1, 0) > 0 && (descriptor.revents & POLLIN) != 0;
     return isQueued || object.accepting;  // in this order: a client leaves the queue after the mark is set
 }

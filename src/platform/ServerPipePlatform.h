@@ -44,6 +44,8 @@ int platformCreateNextInstance(NativeHandle sibling, const std::string& path, bo
 ///   close, so that its caller's loop does not spin.
 /// - The handle is stale: CONNECT_ERROR at once, ERROR "... 6".
 /// - The wait itself fails: WAIT_ERROR.
+/// Where names are files, and they are removed meanwhile or were before, it makes them anew and waits on. There is one
+/// line for each removal, at ERROR.
 int platformAccept(NativeHandle pipeHandle, NativeHandle eventHandle, int timeoutMs);
 
 /// Whether a client has connected to the waiting instance and waits to be accepted. On Windows always false: there the

@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -165,6 +166,16 @@ int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigs
 int eventfd(unsigned value, int flags) noexcept {
     static const auto real = hidden<int (*)(unsigned, int)>("eventfd");
     return fails("eventfd", OF_DESCRIPTORS) ? -1 : real(value, flags);
+}
+
+int inotify_init1(int flags) noexcept {
+    static const auto real = hidden<int (*)(int)>("inotify_init1");
+    return fails("inotify_init1", OF_DESCRIPTORS) ? -1 : real(flags);
+}
+
+int inotify_add_watch(int fd, const char* path, std::uint32_t changes) noexcept {
+    static const auto real = hidden<int (*)(int, const char*, std::uint32_t)>("inotify_add_watch");
+    return fails("inotify_add_watch", OF_ADDRESSES) ? -1 : real(fd, path, changes);
 }
 
 int open64(const char* path, int flags, ...) {

@@ -8,6 +8,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -251,6 +252,11 @@ ssize_t write(int fd, const void* data, size_t size) {
 int listen(int fd, int backlog) noexcept {
     static const auto real = hidden<int (*)(int, int)>("listen");
     return isToFail(Call::LISTEN) ? -1 : real(fd, backlog);
+}
+
+int inotify_init1(int flags) noexcept {
+    static const auto real = hidden<int (*)(int)>("inotify_init1");
+    return isToFail(Call::INOTIFY) ? -1 : real(flags);
 }
 
 pid_t getpid() noexcept {

@@ -12,7 +12,7 @@ namespace qvtp_test {
 /// library.
 class CallFailure {
   public:
-    enum class Call { ACCEPT, FCNTL, FTRUNCATE, GETPID, LISTEN, OPEN, PREAD, PWRITE, SEND, SETSOCKOPT, WRITE };
+    enum class Call { ACCEPT, FCNTL, FTRUNCATE, GETPID, INOTIFY, LISTEN, OPEN, PREAD, PWRITE, SEND, SETSOCKOPT, WRITE };
 
     CallFailure(Call call, int error, int times = 1, int after = 0);
     ~CallFailure();

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "platform/Descriptor_linux.h"
+#include "platform/PipeAddress_linux.h"
+
+namespace Quovane::Internal::Qvtp {
+
+/// The lock that keeps other servers away from a name, and tells clients its direction. It ends with giveBack() or with
+/// the process, not with the object: a forked child has one too.
+class NameLock {
+  public:
+    enum class Result { HELD, HELD_BY_ANOTHER, FAILED };
+
+    /// Makes the lock file if there is none. FAILED leaves its reason in errno.
+    Result take(const PipeAddress& address, char direction);
+    bool isHeld() const { return file_.isOpen(); }
+    /// Which file it is.
+    const FileId& id() const { return id_; }
+    void giveBack();
+
+  private:
+    Descriptor file_;
+    FileId id_;
+};
+
+}  // namespace Quovane::Internal::Qvtp
