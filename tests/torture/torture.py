@@ -51,9 +51,11 @@ class Held:
 class Peer:
     """A process of the library."""
 
-    def __init__(self, program, *arguments):
+    def __init__(self, program, *arguments, directory=None, prepare=None):
+        environment = dict(os.environ, QVTP_PIPE_DIR=directory) if directory else None
         self.process = subprocess.Popen([program, *map(str, arguments)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, text=True, errors="replace")
+                                        stderr=subprocess.PIPE, text=True, errors="replace", env=environment,
+                                        preexec_fn=prepare)
 
     def end(self, timeout, what):
         try:
@@ -237,6 +239,119 @@ def stop_under_load(peer):
     return 1
 
 
+# ---- What is done to the files of both ----
+
+class TinyDisk:
+    """Where files can be written until it is full: a file system of its own, or the size that a process may give a file."""
+
+    SIZE = 256 << 10
+
+    def __init__(self, directory):
+        self.directory = os.path.join(directory, "disk")
+        os.mkdir(self.directory)
+        mount = ["mount", "-t", "tmpfs", "-o", f"size={self.SIZE}", "tmpfs", self.directory]
+        self.is_mounted = os.geteuid() == 0 and subprocess.run(mount, stderr=subprocess.DEVNULL).returncode == 0
+        self.filler = os.path.join(self.directory, "filler")
+        if self.is_mounted:
+            with open(self.filler, "wb", buffering=0) as filler:
+                filler.write(bytes(self.SIZE * 3 // 4))
+        print("the tiny disk is " + ("a tmpfs" if self.is_mounted else "a limit of the size of files"))
+
+    def prepare(self):
+        """In the process that is to write."""
+        if not self.is_mounted:
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (self.SIZE // 4, resource.RLIM_INFINITY))
+
+    def written(self, file):
+        try:
+            return os.stat(os.path.join(self.directory, file)).st_size
+        except FileNotFoundError:
+            return 0
+
+    def is_full(self, files):
+        if self.is_mounted:
+            return os.statvfs(self.directory).f_bavail == 0
+        return all(self.written(file) >= self.SIZE // 4 for file in files)
+
+    def make_room(self, peers):
+        if self.is_mounted:
+            subprocess.run(["mount", "-o", "remount,size=1g", self.directory], check=True)
+            os.unlink(self.filler)
+        else:
+            for peer in peers:
+                resource.prlimit(peer.process.pid, resource.RLIMIT_FSIZE,
+                                 (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+
+    def close(self):
+        if self.is_mounted:
+            subprocess.run(["umount", self.directory], check=True)
+
+
+def full_disk_under_the_logs(peer, seconds):
+    """Both sides log everything onto it. They go on as if nothing were; when there is room again, there are lines again."""
+    with tempfile.TemporaryDirectory() as directory:
+        disk = TinyDisk(directory)
+        files = {side: [f"{side}.log", f"{side}.bytes"] for side in ("server", "load")}
+        options = {side: [f"{name}={disk.directory}/{file}" for name, file in zip(("log", "bytes"), files[side])]
+                   for side in files}
+        every_file = files["server"] + files["load"]
+        try:
+            server = Peer(peer, "serve", "full", *options["server"], prepare=disk.prepare)
+            wait_until(lambda: os.path.exists(path_of("full")), "a server with a full disk does not start")
+            load = Peer(peer, "load", "full", seconds, 8, 1, *options["load"], prepare=disk.prepare)
+            wait_until(lambda: disk.is_full(every_file), "the disk does not get full")
+            time.sleep(seconds / 3)
+            check(load.process.poll() is None and server.process.poll() is None, "a full disk ends a process")
+            before = {file: disk.written(file) for file in every_file}
+            disk.make_room([server, load])
+            for file in every_file:
+                wait_until(lambda: disk.written(file) > before[file], f"nothing is written to {file} when there is room")
+            report(load, HANG_S * 3)
+            finish(server)
+        finally:
+            disk.close()
+    return 1
+
+
+def removed_files(peer, rounds):
+    """Nobody's request is lost. There is one line for each removal, of which a slow one may be two."""
+    with tempfile.TemporaryDirectory() as root:
+        directory, log = os.path.join(root, "pipes"), os.path.join(root, "errors")
+        socket_file, lock_file = (os.path.join(directory, "removed" + ending) for ending in (".sock", ".lock"))
+        server = Peer(peer, "serve", "removed", "errors=" + log, directory=directory)
+        wait_until(lambda: os.path.exists(socket_file), "a server whose files are to be removed does not start")
+        load = Peer(peer, "load", "removed", rounds * 0.5, 8, 1, "absent=wait", directory=directory)
+        acts = [("socket", lambda: os.unlink(socket_file), 1), ("lock file", lambda: os.unlink(lock_file), 1),
+                ("directory", lambda: subprocess.run(["rm", "-rf", directory], stderr=subprocess.DEVNULL), 3),
+                ("directory that is moved", lambda: os.rename(directory, os.path.join(root, f"moved-{time.time()}")), 1)]
+        done = 0
+
+        def lines():
+            with open(log) as file:
+                return [line for line in file.read().splitlines() if "The name" in line]
+
+        while done < len(acts) or load.process.poll() is None:
+            what, act, most = acts[done % len(acts)]
+            before = len(lines())
+            act()
+            done += 1
+            wait_until(lambda: len(lines()) > before, f"a server does not notice a removed {what}")
+            wait_until(lambda: os.path.exists(socket_file) and os.path.exists(lock_file),
+                       f"a server does not take its name anew after a removed {what}")
+            time.sleep(0.05)
+            fresh = lines()[before:]
+            check(len(fresh) <= most, f"{len(fresh)} lines for a removed {what}: {fresh[:3]!r}")
+            for line in fresh:
+                check("Removed under the server: " + directory in line and "The name was taken anew." in line,
+                      f"the line for a removed {what} is {line!r}")
+            if failures:
+                break
+        report(load, HANG_S * 3)
+        finish(server)
+    return done
+
+
 # ---- The whole ----
 
 def start_server(peer):
@@ -290,6 +405,11 @@ def torture(peer, quick, sanitized):
     finish(server)
     done += kill_the_server_while_it_answers(peer)
     done += stop_under_load(peer)
+    for act, effort in ((full_disk_under_the_logs, 2 if quick else 10), (removed_files, 4 if quick else 40)):
+        begin = time.monotonic()
+        count = act(peer, effort)
+        done += count
+        print(f"{act.__name__.replace('_', ' ')}: {count} in {time.monotonic() - begin:.1f} s", flush=True)
     print(f"{done} acts of torture")
 
 

@@ -6,6 +6,9 @@
 //                                                prints what became of their requests
 //     torture_peer once PIPE                     one POST; prints its answer, or how it failed
 //
+// With errors=FILE it logs ERROR lines, with log=FILE and bytes=FILE everything. With absent=wait clients connect
+// often, and try again if they find no server.
+//
 // Every body says who has sent it and as which one, and ends with a checksum. The server checks and counts them, and
 // gives each client the figures for its own.
 
@@ -146,7 +149,10 @@ int serve(const std::string& pipe) {
 // ---- The clients ----
 
 struct Tally {
-    std::atomic<long> posts{0}, notifies{0}, failed{0}, mixed{0}, lost{0}, doubled{0}, broken{0};
+    explicit Tally(bool waits) : waitsForServer(waits) {}
+
+    const bool waitsForServer;
+    std::atomic<long> posts{0}, notifies{0}, failed{0}, mixed{0}, lost{0}, doubled{0}, broken{0}, absent{0};
 };
 
 std::string post(QvtpClient& client, const std::string& pipe, const std::string& resource, const std::string& body,
@@ -162,10 +168,28 @@ std::string post(QvtpClient& client, const std::string& pipe, const std::string&
     return std::to_string(response->getStatusCode()) + example::bodyOf(*response);
 }
 
+/// A request that found no server was not sent: it may be made again, if that is to be expected.
+template <typename Work>
+void whereServerIs(Tally& tally, const Work& work) {
+    const auto end = Clock::now() + 20s;
+    for (;;) {
+        try {
+            return work();
+        } catch (Quovane::Io::QvPipeException& e) {
+            // The second one ends the wait of a client whose directory has gone.
+            const std::string text = e.getMessage();
+            const bool isAbsent = text == "Could not connect to pipe." || text == "Timed out connecting to pipe";
+            if (!tally.waitsForServer || !isAbsent || Clock::now() > end) throw;
+        }
+        ++tally.absent;
+        std::this_thread::sleep_for(2ms);
+    }
+}
+
 /// A failure of a request of a well-behaved client is a finding.
 template <typename Work>
 bool succeeds(Tally& tally, const Work& work) {
-    if (example::run(work) == 0) return true;
+    if (example::run([&] { whereServerIs(tally, work); }) == 0) return true;
     ++tally.failed;
     return false;
 }
@@ -174,9 +198,11 @@ void behaveWell(const std::string& pipe, Clock::time_point end, int index, int p
     const std::string name =
         std::to_string(std::chrono::system_clock::now().time_since_epoch().count()) + "-" + std::to_string(index);
     std::minstd_rand random(static_cast<std::uint32_t>(index + 1));
-    QvtpClient client;
+    auto owned = std::make_unique<QvtpClient>();
     long sent = 0;
     while (Clock::now() < end) {
+        if (tally.waitsForServer && random() % 4 == 0) owned = std::make_unique<QvtpClient>();  // it connects anew
+        QvtpClient& client = *owned;
         const std::size_t size = std::size_t{1} << random() % 18;
         const std::string body = sealed(name, sent + 1, size + random() % size);
         const auto kind = random() % 4;
@@ -204,7 +230,7 @@ void behaveWell(const std::string& pipe, Clock::time_point end, int index, int p
     do {
         std::this_thread::sleep_for(20ms);
         succeeds(tally, [&] {
-            std::istringstream(post(client, pipe, "/count", name).substr(3)) >> received >> doubled >> broken;
+            std::istringstream(post(*owned, pipe, "/count", name).substr(3)) >> received >> doubled >> broken;
         });
     } while (received < sent && Clock::now() < last);
     tally.lost += sent - received;
@@ -212,8 +238,8 @@ void behaveWell(const std::string& pipe, Clock::time_point end, int index, int p
     tally.broken += broken;
 }
 
-int load(const std::string& pipe, double seconds, int threads, int pauseMs) {
-    Tally tally;
+int load(const std::string& pipe, double seconds, int threads, int pauseMs, bool waitsForServer) {
+    Tally tally(waitsForServer);
     const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     std::vector<std::future<void>> clients;
     for (int i = 0; i < threads; ++i) {
@@ -223,6 +249,7 @@ int load(const std::string& pipe, double seconds, int threads, int pauseMs) {
     std::printf("%ld posts, %ld notifications: %ld failed, %ld lost, %ld doubled, %ld mixed, %ld broken\n",
                 tally.posts.load(), tally.notifies.load(), tally.failed.load(), tally.lost.load(), tally.doubled.load(),
                 tally.mixed.load(), tally.broken.load());
+    if (waitsForServer) std::printf("%ld connects found no server and were made again\n", tally.absent.load());
     const long bad = tally.failed + tally.lost + tally.doubled + tally.mixed + tally.broken;
     return bad == 0 && tally.posts > 0 && tally.notifies > 0 ? 0 : 1;
 }
@@ -238,12 +265,29 @@ int once(const std::string& pipe) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::string mode = argc > 2 ? argv[1] : "";
-    if (mode == "serve") return serve(argv[2]);
-    if (mode == "load" && argc > 4) {
-        return load(argv[2], std::atof(argv[3]), std::atoi(argv[4]), argc > 5 ? std::atoi(argv[5]) : 0);
+    std::map<std::string, std::string> options;
+    std::vector<std::string> words;
+    for (const std::string& word : std::vector<std::string>(argv + 1, argv + argc)) {
+        const std::size_t sign = word.find('=');
+        if (sign == std::string::npos) {
+            words.push_back(word);
+        } else {
+            options[word.substr(0, sign)] = word.substr(sign + 1);
+        }
     }
-    if (mode == "once") return once(argv[2]);
+    if (options.count("errors") > 0) {
+        QvtpMessage::setLoggingLevel(std::fopen(options["errors"].c_str(), "w"), LoggingLevel::ERROR, nullptr,
+                                     CommunicationLevel::OFF);
+    } else if (options.count("log") > 0) {
+        example::logTo(options["log"].c_str(), options["bytes"].c_str());
+    }
+    const std::string mode = words.size() > 1 ? words[0] : "";
+    if (mode == "serve") return serve(words[1]);
+    if (mode == "load" && words.size() > 3) {
+        const int pauseMs = words.size() > 4 ? std::stoi(words[4]) : 0;
+        return load(words[1], std::stod(words[2]), std::stoi(words[3]), pauseMs, options["absent"] == "wait");
+    }
+    if (mode == "once") return once(words[1]);
     std::fprintf(stderr, "usage: torture_peer serve PIPE | load PIPE SECONDS THREADS [PAUSE] | once PIPE\n");
     return 2;
 }
