@@ -28,7 +28,10 @@ NameLock::Result NameLock::take(const PipeAddress& address, char direction) {
     if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return Result::FAILED;
     struct flock request = wholeFile(F_WRLCK);
     if (uninterrupted([&] { return ::fcntl(file.get(), F_OFD_SETLK, &request); }) != 0) {
-        return errno == EAGAIN || errno == EACCES ? Result::HELD_BY_ANOTHER : Result::FAILED;
+        if (errno != EAGAIN && errno != EACCES) return Result::FAILED;
+        request = wholeFile(F_WRLCK);
+        const int asked = uninterrupted([&] { return ::fcntl(file.get(), F_OFD_GETLK, &request); });
+        return asked == 0 && request.l_type != F_UNLCK ? Result::HELD_BY_ANOTHER : Result::REFUSED;
     }
     if (uninterrupted([&] { return ::pwrite(file.get(), &direction, 1, 0); }) != 1) return Result::FAILED;
     file_ = std::move(file);

@@ -9,9 +9,10 @@ namespace Quovane::Internal::Qvtp {
 /// the process, not with the object: a forked child has one too.
 class NameLock {
   public:
-    enum class Result { HELD, HELD_BY_ANOTHER, FAILED };
+    enum class Result { HELD, REFUSED, HELD_BY_ANOTHER, FAILED };
 
-    /// Makes the lock file if there is none. FAILED leaves its reason in errno.
+    /// Makes the lock file if there is none. REFUSED: another server had it just now, but has it no more. FAILED leaves
+    /// its reason in errno.
     Result take(const PipeAddress& address, char direction);
     bool isHeld() const { return file_.isOpen(); }
     /// Which file it is.

@@ -109,6 +109,8 @@ int ServedName::takeLock(const PipeAddress& address, NameLock& lock) {
     switch (lock.take(address, direction_)) {
         case NameLock::Result::HELD:
             return SystemError::NONE;
+        case NameLock::Result::REFUSED:
+            return SystemError::ACCESS_DENIED;
         case NameLock::Result::HELD_BY_ANOTHER:
             if (lock_.isHeld()) hold_ = Hold::LEFT_TO_ANOTHER;
             return SystemError::ACCESS_DENIED;

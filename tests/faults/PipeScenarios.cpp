@@ -2,7 +2,10 @@
 
 #include <qvtp/io/QvPipe.h>
 #include <qvtp/io/ServerQvPipe.h>
+#include <qvtp/io/TimeoutException.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -122,6 +125,49 @@ class AcceptAgain : public Pipes {
     std::unique_ptr<QvPipe> accepted_;
 };
 
+/// An accept finds that the files of its name are gone. What fails then is tried again by the next one.
+class FilesRemoved : public Pipes {
+  public:
+    void prepare() override {
+        server_ = std::make_unique<ServerQvPipe>(name_, true, true);
+        server_->setAcceptTimeout(5);
+        for (const char* ending : {".sock", ".lock"}) {
+            std::remove((std::string(std::getenv("QVTP_PIPE_DIR")) + "/" + name_ + ending).c_str());
+        }
+    }
+    std::string afterwards() override {
+        std::string result;
+        const std::string thrown = thrownBy([&] {
+            QvPipe none;
+            if (acceptedNobody(none) != RIGHT) throw std::runtime_error("there is a client that nobody has made");
+            QvPipe client(name_, true, true);
+            QvPipe accepted;
+            server_->accept(accepted);
+            result = exchange(client, accepted);
+        });
+        server_.reset();
+        return thrown == "nothing" ? result : "the next accept: " + thrown;
+    }
+
+  protected:
+    std::string use() override {
+        QvPipe none;
+        return acceptedNobody(none);
+    }
+
+  private:
+    std::string acceptedNobody(QvPipe& pipe) {
+        try {
+            server_->accept(pipe);
+        } catch (const Quovane::Io::TimeoutException&) {
+            return RIGHT;
+        }
+        return "WRONG client";
+    }
+
+    std::unique_ptr<ServerQvPipe> server_;
+};
+
 /// Each wait of a pipe ends in time.
 class PipeTimeOuts : public Pipes {
   protected:
@@ -179,6 +225,7 @@ std::vector<Entry> pipeScenarios() {
     return {
         {"accept and next instance", SERVER, make<AcceptAndNextInstance>, 1},
         {"accept again", SERVER, make<AcceptAgain>, 1},
+        {"files removed", SERVER, make<FilesRemoved>, 4},
         {"time-outs of pipes", SERVER, make<PipeTimeOuts>, 4},
     };
 }
