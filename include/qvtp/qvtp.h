@@ -29,6 +29,8 @@
 #include <qvtp/message/QvtpMessageOut.h>
 #include <qvtp/message/Version.h>
 #include <qvtp/platform/NativeHandle.h>
+#include <qvtp/platform/PipeFacts.h>
+#include <qvtp/platform/StopSignal.h>
 #include <qvtp/server/QvtpHandler.h>
 #include <qvtp/server/QvtpServer.h>
 #include <qvtp/server/QvtpServerRequest.h>

@@ -39,6 +39,10 @@ class PipeAddress {
     /// Whether both are one name in one directory, whatever the path on which each was found.
     bool isSame(const PipeAddress& other) const;
 
+    /// The path of the directory, and of a file of it, as people know them. Empty if the pipe has no possible name.
+    const std::string& directoryPath() const { return directoryPath_; }
+    std::string pathInLog(const std::string& file) const { return directoryPath_ + "/" + file; }
+
     // Of a server's address.
     int directory() const { return directory_.get(); }
     /// Which file has this name in the directory. False with errno set if that cannot be told.
@@ -64,9 +68,6 @@ class PipeAddress {
     std::string socketPath(const std::string& file) const;
     /// Whether the directory's path leads there whatever the current directory is.
     bool isPathAbsolute() const { return directoryPath_[0] == '/'; }
-    /// The path of the directory, and of a file of it, as people know them.
-    const std::string& directoryPath() const { return directoryPath_; }
-    std::string pathInLog(const std::string& file) const { return directoryPath_ + "/" + file; }
 
   private:
     int openDirectory(Directory directory);
