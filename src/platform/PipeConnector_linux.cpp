@@ -5,6 +5,7 @@
 #include "platform/LocalSocket_linux.h"
 #include "platform/PipeLog.h"
 #include "platform/PipePlatform.h"
+#include "platform/Refusal_linux.h"
 #include "platform/SystemError_linux.h"
 
 #include <fcntl.h>
@@ -44,7 +45,7 @@ int PipeConnector::connect() {
             case Attempt::CONNECTED:
                 return ConnectResult::CONNECTED;
             case Attempt::DENIED:
-                return ConnectResult::ACCESS_DENIED;
+                return reportDenial();
             case Attempt::FAILED:
                 return reportFailure();
             case Attempt::BUSY:
@@ -137,9 +138,14 @@ PipeConnector::Attempt PipeConnector::fail(int error) {
 int PipeConnector::reportFailure() const {
     // Whoever has begun to wait waits for a server that went away.
     if (waiting_ && error_ == SystemError::FILE_NOT_FOUND) return reportTimeout();
-    if (error_ == SystemError::ACCESS_DENIED) return ConnectResult::ACCESS_DENIED;
+    if (error_ == SystemError::ACCESS_DENIED) return reportDenial();
     PipeLog::connectFailed(error_);
     return ConnectResult::CANNOT_OPEN;
+}
+
+int PipeConnector::reportDenial() const {
+    Refusal::logOfClient(path_);
+    return ConnectResult::ACCESS_DENIED;
 }
 
 int PipeConnector::reportTimeout() const {

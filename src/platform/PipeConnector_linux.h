@@ -37,6 +37,7 @@ class PipeConnector {
     Attempt attemptConnect(bool foreign);
     Attempt fail(int error);
     int reportFailure() const;
+    int reportDenial() const;
     int reportTimeout() const;
     void beginWaiting();
     Attempt waitInQueue();

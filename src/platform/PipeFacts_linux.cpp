@@ -40,16 +40,31 @@ std::string describeDirectory(const std::string& path, const struct stat& status
     return text("The pipe directory ", path, " is open to other users. Take their rights away: chmod 700 ", path);
 }
 
+/// Why there is none: nobody has made it yet, or nobody can.
+PipeFacts noDirectory(const std::string& directory, const std::string& path) {
+    const std::string above = directory.substr(0, directory.find_last_of('/'));
+    const std::string nothing = text("There is no pipe directory ", directory);
+    if (::faccessat(AT_FDCWD, above.empty() ? "/" : above.c_str(), W_OK | X_OK, AT_EACCESS) == 0) {
+        return {State::NO_DIRECTORY, path, nothing + ". A server makes it."};
+    }
+    return {
+        State::NO_DIRECTORY, path,
+        text(nothing, ", and it cannot be made: ", textOf(errno),
+             ". Make the directories above it, which this user may write to, or name another one in QVTP_PIPE_DIR.")};
+}
+
 /// Why the directory was refused.
 PipeFacts refusedDirectory(const PipeAddress& address, const std::string& path) {
     const std::string& directory = address.directoryPath();
     struct stat status {};
-    if (::lstat(directory.c_str(), &status) == 0)
+    if (::lstat(directory.c_str(), &status) == 0) {
         return {State::BAD_DIRECTORY, path, describeDirectory(directory, status)};
+    }
     const int error = errno;
-    if (error == ENOENT) return {State::NO_DIRECTORY, path, text("There is no pipe directory ", directory, ".")};
+    if (error == ENOENT) return noDirectory(directory, path);
     return {State::BAD_DIRECTORY, path,
-            text("The pipe directory ", directory, " cannot be looked at: ", textOf(error), ".")};
+            text("The pipe directory ", directory, " cannot be looked at: ", textOf(error),
+                 ". Let this user enter the directories above it, or name another one in QVTP_PIPE_DIR.")};
 }
 
 PipeFacts withoutLockFile(const std::string& path, int error) {
@@ -57,7 +72,8 @@ PipeFacts withoutLockFile(const std::string& path, int error) {
     const std::string lock = path.substr(0, path.rfind('.')) + ".lock";
     if (error == EACCES || error == ELOOP) {
         return {State::BAD_DIRECTORY, path,
-                text("The lock file ", lock, " is no regular file of this user. Remove it.")};
+                text("The lock file ", lock, " is no regular file that this user may open: ", textOf(error),
+                     ". Remove it.")};
     }
     return {State::UNKNOWN, path, text("The lock file ", lock, " cannot be looked at: ", textOf(error), ".")};
 }

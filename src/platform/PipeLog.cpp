@@ -5,6 +5,10 @@
 // The spelling of every line is part of the interface: log readers match these texts.
 namespace Quovane::Internal::Qvtp::PipeLog {
 
+void refused(const std::string& reason) {
+    logError([&] { return "Pipe refused. " + reason; });
+}
+
 void waitsForInstance() {
     logDebug("Waiting for named pipe.");
 }

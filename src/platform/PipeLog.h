@@ -15,6 +15,9 @@ using Number = std::int64_t;
 
 // ---- Connecting ----
 
+/// `reason`: what is wrong with the files of a name, where they are, and what helps. Of connecting and of creating.
+void refused(const std::string& reason);
+
 void waitsForInstance();
 /// `timeoutMs`: 0 is without limit, and printed with all bits set.
 void connectTimedOut(const std::string& path, int timeoutMs);

@@ -4,6 +4,7 @@
 #include "platform/LocalSocket_linux.h"
 #include "platform/PipeLog.h"
 #include "platform/PipeObject_linux.h"
+#include "platform/Refusal_linux.h"
 #include "platform/SystemError_linux.h"
 
 #include <poll.h>
@@ -256,7 +257,10 @@ int createInstance(NativeHandle sibling, const std::string& path, bool readable,
     object->writable = writable;
     object->owner = System::currentProcessId();
     int error = SystemError::NONE;
-    if (!addInstance(sibling, *object, error)) error = addInstance(path, first, *object);
+    if (!addInstance(sibling, *object, error)) {
+        error = addInstance(path, first, *object);
+        if (error == SystemError::ACCESS_DENIED || error == SystemError::FILE_NOT_FOUND) Refusal::logOfServer(path);
+    }
     if (error != SystemError::NONE) return error;
     pipeHandle = pipeTable().add(object);
     eventHandle = CountedNumbers::eventHandleOf(pipeHandle);

@@ -102,36 +102,59 @@ TEST_F(PipeFiles, WorkInADirectoryThatDoesNotFitIntoASocketAddress) {
 
 class UnsafeDirectory : public PipeFiles {
   protected:
-    void expectRefusal() {
+    /// Of both sides, each with a line of its own that says why and what helps.
+    void expectRefusal(const std::string& reason) {
         End server, client;
         LogCapture log;
         EXPECT_EQ(create(server), 5);
         EXPECT_EQ(connect(client), ConnectResult::ACCESS_DENIED);
-        EXPECT_THAT(log.messages(), ElementsAre("ERROR CreateNamedPipe failed: 5"));
+        const std::string refused = "ERROR Pipe refused. The pipe directory " + directory + " " + reason;
+        EXPECT_THAT(log.messages(), ElementsAre(refused, "ERROR CreateNamedPipe failed: 5", refused));
     }
 };
 
 TEST_F(UnsafeDirectory, IsRefusedWhenOthersMayEnter) {
     ASSERT_EQ(::mkdir(directory.c_str(), 0755), 0);
-    expectRefusal();
+    expectRefusal("is open to other users. Take their rights away: chmod 700 " + directory);
 }
 
 TEST_F(UnsafeDirectory, IsRefusedWhenItIsALink) {
     ASSERT_EQ(::mkdir((root + "/real").c_str(), 0700), 0);
     ASSERT_EQ(::symlink((root + "/real").c_str(), directory.c_str()), 0);
-    expectRefusal();
+    expectRefusal("is a link. Name what it leads to.");
 }
 
 TEST_F(UnsafeDirectory, IsRefusedWhenItIsAFile) {
     std::ofstream(directory) << "x";
-    expectRefusal();
+    expectRefusal("is no directory. Remove what is there.");
 }
 
 TEST_F(UnsafeDirectory, IsRefusedWhenItBelongsToAnother) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can give a directory away";
     ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
     ASSERT_EQ(::chown(directory.c_str(), 12345, 12345), 0);
-    expectRefusal();
+    expectRefusal("belongs to user 12345, and this process is of user 0. Use a directory of its own.");
+}
+
+TEST_F(PipeFiles, AreRefusedWithAReasonWhereTheDirectoryCannotBeMade) {
+    use(root + "/missing/directory");
+    End server, client;
+    LogCapture log;
+    EXPECT_EQ(create(server), 2);
+    EXPECT_EQ(connect(client), ConnectResult::CANNOT_OPEN);
+    EXPECT_THAT(log.messages(),
+                ElementsAre("ERROR Pipe refused. There is no pipe directory " + directory +
+                                ", and it cannot be made: No such file or directory. Make the directories above it, "
+                                "which this user may write to, or name another one in QVTP_PIPE_DIR.",
+                            "ERROR CreateNamedPipe failed: 2", "ERROR Could not open pipe. GLE=2"));
+}
+
+TEST_F(PipeFiles, AreNotRefusedForANameThatIsTaken) {
+    End first, second;
+    ASSERT_EQ(create(first), 0);
+    LogCapture log;
+    EXPECT_EQ(create(second), 5);
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR CreateNamedPipe failed: 5"));
 }
 
 TEST_F(PipeFiles, AreFoundMissingWithoutADirectory) {
@@ -339,7 +362,9 @@ class ForeignLockFile : public PipeFiles {
         LogCapture log;
         EXPECT_EQ(create(server), 5);
         EXPECT_EQ(connect(client, 0), ConnectResult::ACCESS_DENIED);
-        EXPECT_THAT(log.messages(), ElementsAre("ERROR CreateNamedPipe failed: 5"));
+        const std::string refused = "ERROR Pipe refused. The lock file " + lock +
+                                    " is no regular file that this user may open: Permission denied. Remove it.";
+        EXPECT_THAT(log.messages(), ElementsAre(refused, "ERROR CreateNamedPipe failed: 5", refused));
     }
 
     std::string lock;
