@@ -138,6 +138,7 @@ TEST_F(MakeRoom, AsksAllWhenNobodyIsSilent) {
     ASSERT_TRUE(eventuallyLogs(log, "DEBUG Still waiting for thread to process QvPipe worker " + full(4)));
     release.set_value();
     EXPECT_LT(elapsed([&] { EXPECT_EQ(fourth.exchange(POST_HELLO, HELLO_BACK), HELLO_BACK); }), 10s);
+    server.stop();  // before what the handlers wait for goes
 }
 
 TEST_F(MakeRoom, IsUnseenByApplications) {
