@@ -1,0 +1,67 @@
+#pragma once
+
+#include <qvtp/easy/Options.h>
+
+#include <istream>
+#include <streambuf>
+
+namespace qvtp {
+
+/// What a client sends, for the length of one call: nothing is copied or owned. A whole body has up to 2147483647
+/// bytes. A streamed one is of any size, and goes out in pieces of ClientOptions::bufferSize.
+class Body {
+  public:
+    /// Fills a part of the buffer, at least one byte, and returns how much; 0 ends the body. May throw.
+    using Source = std::function<std::size_t(char* buffer, std::size_t size)>;
+
+    Body(const char* text) : whole_(text) {}
+    Body(const std::string& bytes) : whole_(bytes) {}
+    Body(std::string_view bytes) : whole_(bytes) {}
+    /// Streams what is left of the stream. `total`: for the progress alone, -1 if it is not known. A stream that goes
+    /// bad before its end is an unknown_outcome: the server has got a part.
+    Body(std::istream& stream, std::int64_t total = -1) : total_(total) {
+        source_ = [&stream](char* buffer, std::size_t size) -> std::size_t {
+            if (stream.eof()) return 0;
+            stream.read(buffer, static_cast<std::streamsize>(size));
+            if (!stream.fail() || stream.eof()) return static_cast<std::size_t>(stream.gcount());
+            throw Error(ErrorKind::unknown_outcome,
+                        "The stream of a body has failed before its end. The server may act on what it got.");
+        };
+    }
+    /// Streams what the function gives. For a lambda write Body(lambda).
+    explicit Body(Source source, std::int64_t total = -1) : source_(std::move(source)), total_(total) {}
+
+    std::string_view whole() const { return whole_; }
+    const Source& source() const { return source_; }  ///< null of a whole body
+    std::int64_t total() const { return total_; }
+
+  private:
+    std::string_view whole_;
+    Source source_;
+    std::int64_t total_ = -1;
+};
+
+namespace detail {
+/// A streamed body as the library reads it, in blocks alone. Neither argument is owned.
+class BodyWriter : public std::streambuf {
+  public:
+    BodyWriter(const Body& body, const std::function<void(const Progress&)>& onSent) : body_(body), onSent_(onSent) {}
+
+  protected:
+    std::streamsize xsgetn(char* buffer, std::streamsize size) override {
+        std::streamsize filled = 0;
+        for (std::size_t count = 1; count > 0 && filled < size; filled += static_cast<std::streamsize>(count)) {
+            count = body_.source()(buffer + filled, static_cast<std::size_t>(size - filled));
+        }
+        sent_ += static_cast<std::uint64_t>(filled);
+        if (filled > 0 && onSent_) onSent_({sent_, body_.total()});
+        return filled;
+    }
+
+  private:
+    const Body& body_;
+    const std::function<void(const Progress&)>& onSent_;
+    std::uint64_t sent_ = 0;
+};
+}  // namespace detail
+}  // namespace qvtp

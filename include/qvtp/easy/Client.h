@@ -1,0 +1,137 @@
+#pragma once
+
+#include <qvtp/client/NotifyRequest.h>
+#include <qvtp/client/PostRequest.h>
+#include <qvtp/easy/Body.h>
+#include <qvtp/easy/BodyReader.h>
+#include <qvtp/easy/Call.h>
+#include <qvtp/easy/Reply.h>
+
+namespace qvtp {
+
+/// Sends requests to the server of one pipe name. It connects when it needs to, so that it may be made before the
+/// server is there, and keeps its connections open between calls.
+///
+///     qvtp::Client client("greetings", std::chrono::seconds(2));
+///     qvtp::Reply reply = client.post("/hello", "world");
+///
+/// Any thread may use it, several at once. In a forked child it makes connections of its own. Every failure is an
+/// Error; what the server answers is none, whatever its status.
+class Client {
+  public:
+    /// `timeout`: how long each call waits for a busy server, then for the reply, and for each pause within that.
+    explicit Client(std::string pipeName, Milliseconds timeout = ClientOptions().timeout)
+        : Client(std::move(pipeName), ClientOptions{timeout}) {}
+    Client(std::string pipeName, ClientOptions options)
+        : pipeName_(std::move(pipeName)), options_(std::move(options)), connections_(options_.idleTimeout) {}
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    /// Sends a POST and waits for the reply. `resource`: what it is about, in the server's own terms, UTF-8, not empty,
+    /// without blanks and control characters (misuse): percentEncode() what may have some.
+    Reply post(std::string_view resource, const Body& body = "", const CallOptions& options = {}) {
+        return send<detail::exact::PostRequest>("POST " + std::string(resource), resource, body, options);
+    }
+    /// Sends a NOTIFY, which is not answered. When it returns, the system has taken all of it. Whether the server has
+    /// acted on it is not known.
+    void notify(std::string_view resource, const Body& body = "", const CallOptions& options = {}) {
+        send<detail::exact::NotifyRequest>("NOTIFY " + std::string(resource), resource, body, options);
+    }
+    /// Ends all calls, and all later ones, as closed: at once, but one that waits for a busy server when its connect
+    /// time-out is over. From any thread.
+    void close() { connections_.close(); }
+
+  private:
+    static Milliseconds firstOf(Milliseconds own, Milliseconds common) { return own.count() >= 0 ? own : common; }
+
+    template <typename RequestType>
+    Reply send(const std::string& what, std::string_view resource, const Body& body, const CallOptions& options) {
+        detail::checkHeaders(options.headers);
+        if (resource.empty() || detail::hasControls(resource) || resource.find(' ') != resource.npos) {
+            throw Error(ErrorKind::misuse, what +
+                                               " failed. The resource is empty, or has a blank or a control character. "
+                                               "Use percentEncode() for its parts.");
+        }
+        for (int retry = 0;; ++retry) {
+            try {
+                return exchange<RequestType>(what, std::string(resource), body, options);
+            } catch (const Error& e) {
+                // After the first time there is no connection left that could break: that there is no server goes on.
+                const bool isNotSent =
+                    e.kind() == ErrorKind::not_sent || (retry > 0 && e.kind() == ErrorKind::no_server);
+                if (!isNotSent || retry >= options_.retries) throw;
+            }
+            std::this_thread::sleep_for(options_.retryPause);
+        }
+    }
+
+    template <typename RequestType>
+    Reply exchange(const std::string& what, const std::string& resource, const Body& body, const CallOptions& options) {
+        const Milliseconds timeout = firstOf(options.timeout, options_.timeout);
+        const Milliseconds connecting = firstOf(options.connectTimeout, firstOf(options_.connectTimeout, timeout));
+        detail::Call call(connections_, pipeName_, what, detail::millisecondsOf(connecting));
+        detail::exact::QvtpClient client(&call);
+        client.setResponseTimeout(detail::millisecondsOf(timeout));
+        client.setOption(detail::exact::QvtpClient::BUFFER_SIZE, options_.bufferSize);
+        client.setOption(detail::exact::QvtpClient::USER_AGENT, options_.userAgent);
+        Reply reply;
+        bool isReadInChunks = false;
+        {
+            detail::BodyWriter writer(body, options.onSent);
+            std::istream source(&writer);
+            source.exceptions(std::ios_base::badbit);  // what a callback throws passes through the library
+            RequestType request(&client, pipeName_, resource);
+            try {
+                detail::copyHeaders(options.headers, request);
+                body.source() ? request.setBodyStream(&source)
+                              : request.setBody(body.whole().data(), body.whole().size());
+                if constexpr (std::is_same_v<RequestType, detail::exact::PostRequest>) {
+                    const std::unique_ptr<detail::exact::QvtpResponse> response(request.execute());
+                    isReadInChunks = receive(*response, call, options, reply);
+                } else {
+                    request.execute();
+                }
+            } catch (const Error&) {
+                throw;
+            } catch (...) {
+                call.translate(request.isCommitted());
+            }
+        }
+        // The library ends a body in chunks silently, whatever it ends with, but does not use its connection again.
+        if (!isReadInChunks || !call.hasBroken()) return reply;
+        if (call.hasEnded()) call.translateBody(false);
+        call.throwMalformed("its chunks are broken, or more comes after its end");
+    }
+
+    /// True if the body came in chunks and was read to its end.
+    static bool receive(detail::exact::QvtpResponse& response, detail::Call& call, const CallOptions& options,
+                        Reply& reply) {
+        const std::string line = response.getStartLine();
+        reply.setStatus(response.getStatusCode()).setReason(response.getReasonPhrase());
+        if (line.rfind("QVTP/", 0) != 0 || reply.status() < 100 || reply.status() > 999)
+            call.throwMalformed("it begins with \"" + line + "\"");
+        for (const auto& [name, value] : detail::headersOf(response)) reply.addHeader(name, value);
+        const bool isChunked = reply.header("Content-Length").empty();
+        const std::int64_t length = detail::lengthOf(reply.headers());
+        if (!isChunked && length < 0) call.throwMalformed("its length is " + reply.header("Content-Length"));
+        detail::BodyReader reader(*response.getBodyStream(), length,
+                                  [&](bool isThrown) { call.translateBody(isThrown); });
+        if (options.onStream) {
+            std::istream body(&reader);
+            body.exceptions(std::ios_base::badbit);
+            options.onStream(reply, body);
+            reader.check();
+        } else if (options.onPiece) {
+            std::string_view piece;
+            while (!(piece = reader.readPiece()).empty()) options.onPiece(piece, reader.progress());
+        } else {
+            reply.setBody(reader.readAll());
+        }
+        return isChunked && reader.isAtEnd();
+    }
+
+    const std::string pipeName_;
+    const ClientOptions options_;
+    detail::Connections connections_;
+};
+}  // namespace qvtp

@@ -1,0 +1,108 @@
+#pragma once
+
+#include <qvtp/easy/Error.h>
+#include <qvtp/message/QvtpMessageIn.h>
+#include <qvtp/message/QvtpMessageOut.h>
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+#include <utility>
+
+namespace qvtp {
+
+/// Names and values. What was received has each name once, as the peer wrote it, in the order of the upper-cased names;
+/// several values of a name are joined by ", ". What is sent may have a name several times. A name consists of letters,
+/// digits, and marks such as - and _; a value has no control characters. Content-Length and Transfer-Encoding are the
+/// library's own. Else what sends them throws misuse.
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+namespace detail {
+namespace exact = Quovane::Qvtp;
+constexpr std::string_view PLAIN = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
+
+/// But for the case of ASCII letters.
+inline bool equalNames(std::string_view left, std::string_view right) {
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(), [](char l, char r) {
+        return l == r || ((l | 32) == (r | 32) && (l | 32) >= 'a' && (l | 32) <= 'z');
+    });
+}
+inline bool hasControls(std::string_view text) {
+    return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; });
+}
+}  // namespace detail
+
+/// The first value of this name, in whatever case, or an empty text.
+inline std::string valueOf(const Headers& headers, std::string_view name) {
+    for (const auto& [key, value] : headers) {
+        if (detail::equalNames(key, name)) return value;
+    }
+    return {};
+}
+
+/// Makes any text a part of a resource, as in "/files/" + percentEncode(name): all bytes but letters, digits and
+/// - . _ ~ become % and two hexadecimal digits, "/" too.
+inline std::string percentEncode(std::string_view text) {
+    constexpr std::string_view DIGITS = "0123456789ABCDEF";
+    std::string result;
+    for (const char c : text) {
+        const bool isPlain = detail::PLAIN.find(c) != std::string_view::npos;
+        const auto byte = static_cast<unsigned char>(c);
+        result += isPlain ? std::string(1, c) : std::string{'%', DIGITS[byte >> 4], DIGITS[byte & 15]};
+    }
+    return result;
+}
+
+/// The text that percentEncode() was given. A % without two hexadecimal digits after it stays as it is.
+inline std::string percentDecode(std::string_view text) {
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char* const digits = text.data() + i + 1;
+        unsigned byte = 0;
+        const bool isEscape =
+            text[i] == '%' && i + 2 < text.size() && std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2;
+        result += isEscape ? static_cast<char>(byte) : text[i];
+        if (isEscape) i += 2;
+    }
+    return result;
+}
+
+namespace detail {
+/// Before anything is sent.
+inline void checkHeaders(const Headers& headers) {
+    for (const auto& [name, value] : headers) {
+        const bool isToken = !name.empty() && name.find_first_not_of(std::string(PLAIN) + "!#$%&'*+^`|") == name.npos;
+        const bool isFraming = equalNames(name, "Content-Length") || equalNames(name, "Transfer-Encoding");
+        if (isToken && !isFraming && !hasControls(value)) continue;
+        const char* const reason = !isToken    ? "\" has no possible name."
+                                   : isFraming ? "\" is set by the library. Leave it out."
+                                               : "\" has a value with a control character.";
+        throw Error(ErrorKind::misuse, "The header \"" + name + reason);
+    }
+}
+/// Those that the library has set itself are replaced.
+inline void copyHeaders(const Headers& headers, exact::QvtpMessageOut& message) {
+    for (const auto& [name, value] : headers) {
+        const bool isSet = equalNames(name, "User-Agent") || equalNames(name, "Server");
+        isSet ? message.setHeader(name, value) : message.addHeader(name, value);
+    }
+}
+/// After the head was read.
+inline Headers headersOf(exact::QvtpMessageIn& message) {
+    Headers headers;
+    for (const std::string& name : message.getHeaderNames()) {
+        std::string joined;
+        for (const std::string& value : message.getHeaders(name)) joined += (joined.empty() ? "" : ", ") + value;
+        headers.emplace_back(name, joined);
+    }
+    return headers;
+}
+/// Of the body; -1 if it is not announced.
+inline std::int64_t lengthOf(const Headers& headers) {
+    const std::string text = valueOf(headers, "Content-Length");
+    std::int64_t length = -1;
+    std::from_chars(text.data(), text.data() + text.size(), length);
+    return length;
+}
+}  // namespace detail
+}  // namespace qvtp

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <qvtp/easy/Headers.h>
+#include <qvtp/server/QvtpServer.h>
+#include <qvtp/server/QvtpServerRequest.h>
+
+#include <chrono>
+#include <functional>
+#include <limits>
+#include <thread>
+
+namespace qvtp {
+
+class Reply;
+using Limits = Quovane::Qvtp::QvtpServer::Limits;     ///< what one request may take; all 0: without limit
+using Peer = Quovane::Qvtp::QvtpServerRequest::Peer;  ///< who has connected; what is not known is -1
+using Milliseconds = std::chrono::milliseconds;       ///< of all time-outs; 0 waits without limit
+
+/// How far a streamed body has come.
+struct Progress {
+    std::uint64_t bytes = 0;  ///< so far
+    std::int64_t total = -1;  ///< of the whole body; -1 if it is not known
+};
+
+/// What holds for all calls of a client.
+struct ClientOptions {
+    /// How long a call waits for its reply, and for each pause within it.
+    Milliseconds timeout = std::chrono::seconds(30);
+    /// How long a call waits for a busy server to take the connection. Below 0, the default: as long as for the reply.
+    Milliseconds connectTimeout{-1};
+    /// A connection that was idle for longer is not used again. The server's idle time-out should be longer.
+    Milliseconds idleTimeout = std::chrono::seconds(10);
+    /// How often a call that fails as not_sent is made again, and after which pause. No other kind begins that, so that
+    /// no handler sees a request twice.
+    int retries = 0;
+    Milliseconds retryPause{100};
+    std::string userAgent = "QvtpClient";  ///< the header User-Agent
+    int bufferSize = 40960;                ///< bytes: the pieces of a streamed body
+};
+
+/// What holds for one call. The callbacks run on the caller's thread, during the call. What they throw leaves the call
+/// as it is and ends the connection: then the server sees a body that is cut off.
+struct CallOptions {
+    Headers headers;
+    Milliseconds timeout{-1};         ///< as in ClientOptions, for this call; below 0: as there
+    Milliseconds connectTimeout{-1};  ///< the same
+    /// After each piece of a streamed body that was taken for sending.
+    std::function<void(const Progress&)> onSent;
+    /// For a reply of any size: each piece of its body, as it comes. Reply::body() is empty then.
+    std::function<void(std::string_view piece, const Progress&)> onPiece;
+    /// The same as a stream, which throws Error: called once, with the reply's head.
+    std::function<void(const Reply& head, std::istream& body)> onStream;
+};
+
+/// What holds for a server.
+struct ServerOptions {
+    /// How many connections are served at once, each by a thread; 3 at least. 0, the default: four for each processor
+    /// of the machine, from 16 to 256. With more clients than that, silent ones make room for those that wait.
+    int workers = 0;
+    Limits limits;
+    Milliseconds idleTimeout = std::chrono::seconds(13);    ///< a connection without a new request is closed
+    Milliseconds receiveTimeout = std::chrono::seconds(3);  ///< the longest pause within the body of a request
+    std::string serverName = "QvtpServer";                  ///< the header Server
+};
+
+/// What a server has done since it was made, and what it does now.
+struct ServerCounters {
+    std::uint64_t posts = 0;
+    std::uint64_t notifies = 0;
+    std::uint64_t notFound = 0;       ///< of both, those without a handler: 404, or dropped
+    std::uint64_t wrongMethod = 0;    ///< those that have one for the other kind only: 501, or dropped
+    std::uint64_t handlerErrors = 0;  ///< handlers that have thrown: 500, or dropped
+    std::uint64_t inHandlers = 0;     ///< requests that are handled now
+    int connections = 0;              ///< open now, those that have just ended included
+    int workers = 0;                  ///< the most connections at once
+};
+
+namespace detail {
+inline int millisecondsOf(Milliseconds time) {
+    return static_cast<int>(std::clamp<Milliseconds::rep>(time.count(), 0, std::numeric_limits<int>::max()));
+}
+inline int workersOf(const ServerOptions& options) {
+    const unsigned wanted = std::clamp(std::thread::hardware_concurrency() * 4, 16U, 256U);
+    return options.workers > 0 ? std::max(options.workers, 3) : static_cast<int>(wanted);
+}
+}  // namespace detail
+}  // namespace qvtp

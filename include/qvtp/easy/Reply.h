@@ -1,0 +1,64 @@
+#pragma once
+
+#include <qvtp/easy/Headers.h>
+
+#include <functional>
+#include <istream>
+#include <memory>
+#include <ostream>
+
+namespace qvtp {
+
+/// The answer to a POST: what a handler returns, and what Client::post() returns. A value.
+class Reply {
+  public:
+    using Writer = std::function<void(std::ostream&)>;
+
+    /// 200 with this body, of any bytes.
+    Reply(std::string body = {}) : body_(std::move(body)) {}
+    Reply(const char* body) : body_(body) {}
+    /// A status from 100 to 999, with its usual reason ("None" if it has none).
+    explicit Reply(int status, std::string body = {}) : status_(status), body_(std::move(body)) {}
+
+    /// 200 with a body of any size. When the handler has returned, the writer writes it, on the same thread. It goes
+    /// out in pieces of 4096 bytes, or as often as it is flushed. Read the whole body of the request before: its client
+    /// reads nothing until all of that is written. A writer that throws cuts the body off.
+    static Reply stream(Writer writer) {
+        Reply reply;
+        reply.writer_ = std::move(writer);
+        return reply;
+    }
+    /// The same from a stream, to its end. One that goes bad before cuts the body off.
+    static Reply stream(std::shared_ptr<std::istream> source) {
+        return stream([source](std::ostream& out) {
+            for (char piece[4096]; source->good();) out.write(piece, source->read(piece, sizeof piece).gcount());
+            if (!source->eof()) throw std::runtime_error("The stream of a reply has failed before its end.");
+        });
+    }
+
+    int status() const { return status_; }
+    bool ok() const { return status_ >= 200 && status_ < 300; }
+    /// What the server gave; what setReason() has set.
+    const std::string& reason() const { return reason_; }
+    const Headers& headers() const { return headers_; }
+    /// The value of a header in whatever case, or an empty text.
+    std::string header(std::string_view name) const { return valueOf(headers_, name); }
+    const std::string& body() const& { return body_; }
+    std::string body() && { return std::move(body_); }
+    const Writer& writer() const { return writer_; }  ///< null unless stream() made the reply
+
+    Reply& setStatus(int status) { return status_ = status, *this; }
+    Reply& setReason(std::string reason) { return reason_ = std::move(reason), *this; }
+    Reply& setBody(std::string body) { return body_ = std::move(body), *this; }
+    Reply& addHeader(std::string name, std::string value) {
+        return headers_.emplace_back(std::move(name), std::move(value)), *this;
+    }
+
+  private:
+    int status_ = 200;
+    std::string reason_;
+    Headers headers_;
+    std::string body_;
+    Writer writer_;
+};
+}  // namespace qvtp
