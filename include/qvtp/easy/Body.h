@@ -8,7 +8,7 @@
 namespace qvtp {
 
 /// What a client sends, for the length of one call: nothing is copied or owned. A whole body has up to 2147483647
-/// bytes. A streamed one is of any size, and goes out in pieces of ClientOptions::bufferSize.
+/// bytes. A streamed one is of any size, and goes out in pieces of 40960.
 class Body {
   public:
     /// Fills a part of the buffer, at least one byte, and returns how much; 0 ends the body. May throw.
@@ -30,7 +30,6 @@ class Body {
     }
     /// Streams what the function gives. For a lambda write Body(lambda).
     explicit Body(Source source, std::int64_t total = -1) : source_(std::move(source)), total_(total) {}
-
     std::string_view whole() const { return whole_; }
     const Source& source() const { return source_; }  ///< null of a whole body
     std::int64_t total() const { return total_; }

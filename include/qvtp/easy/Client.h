@@ -3,7 +3,6 @@
 #include <qvtp/client/NotifyRequest.h>
 #include <qvtp/client/PostRequest.h>
 #include <qvtp/easy/Body.h>
-#include <qvtp/easy/BodyReader.h>
 #include <qvtp/easy/Call.h>
 #include <qvtp/easy/Reply.h>
 
@@ -26,7 +25,6 @@ class Client {
         : pipeName_(std::move(pipeName)), options_(std::move(options)), connections_(options_.idleTimeout) {}
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
-
     /// Sends a POST and waits for the reply. `resource`: what it is about, in the server's own terms, UTF-8, not empty,
     /// without blanks and control characters (misuse): percentEncode() what may have some.
     Reply post(std::string_view resource, const Body& body = "", const CallOptions& options = {}) {
@@ -43,28 +41,23 @@ class Client {
 
   private:
     static Milliseconds firstOf(Milliseconds own, Milliseconds common) { return own.count() >= 0 ? own : common; }
-
     template <typename RequestType>
     Reply send(const std::string& what, std::string_view resource, const Body& body, const CallOptions& options) {
         detail::checkHeaders(options.headers);
         if (resource.empty() || detail::hasControls(resource) || resource.find(' ') != resource.npos) {
-            throw Error(ErrorKind::misuse, what +
-                                               " failed. The resource is empty, or has a blank or a control character. "
-                                               "Use percentEncode() for its parts.");
+            throw Error(ErrorKind::misuse, what + " failed. No resource is that: use percentEncode() for its parts.");
         }
         for (int retry = 0;; ++retry) {
             try {
                 return exchange<RequestType>(what, std::string(resource), body, options);
             } catch (const Error& e) {
-                // After the first time there is no connection left that could break: that there is no server goes on.
-                const bool isNotSent =
-                    e.kind() == ErrorKind::not_sent || (retry > 0 && e.kind() == ErrorKind::no_server);
-                if (!isNotSent || retry >= options_.retries) throw;
+                // After the first time no connection is left that could break: that there is no server goes on.
+                const bool isGone = retry > 0 && e.kind() == ErrorKind::no_server;
+                if ((e.kind() != ErrorKind::not_sent && !isGone) || retry >= options_.retries) throw;
             }
             std::this_thread::sleep_for(options_.retryPause);
         }
     }
-
     template <typename RequestType>
     Reply exchange(const std::string& what, const std::string& resource, const Body& body, const CallOptions& options) {
         const Milliseconds timeout = firstOf(options.timeout, options_.timeout);
@@ -72,10 +65,8 @@ class Client {
         detail::Call call(connections_, pipeName_, what, detail::millisecondsOf(connecting));
         detail::exact::QvtpClient client(&call);
         client.setResponseTimeout(detail::millisecondsOf(timeout));
-        client.setOption(detail::exact::QvtpClient::BUFFER_SIZE, options_.bufferSize);
-        client.setOption(detail::exact::QvtpClient::USER_AGENT, options_.userAgent);
         Reply reply;
-        bool isReadInChunks = false;
+        bool isReadToEnd = false;
         {
             detail::BodyWriter writer(body, options.onSent);
             std::istream source(&writer);
@@ -87,7 +78,7 @@ class Client {
                               : request.setBody(body.whole().data(), body.whole().size());
                 if constexpr (std::is_same_v<RequestType, detail::exact::PostRequest>) {
                     const std::unique_ptr<detail::exact::QvtpResponse> response(request.execute());
-                    isReadInChunks = receive(*response, call, options, reply);
+                    isReadToEnd = receive(*response, call, options, reply);
                 } else {
                     request.execute();
                 }
@@ -97,39 +88,38 @@ class Client {
                 call.translate(request.isCommitted());
             }
         }
-        // The library ends a body in chunks silently, whatever it ends with, but does not use its connection again.
-        if (!isReadInChunks || !call.hasBroken()) return reply;
-        if (call.hasEnded()) call.translateBody(false);
-        call.throwMalformed("its chunks are broken, or more comes after its end");
+        // The library ends a stream silently, whatever the body ends with, but does not use its connection again.
+        if (call.hasEnded) call.fail(ErrorKind::cut_off);
+        const bool isChunked = reply.header("Content-Length").empty();  // else more came than belongs to it
+        if (isReadToEnd && call.hasBroken && isChunked) call.fail(ErrorKind::malformed_reply, "Its chunks are broken.");
+        return reply;
     }
-
-    /// True if the body came in chunks and was read to its end.
+    /// True if the body was read to its end.
     static bool receive(detail::exact::QvtpResponse& response, detail::Call& call, const CallOptions& options,
                         Reply& reply) {
         const std::string line = response.getStartLine();
+        call.hasHead = true;
         reply.setStatus(response.getStatusCode()).setReason(response.getReasonPhrase());
-        if (line.rfind("QVTP/", 0) != 0 || reply.status() < 100 || reply.status() > 999)
-            call.throwMalformed("it begins with \"" + line + "\"");
         for (const auto& [name, value] : detail::headersOf(response)) reply.addHeader(name, value);
-        const bool isChunked = reply.header("Content-Length").empty();
-        const std::int64_t length = detail::lengthOf(reply.headers());
-        if (!isChunked && length < 0) call.throwMalformed("its length is " + reply.header("Content-Length"));
-        detail::BodyReader reader(*response.getBodyStream(), length,
-                                  [&](bool isThrown) { call.translateBody(isThrown); });
-        if (options.onStream) {
-            std::istream body(&reader);
-            body.exceptions(std::ios_base::badbit);
-            options.onStream(reply, body);
-            reader.check();
-        } else if (options.onPiece) {
-            std::string_view piece;
-            while (!(piece = reader.readPiece()).empty()) options.onPiece(piece, reader.progress());
-        } else {
-            reply.setBody(reader.readAll());
+        Progress progress;
+        const std::string length = reply.header("Content-Length");
+        std::from_chars(length.data(), length.data() + length.size(), progress.total);
+        if ((progress.total < 0 && !length.empty()) || line.rfind("QVTP/", 0) != 0 || reply.status() < 100 ||
+            reply.status() > 999) {
+            call.fail(ErrorKind::malformed_reply, "It begins with \"" + line + "\".");
         }
-        return isChunked && reader.isAtEnd();
+        call.isReusable = reply.status() < 400;  // a server that has failed may be about to close the connection
+        if (!options.onStream && !options.onPiece) return reply.setBody(detail::bodyOf(response)), true;
+        std::istream& body = *response.getBodyStream();
+        if (options.onStream) options.onStream(reply, body);
+        for (char piece[16384]; options.onPiece && body.peek() != std::char_traits<char>::eof();) {
+            const auto size = static_cast<std::size_t>(body.readsome(piece, sizeof piece));
+            progress.bytes += size;
+            options.onPiece({piece, size}, progress);
+        }
+        if (body.bad()) call.fail(ErrorKind::cut_off, "The body could not be read.");
+        return body.eof();
     }
-
     const std::string pipeName_;
     const ClientOptions options_;
     detail::Connections connections_;

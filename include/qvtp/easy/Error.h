@@ -16,19 +16,40 @@ enum class ErrorKind {
     not_sent,         ///< the connection failed before the first byte had left. Nothing was sent
     unknown_outcome,  ///< the connection broke before the head of the reply. The server may have acted
     malformed_reply,  ///< the reply is none of this protocol. The server may have acted
-    cut_off,          ///< a body ended before its end. Of a reply: the server has acted
+    cut_off,          ///< the reply ended before its end. The server has acted
     closed,           ///< Client::close() was called
     misuse,           ///< a mistake in the program; the text says which
     name_taken,       ///< another server has the name
     bad_directory,    ///< Linux: the pipe directory, or a file in it, is refused. Nothing was sent
 };
 
+namespace detail {
+namespace io = Quovane::Io;
+
+struct KindText {
+    const char *name, *advice;
+};
+inline KindText textOf(ErrorKind kind) {
+    constexpr KindText TEXTS[] = {
+        {"no_server", "There is no server: start it, as the same user and with the same QVTP_PIPE_DIR."},
+        {"busy", "The server took no connection in time: give it more workers, or the client more time."},
+        {"denied", "Access is denied: the server takes only NOTIFY or is another user's, or the system lacks means."},
+        {"timed_out", "There was no answer in time, and the server may have acted: its handler is slow or stuck."},
+        {"not_sent", "Nothing was sent: try again. Server or system are short of something, or starting or stopping."},
+        {"unknown_outcome", "The server may have acted, and has failed or stopped then: look at its log."},
+        {"malformed_reply", "The reply is none of this protocol: the server is faulty, or of another kind."},
+        {"cut_off", "The reply was cut off: the server has failed or stopped then. Look at its log."},
+        {"closed", "The client was closed: make a new one."},
+        {"misuse", "This is a mistake in the program."},
+        {"name_taken", "Another server has this name: stop it, or use another name."},
+        {"bad_directory", "The pipe directory cannot be used: correct it, or set QVTP_PIPE_DIR to another."}};
+    return TEXTS[static_cast<int>(kind)];
+}
+}  // namespace detail
+
 /// The name of a kind as it is written above.
 inline const char* nameOf(ErrorKind kind) {
-    constexpr const char* NAMES[] = {
-        "no_server",       "busy",    "denied", "timed_out", "not_sent",   "unknown_outcome",
-        "malformed_reply", "cut_off", "closed", "misuse",    "name_taken", "bad_directory"};
-    return NAMES[static_cast<int>(kind)];
+    return detail::textOf(kind).name;
 }
 
 /// Every failure of the easy face. what() says in English, for people, what failed, on which pipe, at which path, and
@@ -36,7 +57,6 @@ inline const char* nameOf(ErrorKind kind) {
 class Error : public std::runtime_error {
   public:
     Error(ErrorKind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
-
     ErrorKind kind() const noexcept { return kind_; }
     /// Whether the request may be sent again without the danger that a handler sees it twice: no byte of it has left.
     /// True for no_server, busy, denied, not_sent and bad_directory. Of these, busy and not_sent pass by themselves.
@@ -51,13 +71,11 @@ class Error : public std::runtime_error {
 };
 
 namespace detail {
-namespace io = Quovane::Io;
-
-/// What failed, the pipe with its path, what the system knows of it, and what helps.
-inline Error errorOf(ErrorKind kind, const std::string& pipe, const std::string& text, const std::string& advice) {
+/// What failed and why, the pipe with its path, what the system knows of it, and what helps.
+inline Error errorOf(ErrorKind kind, const std::string& pipe, const std::string& text) {
     const io::PipeFacts facts = io::findPipeFacts(pipe);
-    const std::string reason = facts.reason + (facts.reason.empty() || advice.empty() ? "" : " ");
-    return Error(kind, text + " Pipe \"" + pipe + "\" (" + facts.path + "). " + reason + advice);
+    const std::string reason = facts.reason + (facts.reason.empty() ? "" : " ");
+    return Error(kind, text + " Pipe \"" + pipe + "\" (" + facts.path + "). " + reason + textOf(kind).advice);
 }
 }  // namespace detail
 }  // namespace qvtp

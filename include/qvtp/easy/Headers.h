@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -74,10 +75,8 @@ inline void checkHeaders(const Headers& headers) {
         const bool isToken = !name.empty() && name.find_first_not_of(std::string(PLAIN) + "!#$%&'*+^`|") == name.npos;
         const bool isFraming = equalNames(name, "Content-Length") || equalNames(name, "Transfer-Encoding");
         if (isToken && !isFraming && !hasControls(value)) continue;
-        const char* const reason = !isToken    ? "\" has no possible name."
-                                   : isFraming ? "\" is set by the library. Leave it out."
-                                               : "\" has a value with a control character.";
-        throw Error(ErrorKind::misuse, "The header \"" + name + reason);
+        throw Error(ErrorKind::misuse,
+                    "The header \"" + name + "\" has no possible name or value, or is the library's.");
     }
 }
 /// Those that the library has set itself are replaced.
@@ -97,12 +96,12 @@ inline Headers headersOf(exact::QvtpMessageIn& message) {
     }
     return headers;
 }
-/// Of the body; -1 if it is not announced.
-inline std::int64_t lengthOf(const Headers& headers) {
-    const std::string text = valueOf(headers, "Content-Length");
-    std::int64_t length = -1;
-    std::from_chars(text.data(), text.data() + text.size(), length);
-    return length;
+inline std::string bodyOf(exact::QvtpMessageIn& message) {
+    char* data = nullptr;
+    std::size_t size = 0;
+    message.getBody(&data, size);
+    const std::unique_ptr<char[]> owner(data);
+    return std::string(data, size);
 }
 }  // namespace detail
 }  // namespace qvtp

@@ -34,8 +34,6 @@ struct ClientOptions {
     /// no handler sees a request twice.
     int retries = 0;
     Milliseconds retryPause{100};
-    std::string userAgent = "QvtpClient";  ///< the header User-Agent
-    int bufferSize = 40960;                ///< bytes: the pieces of a streamed body
 };
 
 /// What holds for one call. The callbacks run on the caller's thread, during the call. What they throw leaves the call
@@ -60,7 +58,6 @@ struct ServerOptions {
     Limits limits;
     Milliseconds idleTimeout = std::chrono::seconds(13);    ///< a connection without a new request is closed
     Milliseconds receiveTimeout = std::chrono::seconds(3);  ///< the longest pause within the body of a request
-    std::string serverName = "QvtpServer";                  ///< the header Server
 };
 
 /// What a server has done since it was made, and what it does now.

@@ -13,13 +13,11 @@ namespace qvtp {
 class Reply {
   public:
     using Writer = std::function<void(std::ostream&)>;
-
     /// 200 with this body, of any bytes.
     Reply(std::string body = {}) : body_(std::move(body)) {}
     Reply(const char* body) : body_(body) {}
     /// A status from 100 to 999, with its usual reason ("None" if it has none).
     explicit Reply(int status, std::string body = {}) : status_(status), body_(std::move(body)) {}
-
     /// 200 with a body of any size. When the handler has returned, the writer writes it, on the same thread. It goes
     /// out in pieces of 4096 bytes, or as often as it is flushed. Read the whole body of the request before: its client
     /// reads nothing until all of that is written. A writer that throws cuts the body off.
@@ -35,7 +33,6 @@ class Reply {
             if (!source->eof()) throw std::runtime_error("The stream of a reply has failed before its end.");
         });
     }
-
     int status() const { return status_; }
     bool ok() const { return status_ >= 200 && status_ < 300; }
     /// What the server gave; what setReason() has set.
@@ -46,7 +43,6 @@ class Reply {
     const std::string& body() const& { return body_; }
     std::string body() && { return std::move(body_); }
     const Writer& writer() const { return writer_; }  ///< null unless stream() made the reply
-
     Reply& setStatus(int status) { return status_ = status, *this; }
     Reply& setReason(std::string reason) { return reason_ = std::move(reason), *this; }
     Reply& setBody(std::string body) { return body_ = std::move(body), *this; }

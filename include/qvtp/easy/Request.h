@@ -1,11 +1,11 @@
 #pragma once
 
-#include <qvtp/easy/BodyReader.h>
+#include <qvtp/easy/Options.h>
 
+#include <istream>
 #include <optional>
 
 namespace qvtp {
-
 namespace detail {
 class Dispatcher;
 }
@@ -15,7 +15,6 @@ class Request {
   public:
     Request(const Request&) = delete;
     Request& operator=(const Request&) = delete;
-
     const std::string& method() const { return method_; }  ///< "POST" or "NOTIFY"
     /// As the client wrote it: percentDecode() undoes a percentEncode() of the client's.
     const std::string& resource() const { return resource_; }
@@ -27,41 +26,31 @@ class Request {
     /// The process that has opened the connection, on Linux also its user and group: the system says so, not the
     /// client.
     Peer peer() const { return in_.getPeer(); }
-
     /// The whole body, read at the first call. If the connection fails meanwhile, let the exception pass: nobody is
     /// left to be answered. A body that its client streams and cuts off ends early, and nothing shows that here: where
     /// it matters, compare a length or a digest of your own.
     const std::string& body() const {
-        if (!body_) body_ = reader().readAll();
-        return *body_;
+        if (body_) return *body_;
+        hasFailed_ = true;  // until it has not
+        body_ = detail::bodyOf(in_);
+        return hasFailed_ = false, *body_;
     }
-    /// The body as a stream, for any size; instead of body(). It throws as body() does.
-    std::istream& stream() const { return reader(), *stream_; }
+    /// The body as a stream, for any size; instead of body(). What was said of a body that is cut off goes for all
+    /// here.
+    std::istream& stream() const { return *(stream_ = in_.getBodyStream()); }
 
   private:
     friend class detail::Dispatcher;
-
-    explicit Request(Quovane::Qvtp::QvtpServerRequest& in)
+    explicit Request(detail::exact::QvtpServerRequest& in)
         : in_(in), method_(in.getMethod()), resource_(in.getResource()), headers_(detail::headersOf(in)) {}
+    bool hasFailed() const { return hasFailed_ || (stream_ != nullptr && stream_->bad()); }
 
-    detail::BodyReader& reader() const {
-        if (reader_) return *reader_;
-        reader_.emplace(*in_.getBodyStream(), detail::lengthOf(headers_), [](bool isThrown) {
-            if (isThrown) throw;
-            throw Error(ErrorKind::cut_off, "The body of a request ended before its end.");
-        });
-        stream_.emplace(&*reader_);
-        stream_->exceptions(std::ios_base::badbit);
-        return *reader_;
-    }
-    bool hasFailed() const { return reader_ && reader_->hasFailed(); }
-
-    Quovane::Qvtp::QvtpServerRequest& in_;
-    std::string method_, resource_;
+    detail::exact::QvtpServerRequest& in_;
+    const std::string method_, resource_;
     std::size_t prefixLength_ = 0;
-    Headers headers_;
-    mutable std::optional<detail::BodyReader> reader_;
-    mutable std::optional<std::istream> stream_;
+    const Headers headers_;
+    mutable std::istream* stream_ = nullptr;  // of the request
     mutable std::optional<std::string> body_;
+    mutable bool hasFailed_ = false;
 };
 }  // namespace qvtp

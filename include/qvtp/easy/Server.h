@@ -24,10 +24,6 @@ namespace qvtp {
 /// alone. In a forked child a server of the parent does nothing: make another.
 class Server {
   public:
-    using PostHandler = std::function<Reply(const Request&)>;
-    using NotifyHandler = std::function<void(const Request&)>;
-    using ErrorHandler = std::function<void(const Request&, const std::string& text)>;
-
     /// Takes the name. Throws Error: name_taken, bad_directory, misuse (no pipe can have the name), denied (the system
     /// refuses, or is short of something).
     explicit Server(std::string pipeName, ServerOptions options = {})
@@ -39,20 +35,22 @@ class Server {
         stop();
         if (process_ != detail::io::currentProcessId()) new std::shared_ptr<Run>(run_);  // its thread is the parent's
     }
-
     /// Serves POSTs of this resource, or of all that begin with what stands before a '*' at its end. The whole resource
     /// goes first, then the longest prefix; "*" gets the rest. What has no handler is answered with 404, or with 501 if
     /// there is one for the other kind. Throws misuse while the server runs, as the next two.
-    void onPost(const std::string& resource, PostHandler handler) { settable().posts[resource] = std::move(handler); }
+    void onPost(const std::string& resource, std::function<Reply(const Request&)> handler) {
+        settable().posts[resource] = std::move(handler);
+    }
     /// The same for NOTIFYs. Those without a handler are dropped, and counted.
-    void onNotify(const std::string& resource, NotifyHandler handler) {
+    void onNotify(const std::string& resource, std::function<void(const Request&)> handler) {
         settable().notifies[resource] = [handler = std::move(handler)](const Request& request) {
             return handler(request), Reply();
         };
     }
     /// What is called, on the handler's thread, after a handler has thrown. What it throws itself is dropped.
-    void onError(ErrorHandler handler) { settable().onError = std::move(handler); }
-
+    void onError(std::function<void(const Request&, const std::string& text)> handler) {
+        settable().onError = std::move(handler);
+    }
     /// Begins to serve, and returns. Nothing if it serves already. After a stop it takes the name again. Throws as the
     /// constructor; denied also if there are no threads.
     void start() {
@@ -61,20 +59,17 @@ class Server {
         const std::lock_guard<std::mutex> guard(mutex_);
         if (run_ == nullptr) run_ = takeName();
         if (run_->ended.valid()) return;
-        const std::shared_ptr<Run> run = run_;
         try {
-            run->ended = std::async(std::launch::async, [&server = run->server] { server.run(); });
+            run_->ended = std::async(std::launch::async, [&server = run_->server] { server.run(); });
         } catch (const std::system_error&) {
-            throwWhyNot();
+            run_ = nullptr;
         }
         // Whether it runs can only be asked again and again.
-        while (!run->server.isRunning() && !run->stopped) {
-            if (run->ended.wait_for(Milliseconds(1)) != std::future_status::ready) continue;
-            run_ = nullptr;
-            throwWhyNot();
+        while (run_ != nullptr && !run_->server.isRunning() && !run_->stopped) {
+            if (run_->ended.wait_for(Milliseconds(1)) == std::future_status::ready) run_ = nullptr;
         }
+        if (run_ == nullptr) throwWhyNot();
     }
-
     /// Ends serving and gives the name up. `drain`: how long requests that have begun to arrive may take to be served,
     /// 0 without limit; below 0, the default, they are cut off. True if none was. It may come before start(). One that
     /// cuts off ends the drain of another thread. In a handler it cuts off, returns false, and waits for nothing: the
@@ -90,7 +85,6 @@ class Server {
         if (run_ == run) run_ = nullptr;
         return isWhole;
     }
-
     /// start(), waits for SIGINT or SIGTERM (on Windows Ctrl-C, Ctrl-Break, the end of the console or the session), and
     /// stops with this drain. It returns also when somebody else stops the server. After the first signal the handling
     /// of signals is what it was before: a second one ends the process as ever. What the process ignores stays ignored.
@@ -110,7 +104,6 @@ class Server {
         if (const auto waiting = wait.lock()) waiting->wake();
         return stopping.get();
     }
-
     bool isRunning() const {
         const std::shared_ptr<Run> run = current();
         return run != nullptr && run->server.isRunning();
@@ -124,7 +117,6 @@ class Server {
 
   private:
     using Native = Quovane::Qvtp::QvtpServer;
-
     /// From the taking of the name to its giving up.
     struct Run {
         Run(const std::string& pipeName, const ServerOptions& options, std::shared_ptr<detail::Dispatcher> handler)
@@ -136,7 +128,6 @@ class Server {
             server.setOption(Native::MAX_REQUEST_PROCESSORS, detail::workersOf(options));
             server.setOption(Native::IDLE_TIMEOUT, detail::millisecondsOf(options.idleTimeout));
             server.setOption(Native::RECEIVE_TIMEOUT, detail::millisecondsOf(options.receiveTimeout));
-            server.setOption(Native::SERVER_NAME, options.serverName);
         }
         ~Run() { stop(Milliseconds(-1)); }
         /// A drain ends a server in every state, a shutdown() only one that runs; but it ends a drain too.
@@ -150,7 +141,6 @@ class Server {
         std::atomic<bool> stopped{false};
         std::shared_future<void> ended;  // not valid before the start; outlived by the server
     };
-
     std::shared_ptr<Run> current() const {
         const std::lock_guard<std::mutex> guard(mutex_);
         return run_;
@@ -175,19 +165,13 @@ class Server {
     }
     [[noreturn]] void throwWhyNot() const {
         using State = detail::io::PipeFacts::State;
+        ErrorKind kind = ErrorKind::denied;
         const State state = detail::io::findPipeFacts(pipeName_).state;
-        const auto fail = [&](ErrorKind kind, const char* advice) {
-            throw detail::errorOf(kind, pipeName_, "The server cannot start.", advice);
-        };
-        if (state == State::SERVED)
-            fail(ErrorKind::name_taken, "Another server has this name: stop it, or use another.");
-        if (state == State::BAD_NAME) fail(ErrorKind::misuse, "Use another name.");
-        if (state == State::NO_DIRECTORY) fail(ErrorKind::bad_directory, "Make the directory above it.");
-        if (state == State::BAD_DIRECTORY) fail(ErrorKind::bad_directory, "");
-        fail(ErrorKind::denied, "The system refused it: it is short of memory, threads or descriptors.");
-        std::terminate();
+        if (state == State::SERVED) kind = ErrorKind::name_taken;
+        if (state == State::BAD_NAME) kind = ErrorKind::misuse;
+        if (state == State::NO_DIRECTORY || state == State::BAD_DIRECTORY) kind = ErrorKind::bad_directory;
+        throw detail::errorOf(kind, pipeName_, "The server cannot start.");
     }
-
     const std::string pipeName_;
     const ServerOptions options_;
     const std::int64_t process_ = detail::io::currentProcessId();
