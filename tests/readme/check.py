@@ -3,9 +3,10 @@
 
     check.py --build-dir DIR --work-dir DIR --readme FILE --compiler PROGRAM [--flags FLAGS]
 
-The blocks of C++ are a server, a client, and a main() for the same server that can be stopped. The block of CMake and
-the lines of the compiler build them. The block that begins with "failed: " is what the client prints without the server,
-the one before it what it prints with it.
+The blocks of C++ are a server and a client on the easy face, the same on the exact classes, and a main() for the exact
+server that can be stopped. The block of CMake and the lines of the compiler build them. The blocks that begin with
+"failed: " are what the client prints without the server, and what a second server prints; the one before them is what
+the client prints with the server. Their lines are cut, and the directory of the pipes is another one.
 """
 
 import argparse
@@ -14,6 +15,7 @@ import pathlib
 import re
 import shlex
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -21,7 +23,12 @@ import time
 DEADLINE_S = 60
 FAILED = re.compile(r"^failed: ")
 MAIN = "int main()"
+PROGRAMS = ("server.cpp", "client.cpp", "exact_server.cpp", "exact_client.cpp")
+EXACT_ANSWER = "200 Hello\n"
+EXACT_FAILURE = "failed: Could not connect to pipe.\n"
 CANNOT_SERVE = "failed: the name cannot be served\n"
+DIRECTORY = "/tmp/qvtp-pipe-0"
+LOGGED = "it works\n"
 
 
 def fail(text):
@@ -35,19 +42,26 @@ def blocks_of(text):
 
 class Readme:
     def __init__(self, file):
-        blocks = blocks_of(file.read_text(encoding="utf-8"))
+        text = file.read_text(encoding="utf-8")
+        blocks = blocks_of(text)
         programs = [body for language, body in blocks if language == "cpp"]
-        if len(programs) != 3:
-            fail(f"{len(programs)} blocks of C++ instead of a server, a client and a main()")
-        self.server, self.client, stoppable = programs
-        if self.server.count(MAIN) != 1 or stoppable.count(MAIN) != 1:
-            fail(f"{MAIN} does not stand once in each server")
-        self.stoppable = self.server.split(MAIN)[0] + stoppable
+        if len(programs) != len(PROGRAMS) + 1:
+            fail(f"{len(programs)} blocks of C++ instead of four programs and a main()")
+        for name, program in zip(PROGRAMS, programs):
+            if not re.search(rf"// {name}$", program.splitlines()[0]) or program.count(MAIN) != 1:
+                fail(f"{name} is not where it should be, or has not one main()")
+        self.server, self.client, self.exact_server, self.exact_client, stoppable = programs
+        if stoppable.count(MAIN) != 1:
+            fail(f"{MAIN} does not stand once in the server that can be stopped")
+        self.stoppable = self.exact_server.split(MAIN)[0] + stoppable
         plain = [body for language, body in blocks if language == ""]
         failures = [index for index, body in enumerate(plain) if FAILED.match(body)]
-        if len(failures) != 1 or failures[0] == 0:
-            fail("what the client prints with the server and without it does not stand there once")
-        self.answer, self.failure = plain[failures[0] - 1], plain[failures[0]]
+        if len(failures) != 2 or failures[0] == 0 or failures[1] != failures[0] + 1:
+            fail("what the client prints with the server and without it, and a second server, does not stand there once")
+        self.answer, self.failure, self.taken = plain[failures[0] - 1:failures[1] + 1]
+        for promised in (EXACT_ANSWER, EXACT_FAILURE):
+            if f"`{promised.strip()}`" not in text:
+                fail(f"it does not say that the exact client prints {promised!r}")
         self.cmake = self.only(blocks, "cmake")
         lines = self.only(blocks, "sh").splitlines()
         self.shell = "\n".join(line for line in lines if line.startswith("c++ "))
@@ -98,13 +112,25 @@ def expect(what, expected, actual):
         fail(f"{what}: expected {expected!r}, was {actual!r}")
 
 
+def one_line(text):
+    """Without the cuts of README.md, and with the directory of this test's pipes."""
+    return " ".join(text.replace(DIRECTORY, os.environ["QVTP_PIPE_DIR"]).split())
+
+
+def expect_failure(what, text, actual):
+    code, output, errors = actual
+    expect(what, (1, "", one_line(text)), (code, output, " ".join(errors.split())))
+    if errors.count("\n") != 1:
+        fail(f"{what} printed more than a line: {errors}")
+
+
 def start(server):
-    return subprocess.Popen([str(server)], stdin=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    return subprocess.Popen([str(server)], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
 
-def try_client(folder, readme, server):
+def try_client(folder, answer, server):
     """The client with a server that has just started."""
-    answered = (0, readme.answer, "")
+    answered = (0, answer, "")
     actual = outcome_of(folder / "client")
     end = time.monotonic() + DEADLINE_S
     while actual[0] == 1 and time.monotonic() < end and server.poll() is None:  # it has not taken its name yet
@@ -121,24 +147,41 @@ def try_second_server(folder, text):
 
 
 def try_programs(folder, readme):
+    """The server that runs until a signal, which serves what has begun."""
+    expect_failure("the client without the server", readme.failure, outcome_of(folder / "client"))
+    for end in (signal.SIGINT, signal.SIGTERM):
+        server = start(folder / "server")
+        try:
+            try_client(folder, readme.answer, server)
+            expect_failure("a second server", readme.taken, outcome_of(folder / "server"))
+            expect("the server still runs", None, server.poll())
+            server.send_signal(end)
+            output, errors = server.communicate(timeout=DEADLINE_S)
+        finally:
+            server.kill()
+            server.wait()
+        expect("the server", (0, LOGGED * 2, ""), (server.returncode, output, errors))
+    expect_failure("the client after the server", readme.failure, outcome_of(folder / "client"))
+
+
+def try_exact(folder):
     """The server that runs until it is killed."""
-    expect("the client without the server", (1, "", readme.failure), outcome_of(folder / "client"))
+    expect("the exact client without the server", (1, "", EXACT_FAILURE), outcome_of(folder / "client"))
     server = start(folder / "server")
     try:
-        try_client(folder, readme, server)
+        try_client(folder, EXACT_ANSWER, server)
         try_second_server(folder, "")
-        expect("the server still runs", None, server.poll())
+        expect("the exact server still runs", None, server.poll())
     finally:
         server.kill()
         _, errors = server.communicate(timeout=DEADLINE_S)
-    expect("what the server printed", "", errors)
-    expect("the client after the server", (1, "", readme.failure), outcome_of(folder / "client"))
+    expect("what the exact server printed", "", errors)
 
 
-def try_stoppable(folder, readme):
+def try_stoppable(folder):
     server = start(folder / "server")
     try:
-        try_client(folder, readme, server)
+        try_client(folder, EXACT_ANSWER, server)
         try_second_server(folder, CANNOT_SERVE)
         _, errors = server.communicate("\n", timeout=DEADLINE_S)
         expect("the end of the server", (0, ""), (server.returncode, errors))
@@ -146,15 +189,15 @@ def try_stoppable(folder, readme):
         if server.poll() is None:
             server.kill()
             server.wait()
-    expect("the client after the server", (1, "", readme.failure), outcome_of(folder / "client"))
+    expect("the client after the server", (1, "", EXACT_FAILURE), outcome_of(folder / "client"))
     for _ in range(20):  # the input ends before run() accepts
         subprocess.run([str(folder / "server")], stdin=subprocess.DEVNULL, timeout=DEADLINE_S, check=True)
 
 
-def build_with_cmake(folder, readme, server, prefix, arguments):
+def build_with_cmake(folder, readme, server, client, prefix, arguments):
     """The folder of the programs."""
     folder.mkdir(parents=True, exist_ok=True)
-    for name, content in (("server.cpp", server), ("client.cpp", readme.client), ("CMakeLists.txt", readme.cmake)):
+    for name, content in (("server.cpp", server), ("client.cpp", client), ("CMakeLists.txt", readme.cmake)):
         (folder / name).write_text(content, encoding="utf-8")
     warnings = f"{arguments.flags} -Wall -Wextra -Wpedantic -Werror"
     run(["cmake", "-B", "build", "-G", "Ninja", "-D", f"CMAKE_PREFIX_PATH={prefix}",
@@ -179,8 +222,12 @@ def main():
     package = install(arguments.build_dir, work / "prefix")
     os.environ["QVTP_PIPE_DIR"] = str(work / "pipes")
 
-    try_programs(build_with_cmake(work, readme, readme.server, work / "prefix", arguments), readme)
-    try_stoppable(build_with_cmake(work / "stoppable", readme, readme.stoppable, work / "prefix", arguments), readme)
+    def build(folder, server, client):
+        return build_with_cmake(folder, readme, server, client, work / "prefix", arguments)
+
+    try_programs(build(work, readme.server, readme.client), readme)
+    try_exact(build(work / "exact", readme.exact_server, readme.exact_client))
+    try_stoppable(build(work / "stoppable", readme.stoppable, readme.exact_client))
 
     if shutil.which("pkg-config") is None:
         fail("there is no pkg-config")

@@ -108,7 +108,8 @@ class Client {
             reply.status() > 999) {
             call.fail(ErrorKind::malformed_reply, "It begins with \"" + line + "\".");
         }
-        call.isReusable = reply.status() < 400;  // a server that has failed may be about to close the connection
+        // Of what the library answers by itself before it closes the connection.
+        call.isReusable = std::string("400 408 413 414 500").find(std::to_string(reply.status())) == line.npos;
         if (!options.onStream && !options.onPiece) return reply.setBody(detail::bodyOf(response)), true;
         std::istream& body = *response.getBodyStream();
         if (options.onStream) options.onStream(reply, body);

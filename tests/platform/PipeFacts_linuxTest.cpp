@@ -1,0 +1,88 @@
+#include <qvtp/platform/PipeFacts.h>
+
+#include "platform/PipeFiles_linux.h"
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+
+namespace qvtp_test {
+namespace {
+
+using Quovane::Io::findPipeFacts;
+using State = Quovane::Io::PipeFacts::State;
+
+class PipeFactsOfFiles : public PipeFiles {
+  protected:
+    void SetUp() override {
+        PipeFiles::SetUp();
+        ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
+    }
+    std::string reason(State state) {
+        const auto facts = findPipeFacts(name);
+        EXPECT_EQ(facts.state, state);
+        return facts.reason;
+    }
+};
+
+TEST_F(PipeFactsOfFiles, ShowADirectoryThatIsMissing) {
+    ASSERT_EQ(::rmdir(directory.c_str()), 0);
+    EXPECT_EQ(reason(State::NO_DIRECTORY), "There is no pipe directory " + directory + ".");
+}
+
+TEST_F(PipeFactsOfFiles, ShowADirectoryThatOthersMayEnter) {
+    ASSERT_EQ(::chmod(directory.c_str(), 0750), 0);
+    EXPECT_EQ(
+        reason(State::BAD_DIRECTORY),
+        "The pipe directory " + directory + " is open to other users. Take their rights away: chmod 700 " + directory);
+}
+
+TEST_F(PipeFactsOfFiles, ShowADirectoryOfAnotherUser) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give a directory away";
+    ASSERT_EQ(::chown(directory.c_str(), 12345, 12345), 0);
+    EXPECT_EQ(reason(State::BAD_DIRECTORY),
+              "The pipe directory " + directory +
+                  " belongs to user 12345, and this process is of user 0. Use a directory "
+                  "of its own.");
+}
+
+TEST_F(PipeFactsOfFiles, ShowWhatIsNoDirectory) {
+    ASSERT_EQ(::rmdir(directory.c_str()), 0);
+    std::ofstream(directory) << "file";
+    EXPECT_EQ(reason(State::BAD_DIRECTORY),
+              "The pipe directory " + directory + " is no directory. Remove what is there.");
+    ASSERT_EQ(::unlink(directory.c_str()), 0);
+    ASSERT_EQ(::symlink(root.c_str(), directory.c_str()), 0);
+    EXPECT_EQ(reason(State::BAD_DIRECTORY), "The pipe directory " + directory + " is a link. Name what it leads to.");
+    ASSERT_EQ(::unlink(directory.c_str()), 0);
+}
+
+TEST_F(PipeFactsOfFiles, ShowALockFileThatIsNone) {
+    const std::string lock = directory + "/" + name + ".lock";
+    ASSERT_EQ(::mkdir(lock.c_str(), 0700), 0);
+    EXPECT_EQ(reason(State::BAD_DIRECTORY), "The lock file " + lock + " is no regular file of this user. Remove it.");
+    ASSERT_EQ(::rmdir(lock.c_str()), 0);
+}
+
+TEST_F(PipeFactsOfFiles, ShowThatTheServerThatHeldTheLockHasGone) {
+    std::ofstream(directory + "/" + name + ".lock") << "3";
+    EXPECT_EQ(reason(State::FREE), "");
+    EXPECT_EQ(findPipeFacts(name).path, directory + "/" + name + ".sock");
+}
+
+TEST_F(PipeFactsOfFiles, ShowThatDescriptorsRanOut) {
+    rlimit former{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
+    const rlimit none{0, former.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const auto facts = findPipeFacts(name);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
+    EXPECT_EQ(facts.state, State::UNKNOWN);
+    EXPECT_EQ(facts.reason,
+              "The lock file " + directory + "/" + name + ".lock cannot be looked at: Too many open files.");
+}
+
+}  // namespace
+}  // namespace qvtp_test

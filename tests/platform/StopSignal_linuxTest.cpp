@@ -1,0 +1,126 @@
+#include <qvtp/platform/StopSignal.h>
+
+#include "support/Child.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <memory>
+#include <optional>
+
+namespace qvtp_test {
+namespace {
+
+using Quovane::Io::StopSignal;
+
+volatile sig_atomic_t handled = 0;
+
+void handle(int) {
+    handled = handled + 1;
+}
+
+struct sigaction actionOf(int signal) {
+    struct sigaction action {};
+    ::sigaction(signal, nullptr, &action);
+    return action;
+}
+
+/// With handlers of the application's.
+class StopSignals : public ::testing::Test {
+  protected:
+    StopSignals() {
+        handled = 0;
+        struct sigaction action {};
+        action.sa_handler = handle;
+        action.sa_flags = SA_NODEFER;
+        for (int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
+    }
+    ~StopSignals() override {
+        for (int signal : {SIGINT, SIGTERM}) ::signal(signal, SIG_DFL);
+    }
+};
+
+TEST_F(StopSignals, EndTheWaitWithTheirNumber) {
+    for (int signal : {SIGINT, SIGTERM}) {
+        StopSignal stop;
+        ::kill(::getpid(), signal);
+        EXPECT_EQ(stop.wait(20000), signal);
+        EXPECT_EQ(stop.wait(20000), signal) << "for who asks again too";
+    }
+    EXPECT_EQ(handled, 0);
+}
+
+TEST_F(StopSignals, OfThePastAreForgottenWithTheLastObject) {
+    {
+        StopSignal stop;
+        ::kill(::getpid(), SIGTERM);
+        EXPECT_EQ(stop.wait(20000), SIGTERM);
+    }
+    StopSignal stop;
+    EXPECT_EQ(stop.wait(1), 0);
+}
+
+TEST_F(StopSignals, AreHandledAsBeforeAfterTheLastObject) {
+    {
+        auto first = std::make_unique<StopSignal>();
+        const StopSignal second;
+        first.reset();
+        EXPECT_NE(actionOf(SIGTERM).sa_handler, handle);
+    }
+    for (int signal : {SIGINT, SIGTERM}) {
+        EXPECT_EQ(actionOf(signal).sa_handler, handle);
+        EXPECT_TRUE((actionOf(signal).sa_flags & SA_NODEFER) != 0);
+        ::raise(signal);
+    }
+    EXPECT_EQ(handled, 2);
+}
+
+TEST_F(StopSignals, KeepTheHandlerThatSomebodySetsMeanwhile) {
+    {
+        const StopSignal stop;
+        ::signal(SIGTERM, SIG_IGN);
+    }
+    EXPECT_EQ(actionOf(SIGTERM).sa_handler, SIG_IGN);
+    EXPECT_EQ(actionOf(SIGINT).sa_handler, handle);
+}
+
+TEST_F(StopSignals, ThatAreIgnoredStaySo) {
+    ::signal(SIGINT, SIG_IGN);
+    {
+        StopSignal stop;
+        ::kill(::getpid(), SIGINT);
+        EXPECT_EQ(stop.wait(1), 0);
+    }
+    EXPECT_EQ(actionOf(SIGINT).sa_handler, SIG_IGN);
+}
+
+TEST_F(StopSignals, DoInAForkedChildWhatTheyDidBefore) {
+    StopSignal stop;
+    const int result = resultInChild([] {
+        ::raise(SIGTERM);
+        return handled == 1 ? 0 : 1;
+    });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(stop.wait(1), 0) << "it was the child's";
+}
+
+TEST_F(StopSignals, AreTheChildsOwnInAForkedChild) {
+    StopSignal stop;
+    const int result = resultInChild([] {
+        std::optional<StopSignal> own(std::in_place);
+        ::raise(SIGINT);
+        const bool received = own->wait(20000) == SIGINT;
+        own.reset();
+        ::raise(SIGINT);
+        return received && handled == 1 ? 0 : 1;
+    });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(stop.wait(1), 0);
+    ::raise(SIGTERM);
+    EXPECT_EQ(stop.wait(20000), SIGTERM);
+}
+
+}  // namespace
+}  // namespace qvtp_test
