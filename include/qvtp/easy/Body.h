@@ -6,14 +6,12 @@
 #include <streambuf>
 
 namespace qvtp {
-
 /// What a client sends, for the length of one call: nothing is copied or owned. A whole body has up to 2147483647
 /// bytes. A streamed one is of any size, and goes out in pieces of 40960.
 class Body {
   public:
     /// Fills a part of the buffer, at least one byte, and returns how much; 0 ends the body. May throw.
     using Source = std::function<std::size_t(char* buffer, std::size_t size)>;
-
     Body(const char* text) : whole_(text) {}
     Body(const std::string& bytes) : whole_(bytes) {}
     Body(std::string_view bytes) : whole_(bytes) {}

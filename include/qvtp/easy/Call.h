@@ -8,7 +8,6 @@
 #include <qvtp/io/TimeoutException.h>
 
 namespace qvtp::detail {
-
 /// What one call asks the library for, and what becomes of its connection. It knows why a connection could not be made,
 /// and turns the library's exceptions into errors.
 class Call final : public exact::QvtpConnectionManager {

@@ -7,7 +7,6 @@
 #include <qvtp/easy/Reply.h>
 
 namespace qvtp {
-
 /// Sends requests to the server of one pipe name. It connects when it needs to, so that it may be made before the
 /// server is there, and keeps its connections open between calls.
 ///

@@ -8,7 +8,6 @@
 #include <mutex>
 
 namespace qvtp::detail {
-
 /// A pipe with the buffers of its streams.
 struct Connection {
     void connect(const std::string& pipeName, int timeoutMs) {
@@ -18,7 +17,6 @@ struct Connection {
         if (isReadable) pipe.getInputStream()->rdbuf()->pubsetbuf(input, sizeof input);
         isOpen = true;
     }
-
     const bool isReadable;  // for POST, else for NOTIFY
     bool isOpen = false, isIdle = false;
     std::chrono::steady_clock::time_point lastUsed{};
@@ -31,7 +29,6 @@ struct Connection {
 class Connections {
   public:
     explicit Connections(Milliseconds idleTimeout) : idleTimeout_(idleTimeout) {}
-
     /// The one that was used last, so that those that are not needed grow old, else a new one that is not open. In a
     /// forked child those of the parent are dropped, which does them no harm.
     Connection& take(bool isReadable) {
@@ -60,7 +57,6 @@ class Connections {
         isClosed = true;
         for (Connection& connection : all_) connection.pipe.close();
     }
-
     std::atomic<bool> isClosed{false};
 
   private:

@@ -9,14 +9,12 @@
 #include <mutex>
 
 namespace qvtp::detail {
-
 /// What a server does with its requests. A handler that does not return keeps it alive, whatever becomes of the server.
 /// Routes are read without a lock: none is added while the server runs.
 class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_from_this<Dispatcher> {
   public:
     using Handler = std::function<Reply(const Request&)>;
     using Routes = std::map<std::string, Handler>;  // a prefix ends with '*'
-
     Routes posts, notifies;
     std::function<void(const Request&, const std::string&)> onError;
     void handlePost(exact::QvtpServerRequest* in, exact::QvtpServerResponse* out) override {

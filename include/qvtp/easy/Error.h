@@ -6,7 +6,6 @@
 #include <string>
 
 namespace qvtp {
-
 /// Why a call has failed. docs/easy.md has the causes and remedies.
 enum class ErrorKind {
     no_server,        ///< nobody serves the name. Nothing was sent
@@ -22,35 +21,6 @@ enum class ErrorKind {
     name_taken,       ///< another server has the name
     bad_directory,    ///< Linux: the pipe directory, or a file in it, is refused. Nothing was sent
 };
-
-namespace detail {
-namespace io = Quovane::Io;
-
-struct KindText {
-    const char *name, *advice;
-};
-inline KindText textOf(ErrorKind kind) {
-    constexpr KindText TEXTS[] = {
-        {"no_server", "There is no server: start it, as the same user and with the same QVTP_PIPE_DIR."},
-        {"busy", "The server took no connection in time: give it more workers, or the client more time."},
-        {"denied", "Access is denied: the server takes only NOTIFY or is another user's, or the system lacks means."},
-        {"timed_out", "There was no answer in time, and the server may have acted: its handler is slow or stuck."},
-        {"not_sent", "Nothing was sent: try again. Server or system are short of something, or starting or stopping."},
-        {"unknown_outcome", "The server may have acted, and has failed or stopped then: look at its log."},
-        {"malformed_reply", "The reply is none of this protocol: the server is faulty, or of another kind."},
-        {"cut_off", "The reply was cut off: the server has failed or stopped then. Look at its log."},
-        {"closed", "The client was closed: make a new one."},
-        {"misuse", "This is a mistake in the program."},
-        {"name_taken", "Another server has this name: stop it, or use another name."},
-        {"bad_directory", "The pipe directory cannot be used: correct it, or set QVTP_PIPE_DIR to another."}};
-    return TEXTS[static_cast<int>(kind)];
-}
-}  // namespace detail
-
-/// The name of a kind as it is written above.
-inline const char* nameOf(ErrorKind kind) {
-    return detail::textOf(kind).name;
-}
 
 /// Every failure of the easy face. what() says in English, for people, what failed, on which pipe, at which path, and
 /// what helps; programs look at kind(). std::bad_alloc, and what the program's own callbacks throw, pass as they are.
@@ -71,11 +41,34 @@ class Error : public std::runtime_error {
 };
 
 namespace detail {
+namespace io = Quovane::Io;
+/// Its name, and what it means and asks for.
+inline std::pair<const char*, std::string> textsOf(ErrorKind kind) {
+    static const std::pair<const char*, const char*> TEXTS[] = {
+        {"no_server", "There is no server: start it, as the same user and with the same QVTP_PIPE_DIR."},
+        {"busy", "The server took no connection in time: give it more workers, or the client more time."},
+        {"denied", "Access is denied: the server takes only NOTIFY or is another user's, or the system lacks means."},
+        {"timed_out", "There was no answer in time, and the server may have acted: its handler is slow or stuck."},
+        {"not_sent", "Nothing was sent: try again. Server or system are short of something, or starting or stopping."},
+        {"unknown_outcome", "The server may have acted, and has failed or stopped then: look at its log."},
+        {"malformed_reply", "The reply is none of this protocol: the server is faulty, or of another kind."},
+        {"cut_off", "The reply was cut off: the server has failed or stopped then. Look at its log."},
+        {"closed", "The client was closed: make a new one."},
+        {"misuse", "This is a mistake in the program."},
+        {"name_taken", "Another server has this name: stop it, or use another name."},
+        {"bad_directory", "The pipe directory cannot be used: correct it, or set QVTP_PIPE_DIR to another."}};
+    return TEXTS[static_cast<int>(kind)];
+}
 /// What failed and why, the pipe with its path, what the system knows of it, and what helps.
 inline Error errorOf(ErrorKind kind, const std::string& pipe, const std::string& text) {
     const io::PipeFacts facts = io::findPipeFacts(pipe);
     const std::string reason = facts.reason + (facts.reason.empty() ? "" : " ");
-    return Error(kind, text + " Pipe \"" + pipe + "\" (" + facts.path + "). " + reason + textOf(kind).advice);
+    return Error(kind, text + " Pipe \"" + pipe + "\" (" + facts.path + "). " + reason + textsOf(kind).second);
 }
 }  // namespace detail
+
+/// The name of a kind as it is written above.
+inline const char* nameOf(ErrorKind kind) {
+    return detail::textsOf(kind).first;
+}
 }  // namespace qvtp

@@ -11,7 +11,6 @@
 #include <utility>
 
 namespace qvtp {
-
 /// Names and values. What was received has each name once, as the peer wrote it, in the order of the upper-cased names;
 /// several values of a name are joined by ", ". What is sent may have a name several times. A name consists of letters,
 /// digits, and marks such as - and _; a value has no control characters. Content-Length and Transfer-Encoding are the
@@ -31,44 +30,6 @@ inline bool equalNames(std::string_view left, std::string_view right) {
 inline bool hasControls(std::string_view text) {
     return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; });
 }
-}  // namespace detail
-
-/// The first value of this name, in whatever case, or an empty text.
-inline std::string valueOf(const Headers& headers, std::string_view name) {
-    for (const auto& [key, value] : headers) {
-        if (detail::equalNames(key, name)) return value;
-    }
-    return {};
-}
-
-/// Makes any text a part of a resource, as in "/files/" + percentEncode(name): all bytes but letters, digits and
-/// - . _ ~ become % and two hexadecimal digits, "/" too.
-inline std::string percentEncode(std::string_view text) {
-    constexpr std::string_view DIGITS = "0123456789ABCDEF";
-    std::string result;
-    for (const char c : text) {
-        const bool isPlain = detail::PLAIN.find(c) != std::string_view::npos;
-        const auto byte = static_cast<unsigned char>(c);
-        result += isPlain ? std::string(1, c) : std::string{'%', DIGITS[byte >> 4], DIGITS[byte & 15]};
-    }
-    return result;
-}
-
-/// The text that percentEncode() was given. A % without two hexadecimal digits after it stays as it is.
-inline std::string percentDecode(std::string_view text) {
-    std::string result;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char* const digits = text.data() + i + 1;
-        unsigned byte = 0;
-        const bool isEscape =
-            text[i] == '%' && i + 2 < text.size() && std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2;
-        result += isEscape ? static_cast<char>(byte) : text[i];
-        if (isEscape) i += 2;
-    }
-    return result;
-}
-
-namespace detail {
 /// Before anything is sent.
 inline void checkHeaders(const Headers& headers) {
     for (const auto& [name, value] : headers) {
@@ -104,4 +65,39 @@ inline std::string bodyOf(exact::QvtpMessageIn& message) {
     return std::string(data, size);
 }
 }  // namespace detail
+
+/// The first value of this name, in whatever case, or an empty text.
+inline std::string valueOf(const Headers& headers, std::string_view name) {
+    for (const auto& [key, value] : headers) {
+        if (detail::equalNames(key, name)) return value;
+    }
+    return {};
+}
+
+/// Makes any text a part of a resource, as in "/files/" + percentEncode(name): all bytes but letters, digits and
+/// - . _ ~ become % and two hexadecimal digits, "/" too.
+inline std::string percentEncode(std::string_view text) {
+    constexpr std::string_view DIGITS = "0123456789ABCDEF";
+    std::string result;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool isPlain = detail::PLAIN.find(c) != std::string_view::npos;
+        result += isPlain ? std::string(1, c) : std::string{'%', DIGITS[byte >> 4], DIGITS[byte & 15]};
+    }
+    return result;
+}
+
+/// The text that percentEncode() was given. A % without two hexadecimal digits after it stays as it is.
+inline std::string percentDecode(std::string_view text) {
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char* const digits = text.data() + i + 1;
+        unsigned byte = 0;
+        const bool isEscape =
+            text[i] == '%' && i + 2 < text.size() && std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2;
+        result += isEscape ? static_cast<char>(byte) : text[i];
+        if (isEscape) i += 2;
+    }
+    return result;
+}
 }  // namespace qvtp

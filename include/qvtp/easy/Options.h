@@ -10,7 +10,6 @@
 #include <thread>
 
 namespace qvtp {
-
 class Reply;
 using Limits = Quovane::Qvtp::QvtpServer::Limits;     ///< what one request may take; all 0: without limit
 using Peer = Quovane::Qvtp::QvtpServerRequest::Peer;  ///< who has connected; what is not known is -1
@@ -75,10 +74,6 @@ struct ServerCounters {
 namespace detail {
 inline int millisecondsOf(Milliseconds time) {
     return static_cast<int>(std::clamp<Milliseconds::rep>(time.count(), 0, std::numeric_limits<int>::max()));
-}
-inline int workersOf(const ServerOptions& options) {
-    const unsigned wanted = std::clamp(std::thread::hardware_concurrency() * 4, 16U, 256U);
-    return options.workers > 0 ? std::max(options.workers, 3) : static_cast<int>(wanted);
 }
 }  // namespace detail
 }  // namespace qvtp

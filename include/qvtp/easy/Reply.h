@@ -8,7 +8,6 @@
 #include <ostream>
 
 namespace qvtp {
-
 /// The answer to a POST: what a handler returns, and what Client::post() returns. A value.
 class Reply {
   public:

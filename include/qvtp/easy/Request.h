@@ -44,7 +44,6 @@ class Request {
     explicit Request(detail::exact::QvtpServerRequest& in)
         : in_(in), method_(in.getMethod()), resource_(in.getResource()), headers_(detail::headersOf(in)) {}
     bool hasFailed() const { return hasFailed_ || (stream_ != nullptr && stream_->bad()); }
-
     detail::exact::QvtpServerRequest& in_;
     const std::string method_, resource_;
     std::size_t prefixLength_ = 0;

@@ -7,7 +7,6 @@
 #include <future>
 
 namespace qvtp {
-
 /// Serves one pipe name with functions.
 ///
 ///     qvtp::Server server("greetings");
@@ -110,7 +109,7 @@ class Server {
     }
     ServerCounters counters() const {
         ServerCounters counters = dispatcher_->counters();
-        counters.workers = detail::workersOf(options_);
+        counters.workers = workers();
         if (const std::shared_ptr<Run> run = current()) counters.connections = run->server.totalRequestProcessors();
         return counters;
     }
@@ -119,13 +118,14 @@ class Server {
     using Native = Quovane::Qvtp::QvtpServer;
     /// From the taking of the name to its giving up.
     struct Run {
-        Run(const std::string& pipeName, const ServerOptions& options, std::shared_ptr<detail::Dispatcher> handler)
+        Run(const std::string& pipeName, const ServerOptions& options, int workers,
+            std::shared_ptr<detail::Dispatcher> handler)
             : dispatcher(std::move(handler)), server(pipeName, 1) {
             server.setHandler(dispatcher.get());
             server.setUnhandledExceptionPolicy(Native::ANSWER);
             server.setMakeRoom(true);
             server.setLimits(options.limits);
-            server.setOption(Native::MAX_REQUEST_PROCESSORS, detail::workersOf(options));
+            server.setOption(Native::MAX_REQUEST_PROCESSORS, workers);
             server.setOption(Native::IDLE_TIMEOUT, detail::millisecondsOf(options.idleTimeout));
             server.setOption(Native::RECEIVE_TIMEOUT, detail::millisecondsOf(options.receiveTimeout));
         }
@@ -141,6 +141,10 @@ class Server {
         std::atomic<bool> stopped{false};
         std::shared_future<void> ended;  // not valid before the start; outlived by the server
     };
+    int workers() const {
+        const unsigned wanted = std::clamp(std::thread::hardware_concurrency() * 4, 16U, 256U);
+        return options_.workers > 0 ? std::max(options_.workers, 3) : static_cast<int>(wanted);
+    }
     std::shared_ptr<Run> current() const {
         const std::lock_guard<std::mutex> guard(mutex_);
         return run_;
@@ -159,7 +163,7 @@ class Server {
         using State = detail::io::PipeFacts::State;
         const State before = detail::io::findPipeFacts(pipeName_).state;
         if (before != State::FREE && before != State::NO_DIRECTORY) throwWhyNot();
-        auto run = std::make_shared<Run>(pipeName_, options_, dispatcher_);
+        auto run = std::make_shared<Run>(pipeName_, options_, workers(), dispatcher_);
         if (detail::io::findPipeFacts(pipeName_).state != State::SERVED) throwWhyNot();
         return run;
     }
