@@ -1,0 +1,229 @@
+// qvtp post, qvtp notify
+
+#include "cli/Command.h"
+#include "cli/Json.h"
+#include "cli/ProgressBar.h"
+#include "cli/Terminal.h"
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qvtp::cli {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr char STANDARD_INPUT[] = "-";
+
+double millisecondsBetween(Clock::time_point begin, Clock::time_point end) {
+    return std::chrono::duration<double, std::milli>(end - begin).count();
+}
+
+Headers::value_type headerOf(const std::string& line) {
+    const std::size_t colon = line.find(':');
+    if (colon == 0 || colon == std::string::npos) {
+        throw Error(ErrorKind::misuse, "A header is \"Name: value\", not \"" + line + "\".");
+    }
+    const std::size_t begin = line.find_first_not_of(" \t", colon + 1);
+    return {line.substr(0, colon), begin == std::string::npos ? "" : line.substr(begin)};
+}
+
+class Send : public Command {
+  public:
+    explicit Send(bool isPost) : isPost_(isPost) {}
+
+    CLI::App* addTo(CLI::App& program) override {
+        CLI::App* const app =
+            program.add_subcommand(isPost_ ? "post" : "notify", isPost_ ? "Send a POST and print the body of its reply"
+                                                                        : "Send a NOTIFY, which has no reply");
+        app->add_option("PIPE", pipe_, "The name of the pipe")->required();
+        app->add_option("RESOURCE", resource_, "What the request is about, for example /orders/17")->required();
+        app->add_option("-H,--header", headers_, "A header, as \"Name: value\"; may be given several times")
+            ->take_all()
+            ->allow_extra_args(false);
+        auto* const data = app->add_option("-d,--data", data_, "The body, as it stands");
+        app->add_option("-f,--file", file_, "The body is in this file; \"-\" is standard input")->excludes(data);
+        app->add_flag("--stream", isStreamed_, "Send the body in chunks while it is read, however large it is");
+        app->add_option("--timeout", timeout_, "Seconds to wait for the reply, and for each pause in it; 0: no limit")
+            ->capture_default_str()
+            ->check(CLI::NonNegativeNumber);
+        app->add_option("--connect-timeout", connectTimeout_, "Seconds to wait for a busy server; else as --timeout")
+            ->check(CLI::NonNegativeNumber);
+        app->add_option("--retry", retries_, "Try so many times more if nothing was sent")
+            ->capture_default_str()
+            ->check(CLI::Range(0, 1000000));
+        app->add_flag("-v,--verbose", isVerbose_, "Show request, reply and times on standard error");
+        app->add_flag("--no-progress", hidesProgress_, "Never show a progress bar");
+        if (isPost_) {
+            app->add_option("-o,--output", output_, "Write the body of the reply to this file");
+            app->add_flag("--json", isJson_, "Print the whole reply and the times as JSON");
+        }
+        return app;
+    }
+
+    int run() override {
+        Terminal::makeStreamsBinary();
+        CallOptions call;
+        for (const std::string& header : headers_) call.headers.push_back(headerOf(header));
+        ClientOptions options;
+        options.timeout = millisecondsOf(timeout_);
+        if (connectTimeout_) options.connectTimeout = millisecondsOf(*connectTimeout_);
+        options.retries = retries_;
+        Client client(pipe_, options);
+        openBody();
+        if (isVerbose_) showRequest(call.headers);
+        ProgressBar sent(!hidesProgress_, "sent");
+        call.onSent = [&](const Progress& progress) {
+            sent.show(progress);
+            lastSent_ = Clock::now();
+        };
+        begin_ = Clock::now();
+        return isPost_ ? post(client, call) : notify(client, call);
+    }
+
+  private:
+    int notify(Client& client, const CallOptions& call) {
+        client.notify(resource_, body(), call);
+        end_ = Clock::now();
+        if (isVerbose_) showTimes();
+        return OK;
+    }
+
+    int post(Client& client, CallOptions& call) {
+        std::ofstream file;
+        if (!output_.empty()) {
+            file.open(output_, std::ios::binary);
+            if (!file) throw Error(ErrorKind::misuse, "Cannot write to " + output_ + ".");
+        }
+        std::ostream& out = output_.empty() ? std::cout : file;
+        ProgressBar received(!hidesProgress_ && !output_.empty(), "received");
+        Reply head;
+        std::string kept;
+        bool isWriting = true;
+        call.onStream = [&](const Reply& reply, std::istream& in) {
+            firstByte_ = Clock::now();
+            head = reply;
+            if (isVerbose_) showReply(head);
+            const std::string length = reply.header("Content-Length");
+            Progress progress{0, length.empty() ? -1 : std::atoll(length.c_str())};
+            for (char piece[16384]; in.peek() != std::char_traits<char>::eof();) {
+                const auto size = static_cast<std::size_t>(in.readsome(piece, sizeof piece));
+                progress.bytes += size;
+                received.show(progress);
+                if (isJson_) kept.append(piece, size);
+                if (!isJson_ && isWriting) {
+                    isWriting = static_cast<bool>(out.write(piece, static_cast<std::streamsize>(size)).flush());
+                }
+            }
+        };
+        client.post(resource_, body(), call);
+        end_ = Clock::now();
+        if (isVerbose_) showTimes();
+        if (isJson_) out << jsonOfReply(head, kept) << std::flush;
+        if (!isWriting || !out) throw Error(ErrorKind::closed, "The body could not be written to its end.");
+        return head.ok() ? OK : OTHER_STATUS;
+    }
+
+    void openBody() {
+        if (file_.empty()) {
+            if (isStreamed_) streamed_ = std::make_unique<std::istringstream>(data_);
+            size_ = static_cast<std::int64_t>(data_.size());
+            return;
+        }
+        if (file_ != STANDARD_INPUT) {
+            auto file = std::make_unique<std::ifstream>(file_, std::ios::binary);
+            std::error_code error;
+            const auto size = std::filesystem::file_size(file_, error);
+            if (!*file || std::filesystem::is_directory(file_)) {
+                throw Error(ErrorKind::misuse, "Cannot read " + file_ + ".");
+            }
+            if (!error) size_ = static_cast<std::int64_t>(size);
+            streamed_ = std::move(file);
+        }
+        std::istream& in = streamed_ != nullptr ? *streamed_ : std::cin;
+        if (isStreamed_) return;
+        data_.assign(std::istreambuf_iterator<char>(in), {});
+        size_ = static_cast<std::int64_t>(data_.size());
+    }
+
+    Body body() {
+        if (!isStreamed_) return Body(data_);
+        return {streamed_ != nullptr ? *streamed_ : std::cin, size_};
+    }
+
+    /// What the library adds to a request stands last.
+    void showRequest(const Headers& headers) const {
+        std::cerr << "> " << (isPost_ ? "POST " : "NOTIFY ") << resource_ << " QVTP/1.0\n";
+        for (const auto& [name, value] : headers) std::cerr << "> " << name << ": " << value << "\n";
+        if (isStreamed_) {
+            std::cerr << "> Transfer-Encoding: chunked\n";
+        } else {
+            std::cerr << "> Content-Length: " << size_ << "\n";
+        }
+        std::cerr << ">" << std::endl;
+    }
+
+    static void showReply(const Reply& head) {
+        std::cerr << "< QVTP/1.0 " << head.status() << " " << head.reason() << "\n";
+        for (const auto& [name, value] : head.headers()) std::cerr << "< " << name << ": " << value << "\n";
+        std::cerr << "<" << std::endl;
+    }
+
+    Json times() const {
+        Json times;
+        if (lastSent_) times["sent"] = millisecondsBetween(begin_, *lastSent_);
+        if (firstByte_) times["firstByte"] = millisecondsBetween(begin_, *firstByte_);
+        times["total"] = millisecondsBetween(begin_, end_);
+        return times;
+    }
+
+    void showTimes() const {
+        const Json all = times();
+        std::cerr << "* milliseconds:";
+        for (const auto& [name, value] : all.items()) {
+            char digits[64];
+            std::snprintf(digits, sizeof digits, " %s %.3f", name.c_str(), value.get<double>());
+            std::cerr << digits;
+        }
+        std::cerr << std::endl;
+    }
+
+    std::string jsonOfReply(const Reply& head, const std::string& body) const {
+        Json reply;
+        reply["status"] = head.status();
+        reply["reason"] = head.reason();
+        reply["headers"] = jsonOf(head.headers());
+        putBody(reply, body);
+        reply["milliseconds"] = times();
+        return textOf(reply);
+    }
+
+    const bool isPost_;
+    std::string pipe_, resource_, data_, file_, output_;
+    std::vector<std::string> headers_;
+    double timeout_ = 30;
+    std::optional<double> connectTimeout_;
+    int retries_ = 0;
+    bool isStreamed_ = false, isVerbose_ = false, isJson_ = false, hidesProgress_ = false;
+
+    std::unique_ptr<std::istream> streamed_;  // null: standard input, or a whole body
+    std::int64_t size_ = -1;
+    Clock::time_point begin_, end_;
+    std::optional<Clock::time_point> lastSent_, firstByte_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeSend(bool isPost) {
+    return std::make_unique<Send>(isPost);
+}
+
+}  // namespace qvtp::cli

@@ -1,0 +1,120 @@
+// qvtp serve
+
+#include "cli/Command.h"
+#include "cli/Json.h"
+#include "cli/Program.h"
+
+#include <iostream>
+#include <mutex>
+#include <string>
+
+namespace qvtp::cli {
+
+namespace {
+
+class Serve : public Command {
+  public:
+    CLI::App* addTo(CLI::App& program) override {
+        CLI::App* const app = program.add_subcommand("serve", "Serve a pipe until a signal comes");
+        app->add_option("PIPE", pipe_, "The name of the pipe")->required();
+        auto* const echo = app->add_flag("--echo", isEcho_, "Answer each POST with its own body; the default");
+        auto* const reply = app->add_option("--reply", reply_, "Answer each POST with this body")->excludes(echo);
+        app->add_option("--exec", commandLine_,
+                        "Run this command of the shell once for each request. The body is its input; QVTP_METHOD, "
+                        "QVTP_RESOURCE, QVTP_PEER_PID and QVTP_HEADER_<NAME> are in its environment. What it prints is "
+                        "the reply, with 500 if it fails")
+            ->excludes(echo)
+            ->excludes(reply);
+        app->add_option("--status", status_, "The status of the replies")
+            ->capture_default_str()
+            ->check(CLI::Range(100, 999));
+        app->add_option("--workers", options_.workers, "Most clients at once; 0: chosen for the machine")
+            ->check(CLI::Range(0, 10000));
+        app->add_option("--max-head", options_.limits.headBytes, "Most bytes of a head")->check(CLI::NonNegativeNumber);
+        app->add_option("--max-headers", options_.limits.headers, "Most headers")->check(CLI::NonNegativeNumber);
+        app->add_option("--max-body", options_.limits.bodyBytes, "Most bytes of a body")->check(CLI::NonNegativeNumber);
+        app->add_option("--head-timeout", headSeconds_, "Most seconds for a head")->check(CLI::NonNegativeNumber);
+        app->add_option("--request-timeout", requestSeconds_, "Most seconds for a request")
+            ->check(CLI::NonNegativeNumber);
+        app->add_option("--drain", drainSeconds_, "Seconds for requests that have begun when the signal comes")
+            ->capture_default_str()
+            ->check(CLI::NonNegativeNumber);
+        app->add_flag("-v,--verbose", isVerbose_, "Show each request on standard error");
+        app->add_flag("--json", isJson_, "Print the counters at the end as JSON on standard output");
+        return app;
+    }
+
+    int run() override {
+        options_.limits.headMs = static_cast<int>(millisecondsOf(headSeconds_).count());
+        options_.limits.requestMs = static_cast<int>(millisecondsOf(requestSeconds_).count());
+        Server server(pipe_, options_);
+        server.onPost("*", [this](const Request& request) { return answer(request); });
+        server.onNotify("*", [this](const Request& request) { take(request); });
+        server.onError([this](const Request& request, const std::string& text) { show(request, "failed: " + text); });
+        std::cerr << "Serving " << pipe_ << " at " << Quovane::Io::findPipeFacts(pipe_).path << ". Ctrl-C ends it."
+                  << std::endl;
+        const bool isWhole = server.runUntilSignal(millisecondsOf(drainSeconds_));
+        report(server.counters());
+        if (!isWhole) std::cerr << "Requests were cut off." << std::endl;
+        return isWhole ? OK : BROKEN;
+    }
+
+  private:
+    Reply answer(const Request& request) {
+        Reply reply(status_);
+        if (!commandLine_.empty()) {
+            const ProgramResult result = runProgram(commandLine_, request);
+            if (result.exitCode != 0) reply.setStatus(500);
+            reply.setBody(result.output);
+        } else if (!reply_.empty()) {
+            reply.setBody(reply_);
+        } else {
+            reply.setBody(request.body());
+        }
+        show(request, std::to_string(reply.status()) + ", " + std::to_string(reply.body().size()) + " bytes");
+        return reply;
+    }
+
+    void take(const Request& request) {
+        if (commandLine_.empty()) {
+            show(request, std::to_string(request.body().size()) + " bytes");
+            return;
+        }
+        const ProgramResult result = runProgram(commandLine_, request);
+        show(request, "exit code " + std::to_string(result.exitCode));
+    }
+
+    void show(const Request& request, const std::string& outcome) {
+        if (!isVerbose_) return;
+        const std::lock_guard<std::mutex> guard(mutex_);
+        std::cerr << request.method() << " " << request.resource() << " from process " << request.peer().processId << ": "
+                  << outcome << std::endl;
+    }
+
+    void report(const ServerCounters& counters) const {
+        if (isJson_) {
+            std::cout << textOf(Json{{"posts", counters.posts},
+                                     {"notifies", counters.notifies},
+                                     {"failed", counters.handlerErrors}})
+                      << std::flush;
+        } else {
+            std::cerr << "Served " << counters.posts << " POST, " << counters.notifies << " NOTIFY; "
+                      << counters.handlerErrors << " failed." << std::endl;
+        }
+    }
+
+    std::string pipe_, reply_, commandLine_;
+    bool isEcho_ = false, isVerbose_ = false, isJson_ = false;
+    int status_ = 200;
+    double headSeconds_ = 0, requestSeconds_ = 0, drainSeconds_ = 10;
+    ServerOptions options_;
+    std::mutex mutex_;  // keeps the lines of standard error whole
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeServe() {
+    return std::make_unique<Serve>();
+}
+
+}  // namespace qvtp::cli

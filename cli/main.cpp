@@ -1,0 +1,65 @@
+// qvtp: pipes from the command line.
+
+#include "cli/Command.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace qvtp::cli;
+
+/// Commands that end cleanly on a signal, as serve, take it over.
+void endAtOnce(int) {
+    std::_Exit(SIGNALLED);
+}
+
+int run(Command& command) {
+    try {
+        return command.run();
+    } catch (const qvtp::Error& e) {
+        std::cerr << "qvtp: " << e.what() << std::endl;
+        return exitCodeOf(e.kind());
+    } catch (const std::exception& e) {
+        std::cerr << "qvtp: " << e.what() << std::endl;
+        return BROKEN;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGINT, endAtOnce);
+    std::signal(SIGTERM, endAtOnce);
+    CLI::App program("Sends requests to local pipes, serves them, and shows what happens on them.", "qvtp");
+    program.require_subcommand(1);
+    program.set_version_flag("--version", "qvtp " QVTP_CLI_VERSION);
+    program.footer(EXIT_CODES);
+    std::vector<std::pair<CLI::App*, std::unique_ptr<Command>>> commands;
+    const auto add = [&](std::unique_ptr<Command> command) {
+        CLI::App* const subcommand = command->addTo(program);
+        subcommand->footer(EXIT_CODES);
+        commands.emplace_back(subcommand, std::move(command));
+    };
+    add(makeSend(true));
+    add(makeSend(false));
+    add(makeServe());
+    add(makeList());
+    add(makePing());
+    add(makeBench());
+    add(makeCompletion());
+    try {
+        program.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return program.exit(e) == 0 ? OK : USAGE;
+    }
+    for (const auto& [subcommand, command] : commands) {
+        if (subcommand->parsed()) return run(*command);
+    }
+    return USAGE;
+}

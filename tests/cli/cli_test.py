@@ -1,0 +1,442 @@
+#!/usr/bin/env python3
+"""The program qvtp as a user runs it: arguments, output, exit codes, signals, a terminal.
+
+    cli_test.py PROGRAM [unittest's arguments]
+"""
+import base64
+import json
+import os
+import pty
+import re
+import select
+import shutil
+import signal
+import socket
+import stat
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+PROGRAM = ""
+LIMIT = 20  # seconds for anything
+
+
+def eventually(condition):
+    end = time.monotonic() + LIMIT
+    while time.monotonic() < end:
+        if condition():
+            return True
+        time.sleep(0.01)
+    return False
+
+
+class ForeignServer:
+    """A socket in the place of a server that does what `serve(connection)` says with its first client."""
+
+    def __init__(self, path, serve):
+        self.listener = socket.socket(socket.AF_UNIX)
+        self.listener.bind(path)
+        self.listener.listen(5)
+        self.thread = threading.Thread(target=self.run, args=(serve,), daemon=True)
+        self.thread.start()
+
+    def run(self, serve):
+        connection, _ = self.listener.accept()
+        with connection:
+            serve(connection)
+
+    def close(self):
+        self.thread.join(LIMIT)
+        self.listener.close()
+
+
+class CliTest(unittest.TestCase):
+    def setUp(self):
+        self.root = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.root)
+        self.directory = self.root + "/pipes"
+        self.environment = dict(os.environ, QVTP_PIPE_DIR=self.directory)
+
+    def run_it(self, *arguments, data=b"", **options):
+        return subprocess.run([PROGRAM, *arguments], input=data, capture_output=True, timeout=LIMIT,
+                              env=self.environment, **options)
+
+    def serve(self, name, *arguments):
+        """A server that is stopped at the end of the test."""
+        server = subprocess.Popen([PROGRAM, "serve", name, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                  env=self.environment)
+        self.addCleanup(self.end, server)
+        first = server.stderr.readline().decode()
+        self.assertIn("Serving " + name, first)
+        return server
+
+    @staticmethod
+    def end(server):
+        if server.poll() is None:
+            server.kill()
+        server.communicate()
+
+    def stop(self, server):
+        server.send_signal(signal.SIGTERM)
+        out, err = server.communicate(timeout=LIMIT)
+        return server.returncode, out.decode(), err.decode()
+
+    def foreign(self, name, serve):
+        os.makedirs(self.directory, 0o700, exist_ok=True)
+        server = ForeignServer(self.directory + "/" + name + ".sock", serve)
+        self.addCleanup(server.close)
+
+    def file(self, name, content):
+        path = self.root + "/" + name
+        with open(path, "wb") as file:
+            file.write(content)
+        return path
+
+
+class Post(CliTest):
+    def test_prints_the_body_of_the_reply_and_nothing_else(self):
+        self.serve("demo", "--echo")
+        result = self.run_it("post", "demo", "/", "-d", "hi")
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"hi", b""))
+
+    def test_sends_a_file_and_standard_input_whole_and_streamed_byte_for_byte(self):
+        self.serve("demo")
+        for content in (b"", b"\r\n\x00\xff\x1a", os.urandom(3 << 20)):
+            path = self.file("body", content)
+            for arguments in ([], ["--stream"]):
+                self.assertEqual(self.run_it("post", "demo", "/", "-f", path, *arguments).stdout, content)
+                self.assertEqual(self.run_it("post", "demo", "/", "-f", "-", *arguments, data=content).stdout, content)
+
+    def test_writes_the_body_to_a_file(self):
+        self.serve("demo")
+        result = self.run_it("post", "demo", "/", "-d", "hi", "-o", self.root + "/out")
+        self.assertEqual((result.returncode, result.stdout), (0, b""))
+        with open(self.root + "/out", "rb") as file:
+            self.assertEqual(file.read(), b"hi")
+        self.assertEqual(self.run_it("post", "demo", "/", "-o", self.root + "/missing/out").returncode, 2)
+
+    def test_shows_request_and_reply_when_asked(self):
+        self.serve("demo")
+        result = self.run_it("post", "demo", "/a", "-d", "hi", "-H", "X-One: 1", "-H", "X-Two:2", "-v")
+        lines = result.stderr.decode().splitlines()
+        self.assertEqual(lines[:4], ["> POST /a QVTP/1.0", "> X-One: 1", "> X-Two: 2", "> Content-Length: 2"])
+        self.assertIn("< QVTP/1.0 200 OK", lines)
+        self.assertIn("< Content-Length: 2", lines)
+        self.assertRegex(lines[-1], r"^\* milliseconds: firstByte [0-9.]+ total [0-9.]+$")
+
+    def test_prints_the_whole_reply_as_json(self):
+        self.serve("demo")
+        reply = json.loads(self.run_it("post", "demo", "/", "-d", "hi", "--json").stdout)
+        self.assertEqual((reply["status"], reply["reason"], reply["body"]), (200, "OK", "hi"))
+        self.assertEqual(reply["headers"]["Content-Length"], "2")
+        self.assertGreater(reply["milliseconds"]["total"], 0)
+        reply = json.loads(self.run_it("post", "demo", "/", "-f", "-", "--json", data=b"\xff\x00").stdout)
+        self.assertEqual(base64.b64decode(reply["bodyBase64"]), b"\xff\x00")
+
+    def test_returns_1_for_another_status_and_prints_the_body_all_the_same(self):
+        self.serve("demo", "--status", "404")
+        result = self.run_it("post", "demo", "/", "-d", "hi")
+        self.assertEqual((result.returncode, result.stdout), (1, b"hi"))
+
+    def test_returns_2_for_wrong_usage(self):
+        for arguments in ([], ["nonsense"], ["post"], ["post", "demo"], ["post", "demo", "/", "--timeout", "x"],
+                          ["post", "demo", "/", "-d", "a", "-f", "b"], ["post", "demo", "/", "--retry", "-1"],
+                          ["post", "demo", "/", "-f", self.root + "/missing"], ["post", "demo", "/", "-f", self.root],
+                          ["post", "demo", "/", "-H", "no colon"], ["post", "demo", "a b"], ["post", "", "/"]):
+            result = self.run_it(*arguments)
+            self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+            self.assertNotEqual(result.stderr, b"", arguments)
+
+    def test_returns_3_without_a_server_and_says_what_to_do(self):
+        result = self.run_it("post", "demo", "/")
+        self.assertEqual(result.returncode, 3)
+        self.assertIn(self.directory + "/demo.sock", result.stderr.decode())
+        self.assertIn("There is no server: start it", result.stderr.decode())
+
+    def test_returns_4_if_it_is_denied(self):
+        self.serve("demo")
+        os.chmod(self.directory, 0o755)
+        result = self.run_it("post", "demo", "/")
+        self.assertEqual(result.returncode, 4)
+        self.assertIn("chmod 700", result.stderr.decode())
+        os.chmod(self.directory, 0o700)
+        self.assertEqual(self.run_it("serve", "demo").returncode, 4)  # the name is taken
+
+    def test_returns_5_after_the_time_out(self):
+        self.serve("demo", "--exec", "sleep 3")
+        result = self.run_it("post", "demo", "/", "--timeout", "0.2")
+        self.assertEqual(result.returncode, 5)
+        self.assertIn("There was no answer in time", result.stderr.decode())
+
+    def test_returns_6_for_a_connection_that_breaks_and_a_body_that_is_cut_off(self):
+        self.foreign("broken", lambda connection: connection.recv(10))
+        self.assertEqual(self.run_it("post", "broken", "/", "-d", "hi").returncode, 6)
+
+        def cut(connection):
+            connection.recv(100)
+            connection.sendall(b"QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n")
+
+        self.foreign("cut", cut)
+        result = self.run_it("post", "cut", "/", "-d", "hi")
+        self.assertEqual((result.returncode, result.stdout), (6, b"first"))
+
+    def test_returns_7_for_a_malformed_reply(self):
+        def nonsense(connection):
+            connection.recv(100)
+            connection.sendall(b"SSH-2.0-OpenSSH\r\n\r\n")
+
+        self.foreign("odd", nonsense)
+        self.assertEqual(self.run_it("post", "odd", "/", "-d", "hi").returncode, 7)
+
+    def test_returns_130_when_it_is_interrupted(self):
+        self.serve("demo", "--exec", "sleep 5")
+        client = subprocess.Popen([PROGRAM, "post", "demo", "/"], env=self.environment, stderr=subprocess.PIPE)
+        time.sleep(0.3)  # it may be ended wherever it is
+        client.send_signal(signal.SIGINT)
+        client.communicate(timeout=LIMIT)
+        self.assertEqual(client.returncode, 130)
+
+    def test_says_its_exit_codes_in_its_help(self):
+        for arguments in (["--help"], ["post", "--help"], ["serve", "--help"]):
+            result = self.run_it(*arguments)
+            self.assertEqual(result.returncode, 0)
+            for line in ("0    a status of 2xx", "130  ended by a signal"):
+                self.assertIn(line, result.stdout.decode())
+
+    def test_ends_quietly_if_nobody_reads_what_it_prints(self):
+        self.serve("demo")
+        path = self.file("body", b"x" * (1 << 20))
+        shell = "set -o pipefail; %s post demo / -f %s | head -c 1" % (PROGRAM, path)
+        result = subprocess.run(["bash", "-c", shell], capture_output=True, timeout=LIMIT, env=self.environment)
+        self.assertEqual(result.stdout, b"x")
+        self.assertNotEqual(result.returncode, 0)
+
+
+class Progress(CliTest):
+    def on_terminal(self, *arguments):
+        """What a person sees on standard error."""
+        master, slave = pty.openpty()
+        process = subprocess.Popen([PROGRAM, *arguments], stdout=subprocess.DEVNULL, stderr=slave, env=self.environment)
+        os.close(slave)
+        seen = b""
+        while select.select([master], [], [], LIMIT)[0]:
+            try:
+                piece = os.read(master, 65536)
+            except OSError:  # the program has ended
+                break
+            seen += piece
+        os.close(master)
+        self.assertEqual(process.wait(LIMIT), 0)
+        return seen.decode()
+
+    def test_is_shown_on_a_terminal_for_a_large_body(self):
+        self.serve("demo")
+        path = self.file("large", b"x" * (8 << 20))
+        seen = self.on_terminal("post", "demo", "/", "-f", path, "--stream")
+        self.assertRegex(seen, r"\[=* *\] sent [0-9.]+ of 8\.0 MiB")
+        self.assertTrue(seen.endswith("\r\x1b[K"))
+        seen = self.on_terminal("post", "demo", "/", "-f", path, "-o", self.root + "/out")
+        self.assertRegex(seen, r"\[=* *\] received [0-9.]+ of 8\.0 MiB")
+
+    def test_is_not_shown_for_a_small_body_or_when_it_is_not_wanted(self):
+        self.serve("demo")
+        path = self.file("large", b"x" * (8 << 20))
+        self.assertEqual(self.on_terminal("post", "demo", "/", "-d", "hi", "--stream"), "")
+        self.assertEqual(self.on_terminal("post", "demo", "/", "-f", path, "--stream", "--no-progress"), "")
+
+    def test_is_not_shown_where_nobody_looks(self):
+        self.serve("demo")
+        path = self.file("large", b"x" * (8 << 20))
+        self.assertEqual(self.run_it("post", "demo", "/", "-f", path, "--stream").stderr, b"")
+
+
+class Notify(CliTest):
+    def test_is_taken_by_the_server_without_a_reply(self):
+        server = self.serve("demo", "-v")
+        result = self.run_it("notify", "demo", "/log", "-d", "hello")
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+        self.assertRegex(server.stderr.readline().decode(), r"^NOTIFY /log from process \d+: 5 bytes$")
+
+
+class Serve(CliTest):
+    def test_ends_cleanly_and_counts(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            server = self.serve("demo")
+            self.run_it("post", "demo", "/")
+            self.run_it("notify", "demo", "/")
+            server.send_signal(number)
+            _, err = server.communicate(timeout=LIMIT)
+            self.assertEqual(server.returncode, 0)
+            self.assertEqual(err.decode(), "Served 1 POST, 1 NOTIFY; 0 failed.\n")
+
+    def test_prints_its_counters_as_json(self):
+        server = self.serve("demo", "--json")
+        self.run_it("post", "demo", "/")
+        code, out, _ = self.stop(server)
+        self.assertEqual((code, json.loads(out)), (0, {"posts": 1, "notifies": 0, "failed": 0}))
+
+    def test_answers_with_a_fixed_body_and_status(self):
+        self.serve("demo", "--reply", "fixed", "--status", "201")
+        reply = json.loads(self.run_it("post", "demo", "/", "-d", "other", "--json").stdout)
+        self.assertEqual((reply["status"], reply["body"]), (201, "fixed"))
+
+    def test_runs_a_command_for_each_request(self):
+        self.serve("demo", "--exec", 'echo "$QVTP_METHOD $QVTP_RESOURCE $QVTP_HEADER_X_KEY"; cat')
+        result = self.run_it("post", "demo", "/a", "-d", "body", "-H", "X-Key: it's \"odd\" $HOME")
+        self.assertEqual(result.stdout, b"POST /a it's \"odd\" $HOME\nbody")
+        large = os.urandom(1 << 20)
+        result = self.run_it("post", "demo", "/a", "-f", self.file("large", large))
+        self.assertTrue(result.stdout.endswith(large))
+
+    def test_answers_500_if_the_command_fails(self):
+        self.serve("demo", "--exec", "echo why; exit 3")
+        reply = json.loads(self.run_it("post", "demo", "/", "--json").stdout)
+        self.assertEqual((reply["status"], reply["body"]), (500, "why\n"))
+
+    def test_takes_a_command_that_does_not_read_its_input(self):
+        self.serve("demo", "--exec", "echo done")
+        large = self.file("large", b"x" * (4 << 20))
+        self.assertEqual(self.run_it("post", "demo", "/", "-f", large).stdout, b"done\n")
+
+    def test_keeps_its_limits(self):
+        self.serve("demo", "--max-body", "10")
+        self.assertEqual(self.run_it("post", "demo", "/", "-d", "x" * 10).returncode, 0)
+        reply = json.loads(self.run_it("post", "demo", "/", "-d", "x" * 11, "--json").stdout)
+        self.assertEqual(reply["status"], 413)
+
+    def test_serves_what_has_begun_when_the_signal_comes(self):
+        started = self.root + "/started"
+        server = self.serve("demo", "--exec", "touch %s; sleep 0.5; echo late" % started)
+        client = subprocess.Popen([PROGRAM, "post", "demo", "/"], stdout=subprocess.PIPE, env=self.environment)
+        self.assertTrue(eventually(lambda: os.path.exists(started)))
+        code, _, _ = self.stop(server)
+        self.assertEqual((code, client.communicate(timeout=LIMIT)[0]), (0, b"late\n"))
+
+
+class List(CliTest):
+    def pipes(self):
+        return json.loads(self.run_it("ls", "--json").stdout)
+
+    def test_is_empty_at_first(self):
+        result = self.run_it("ls")
+        self.assertEqual((result.returncode, result.stdout.decode().split()),
+                         (0, ["NAME", "STATE", "DIRECTION", "PID", "PROGRAM"]))
+        self.assertEqual(self.pipes(), [])
+
+    def test_shows_who_serves_what(self):
+        server = self.serve("demo")
+        self.assertEqual(self.pipes(), [{"name": "demo", "path": self.directory + "/demo.sock", "state": "live",
+                                         "direction": "both", "pid": server.pid, "program": "qvtp"}])
+        table = self.run_it("ls").stdout.decode().splitlines()
+        self.assertEqual(re.split("  +", table[1]), ["demo", "live", "both", str(server.pid), "qvtp"])
+        self.assertEqual(self.run_it("ls", "--names").stdout, b"demo\n")
+
+    def test_tells_a_stale_pipe_from_a_live_one(self):
+        server = self.serve("demo")
+        server.kill()
+        server.wait()
+        self.assertEqual([pipe["state"] for pipe in self.pipes()], ["stale"])
+        self.assertEqual(self.run_it("ls", "--names").stdout, b"")
+
+    def test_watches(self):
+        watch = subprocess.Popen([PROGRAM, "ls", "--names", "--watch"], stdout=subprocess.PIPE, env=self.environment)
+        self.addCleanup(self.end, watch)
+        self.serve("demo")
+        self.assertEqual(watch.stdout.readline(), b"demo\n")
+        watch.send_signal(signal.SIGINT)
+        self.assertEqual(watch.wait(LIMIT), 130)
+
+
+class Ping(CliTest):
+    def test_reports_a_server_that_takes_connections_and_its_handler_sees_nothing(self):
+        server = self.serve("demo", "-v")
+        result = self.run_it("ping", "demo", "-n", "3")
+        self.assertEqual(result.returncode, 0)
+        self.assertRegex(result.stdout.decode(), r"^demo at .*/demo\.sock took 3 connections: min [0-9.]+, median ")
+        self.assertEqual(json.loads(self.run_it("ping", "demo", "--json").stdout)["us"]["count"], 1)
+        self.assertEqual(self.stop(server)[2], "Served 0 POST, 0 NOTIFY; 0 failed.\n")
+
+    def test_returns_3_without_a_server(self):
+        self.assertEqual(self.run_it("ping", "demo").returncode, 3)
+
+
+class Bench(CliTest):
+    def test_reports_times_and_a_histogram(self):
+        server = self.serve("demo")
+        result = self.run_it("bench", "demo", "/", "-n", "500", "-c", "3", "-s", "100")
+        lines = result.stdout.decode().splitlines()
+        self.assertEqual(result.returncode, 0)
+        self.assertRegex(lines[0], r"^500 requests of 3 clients, \d+ per second$")
+        self.assertRegex(lines[1], r"^min [0-9.]+, median [0-9.]+, p90 [0-9.]+, p99 [0-9.]+, max [0-9.]+ microseconds$")
+        self.assertEqual(sum(int(line.split()[4]) for line in lines[2:]), 500)
+        self.assertIn("Served 500 POST", self.stop(server)[2])
+
+    def test_prints_json_and_returns_1_for_other_statuses(self):
+        self.serve("demo", "--status", "500")
+        result = self.run_it("bench", "demo", "/", "-n", "10", "--json")
+        report = json.loads(result.stdout)
+        self.assertEqual((result.returncode, report["requests"], report["otherStatuses"]), (1, 10, 10))
+
+    def test_returns_3_without_a_server(self):
+        self.assertEqual(self.run_it("bench", "demo", "/").returncode, 3)
+
+
+class Completion(CliTest):
+    def complete(self, line):
+        """What bash offers for the last word of the line."""
+        script = self.run_it("completion", "bash").stdout.decode()
+        words = line.split(" ")
+        run = (script + "\nCOMP_WORDS=(%s)\nCOMP_CWORD=%d\n_qvtp\nprintf '%%s\\n' \"${COMPREPLY[@]}\"" %
+               (" ".join("'%s'" % word for word in words), len(words) - 1))
+        environment = dict(self.environment, PATH=os.path.dirname(PROGRAM) + ":" + os.environ["PATH"])
+        result = subprocess.run(["bash", "-c", run], capture_output=True, timeout=LIMIT, env=environment)
+        return result.stdout.decode().split()
+
+    def test_offers_commands_live_names_and_options_in_bash(self):
+        self.serve("demo")
+        self.assertEqual(self.complete("qvtp po"), ["post"])
+        self.assertEqual(self.complete("qvtp post d"), ["demo"])
+        self.assertEqual(self.complete("qvtp ping "), ["demo"])
+        self.assertIn("--stream", self.complete("qvtp post demo --st"))
+        self.assertEqual(self.complete("qvtp completion z"), ["zsh"])
+
+    def test_has_no_wrong_syntax(self):
+        for shell in ("bash", "zsh", "fish"):
+            result = self.run_it("completion", shell)
+            self.assertEqual(result.returncode, 0)
+            self.assertIn("post notify serve ls ping bench", result.stdout.decode())
+            if shutil.which(shell):
+                check = subprocess.run([shell, "-n", self.file("script", result.stdout)], capture_output=True)
+                self.assertEqual((check.returncode, check.stderr), (0, b""), shell)
+        self.assertEqual(self.run_it("completion", "csh").returncode, 2)
+
+
+class Manual(CliTest):
+    PAGE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../cli/man/qvtp.1")
+
+    def test_has_every_command_with_every_option_and_nothing_else(self):
+        with open(self.PAGE, encoding="utf-8") as file:
+            page = file.read().replace("\\-", "-")
+        sections = {title.lower(): text for title, text in re.findall(r"^\.SH ([A-Z ]+)\n(.*?)(?=^\.SH|\Z)", page, re.S | re.M)}
+        for command in ("post", "notify", "serve", "ls", "ping", "bench", "completion"):
+            section = "post and notify" if command in ("post", "notify") else command
+            offered = set(re.findall(r"--[a-z][a-z-]*", self.run_it(command, "--help").stdout.decode())) - {"--help"}
+            described = set(re.findall(r"--[a-z][a-z-]*", sections[section]))
+            self.assertLessEqual(offered, described, command)
+            if command != "notify":  # which has no reply to print
+                self.assertEqual(described - offered, set(), command)
+
+    def test_is_a_page_without_mistakes(self):
+        if not shutil.which("man"):
+            self.skipTest("there is no man")
+        result = subprocess.run(["man", "--warnings", "-l", self.PAGE], capture_output=True, timeout=LIMIT,
+                                env=dict(os.environ, MANWIDTH="80"))
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+
+
+if __name__ == "__main__":
+    PROGRAM = os.path.abspath(sys.argv.pop(1))
+    unittest.main()
