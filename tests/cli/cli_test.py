@@ -166,7 +166,7 @@ class Post(CliTest):
         self.assertEqual(self.run_it("serve", "demo").returncode, 4)  # the name is taken
 
     def test_returns_5_after_the_time_out(self):
-        self.serve("demo", "--exec", "sleep 3")
+        self.serve("demo", "--exec", "sleep 1")
         result = self.run_it("post", "demo", "/", "--timeout", "0.2")
         self.assertEqual(result.returncode, 5)
         self.assertIn("There was no answer in time", result.stderr.decode())
@@ -192,7 +192,7 @@ class Post(CliTest):
         self.assertEqual(self.run_it("post", "odd", "/", "-d", "hi").returncode, 7)
 
     def test_returns_130_when_it_is_interrupted(self):
-        self.serve("demo", "--exec", "sleep 5")
+        self.serve("demo", "--exec", "sleep 1")
         client = subprocess.Popen([PROGRAM, "post", "demo", "/"], env=self.environment, stderr=subprocess.PIPE)
         time.sleep(0.3)  # it may be ended wherever it is
         client.send_signal(signal.SIGINT)
