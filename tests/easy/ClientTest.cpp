@@ -62,6 +62,15 @@ TEST_F(EasyClient, ConnectsAgainUnseenIfTheServerWasRestarted) {
     EXPECT_EQ(client.post("/echo", "2").body(), "2");
 }
 
+TEST_F(EasyClient, FindsAReplyInChunksWholeThatComesOverANewConnection) {
+    server.onPost("/chunks", [](const Request&) { return Reply::stream([](std::ostream& out) { out << "chunk"; }); });
+    server.start();
+    EXPECT_EQ(client.post("/chunks").body(), "chunk");
+    server.stop();
+    server.start();
+    EXPECT_EQ(client.post("/chunks").body(), "chunk");
+}
+
 TEST_F(EasyClient, DropsConnectionsThatWereIdleForTooLong) {
     qvtp::ClientOptions options;
     options.idleTimeout = 1ms;

@@ -140,7 +140,7 @@ TEST_F(EasyError, IsMisuseForAResourceThatCannotBeSent) {
         EXPECT_EQ(kindOf([&] { client.post(resource); }), "misuse") << resource;
         EXPECT_EQ(kindOf([&] { client.notify(resource); }), "misuse") << resource;
     }
-    EXPECT_EQ(kindOf([&] { client.post(std::string_view("/a\0b", 4)); }), "misuse");
+    EXPECT_EQ(kindOf([&] { client.post(std::string("/a\0b", 4)); }), "misuse");
 }
 
 TEST_F(EasyError, IsMisuseForHeadersThatCannotBeSent) {

@@ -1,9 +1,5 @@
 #pragma once
-
 #include <qvtp/easy/Options.h>
-
-#include <istream>
-#include <streambuf>
 
 namespace qvtp {
 /// What a client sends, for the length of one call: nothing is copied or owned. A whole body has up to 2147483647
@@ -37,7 +33,6 @@ class Body {
     Source source_;
     std::int64_t total_ = -1;
 };
-
 namespace detail {
 /// A streamed body as the library reads it, in blocks alone. Neither argument is owned.
 class BodyWriter : public std::streambuf {

@@ -1,11 +1,6 @@
 #pragma once
-
-#include <qvtp/client/QvtpConnectionManager.h>
 #include <qvtp/easy/Connections.h>
-#include <qvtp/io/ConnectException.h>
-#include <qvtp/io/IllegalArgumentException.h>
-#include <qvtp/io/IllegalStateException.h>
-#include <qvtp/io/TimeoutException.h>
+#include <utility>
 
 namespace qvtp::detail {
 /// What one call asks the library for, and what becomes of its connection. It knows why a connection could not be made,
@@ -24,7 +19,10 @@ class Call final : public exact::QvtpConnectionManager {
         if (connections_.isClosed) fail(ErrorKind::closed);
         return &connection_->pipe;
     }
-    void returnPipe(io::QvPipe*) override { giveBack(isReusable); }
+    void returnPipe(io::QvPipe*) override {
+        hasBroken = hasEnded = false;  // of an earlier connection
+        giveBack(isReusable);
+    }
     /// After a failure, and if the reply was not read to its end or is none.
     void removePipe(io::QvPipe* pipe) override {
         hasBroken = true;
@@ -37,9 +35,7 @@ class Call final : public exact::QvtpConnectionManager {
     bool hasEnded = false;   ///< the same, because nothing more came
     /// Throws what the exception comes to that is being handled. `isCommitted`: a byte of the request has left.
     [[noreturn]] void translate(bool isCommitted) const {
-        const ErrorKind otherKind = !isCommitted ? ErrorKind::not_sent
-                                    : hasHead    ? ErrorKind::cut_off
-                                                 : ErrorKind::unknown_outcome;
+        const ErrorKind lateKind = hasHead ? ErrorKind::cut_off : ErrorKind::unknown_outcome;
         try {
             throw;
         } catch (const io::IllegalArgumentException&) {
@@ -49,8 +45,8 @@ class Call final : public exact::QvtpConnectionManager {
         } catch (io::TimeoutException& e) {
             fail(isCommitted ? ErrorKind::timed_out : ErrorKind::not_sent, e.getMessage());
         } catch (io::QvPipeException& e) {
-            constexpr int NO_LENGTH = 1011;
-            fail(e.getCode() == NO_LENGTH ? ErrorKind::malformed_reply : otherKind, e.getMessage());
+            if (e.getCode() == 1011) fail(ErrorKind::malformed_reply, "It gives no length of its body.");
+            fail(isCommitted ? lateKind : ErrorKind::not_sent, e.getMessage());
         }
     }
     [[noreturn]] void fail(ErrorKind kind, const std::string& reason = {}) const {

@@ -1,14 +1,10 @@
 #pragma once
-
-#include <qvtp/client/NotifyRequest.h>
-#include <qvtp/client/PostRequest.h>
 #include <qvtp/easy/Body.h>
 #include <qvtp/easy/Call.h>
 #include <qvtp/easy/Reply.h>
 
 namespace qvtp {
-/// Sends requests to the server of one pipe name. It connects when it needs to, so that it may be made before the
-/// server is there, and keeps its connections open between calls.
+/// Sends requests to the server of one pipe name. It connects when it needs to, and keeps connections open.
 ///
 ///     qvtp::Client client("greetings", std::chrono::seconds(2));
 ///     qvtp::Reply reply = client.post("/hello", "world");
@@ -22,17 +18,14 @@ class Client {
         : Client(std::move(pipeName), ClientOptions{timeout}) {}
     Client(std::string pipeName, ClientOptions options)
         : pipeName_(std::move(pipeName)), options_(std::move(options)), connections_(options_.idleTimeout) {}
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
     /// Sends a POST and waits for the reply. `resource`: what it is about, in the server's own terms, UTF-8, not empty,
     /// without blanks and control characters (misuse): percentEncode() what may have some.
-    Reply post(std::string_view resource, const Body& body = "", const CallOptions& options = {}) {
-        return send<detail::exact::PostRequest>("POST " + std::string(resource), resource, body, options);
+    Reply post(const std::string& resource, const Body& body = "", const CallOptions& options = {}) {
+        return send<detail::exact::PostRequest>("POST " + resource, resource, body, options);
     }
-    /// Sends a NOTIFY, which is not answered. When it returns, the system has taken all of it. Whether the server has
-    /// acted on it is not known.
-    void notify(std::string_view resource, const Body& body = "", const CallOptions& options = {}) {
-        send<detail::exact::NotifyRequest>("NOTIFY " + std::string(resource), resource, body, options);
+    /// Sends a NOTIFY, which is not answered: when it returns, the system has taken it, and no more is known.
+    void notify(const std::string& resource, const Body& body = "", const CallOptions& options = {}) {
+        send<detail::exact::NotifyRequest>("NOTIFY " + resource, resource, body, options);
     }
     /// Ends all calls, and all later ones, as closed: at once, but one that waits for a busy server when its connect
     /// time-out is over. From any thread.
@@ -41,14 +34,14 @@ class Client {
   private:
     static Milliseconds firstOf(Milliseconds own, Milliseconds common) { return own.count() >= 0 ? own : common; }
     template <typename RequestType>
-    Reply send(const std::string& what, std::string_view resource, const Body& body, const CallOptions& options) {
+    Reply send(const std::string& what, const std::string& resource, const Body& body, const CallOptions& options) {
         detail::checkHeaders(options.headers);
-        if (resource.empty() || detail::hasControls(resource) || resource.find(' ') != resource.npos) {
-            throw Error(ErrorKind::misuse, what + " failed. No resource is that: use percentEncode() for its parts.");
-        }
+        const bool isPossible =
+            !resource.empty() && !detail::hasControls(resource) && resource.find(' ') == resource.npos;
+        if (!isPossible) throw Error(ErrorKind::misuse, what + " failed: no resource. percentEncode() its parts.");
         for (int retry = 0;; ++retry) {
             try {
-                return exchange<RequestType>(what, std::string(resource), body, options);
+                return exchange<RequestType>(what, resource, body, options);
             } catch (const Error& e) {
                 // After the first time no connection is left that could break: that there is no server goes on.
                 const bool isGone = retry > 0 && e.kind() == ErrorKind::no_server;
@@ -61,9 +54,9 @@ class Client {
     Reply exchange(const std::string& what, const std::string& resource, const Body& body, const CallOptions& options) {
         const Milliseconds timeout = firstOf(options.timeout, options_.timeout);
         const Milliseconds connecting = firstOf(options.connectTimeout, firstOf(options_.connectTimeout, timeout));
-        detail::Call call(connections_, pipeName_, what, detail::millisecondsOf(connecting));
+        detail::Call call(connections_, pipeName_, what, numberOf(connecting));
         detail::exact::QvtpClient client(&call);
-        client.setResponseTimeout(detail::millisecondsOf(timeout));
+        client.setResponseTimeout(numberOf(timeout));
         Reply reply;
         bool isReadToEnd = false;
         {
@@ -103,10 +96,9 @@ class Client {
         Progress progress;
         const std::string length = reply.header("Content-Length");
         std::from_chars(length.data(), length.data() + length.size(), progress.total);
-        if ((progress.total < 0 && !length.empty()) || line.rfind("QVTP/", 0) != 0 || reply.status() < 100 ||
-            reply.status() > 999) {
+        const bool isRight = line.rfind("QVTP/", 0) == 0 && (progress.total >= 0 || length.empty());
+        if (!isRight || reply.status() < 100 || reply.status() > 999)
             call.fail(ErrorKind::malformed_reply, "It begins with \"" + line + "\".");
-        }
         // Of what the library answers by itself before it closes the connection.
         call.isReusable = std::string("400 408 413 414 500").find(std::to_string(reply.status())) == line.npos;
         if (!options.onStream && !options.onPiece) return reply.setBody(detail::bodyOf(response)), true;

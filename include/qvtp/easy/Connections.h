@@ -1,11 +1,6 @@
 #pragma once
-
 #include <qvtp/easy/Options.h>
-#include <qvtp/io/QvPipe.h>
-
-#include <atomic>
 #include <list>
-#include <mutex>
 
 namespace qvtp::detail {
 /// A pipe with the buffers of its streams.
@@ -24,13 +19,12 @@ struct Connection {
     char input[4096] = {}, output[4096] = {};
     io::QvPipe pipe{};  // last: it goes before the buffers
 };
-
 /// The connections of one client. Any thread may use it.
 class Connections {
   public:
     explicit Connections(Milliseconds idleTimeout) : idleTimeout_(idleTimeout) {}
-    /// The one that was used last, so that those that are not needed grow old, else a new one that is not open. In a
-    /// forked child those of the parent are dropped, which does them no harm.
+    /// The one used last, so that those that are not needed grow old, or a new one that is not open. In a forked child
+    /// those of the parent are dropped, which does them no harm.
     Connection& take(bool isReadable) {
         const std::lock_guard<std::mutex> guard(mutex_);
         const auto oldest = std::chrono::steady_clock::now() - idleTimeout_;

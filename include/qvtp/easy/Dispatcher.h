@@ -1,12 +1,6 @@
 #pragma once
-
 #include <qvtp/easy/Reply.h>
 #include <qvtp/easy/Request.h>
-#include <qvtp/io/IllegalStateException.h>
-#include <qvtp/server/QvtpServerResponse.h>
-
-#include <map>
-#include <mutex>
 
 namespace qvtp::detail {
 /// What a server does with its requests. A handler that does not return keeps it alive, whatever becomes of the server.
@@ -17,18 +11,12 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
     using Routes = std::map<std::string, Handler>;  // a prefix ends with '*'
     Routes posts, notifies;
     std::function<void(const Request&, const std::string&)> onError;
-    void handlePost(exact::QvtpServerRequest* in, exact::QvtpServerResponse* out) override {
-        handle(*in, out, posts, notifies, &ServerCounters::posts);
-    }
-    void handleNotify(exact::QvtpServerRequest* in) override {
-        handle(*in, nullptr, notifies, posts, &ServerCounters::notifies);
-    }
-    /// Whether the calling thread is in a handler of this object.
+    using In = exact::QvtpServerRequest;
+    using Out = exact::QvtpServerResponse;
+    void handlePost(In* in, Out* out) override { handle(*in, out, posts, notifies, &ServerCounters::posts); }
+    void handleNotify(In* in) override { handle(*in, nullptr, notifies, posts, &ServerCounters::notifies); }
     bool isInHandler() const { return current() == this; }
-    ServerCounters counters() const {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        return counters_;
-    }
+    ServerCounters counters() const { return std::lock_guard<std::mutex>(mutex_), counters_; }
 
   private:
     using Counter = std::uint64_t ServerCounters::*;
@@ -40,8 +28,7 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
         const std::lock_guard<std::mutex> guard(mutex_);
         counters_.*counter += static_cast<std::uint64_t>(by);
     }
-    void handle(exact::QvtpServerRequest& in, exact::QvtpServerResponse* out, const Routes& own, const Routes& other,
-                Counter kind) {
+    void handle(In& in, Out* out, const Routes& own, const Routes& other, Counter kind) {
         count(kind);
         count(&ServerCounters::inHandlers);
         const auto leave = [self = shared_from_this()](const Dispatcher**) {
@@ -74,9 +61,8 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
         return found != routes.end() ? &found->second : nullptr;
     }
     static Reply checked(Reply reply) {
-        checkHeaders(reply.headers());
-        if (reply.status() >= 100 && reply.status() <= 999) return reply;
-        throw Error(ErrorKind::misuse, "A reply has a status from 100 to 999.");
+        if (reply.status() < 100 || reply.status() > 999) throw Error(ErrorKind::misuse, "No status of a reply.");
+        return checkHeaders(reply.headers()), reply;
     }
     Reply refuse(const Request& request, const Handler* other) {
         count(other != nullptr ? &ServerCounters::wrongMethod : &ServerCounters::notFound);
@@ -100,7 +86,7 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
         count(&ServerCounters::handlerErrors);
         try {
             if (onError) onError(request, text);
-        } catch (...) {  // it was asked for nothing but a report
+        } catch (...) {
         }
         throw std::runtime_error(text);
     }

@@ -1,9 +1,6 @@
 #pragma once
-
-#include <qvtp/platform/PipeFacts.h>
-
+#include <qvtp/qvtp.h>
 #include <stdexcept>
-#include <string>
 
 namespace qvtp {
 /// Why a call has failed. docs/easy.md has the causes and remedies.
@@ -21,16 +18,14 @@ enum class ErrorKind {
     name_taken,       ///< another server has the name
     bad_directory,    ///< Linux: the pipe directory, or a file in it, is refused. Nothing was sent
 };
-
-/// Every failure of the easy face. what() says in English, for people, what failed, on which pipe, at which path, and
-/// what helps; programs look at kind(). std::bad_alloc, and what the program's own callbacks throw, pass as they are.
+/// Every failure of the easy face. what() says what failed, on which pipe, at which path, and what helps; programs look
+/// at kind(). std::bad_alloc, and what the program's own callbacks throw, pass as they are.
 class Error : public std::runtime_error {
   public:
     Error(ErrorKind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
     ErrorKind kind() const noexcept { return kind_; }
-    /// Whether the request may be sent again without the danger that a handler sees it twice: no byte of it has left.
-    /// True for no_server, busy, denied, not_sent and bad_directory. Of these, busy and not_sent pass by themselves.
-    /// False for all others: something may have arrived, or (misuse, closed) a new try fails in the same way.
+    /// Whether no byte of the request has left, so that sending it again cannot make a handler see it twice. False also
+    /// for misuse and closed, where that would fail again.
     bool safe_to_retry() const noexcept {
         return kind_ == ErrorKind::no_server || kind_ == ErrorKind::busy || kind_ == ErrorKind::denied ||
                kind_ == ErrorKind::not_sent || kind_ == ErrorKind::bad_directory;
@@ -39,11 +34,10 @@ class Error : public std::runtime_error {
   private:
     ErrorKind kind_;
 };
-
 namespace detail {
 namespace io = Quovane::Io;
 /// Its name, and what it means and asks for.
-inline std::pair<const char*, std::string> textsOf(ErrorKind kind) {
+inline std::pair<std::string, std::string> textsOf(ErrorKind kind) {
     static const std::pair<const char*, const char*> TEXTS[] = {
         {"no_server", "There is no server: start it, as the same user and with the same QVTP_PIPE_DIR."},
         {"busy", "The server took no connection in time: give it more workers, or the client more time."},
@@ -62,13 +56,13 @@ inline std::pair<const char*, std::string> textsOf(ErrorKind kind) {
 /// What failed and why, the pipe with its path, what the system knows of it, and what helps.
 inline Error errorOf(ErrorKind kind, const std::string& pipe, const std::string& text) {
     const io::PipeFacts facts = io::findPipeFacts(pipe);
-    const std::string reason = facts.reason + (facts.reason.empty() ? "" : " ");
+    const bool isPlain = facts.reason.empty() || kind == ErrorKind::no_server;
+    const std::string reason = isPlain ? "" : facts.reason + " ";
     return Error(kind, text + " Pipe \"" + pipe + "\" (" + facts.path + "). " + reason + textsOf(kind).second);
 }
 }  // namespace detail
-
 /// The name of a kind as it is written above.
-inline const char* nameOf(ErrorKind kind) {
+inline std::string nameOf(ErrorKind kind) {
     return detail::textsOf(kind).first;
 }
 }  // namespace qvtp

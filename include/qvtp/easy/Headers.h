@@ -1,26 +1,16 @@
 #pragma once
-
 #include <qvtp/easy/Error.h>
-#include <qvtp/message/QvtpMessageIn.h>
-#include <qvtp/message/QvtpMessageOut.h>
-
 #include <algorithm>
 #include <charconv>
-#include <memory>
-#include <string_view>
-#include <utility>
 
 namespace qvtp {
-/// Names and values. What was received has each name once, as the peer wrote it, in the order of the upper-cased names;
-/// several values of a name are joined by ", ". What is sent may have a name several times. A name consists of letters,
-/// digits, and marks such as - and _; a value has no control characters. Content-Length and Transfer-Encoding are the
-/// library's own. Else what sends them throws misuse.
+/// Names and values. What was received has each name once, in the order of the upper-cased names, and its values joined
+/// by ", ". What is sent may repeat a name. A name consists of letters, digits, and marks such as - and _; a value has
+/// no control characters; Content-Length and Transfer-Encoding are the library's own. All else is misuse.
 using Headers = std::vector<std::pair<std::string, std::string>>;
-
 namespace detail {
 namespace exact = Quovane::Qvtp;
 constexpr std::string_view PLAIN = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
-
 /// But for the case of ASCII letters.
 inline bool equalNames(std::string_view left, std::string_view right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end(), [](char l, char r) {
@@ -30,14 +20,12 @@ inline bool equalNames(std::string_view left, std::string_view right) {
 inline bool hasControls(std::string_view text) {
     return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; });
 }
-/// Before anything is sent.
 inline void checkHeaders(const Headers& headers) {
     for (const auto& [name, value] : headers) {
         const bool isToken = !name.empty() && name.find_first_not_of(std::string(PLAIN) + "!#$%&'*+^`|") == name.npos;
         const bool isFraming = equalNames(name, "Content-Length") || equalNames(name, "Transfer-Encoding");
         if (isToken && !isFraming && !hasControls(value)) continue;
-        throw Error(ErrorKind::misuse,
-                    "The header \"" + name + "\" has no possible name or value, or is the library's.");
+        throw Error(ErrorKind::misuse, "The header " + name + " has no possible name or value, or is the library's.");
     }
 }
 /// Those that the library has set itself are replaced.
@@ -47,7 +35,6 @@ inline void copyHeaders(const Headers& headers, exact::QvtpMessageOut& message) 
         isSet ? message.setHeader(name, value) : message.addHeader(name, value);
     }
 }
-/// After the head was read.
 inline Headers headersOf(exact::QvtpMessageIn& message) {
     Headers headers;
     for (const std::string& name : message.getHeaderNames()) {
@@ -65,7 +52,6 @@ inline std::string bodyOf(exact::QvtpMessageIn& message) {
     return std::string(data, size);
 }
 }  // namespace detail
-
 /// The first value of this name, in whatever case, or an empty text.
 inline std::string valueOf(const Headers& headers, std::string_view name) {
     for (const auto& [key, value] : headers) {
@@ -73,7 +59,6 @@ inline std::string valueOf(const Headers& headers, std::string_view name) {
     }
     return {};
 }
-
 /// Makes any text a part of a resource, as in "/files/" + percentEncode(name): all bytes but letters, digits and
 /// - . _ ~ become % and two hexadecimal digits, "/" too.
 inline std::string percentEncode(std::string_view text) {
@@ -86,15 +71,13 @@ inline std::string percentEncode(std::string_view text) {
     }
     return result;
 }
-
 /// The text that percentEncode() was given. A % without two hexadecimal digits after it stays as it is.
 inline std::string percentDecode(std::string_view text) {
     std::string result;
     for (std::size_t i = 0; i < text.size(); ++i) {
-        const char* const digits = text.data() + i + 1;
+        const char *const hex = text.data() + i + 1, *const end = hex + 2;
         unsigned byte = 0;
-        const bool isEscape =
-            text[i] == '%' && i + 2 < text.size() && std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2;
+        const bool isEscape = text[i] == '%' && text.size() - i > 2 && std::from_chars(hex, end, byte, 16).ptr == end;
         result += isEscape ? static_cast<char>(byte) : text[i];
         if (isEscape) i += 2;
     }

@@ -1,9 +1,5 @@
 #pragma once
-
 #include <qvtp/easy/Headers.h>
-#include <qvtp/server/QvtpServer.h>
-#include <qvtp/server/QvtpServerRequest.h>
-
 #include <chrono>
 #include <functional>
 #include <limits>
@@ -14,55 +10,44 @@ class Reply;
 using Limits = Quovane::Qvtp::QvtpServer::Limits;     ///< what one request may take; all 0: without limit
 using Peer = Quovane::Qvtp::QvtpServerRequest::Peer;  ///< who has connected; what is not known is -1
 using Milliseconds = std::chrono::milliseconds;       ///< of all time-outs; 0 waits without limit
-
 /// How far a streamed body has come.
 struct Progress {
     std::uint64_t bytes = 0;  ///< so far
     std::int64_t total = -1;  ///< of the whole body; -1 if it is not known
 };
-
 /// What holds for all calls of a client.
 struct ClientOptions {
-    /// How long a call waits for its reply, and for each pause within it.
-    Milliseconds timeout = std::chrono::seconds(30);
-    /// How long a call waits for a busy server to take the connection. Below 0, the default: as long as for the reply.
-    Milliseconds connectTimeout{-1};
-    /// A connection that was idle for longer is not used again. The server's idle time-out should be longer.
-    Milliseconds idleTimeout = std::chrono::seconds(10);
-    /// How often a call that fails as not_sent is made again, and after which pause. No other kind begins that, so that
-    /// no handler sees a request twice.
-    int retries = 0;
-    Milliseconds retryPause{100};
+    Milliseconds timeout = std::chrono::seconds(30);  ///< how long a call waits for its reply, and each pause within
+    Milliseconds connectTimeout{-1};  ///< how long it waits for a busy server to take it; below 0: the same
+    Milliseconds idleTimeout =
+        std::chrono::seconds(10);  ///< a connection idle for longer is closed; less than the server's
+    int retries = 0;               ///< how often a call that fails as not_sent is made again; no other kind is
+    Milliseconds retryPause{100};  ///< before each
 };
-
-/// What holds for one call. The callbacks run on the caller's thread, during the call. What they throw leaves the call
-/// as it is and ends the connection: then the server sees a body that is cut off.
+/// What holds for one call. The callbacks run during it, on its thread. What they throw leaves it as it is, and cuts
+/// off what is being sent.
 struct CallOptions {
     Headers headers;
-    Milliseconds timeout{-1};         ///< as in ClientOptions, for this call; below 0: as there
-    Milliseconds connectTimeout{-1};  ///< the same
-    /// After each piece of a streamed body that was taken for sending.
-    std::function<void(const Progress&)> onSent;
+    Milliseconds timeout{-1};                     ///< as in ClientOptions, for this call; below 0: as there
+    Milliseconds connectTimeout{-1};              ///< the same
+    std::function<void(const Progress&)> onSent;  ///< after each piece of a streamed body
     /// For a reply of any size: each piece of its body, as it comes. Reply::body() is empty then.
     std::function<void(std::string_view piece, const Progress&)> onPiece;
-    /// The same as a stream, which throws Error: called once, with the reply's head.
+    /// The same as a stream, called once. What reading it throws becomes an Error when it leaves.
     std::function<void(const Reply& head, std::istream& body)> onStream;
 };
-
 /// What holds for a server.
 struct ServerOptions {
-    /// How many connections are served at once, each by a thread; 3 at least. 0, the default: four for each processor
-    /// of the machine, from 16 to 256. With more clients than that, silent ones make room for those that wait.
-    int workers = 0;
+    /// How many connections are served at once, each by a thread; 3 at least. By default four for each processor of the
+    /// machine, from 16 to 256. With more clients than that, silent ones make room for those that wait.
+    int workers = static_cast<int>(std::clamp(std::thread::hardware_concurrency() * 4, 16U, 256U));
     Limits limits;
     Milliseconds idleTimeout = std::chrono::seconds(13);    ///< a connection without a new request is closed
     Milliseconds receiveTimeout = std::chrono::seconds(3);  ///< the longest pause within the body of a request
 };
-
 /// What a server has done since it was made, and what it does now.
 struct ServerCounters {
-    std::uint64_t posts = 0;
-    std::uint64_t notifies = 0;
+    std::uint64_t posts = 0, notifies = 0;
     std::uint64_t notFound = 0;       ///< of both, those without a handler: 404, or dropped
     std::uint64_t wrongMethod = 0;    ///< those that have one for the other kind only: 501, or dropped
     std::uint64_t handlerErrors = 0;  ///< handlers that have thrown: 500, or dropped
@@ -70,10 +55,7 @@ struct ServerCounters {
     int connections = 0;              ///< open now, those that have just ended included
     int workers = 0;                  ///< the most connections at once
 };
-
-namespace detail {
-inline int millisecondsOf(Milliseconds time) {
+inline int numberOf(Milliseconds time) {
     return static_cast<int>(std::clamp<Milliseconds::rep>(time.count(), 0, std::numeric_limits<int>::max()));
 }
-}  // namespace detail
 }  // namespace qvtp

@@ -1,11 +1,5 @@
 #pragma once
-
-#include <qvtp/easy/Headers.h>
-
-#include <functional>
-#include <istream>
-#include <memory>
-#include <ostream>
+#include <qvtp/easy/Options.h>
 
 namespace qvtp {
 /// The answer to a POST: what a handler returns, and what Client::post() returns. A value.
@@ -22,8 +16,7 @@ class Reply {
     /// reads nothing until all of that is written. A writer that throws cuts the body off.
     static Reply stream(Writer writer) {
         Reply reply;
-        reply.writer_ = std::move(writer);
-        return reply;
+        return reply.writer_ = std::move(writer), reply;
     }
     /// The same from a stream, to its end. One that goes bad before cuts the body off.
     static Reply stream(std::shared_ptr<std::istream> source) {
@@ -34,11 +27,9 @@ class Reply {
     }
     int status() const { return status_; }
     bool ok() const { return status_ >= 200 && status_ < 300; }
-    /// What the server gave; what setReason() has set.
-    const std::string& reason() const { return reason_; }
+    const std::string& reason() const { return reason_; }  ///< as it was received or set
     const Headers& headers() const { return headers_; }
-    /// The value of a header in whatever case, or an empty text.
-    std::string header(std::string_view name) const { return valueOf(headers_, name); }
+    std::string header(std::string_view name) const { return valueOf(headers_, name); }  ///< as valueOf()
     const std::string& body() const& { return body_; }
     std::string body() && { return std::move(body_); }
     const Writer& writer() const { return writer_; }  ///< null unless stream() made the reply
@@ -51,9 +42,8 @@ class Reply {
 
   private:
     int status_ = 200;
-    std::string reason_;
+    std::string reason_, body_;
     Headers headers_;
-    std::string body_;
     Writer writer_;
 };
 }  // namespace qvtp

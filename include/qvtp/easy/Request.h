@@ -1,15 +1,11 @@
 #pragma once
-
 #include <qvtp/easy/Options.h>
-
-#include <istream>
 #include <optional>
 
-namespace qvtp {
-namespace detail {
+namespace qvtp::detail {
 class Dispatcher;
 }
-
+namespace qvtp {
 /// A request as a handler sees it: on the handler's thread, during its call. Copy out what is needed longer.
 class Request {
   public:
@@ -21,10 +17,8 @@ class Request {
     /// What follows the prefix of the handler's route; empty if the route is a whole resource.
     std::string rest() const { return resource_.substr(prefixLength_); }
     const Headers& headers() const { return headers_; }
-    /// The value of a header in whatever case, or an empty text.
-    std::string header(std::string_view name) const { return valueOf(headers_, name); }
-    /// The process that has opened the connection, on Linux also its user and group: the system says so, not the
-    /// client.
+    std::string header(std::string_view name) const { return valueOf(headers_, name); }  ///< as valueOf()
+    /// The process that has connected, on Linux also its user and group: the system says so, not the client.
     Peer peer() const { return in_.getPeer(); }
     /// The whole body, read at the first call. If the connection fails meanwhile, let the exception pass: nobody is
     /// left to be answered. A body that its client streams and cuts off ends early, and nothing shows that here: where
@@ -35,8 +29,7 @@ class Request {
         body_ = detail::bodyOf(in_);
         return hasFailed_ = false, *body_;
     }
-    /// The body as a stream, for any size; instead of body(). What was said of a body that is cut off goes for all
-    /// here.
+    /// The body as a stream, of any size; instead of body(). Here any body that is cut off ends early.
     std::istream& stream() const { return *(stream_ = in_.getBodyStream()); }
 
   private:

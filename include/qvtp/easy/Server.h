@@ -1,9 +1,5 @@
 #pragma once
-
 #include <qvtp/easy/Dispatcher.h>
-#include <qvtp/platform/StopSignal.h>
-
-#include <atomic>
 #include <future>
 
 namespace qvtp {
@@ -13,23 +9,19 @@ namespace qvtp {
 ///     server.onPost("/hello", [](const qvtp::Request& r) { return qvtp::Reply("Hello " + r.body()); });
 ///     server.runUntilSignal();
 ///
-/// The constructor takes the name: from then on clients connect, and wait. Handlers run on threads of the server,
-/// several at once, one for each connection (ServerOptions::workers). What a handler throws costs its request alone: a
-/// POST is answered with 500, and its connection is closed.
+/// Handlers run on threads of the server, several at once, one for each connection. What one throws costs its request
+/// alone: a POST is answered with 500, and its connection is closed.
 ///
-/// All functions may be called from any thread, in any order and repeatedly; none waits for ever but for a drain
-/// without limit. In a handler, stop() does not wait, start() and runUntilSignal() throw misuse, and the server must
-/// not be destroyed. A handler that does not return holds a stop up for some fourteen seconds; then its thread is left
-/// alone. In a forked child a server of the parent does nothing: make another.
+/// All functions may be called from any thread, in any order and repeatedly. None waits for ever but for a drain
+/// without limit: a handler that does not return holds a stop up for some fourteen seconds, then its thread is left
+/// alone. In a handler, stop() does not wait, start() and runUntilSignal() throw misuse, and the server must not be
+/// destroyed. In a forked child a server of the parent does nothing: make another.
 class Server {
   public:
-    /// Takes the name. Throws Error: name_taken, bad_directory, misuse (no pipe can have the name), denied (the system
-    /// refuses, or is short of something).
+    /// Takes the name: from now on clients connect, and wait. Throws Error: name_taken, bad_directory, misuse (no pipe
+    /// can have the name), denied (the system refuses, or is short of something).
     explicit Server(std::string pipeName, ServerOptions options = {})
         : pipeName_(std::move(pipeName)), options_(std::move(options)), run_(takeName()) {}
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
-    /// Does what stop() does.
     ~Server() {
         stop();
         if (process_ != detail::io::currentProcessId()) new std::shared_ptr<Run>(run_);  // its thread is the parent's
@@ -53,7 +45,7 @@ class Server {
     /// Begins to serve, and returns. Nothing if it serves already. After a stop it takes the name again. Throws as the
     /// constructor; denied also if there are no threads.
     void start() {
-        refuseInHandler();
+        require(!dispatcher_->isInHandler(), "A handler cannot start its own server.");
         if (const auto run = current(); run != nullptr && run->stopped) stop();  // the rest of a stop from a handler
         const std::lock_guard<std::mutex> guard(mutex_);
         if (run_ == nullptr) run_ = takeName();
@@ -70,26 +62,24 @@ class Server {
         if (run_ == nullptr) throwWhyNot();
     }
     /// Ends serving and gives the name up. `drain`: how long requests that have begun to arrive may take to be served,
-    /// 0 without limit; below 0, the default, they are cut off. True if none was. It may come before start(). One that
-    /// cuts off ends the drain of another thread. In a handler it cuts off, returns false, and waits for nothing: the
-    /// next start(), stop() or the destruction does.
+    /// 0 without limit; below 0, the default, they are cut off, and so is another thread's drain. True if none was. In
+    /// a handler it cuts off, returns false, and leaves the waiting to the next start(), stop() or the destruction.
     bool stop(Milliseconds drain = Milliseconds(-1)) {
         const std::shared_ptr<Run> run = current();
         if (run == nullptr || process_ != detail::io::currentProcessId()) return true;
         run->stopped = true;
         if (dispatcher_->isInHandler()) return run->server.shutdown(), false;
         const bool isWhole = run->stop(drain);
-        if (run->ended.valid()) run->ended.wait();
+        waitFor(*run);
         const std::lock_guard<std::mutex> guard(mutex_);
         if (run_ == run) run_ = nullptr;
         return isWhole;
     }
-    /// start(), waits for SIGINT or SIGTERM (on Windows Ctrl-C, Ctrl-Break, the end of the console or the session), and
-    /// stops with this drain. It returns also when somebody else stops the server. After the first signal the handling
-    /// of signals is what it was before: a second one ends the process as ever. What the process ignores stays ignored.
-    /// True if no request was cut off.
+    /// start(), waits for SIGINT or SIGTERM (on Windows Ctrl-C, Ctrl-Break, the end of the console or session) or for
+    /// the stop() of another, and stops with this drain, with its result. The first signal gives the handling of
+    /// signals back: a second one ends the process as ever. A signal that the process ignores stays ignored.
     bool runUntilSignal(Milliseconds drain = std::chrono::seconds(10)) {
-        refuseInHandler();
+        require(!dispatcher_->isInHandler(), "A handler cannot start its own server.");
         auto signal = std::make_shared<detail::io::StopSignal>();  // before the start: none is missed
         const std::weak_ptr<detail::io::StopSignal> wait = signal;
         start();
@@ -99,7 +89,7 @@ class Server {
             signal.reset();
             return isWanted ? stop(drain) : stop();
         });
-        if (run != nullptr) run->ended.wait();
+        if (run != nullptr) waitFor(*run);
         if (const auto waiting = wait.lock()) waiting->wake();
         return stopping.get();
     }
@@ -109,72 +99,68 @@ class Server {
     }
     ServerCounters counters() const {
         ServerCounters counters = dispatcher_->counters();
-        counters.workers = workers();
+        counters.workers = options_.workers;
         if (const std::shared_ptr<Run> run = current()) counters.connections = run->server.totalRequestProcessors();
         return counters;
     }
 
   private:
-    using Native = Quovane::Qvtp::QvtpServer;
     /// From the taking of the name to its giving up.
     struct Run {
-        Run(const std::string& pipeName, const ServerOptions& options, int workers,
-            std::shared_ptr<detail::Dispatcher> handler)
+        Run(const std::string& pipeName, const ServerOptions& options, std::shared_ptr<detail::Dispatcher> handler)
             : dispatcher(std::move(handler)), server(pipeName, 1) {
             server.setHandler(dispatcher.get());
-            server.setUnhandledExceptionPolicy(Native::ANSWER);
+            server.setUnhandledExceptionPolicy(server.ANSWER);
             server.setMakeRoom(true);
             server.setLimits(options.limits);
-            server.setOption(Native::MAX_REQUEST_PROCESSORS, workers);
-            server.setOption(Native::IDLE_TIMEOUT, detail::millisecondsOf(options.idleTimeout));
-            server.setOption(Native::RECEIVE_TIMEOUT, detail::millisecondsOf(options.receiveTimeout));
+            server.setOption(server.MAX_REQUEST_PROCESSORS, options.workers);
+            server.setOption(server.IDLE_TIMEOUT, numberOf(options.idleTimeout));
+            server.setOption(server.RECEIVE_TIMEOUT, numberOf(options.receiveTimeout));
         }
         ~Run() { stop(Milliseconds(-1)); }
         /// A drain ends a server in every state, a shutdown() only one that runs; but it ends a drain too.
         bool stop(Milliseconds drain) {
-            const bool isWhole = server.drain(drain.count() < 0 ? 1 : detail::millisecondsOf(drain));
+            const bool isWhole = server.drain(drain.count() < 0 ? 1 : numberOf(drain));
             if (drain.count() < 0) server.shutdown();
             return isWhole;
         }
         const std::shared_ptr<detail::Dispatcher> dispatcher;  // outlives the server
-        Native server;
+        detail::exact::QvtpServer server;
         std::atomic<bool> stopped{false};
-        std::shared_future<void> ended;  // not valid before the start; outlived by the server
+        std::shared_future<void> ended;  // not valid before the start; guarded by mutex_; goes before the server
     };
-    int workers() const {
-        const unsigned wanted = std::clamp(std::thread::hardware_concurrency() * 4, 16U, 256U);
-        return options_.workers > 0 ? std::max(options_.workers, 3) : static_cast<int>(wanted);
-    }
     std::shared_ptr<Run> current() const {
         const std::lock_guard<std::mutex> guard(mutex_);
         return run_;
     }
-    detail::Dispatcher& settable() const {
-        const std::shared_ptr<Run> run = current();
-        if (run == nullptr || !run->ended.valid()) return *dispatcher_;
-        throw Error(ErrorKind::misuse, "Handlers of the pipe \"" + pipeName_ + "\" are set before its server runs.");
+    void waitFor(const Run& run) const {
+        std::unique_lock<std::mutex> lock(mutex_);
+        const std::shared_future<void> ended = run.ended;
+        lock.unlock();
+        if (ended.valid()) ended.wait();
     }
-    void refuseInHandler() const {
-        if (!dispatcher_->isInHandler()) return;
-        throw Error(ErrorKind::misuse, "A handler of the pipe \"" + pipeName_ + "\" cannot start its own server.");
+    void require(bool isRight, const char* text) const {
+        if (!isRight) throw detail::errorOf(ErrorKind::misuse, pipeName_, text);
+    }
+    detail::Dispatcher& settable() const {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        require(run_ == nullptr || !run_->ended.valid(), "Handlers are set before the server runs.");
+        return *dispatcher_;
     }
     /// The library's server does not say whether it has got the name.
     std::shared_ptr<Run> takeName() const {
         using State = detail::io::PipeFacts::State;
         const State before = detail::io::findPipeFacts(pipeName_).state;
         if (before != State::FREE && before != State::NO_DIRECTORY) throwWhyNot();
-        auto run = std::make_shared<Run>(pipeName_, options_, workers(), dispatcher_);
+        auto run = std::make_shared<Run>(pipeName_, options_, dispatcher_);
         if (detail::io::findPipeFacts(pipeName_).state != State::SERVED) throwWhyNot();
         return run;
     }
     [[noreturn]] void throwWhyNot() const {
-        using State = detail::io::PipeFacts::State;
-        ErrorKind kind = ErrorKind::denied;
-        const State state = detail::io::findPipeFacts(pipeName_).state;
-        if (state == State::SERVED) kind = ErrorKind::name_taken;
-        if (state == State::BAD_NAME) kind = ErrorKind::misuse;
-        if (state == State::NO_DIRECTORY || state == State::BAD_DIRECTORY) kind = ErrorKind::bad_directory;
-        throw detail::errorOf(kind, pipeName_, "The server cannot start.");
+        constexpr ErrorKind KINDS[] = {ErrorKind::denied,        ErrorKind::name_taken,    ErrorKind::misuse,
+                                       ErrorKind::bad_directory, ErrorKind::bad_directory, ErrorKind::denied};
+        const auto state = static_cast<int>(detail::io::findPipeFacts(pipeName_).state);
+        throw detail::errorOf(KINDS[state], pipeName_, "The server cannot start.");
     }
     const std::string pipeName_;
     const ServerOptions options_;
