@@ -72,5 +72,28 @@ TEST_F(EasyProcesses, AreSeenByTheServerAsPeers) {
     EXPECT_EQ(client.post("/peer").body(), std::to_string(Quovane::Io::currentProcessId()));
 }
 
+#ifdef QVTP_EASY_SERVER
+TEST_F(EasyProcesses, AreTheExamples) {
+    const Process server(QVTP_EASY_SERVER, {name}, directory + "/server.txt");
+    const auto ask = [&](const std::vector<std::string>& arguments, int exitCode) {
+        const std::string output = directory + "/client.txt";
+        std::vector<std::string> all = {name};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        EXPECT_EQ(Process(QVTP_EASY_CLIENT, all, output).wait(), exitCode);
+        return contentsOfFile(output);
+    };
+    ASSERT_TRUE(eventually([&] { return kindOf([&] { client.post("/notes/x"); }) == "nothing"; }));
+    EXPECT_EQ(ask({"/notes/a%20b", "kept"}, 0), "200 OK\n");
+    EXPECT_EQ(ask({"/notes/a%20b", ""}, 0), "kept200 OK\n");
+    EXPECT_EQ(ask({"/notes/b", ""}, 1), "There is no note b.404 Not Found\n");
+    EXPECT_EQ(ask({"/lines", "one\ntwo\nthree"}, 0), "3200 OK\n");
+    EXPECT_EQ(ask({"/numbers", "3"}, 0), "1\n2\n3\n200 OK\n");
+    EXPECT_EQ(ask({"/numbers", "x"}, 1), "500 Internal Server Error\n");
+    EXPECT_EQ(ask({"/log", "-n", "noted"}, 0), "");
+    EXPECT_TRUE(
+        eventually([&] { return contentsOfFile(directory + "/server.txt").find("noted\n") != std::string::npos; }));
+}
+#endif
+
 }  // namespace
 }  // namespace qvtp_test

@@ -38,8 +38,8 @@ struct CallOptions {
 };
 /// What holds for a server.
 struct ServerOptions {
-    /// How many connections are served at once, each by a thread; 3 at least. By default four for each processor of the
-    /// machine, from 16 to 256. With more clients than that, silent ones make room for those that wait.
+    /// How many connections are served at once, each by a thread; 3 at least, 0: no limit. By default four for each
+    /// processor of the machine, from 16 to 256. With more clients, silent ones make room for those that wait.
     int workers = static_cast<int>(std::clamp(std::thread::hardware_concurrency() * 4, 16U, 256U));
     Limits limits;
     Milliseconds idleTimeout = std::chrono::seconds(13);    ///< a connection without a new request is closed
@@ -53,7 +53,7 @@ struct ServerCounters {
     std::uint64_t handlerErrors = 0;  ///< handlers that have thrown: 500, or dropped
     std::uint64_t inHandlers = 0;     ///< requests that are handled now
     int connections = 0;              ///< open now, those that have just ended included
-    int workers = 0;                  ///< the most connections at once
+    int workers = 0;                  ///< as in ServerOptions
 };
 inline int numberOf(Milliseconds time) {
     return static_cast<int>(std::clamp<Milliseconds::rep>(time.count(), 0, std::numeric_limits<int>::max()));

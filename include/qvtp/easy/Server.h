@@ -15,7 +15,7 @@ namespace qvtp {
 /// All functions may be called from any thread, in any order and repeatedly. None waits for ever but for a drain
 /// without limit: a handler that does not return holds a stop up for some fourteen seconds, then its thread is left
 /// alone. In a handler, stop() does not wait, start() and runUntilSignal() throw misuse, and the server must not be
-/// destroyed. In a forked child a server of the parent does nothing: make another.
+/// destroyed. In a forked child a server of the parent does nothing: make another. The destructor calls stop().
 class Server {
   public:
     /// Takes the name: from now on clients connect, and wait. Throws Error: name_taken, bad_directory, misuse (no pipe
