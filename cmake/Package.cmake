@@ -1,0 +1,62 @@
+# What `cpack` makes: Debian packages of an installation below /usr (scripts/package), on Windows a zip.
+set(CPACK_PACKAGE_NAME libqvtp)
+set(CPACK_PACKAGE_VENDOR "libqvtp maintainers")
+set(CPACK_PACKAGE_CONTACT "libqvtp maintainers <maintainers@libqvtp.example>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Requests between processes of one host over local pipes")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_VERBATIM_VARIABLES ON)
+set(CPACK_STRIP_FILES ON)
+
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+  include(CPack)
+  return()
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_COMPONENTS_ALL runtime development tools documentation)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+
+# describe(component package section text): the text without its first line, which is the summary.
+macro(describe component package section text)
+  set(CPACK_DEBIAN_${component}_PACKAGE_NAME ${package})
+  set(CPACK_DEBIAN_${component}_PACKAGE_SECTION ${section})
+  set(CPACK_COMPONENT_${component}_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION_SUMMARY}\n${text}")
+endmacro()
+set(about "libqvtp carries requests and responses between processes of one host.")
+describe(RUNTIME libqvtp1 libs "${about}\nThis package has the library, and its module for configuration files.")
+describe(DEVELOPMENT libqvtp-dev libdevel "${about}\nThis package has what applications are built with.")
+describe(TOOLS qvtp-tools utils "${about}\nThis package has the program qvtp, which sends requests and serves pipes.")
+describe(DOCUMENTATION libqvtp-doc doc "${about}\nThis package has the guides.")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libqvtp1 (= ${PROJECT_VERSION}-1), libpoco-dev")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
+# Which packages have a program or library to split symbols from.
+set(CPACK_DEBIAN_RUNTIME_DEBUGINFO_PACKAGE ON)
+set(CPACK_DEBIAN_TOOLS_DEBUGINFO_PACKAGE ON)
+set(CPACK_DEBIAN_DEVELOPMENT_DEBUGINFO_PACKAGE OFF)
+set(CPACK_DEBIAN_DOCUMENTATION_DEBUGINFO_PACKAGE OFF)
+# cpack looks for the library of a package in those of the others.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libqvtp1 (= ${PROJECT_VERSION}-1)")
+
+# What every Debian package has to have.
+find_program(GZIP gzip REQUIRED)
+set(changelog ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
+execute_process(COMMAND ${GZIP} -9nc ${PROJECT_SOURCE_DIR}/packaging/changelog OUTPUT_FILE ${changelog})
+foreach(pair runtime=libqvtp1 development=libqvtp-dev tools=qvtp-tools documentation=libqvtp-doc)
+  string(REPLACE "=" ";" pair ${pair})
+  list(GET pair 0 component)
+  list(GET pair 1 package)
+  install(FILES ${changelog} ${PROJECT_SOURCE_DIR}/packaging/copyright DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package}
+          COMPONENT ${component} EXCLUDE_FROM_ALL)
+endforeach()
+
+include(CPack)
