@@ -1,0 +1,133 @@
+// Any bytes as the configuration file: it is read or it is not, with a line then. What it says is applied, or the
+// parser's NumberFormatException comes out.
+
+#include <qvtp/client/QvtpClient.h>
+#include <qvtp/message/QvtpMessage.h>
+#include <qvtp/server/QvtpServer.h>
+
+#include "config/ConfigurationDocument.h"
+
+#include <xercesc/util/NumberFormatException.hpp>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <initializer_list>
+#include <string>
+
+namespace {
+
+using namespace Quovane::Qvtp;
+using Quovane::Internal::Qvtp::ConfigurationDocument;
+
+constexpr int KEPT = 987654321;  // no file says that
+
+void require(bool condition) {
+    if (!condition) std::abort();
+}
+
+/// What a document refers to would be fetched, and what it defines may grow without bound: it is as trusted as the
+/// program. Letters may have zeros between them.
+bool refersOrDefines(std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());
+    for (const char* const word : {"SYSTEM", "PUBLIC", "ENTITY"}) {
+        if (text.find(word) != text.npos) return true;
+    }
+    return false;
+}
+
+/// A file in memory.
+class File {
+  public:
+    explicit File(const char* name) : fd_(::memfd_create(name, MFD_CLOEXEC)) {}
+    std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+    void set(const std::uint8_t* data, std::size_t size) const {
+        require(::ftruncate(fd_, 0) == 0);
+        require(::pwrite(fd_, data, size, 0) == static_cast<ssize_t>(size));
+    }
+    std::size_t size() const { return static_cast<std::size_t>(::lseek(fd_, 0, SEEK_END)); }
+
+  private:
+    int fd_;
+};
+
+/// The options of a target that an entry was applied to, as text; or that a value was no number.
+template <typename Target, typename Option>
+std::string applied(const ConfigurationDocument& document, Target& target, std::initializer_list<Option> options,
+                    const std::string& function, const std::string& component) {
+    for (const Option option : options) target.setOption(option, KEPT);
+    std::string result;
+    try {
+        document.apply(target, function, component);
+    } catch (const xercesc::NumberFormatException&) {
+        return "no number";
+    }
+    for (const Option option : options) result += std::to_string(target.getIntegerOption(option)) + " ";
+    return result;
+}
+
+std::string appliedToBoth(const ConfigurationDocument& document, const std::string& function,
+                          const std::string& component) {
+    static QvtpClient client;
+    static QvtpServer server("configuration-" + std::to_string(::getpid()), 1);
+    return applied(document, client,
+                   {QvtpClient::CONNECTION_TIMEOUT, QvtpClient::IDLE_TIMEOUT, QvtpClient::BUFFER_SIZE}, function,
+                   component) +
+           applied(document, server,
+                   {QvtpServer::MAX_REQUEST_PROCESSORS, QvtpServer::ACCEPT_TIMEOUT, QvtpServer::IDLE_TIMEOUT,
+                    QvtpServer::RECEIVE_TIMEOUT, QvtpServer::BUFFER_SIZE},
+                   function, component);
+}
+
+std::string attributeOf(const ConfigurationDocument::Entry& entry, const std::string& name) {
+    for (const auto& attribute : entry.attributes) {
+        if (attribute.name == name) return attribute.value;
+    }
+    return "";
+}
+
+const std::string& unchanged() {
+    static const std::string text = [] {
+        std::string result;
+        for (int i = 0; i < 8; ++i) result += std::to_string(KEPT) + " ";
+        return result;
+    }();
+    return text;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const File file("configuration");
+    static const File log("log");
+    static std::FILE* const errors = [] {
+        ::setenv("QVTP_PIPE_DIR", "/tmp/qvtp-fuzz-pipes", 0);  // scripts/fuzz has one that it removes
+        ::setenv("QvtpConfigurationFile", file.path().c_str(), 1);
+        std::FILE* const opened = std::fopen(log.path().c_str(), "w");
+        QvtpMessage::setLoggingLevel(opened, LoggingLevel::ERROR, nullptr, CommunicationLevel::OFF);
+        return opened;
+    }();
+    require(errors != nullptr);
+    if (refersOrDefines(std::string(data, data + size))) return 0;
+    file.set(data, size);
+    std::rewind(errors);
+    log.set(nullptr, 0);
+
+    ConfigurationDocument document, again;
+    document.load();
+    require(document.isRead() || log.size() > 0);
+    again.load();
+    require(again.isRead() == document.isRead() && again.entries().size() == document.entries().size());
+    if (!document.isRead()) require(document.entries().empty() && appliedToBoth(document, "F", "C") == unchanged());
+    for (const auto& entry : document.entries()) {
+        const std::string function = attributeOf(entry, "function");
+        const std::string component = attributeOf(entry, "component");
+        const std::string result = appliedToBoth(document, function, component);
+        require(appliedToBoth(again, function, component) == result);
+    }
+    return 0;
+}
