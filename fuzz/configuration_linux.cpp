@@ -40,6 +40,12 @@ bool refersOrDefines(std::string text) {
     return false;
 }
 
+/// Whether it is in UTF-8, as far as that can be seen.
+bool isPlain(const std::string& text) {
+    const bool hasMark = !text.empty() && static_cast<unsigned char>(text[0]) >= 0x80;
+    return !hasMark && text.find('\0') == text.npos && text.find("encoding") == text.npos;
+}
+
 /// A file in memory.
 class File {
   public:
@@ -49,6 +55,7 @@ class File {
         require(::ftruncate(fd_, 0) == 0);
         require(::pwrite(fd_, data, size, 0) == static_cast<ssize_t>(size));
     }
+    void append(char c) const { require(::pwrite(fd_, &c, 1, static_cast<off_t>(size())) == 1); }
     std::size_t size() const { return static_cast<std::size_t>(::lseek(fd_, 0, SEEK_END)); }
 
   private:
@@ -112,7 +119,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return opened;
     }();
     require(errors != nullptr);
-    if (refersOrDefines(std::string(data, data + size))) return 0;
+    const std::string text(data, data + size);
+    if (refersOrDefines(text)) return 0;
     file.set(data, size);
     std::rewind(errors);
     log.set(nullptr, 0);
@@ -128,6 +136,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const std::string component = attributeOf(entry, "component");
         const std::string result = appliedToBoth(document, function, component);
         require(appliedToBoth(again, function, component) == result);
+    }
+
+    // Nothing that ends like this is well-formed, unless it means another character. What was read before is not kept.
+    if (isPlain(text)) {
+        file.append('<');
+        ConfigurationDocument cut;
+        cut.load();
+        require(!cut.isRead() && cut.entries().empty());
     }
     return 0;
 }

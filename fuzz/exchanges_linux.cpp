@@ -32,7 +32,7 @@ using namespace Quovane::Qvtp;
 
 constexpr std::size_t MOST = 8;                // exchanges
 constexpr std::size_t LARGEST_BODY = 1 << 20;  // a larger one is not read as a block
-constexpr int TIMEOUT_MS = 20;
+constexpr int TIMEOUT_MS = 5;
 constexpr char FIRST_MARK = 0x10;  // and the seven after it; they come through every conversion of texts as they are
 
 void require(bool condition) {
