@@ -97,6 +97,7 @@ TEST_F(StopSignals, ThatAreIgnoredStaySo) {
 }
 
 TEST_F(StopSignals, DoInAForkedChildWhatTheyDidBefore) {
+    if (QVTP_SANITIZED) GTEST_SKIP() << "a sanitizer delays handlers";
     StopSignal stop;
     const int result = resultInChild([] {
         ::raise(SIGTERM);
@@ -107,6 +108,7 @@ TEST_F(StopSignals, DoInAForkedChildWhatTheyDidBefore) {
 }
 
 TEST_F(StopSignals, AreTheChildsOwnInAForkedChild) {
+    if (QVTP_SANITIZED) GTEST_SKIP() << "a sanitizer delays handlers";
     StopSignal stop;
     const int result = resultInChild([] {
         std::optional<StopSignal> own(std::in_place);

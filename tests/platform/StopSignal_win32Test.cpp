@@ -19,7 +19,7 @@ BOOL WINAPI handle(DWORD) {
 }
 
 /// With a console and a handler of the application's own.
-class StopSignals : public ::testing::Test {
+class ConsoleSignals : public ::testing::Test {
   protected:
     void SetUp() override {
         ::FreeConsole();  // of the tests, which a signal would end
@@ -35,14 +35,14 @@ class StopSignals : public ::testing::Test {
     bool press(DWORD key) { return ::GenerateConsoleCtrlEvent(key, 0) != 0; }
 };
 
-TEST_F(StopSignals, EndTheWait) {
+TEST_F(ConsoleSignals, EndTheWait) {
     StopSignal stop;
     ASSERT_TRUE(press(CTRL_C_EVENT));
     EXPECT_EQ(stop.wait(20000), 2);
     EXPECT_EQ(handled, 0);
 }
 
-TEST_F(StopSignals, AreHandledAsBeforeAfterTheLastObject) {
+TEST_F(ConsoleSignals, AreHandledAsBeforeAfterTheLastObject) {
     { const StopSignal stop; }
     ASSERT_TRUE(press(CTRL_C_EVENT));
     for (int i = 0; i < 2000 && handled == 0; ++i) ::Sleep(10);
