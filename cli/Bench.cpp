@@ -42,6 +42,7 @@ class Bench : public Command {
     int run() override {
         const Clock::time_point begin = Clock::now();
         std::vector<std::thread> threads;
+        threads.reserve(static_cast<std::size_t>(clients_));
         for (int i = 0; i < clients_; ++i) threads.emplace_back([this] { sendSome(); });
         for (std::thread& thread : threads) thread.join();
         if (failure_ != nullptr) std::rethrow_exception(failure_);

@@ -4,7 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include <functional>
+#include <algorithm>
+#include <limits>
 #include <memory>
 
 namespace qvtp::cli {
@@ -25,10 +26,11 @@ std::unique_ptr<Command> makePing();
 std::unique_ptr<Command> makeBench();
 std::unique_ptr<Command> makeCompletion();
 
-/// Seconds of the command line as milliseconds. 0 stays 0, which is without limit; everything else is 1 at least.
+/// Seconds of the command line as milliseconds, 0 to what an int can hold. 0 stays 0, which is without limit;
+/// everything else is 1 at least.
 inline Milliseconds millisecondsOf(double seconds) {
-    const auto time = std::chrono::duration_cast<Milliseconds>(std::chrono::duration<double>(seconds));
-    return seconds > 0 && time.count() == 0 ? Milliseconds(1) : time;
+    constexpr double MOST = std::numeric_limits<int>::max();
+    return Milliseconds(seconds > 0 ? static_cast<int>(std::clamp(seconds * 1000, 1.0, MOST)) : 0);
 }
 
 }  // namespace qvtp::cli

@@ -19,7 +19,7 @@ bool isUtf8(const std::string& text) {
 
 std::string base64Of(const std::string& bytes) {
     std::ostringstream out;
-    Poco::Base64Encoder encoder(out, Poco::BASE64_URL_ENCODING & 0);
+    Poco::Base64Encoder encoder(out, 0);
     encoder.rdbuf()->setLineLength(0);
     encoder.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     encoder.close();

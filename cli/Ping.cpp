@@ -57,7 +57,7 @@ class Ping : public Command {
     /// As a client that only writes, which servers of every direction take but those that only write.
     void connect() const {
         QvPipe pipe;
-        pipe.setConnectTimeout(detail::millisecondsOf(millisecondsOf(timeout_)));
+        pipe.setConnectTimeout(static_cast<int>(millisecondsOf(timeout_).count()));
         try {
             pipe.connect(pipe_, false, true);
         } catch (Quovane::Io::TimeoutException&) {

@@ -58,7 +58,7 @@ ProgramResult runProgram(const std::string& commandLine, const Request& request)
     const std::string shell = "/bin/sh";
     const Poco::Process::Args arguments{"-c", commandLine};
 #endif
-    const std::string body = request.body();
+    const std::string& body = request.body();
     Poco::Pipe in, out;
     Poco::ProcessHandle process = Poco::Process::launch(shell, arguments, &in, &out, nullptr, environmentOf(request));
     const auto fed = std::async(std::launch::async, [&] { feed(in, body); });

@@ -87,8 +87,8 @@ class Serve : public Command {
     void show(const Request& request, const std::string& outcome) {
         if (!isVerbose_) return;
         const std::lock_guard<std::mutex> guard(mutex_);
-        std::cerr << request.method() << " " << request.resource() << " from process " << request.peer().processId << ": "
-                  << outcome << std::endl;
+        std::cerr << request.method() << " " << request.resource() << " from process " << request.peer().processId
+                  << ": " << outcome << std::endl;
     }
 
     void report(const ServerCounters& counters) const {

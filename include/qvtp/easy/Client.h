@@ -16,8 +16,8 @@ class Client {
     /// `timeout`: how long each call waits for a busy server, then for the reply, and for each pause within that.
     explicit Client(std::string pipeName, Milliseconds timeout = ClientOptions().timeout)
         : Client(std::move(pipeName), ClientOptions{timeout}) {}
-    Client(std::string pipeName, ClientOptions options)
-        : pipeName_(std::move(pipeName)), options_(std::move(options)), connections_(options_.idleTimeout) {}
+    Client(std::string pipeName, const ClientOptions& options)
+        : pipeName_(std::move(pipeName)), options_(options), connections_(options_.idleTimeout) {}
     /// Sends a POST and waits for the reply. `resource`: what it is about, in the server's own terms, UTF-8, not empty,
     /// without blanks and control characters (misuse): percentEncode() what may have some.
     Reply post(const std::string& resource, const Body& body = "", const CallOptions& options = {}) {

@@ -60,9 +60,9 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
         }
         return found != routes.end() ? &found->second : nullptr;
     }
-    static Reply checked(Reply reply) {
+    static Reply checked(Reply&& reply) {
         if (reply.status() < 100 || reply.status() > 999) throw Error(ErrorKind::misuse, "No status of a reply.");
-        return checkHeaders(reply.headers()), reply;
+        return checkHeaders(reply.headers()), std::move(reply);
     }
     Reply refuse(const Request& request, const Handler* other) {
         count(other != nullptr ? &ServerCounters::wrongMethod : &ServerCounters::notFound);

@@ -19,7 +19,7 @@ class Reply {
         return reply.writer_ = std::move(writer), reply;
     }
     /// The same from a stream, to its end. One that goes bad before cuts the body off.
-    static Reply stream(std::shared_ptr<std::istream> source) {
+    static Reply stream(const std::shared_ptr<std::istream>& source) {
         return stream([source](std::ostream& out) {
             for (char piece[4096]; source->good();) out.write(piece, source->read(piece, sizeof piece).gcount());
             if (!source->eof()) throw std::runtime_error("The stream of a reply has failed before its end.");

@@ -20,11 +20,11 @@ class Server {
   public:
     /// Takes the name: from now on clients connect, and wait. Throws Error: name_taken, bad_directory, misuse (no pipe
     /// can have the name), denied (the system refuses, or is short of something).
-    explicit Server(std::string pipeName, ServerOptions options = {})
-        : pipeName_(std::move(pipeName)), options_(std::move(options)), run_(takeName()) {}
+    explicit Server(std::string pipeName, const ServerOptions& options = {})
+        : pipeName_(std::move(pipeName)), options_(options), run_(takeName()) {}
     ~Server() {
         stop();
-        if (process_ != detail::io::currentProcessId()) new std::shared_ptr<Run>(run_);  // its thread is the parent's
+        if (process_ != detail::io::currentProcessId()) new (std::nothrow) auto(run_);  // its thread is the parent's
     }
     /// Serves POSTs of this resource, or of all that begin with what stands before a '*' at its end. The whole resource
     /// goes first, then the longest prefix; "*" gets the rest. What has no handler is answered with 404, or with 501 if
