@@ -82,9 +82,18 @@ void HeaderBlock::sortOut() {
     };
     if (std::adjacent_find(records_.begin(), records_.end(), isOutOfOrder) == records_.end()) return;
     std::stable_sort(records_.begin(), records_.end(), isInOrder);
+    try {
+        joinThoseOfOneName();
+    } catch (const std::bad_alloc&) {
+        records_.clear();  // half of it would be in no order
+        throw;
+    }
+}
+
+void HeaderBlock::joinThoseOfOneName() {
     std::size_t last = 0;
     for (std::size_t i = 1; i < records_.size(); ++i) {
-        if (!isInOrder(records_[last], records_[i])) {
+        if (compare(records_[last].getKey(), records_[i].getKey()) == 0) {
             records_[i].forEachValue([&](std::string_view value) { records_[last].addValues(value, memory_); });
         } else if (++last != i) {
             records_[last] = records_[i];
@@ -163,8 +172,7 @@ void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
 void HeaderBlock::sortOutWhatThereIs() noexcept {
     try {
         sortOut();
-    } catch (const std::bad_alloc&) {
-        records_.clear();
+    } catch (const std::bad_alloc&) {  // then there are none
     }
 }
 

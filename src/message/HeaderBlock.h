@@ -49,6 +49,7 @@ class HeaderBlock {
     bool isAt(Records::iterator place, std::string_view key) const;
     const HeaderRecord* recordOf(std::string_view name) const;
     void sortOut();
+    void joinThoseOfOneName();
     void sortOutWhatThereIs() noexcept;
     void readHeader(std::istream& in, std::string_view line, const Utf8String& converter);
 

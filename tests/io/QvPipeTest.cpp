@@ -303,6 +303,21 @@ TEST_F(ConnectedPipe, GivesACopyTheStreamOfAnOriginalThatHasGone) {
     EXPECT_EQ(in->get(), 'x');
 }
 
+TEST_F(ConnectedPipe, GivesACopyTheOutputStreamOfAnOriginalThatHasGone) {
+    auto original = std::make_unique<QvPipe>(client);
+    std::ostream* const out = original->getOutputStream();
+    QvPipe copy(*original);
+    original.reset();
+    copy.connect();
+    QvPipe other;
+    server.accept(other);
+    char area[16];
+    EXPECT_EQ(copy.getOutputStream(), out);
+    out->rdbuf()->pubsetbuf(area, sizeof area);
+    *out << 'x' << std::flush;
+    EXPECT_EQ(other.getInputStream()->get(), 'x');
+}
+
 TEST_F(ConnectedPipe, KeepsNoBufferAreaThatItsOwnerFreed) {
     auto original = std::make_unique<QvPipe>(client);
     auto area = std::make_unique<char[]>(16);

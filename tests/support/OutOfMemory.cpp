@@ -1,5 +1,6 @@
 #include "support/OutOfMemory.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -49,6 +50,22 @@ void release(void* block) noexcept {
     std::free(block);
 }
 
+/// With room before it for where the block really begins.
+void* allocateAligned(std::size_t size, std::align_val_t alignment) {
+    const auto step = static_cast<std::size_t>(alignment);
+    if (step <= __STDCPP_DEFAULT_NEW_ALIGNMENT__) return allocateOrThrow(size);
+    char* const block = static_cast<char*>(allocateOrThrow(size + step + sizeof(void*)));
+    const std::size_t over = reinterpret_cast<std::uintptr_t>(block + sizeof(void*)) % step;
+    void** const aligned = reinterpret_cast<void**>(block + sizeof(void*) + (over > 0 ? step - over : 0));
+    aligned[-1] = block;
+    return aligned;
+}
+
+void releaseAligned(void* block, std::align_val_t alignment) noexcept {
+    const bool isPlain = static_cast<std::size_t>(alignment) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__;
+    release(block == nullptr || isPlain ? block : static_cast<void**>(block)[-1]);
+}
+
 }  // namespace
 
 OutOfMemory::OutOfMemory(long nth, Extent extent, std::size_t smallest) {
@@ -73,7 +90,7 @@ long OutOfMemory::liveBlocks() {
 
 }  // namespace qvtp_test
 
-// All forms, since a sanitizer has its own for those that are missing.
+// All forms but aligned ones that do not throw, since a sanitizer has its own for those that are missing.
 void* operator new(std::size_t size) {
     return qvtp_test::allocateOrThrow(size);
 }
@@ -103,4 +120,22 @@ void operator delete(void* block, const std::nothrow_t&) noexcept {
 }
 void operator delete[](void* block, const std::nothrow_t&) noexcept {
     qvtp_test::release(block);
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    return qvtp_test::allocateAligned(size, alignment);
+}
+void* operator new[](std::size_t size, std::align_val_t alignment) {
+    return qvtp_test::allocateAligned(size, alignment);
+}
+void operator delete(void* block, std::align_val_t alignment) noexcept {
+    qvtp_test::releaseAligned(block, alignment);
+}
+void operator delete[](void* block, std::align_val_t alignment) noexcept {
+    qvtp_test::releaseAligned(block, alignment);
+}
+void operator delete(void* block, std::size_t, std::align_val_t alignment) noexcept {
+    qvtp_test::releaseAligned(block, alignment);
+}
+void operator delete[](void* block, std::size_t, std::align_val_t alignment) noexcept {
+    qvtp_test::releaseAligned(block, alignment);
 }
