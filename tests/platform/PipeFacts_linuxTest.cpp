@@ -29,7 +29,7 @@ class PipeFactsOfFiles : public PipeFiles {
 
 TEST_F(PipeFactsOfFiles, ShowADirectoryThatIsMissing) {
     ASSERT_EQ(::rmdir(directory.c_str()), 0);
-    EXPECT_EQ(reason(State::NO_DIRECTORY), "There is no pipe directory " + directory + ".");
+    EXPECT_EQ(reason(State::NO_DIRECTORY), "There is no pipe directory " + directory + ". A server makes it.");
 }
 
 TEST_F(PipeFactsOfFiles, ShowADirectoryThatOthersMayEnter) {
@@ -62,7 +62,8 @@ TEST_F(PipeFactsOfFiles, ShowWhatIsNoDirectory) {
 TEST_F(PipeFactsOfFiles, ShowALockFileThatIsNone) {
     const std::string lock = directory + "/" + name + ".lock";
     ASSERT_EQ(::mkdir(lock.c_str(), 0700), 0);
-    EXPECT_EQ(reason(State::BAD_DIRECTORY), "The lock file " + lock + " is no regular file of this user. Remove it.");
+    EXPECT_EQ(reason(State::BAD_DIRECTORY),
+              "The lock file " + lock + " is no regular file that this user may open: Permission denied. Remove it.");
     ASSERT_EQ(::rmdir(lock.c_str()), 0);
 }
 
