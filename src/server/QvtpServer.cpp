@@ -239,8 +239,9 @@ bool QvtpServer::drain(int milliseconds) {
             Poco::Mutex::ScopedLock lock(*mutex_);
             for (auto& [name, worker] : workers_) worker->drain();
         }
+        // A shutdown() may have cut off the requests that the workers have ended with.
         isDone = draining.awaitEndOfAccept(deadline) && std::atomic_load(&threads_)->awaitIdle(deadline) &&
-                 !draining.hasCutOff();
+                 !draining.hasCutOff() && draining.isUnderWay();
     }
     endDraining(*settings_, threads_);
     return isDone;

@@ -397,6 +397,29 @@ TEST_F(Drain, IsEndedByAShutdown) {
     EXPECT_FALSE(draining.get());
 }
 
+TEST_F(Drain, IsFalseAfterAShutdownAlsoWhenTheHandlerEndsAtOnce) {
+    for (int round = 0; round < 40; ++round) {
+        TestServer other;
+        std::promise<void> end;
+        const std::shared_future<void> ended = end.get_future().share();
+        std::atomic<bool> hasBegun{false};
+        other.handler.onNotify = [&](QvtpServerRequest&) {
+            hasBegun = true;
+            ended.wait();
+        };
+        other.start();
+        RawClient client(other.name);
+        client.write(notify("first"));
+        ASSERT_TRUE(eventually([&] { return hasBegun.load(); }));
+        auto draining = std::async(std::launch::async, [&] { return other.server.drain(0); });
+        ASSERT_TRUE(eventually([&] { return !other.server.isRunning(); }));
+        other.server.shutdown();
+        end.set_value();
+        EXPECT_FALSE(draining.get()) << round;
+        other.stop();
+    }
+}
+
 TEST_F(Drain, HandsNoPartOfARequestToTheHandlerWhenItComesWhileOneBegins) {
     const std::string head = "POST /p QVTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n";
     const std::string tail = "6\r\nsecond\r\n0\r\n\r\n";
