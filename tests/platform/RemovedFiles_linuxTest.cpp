@@ -328,6 +328,19 @@ TEST_F(RemovedFiles, AreLeftToAServerThatWasFaster) {
     ::close(ready[1]);
 }
 
+TEST_F(RemovedFiles, AreTriedAgainWhenTheLockWasRefusedAndNobodyHasIt) {
+    LogCapture log(LogCapture::LoggingLevel::INFO);
+    remove(".lock");
+    {
+        const CallFailure failure(CallFailure::Call::FCNTL, EAGAIN);
+        EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT);
+        EXPECT_TRUE(failure.hasHappened());
+    }
+    EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT);
+    EXPECT_THAT(log.messages(), ElementsAre(lost(file(".lock"), 5), "INFO The name was taken anew: " + file(".sock")));
+    acceptClients(1);
+}
+
 /// Uses up all descriptors but so many.
 class FewDescriptors {
   public:

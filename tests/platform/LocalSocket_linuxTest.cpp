@@ -1,0 +1,42 @@
+#include "platform/LocalSocket_linux.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <utility>
+
+namespace qvtp_test {
+namespace {
+
+namespace LocalSocket = Quovane::Internal::Qvtp::LocalSocket;
+using Quovane::Internal::Qvtp::Deadline;
+using Quovane::Internal::Qvtp::Descriptor;
+
+TEST(LocalSocket, RefusesAPathThatDoesNotFitIntoAnAddress) {
+    const std::string path(200, 'p');
+    const Descriptor socket = LocalSocket::create();
+    errno = 0;
+    EXPECT_FALSE(LocalSocket::bind(socket.get(), path));
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    errno = 0;
+    EXPECT_FALSE(LocalSocket::connect(socket.get(), path));
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(LocalSocket::connectBefore(socket.get(), path, Deadline::after(1)), LocalSocket::QueueResult::FAILED);
+}
+
+TEST(LocalSocket, KnowsNothingOfWhatIsUnreadWhereThereIsNone) {
+    EXPECT_EQ(LocalSocket::unreadMemory(-1), -1);
+}
+
+TEST(DescriptorOfAFile, StaysWhenItIsMovedToItself) {
+    Descriptor event = Descriptor::event();
+    const int number = event.get();
+    Descriptor& same = event;
+    event = std::move(same);
+    EXPECT_EQ(event.get(), number);
+    EXPECT_TRUE(event.isOpen());
+}
+
+}  // namespace
+}  // namespace qvtp_test
