@@ -52,6 +52,7 @@ int main(int argc, char** argv) {
     add(makeList());
     add(makePing());
     add(makeBench());
+    add(makeTrace());
     add(makeCompletion());
     try {
         program.parse(argc, argv);

@@ -19,6 +19,7 @@ import tempfile
 import threading
 import time
 import unittest
+import xml.etree.ElementTree
 
 PROGRAM = ""
 LIMIT = 20  # seconds for anything
@@ -384,6 +385,68 @@ class Bench(CliTest):
         self.assertEqual(self.run_it("bench", "demo", "/").returncode, 3)
 
 
+class Trace(CliTest):
+    LOG = ("2026-11-22 09:58:33.  1 [INPUT ] a" + " " * 49 + "\nPOST /1 QVTP/1.0\nContent-Length: 3\none\n"
+           "2026-11-22 09:58:33. 20 [INPUT ] b" + " " * 49 + "\nPOST /2 QVTP/1.0\nTransfer-Encoding: chunked\ntwo<&>\n"
+           "2026-11-22 09:58:34.  0 [OUTPUT] b" + " " * 49 + "\nQVTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\n\n"
+           "2026-11-22 09:58:35.001 [OUTPUT] a" + " " * 49 + "\nQVTP/1.0 404 <no>\r\nContent-Length: 0\r\n\r\n\n"
+           "2026-11-22 09:58:36.  0 [INPUT ] a" + " " * 49 + "\nPOST /3 QVTP/1.0\nContent-Length: 0\n\n")
+
+    def trace(self, *arguments):
+        return self.run_it("trace", self.file("log", self.LOG.encode()), *arguments)
+
+    def test_shows_a_real_exchange(self):
+        self.serve("demo")
+        self.environment["QVTP_COMMUNICATION_LOG"] = "BOTH:" + self.root + "/bytes"
+        self.environment["QVTP_LOG"] = "DEBUG:" + self.root + "/lines"
+        self.run_it("post", "demo", "/a", "-d", "hello")
+        self.run_it("notify", "demo", "/b", "-d", "x")
+        self.run_it("post", "missing", "/", "-d", "x")
+        del self.environment["QVTP_COMMUNICATION_LOG"], self.environment["QVTP_LOG"]
+        result = self.run_it("trace", self.root + "/bytes", self.root + "/lines")
+        lines = [re.sub(r"^\+\d+ ms ", "", line) for line in result.stdout.decode().splitlines()]
+        self.assertEqual(lines[:3], ["-> POST /a QVTP/1.0, 5 bytes", "<- QVTP/1.0 200 OK, 5 bytes",
+                                     "-> NOTIFY /b QVTP/1.0, 1 byte"])
+        self.assertEqual(lines[3], "ERROR Could not open pipe. GLE=2")
+
+    def test_pairs_by_correlation_id(self):
+        data = json.loads(self.trace("--json").stdout)
+        self.assertEqual(data["exchanges"], [{"request": 0, "response": 3, "ms": 2000},
+                                             {"request": 1, "response": 2, "ms": 980}, {"request": 4}])
+        self.assertEqual([message["ms"] for message in data["messages"]], [0, 19, 999, 2000, 2999])
+        self.assertEqual([message["bodyBytes"] for message in data["messages"]], [3, 6, 0, 0, 0])
+        self.assertEqual(data["messages"][1]["headers"], {"Transfer-Encoding": "chunked"})
+
+    def test_draws_a_picture_and_a_page(self):
+        for ending in ("svg", "html"):
+            path = self.root + "/out." + ending
+            self.assertEqual(self.trace("-o", path).returncode, 0)
+            with open(path, encoding="utf-8") as file:
+                content = file.read()
+            picture = content[content.index("<svg"):content.index("</svg>") + 6]
+            root = xml.etree.ElementTree.fromstring(picture)
+            texts = [element.text for element in root.iter("{http://www.w3.org/2000/svg}text")]
+            for expected in ("POST /1 QVTP/1.0, 3 bytes", "QVTP/1.0 404 <no>, 0 bytes", "no response", "980 ms", "+999 ms"):
+                self.assertIn(expected, texts)
+            if ending == "html":
+                self.assertIn("Transfer-Encoding: chunked", content)
+                self.assertNotIn("<no>", content)
+
+    def test_takes_the_time_of_the_log_lines_for_utc(self):
+        self.environment["TZ"] = "EST5"
+        lines = self.file("lines", b"WARN  - 2026/11/22-14:58:33. 11 UTC - Thread-1: a - odd - thing- Quovane.SOA.Qvtp\n")
+        data = json.loads(self.trace(lines, "--json").stdout)
+        self.assertEqual(data["lines"], [{"ms": 10, "level": "WARN", "text": "odd - thing"}])
+
+    def test_returns_2_for_what_it_cannot_read_or_write(self):
+        for arguments in ([self.root + "/missing"], [self.file("empty", b"")], [self.file("other", b"no log\n")],
+                          [self.file("log", self.LOG.encode()), "-o", self.root + "/out.png"],
+                          [self.file("log", self.LOG.encode()), "-o", self.root + "/missing/out.svg"],
+                          [self.file("log", self.LOG.encode()), self.root + "/missing"]):
+            result = self.run_it("trace", *arguments)
+            self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+
+
 class Completion(CliTest):
     def complete(self, line):
         """What bash offers for the last word of the line."""
@@ -421,7 +484,7 @@ class Manual(CliTest):
         with open(self.PAGE, encoding="utf-8") as file:
             page = file.read().replace("\\-", "-")
         sections = {title.lower(): text for title, text in re.findall(r"^\.SH ([A-Z ]+)\n(.*?)(?=^\.SH|\Z)", page, re.S | re.M)}
-        for command in ("post", "notify", "serve", "ls", "ping", "bench", "completion"):
+        for command in ("post", "notify", "serve", "ls", "ping", "bench", "trace", "completion"):
             section = "post and notify" if command in ("post", "notify") else command
             offered = set(re.findall(r"--[a-z][a-z-]*", self.run_it(command, "--help").stdout.decode())) - {"--help"}
             described = set(re.findall(r"--[a-z][a-z-]*", sections[section]))
