@@ -10,6 +10,7 @@
 #include <iostream>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -43,7 +44,11 @@ class Bench : public Command {
         const Clock::time_point begin = Clock::now();
         std::vector<std::thread> threads;
         threads.reserve(static_cast<std::size_t>(clients_));
-        for (int i = 0; i < clients_; ++i) threads.emplace_back([this] { sendSome(); });
+        try {
+            for (int i = 0; i < clients_; ++i) threads.emplace_back([this] { sendSome(); });
+        } catch (const std::system_error&) {  // the system has no more threads
+            if (failures_++ == 0) failure_ = std::current_exception();
+        }
         for (std::thread& thread : threads) thread.join();
         if (failure_ != nullptr) std::rethrow_exception(failure_);
         const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();

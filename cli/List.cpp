@@ -70,6 +70,7 @@ class List : public Command {
             const std::vector<PipeEntry> pipes = findPipes();
             const std::string now = isJson_ ? jsonOf(pipes) : areNames_ ? namesOf(pipes) : tableOf(pipes);
             if (now != last) std::cout << now << std::flush;
+            if (!std::cout) return BROKEN;  // nobody reads it any more
             if (!isWatching_) return OK;
             last = now;
             std::this_thread::sleep_for(std::chrono::milliseconds(500));

@@ -56,6 +56,7 @@ class Ping : public Command {
   private:
     /// As a client that only writes, which servers of every direction take but those that only write.
     void connect() const {
+        if (pipe_.empty()) throw detail::errorOf(ErrorKind::misuse, pipe_, "The ping failed.");
         QvPipe pipe;
         pipe.setConnectTimeout(static_cast<int>(millisecondsOf(timeout_).count()));
         try {

@@ -2,7 +2,11 @@
 
 #include <qvtp/platform/PipeFacts.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -15,9 +19,6 @@ namespace qvtp::cli {
 namespace {
 
 namespace fs = std::filesystem;
-using Quovane::Io::findPipeFacts;
-using Quovane::Io::PipeFacts;
-
 /// Inodes of the sockets that listen, by path: the lines of /proc/net/unix, see proc(5) and unix(7).
 std::map<std::string, std::string> listeningSockets() {
     std::map<std::string, std::string> inodes;
@@ -27,7 +28,8 @@ std::map<std::string, std::string> listeningSockets() {
         std::string address, references, protocol, flags, type, state, inode, path;
         fields >> address >> references >> protocol >> flags >> type >> state >> inode >> path;
         constexpr unsigned long LISTENS = 0x10000;  // __SO_ACCEPTCON
-        if (!path.empty() && (std::strtoul(flags.c_str(), nullptr, 16) & LISTENS) != 0) inodes[path] = inode;
+        const bool listens = (std::strtoul(flags.c_str(), nullptr, 16) & LISTENS) != 0;
+        if (!path.empty() && listens) inodes[fs::path(path).lexically_normal().string()] = inode;
     }
     return inodes;
 }
@@ -75,29 +77,70 @@ std::string directionOf(const std::string& lockFile) {
     }
 }
 
+/// A server holds a lock on the file for as long as it lives. It is asked for, not taken.
+bool isLocked(const std::string& lockFile) {
+    const int file = ::open(lockFile.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (file < 0) return false;
+    struct flock query {};
+    query.l_type = F_WRLCK;
+    query.l_whence = SEEK_SET;
+    const bool isKnown = ::fcntl(file, F_OFD_GETLK, &query) == 0;
+    ::close(file);
+    return isKnown && query.l_type != F_UNLCK;
+}
+
+/// What a file is called in terms of pipes: "%20" in it is a blank. The name of a file that was too long cannot be
+/// told.
+std::string nameOf(const std::string& stem) {
+    if (stem.find('~') != std::string::npos) return stem;
+    std::string name;
+    for (std::size_t i = 0; i < stem.size(); ++i) {
+        if (stem[i] == '%' && i + 2 < stem.size()) {
+            name += static_cast<char>(std::stoi(stem.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            name += stem[i];
+        }
+    }
+    return name;
+}
+
+bool isHexadecimal(const std::string& stem) {
+    for (std::size_t i = stem.find('%'); i != std::string::npos; i = stem.find('%', i + 1)) {
+        if (i + 2 >= stem.size()) return false;
+        if (std::isxdigit(static_cast<unsigned char>(stem[i + 1])) == 0) return false;
+        if (std::isxdigit(static_cast<unsigned char>(stem[i + 2])) == 0) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 std::vector<PipeEntry> findPipes() {
-    const fs::path directory = fs::path(findPipeFacts("any").path).parent_path();
+    const fs::path directory = fs::absolute(Quovane::Io::findPipeFacts("any").path).lexically_normal().parent_path();
     std::set<std::string> stems;
     std::error_code error;
     for (const auto& file : fs::directory_iterator(directory, error)) {
         const std::string ending = file.path().extension().string();
-        if (ending == ".lock" || ending == ".sock") stems.insert(file.path().stem().string());
+        const std::string stem = file.path().stem().string();
+        if ((ending == ".lock" || ending == ".sock") && isHexadecimal(stem)) stems.insert(stem);
     }
     const std::map<std::string, std::string> inodes = listeningSockets();
     std::vector<PipeEntry> pipes;
     std::map<std::string, std::size_t> byInode;
     for (const std::string& stem : stems) {
         PipeEntry pipe;
-        pipe.name = stem;
+        pipe.name = nameOf(stem);
         pipe.path = (directory / (stem + ".sock")).string();
-        pipe.isLive = findPipeFacts(stem).state == PipeFacts::State::SERVED;
-        if (pipe.isLive) pipe.direction = directionOf((directory / (stem + ".lock")).string());
+        const std::string lockFile = (directory / (stem + ".lock")).string();
+        // The system knows a socket by the name under which it was bound, before the server renamed it. A socket
+        // without a lock file is a server of another kind.
+        const bool isLockHeld = isLocked(lockFile);
+        const auto inode = inodes.find(isLockHeld ? (directory / (stem + ".new")).string() : pipe.path);
+        pipe.isLive = isLockHeld || inode != inodes.end();
+        if (isLockHeld) pipe.direction = directionOf(lockFile);
         const bool isLeftOver = pipe.isLive || fs::exists(pipe.path, error);
         if (!isLeftOver) continue;  // a lock file alone is nothing: a name that was served once
-        // The system knows a socket by the name under which it was bound, before the server renamed it.
-        const auto inode = inodes.find((directory / (stem + ".new")).string());
         if (pipe.isLive && inode != inodes.end()) byInode[inode->second] = pipes.size();
         pipes.push_back(pipe);
     }

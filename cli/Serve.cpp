@@ -6,6 +6,7 @@
 
 #include <iostream>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace qvtp::cli {
@@ -36,7 +37,8 @@ class Serve : public Command {
         app->add_option("--head-timeout", headSeconds_, "Most seconds for a head")->check(CLI::NonNegativeNumber);
         app->add_option("--request-timeout", requestSeconds_, "Most seconds for a request")
             ->check(CLI::NonNegativeNumber);
-        app->add_option("--drain", drainSeconds_, "Seconds for requests that have begun when the signal comes")
+        app->add_option("--drain", drainSeconds_,
+                        "Seconds for requests that have begun when the signal comes; 0: cut them off")
             ->capture_default_str()
             ->check(CLI::NonNegativeNumber);
         app->add_flag("-v,--verbose", isVerbose_, "Show each request on standard error");
@@ -53,7 +55,8 @@ class Serve : public Command {
         server.onError([this](const Request& request, const std::string& text) { show(request, "failed: " + text); });
         std::cerr << "Serving " << pipe_ << " at " << Quovane::Io::findPipeFacts(pipe_).path << ". Ctrl-C ends it."
                   << std::endl;
-        const bool isWhole = server.runUntilSignal(millisecondsOf(drainSeconds_));
+        const bool isWhole =
+            server.runUntilSignal(drainSeconds_ > 0 ? millisecondsOf(drainSeconds_) : Milliseconds(-1));
         report(server.counters());
         if (!isWhole) std::cerr << "Requests were cut off." << std::endl;
         return isWhole ? OK : BROKEN;
@@ -62,12 +65,12 @@ class Serve : public Command {
   private:
     Reply answer(const Request& request) {
         Reply reply(status_);
-        if (!commandLine_.empty()) {
-            const ProgramResult result = runProgram(commandLine_, request);
+        if (commandLine_) {
+            const ProgramResult result = runProgram(*commandLine_, request);
             if (result.exitCode != 0) reply.setStatus(500);
             reply.setBody(result.output);
-        } else if (!reply_.empty()) {
-            reply.setBody(reply_);
+        } else if (reply_) {
+            reply.setBody(*reply_);
         } else {
             reply.setBody(request.body());
         }
@@ -76,11 +79,11 @@ class Serve : public Command {
     }
 
     void take(const Request& request) {
-        if (commandLine_.empty()) {
+        if (!commandLine_) {
             show(request, std::to_string(request.body().size()) + " bytes");
             return;
         }
-        const ProgramResult result = runProgram(commandLine_, request);
+        const ProgramResult result = runProgram(*commandLine_, request);
         show(request, "exit code " + std::to_string(result.exitCode));
     }
 
@@ -103,7 +106,8 @@ class Serve : public Command {
         }
     }
 
-    std::string pipe_, reply_, commandLine_;
+    std::string pipe_;
+    std::optional<std::string> reply_, commandLine_;
     bool isEcho_ = false, isVerbose_ = false, isJson_ = false;
     int status_ = 200;
     double headSeconds_ = 0, requestSeconds_ = 0, drainSeconds_ = 10;

@@ -2,6 +2,8 @@
 
 #include "cli/Command.h"
 
+#include <qvtp/io/IllegalStateException.h>
+
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -28,14 +30,19 @@ int run(Command& command) {
     } catch (const std::exception& e) {
         std::cerr << "qvtp: " << e.what() << std::endl;
         return BROKEN;
+    } catch (const Quovane::Io::IllegalStateException& e) {  // which has no base class
+        std::cerr << "qvtp: " << e.getMessage() << std::endl;
+        return BROKEN;
     }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::signal(SIGINT, endAtOnce);
-    std::signal(SIGTERM, endAtOnce);
+    for (const int number : {SIGINT, SIGTERM}) {
+        // What a shell has it ignore, as in the background, stays ignored.
+        if (std::signal(number, endAtOnce) == SIG_IGN) std::signal(number, SIG_IGN);
+    }
     CLI::App program("Sends requests to local pipes, serves them, and shows what happens on them.", "qvtp");
     program.require_subcommand(1);
     program.set_version_flag("--version", "qvtp " QVTP_CLI_VERSION);

@@ -167,7 +167,7 @@ class Post(CliTest):
         self.assertEqual(self.run_it("serve", "demo").returncode, 4)  # the name is taken
 
     def test_returns_5_after_the_time_out(self):
-        self.serve("demo", "--exec", "sleep 1")
+        self.serve("demo", "--exec", "exec sleep 5 2> /dev/null")
         result = self.run_it("post", "demo", "/", "--timeout", "0.2")
         self.assertEqual(result.returncode, 5)
         self.assertIn("There was no answer in time", result.stderr.decode())
@@ -193,9 +193,10 @@ class Post(CliTest):
         self.assertEqual(self.run_it("post", "odd", "/", "-d", "hi").returncode, 7)
 
     def test_returns_130_when_it_is_interrupted(self):
-        self.serve("demo", "--exec", "sleep 1")
+        started = self.root + "/started"
+        self.serve("demo", "--exec", "touch %s; exec sleep 20 2> /dev/null" % started)
         client = subprocess.Popen([PROGRAM, "post", "demo", "/"], env=self.environment, stderr=subprocess.PIPE)
-        time.sleep(0.3)  # it may be ended wherever it is
+        self.assertTrue(eventually(lambda: os.path.exists(started)))
         client.send_signal(signal.SIGINT)
         client.communicate(timeout=LIMIT)
         self.assertEqual(client.returncode, 130)
@@ -302,6 +303,29 @@ class Serve(CliTest):
         large = self.file("large", b"x" * (4 << 20))
         self.assertEqual(self.run_it("post", "demo", "/", "-f", large).stdout, b"done\n")
 
+    def test_answers_with_an_empty_body_if_told_so(self):
+        self.serve("demo", "--reply", "")
+        self.assertEqual(self.run_it("post", "demo", "/", "-d", "hello").stdout, b"")
+
+    def test_cuts_off_at_once_if_told_so(self):
+        started = self.root + "/started"
+        server = self.serve("demo", "--drain", "0", "--exec", "touch %s; exec sleep 2 2> /dev/null" % started)
+        client = subprocess.Popen([PROGRAM, "post", "demo", "/"], stderr=subprocess.PIPE, env=self.environment)
+        self.assertTrue(eventually(lambda: os.path.exists(started)))
+        code, _, err = self.stop(server)
+        client.communicate(timeout=LIMIT)
+        self.assertEqual((code, client.returncode), (6, 6))
+        self.assertIn("Requests were cut off.", err)
+
+    def test_leaves_an_ignored_signal_ignored(self):
+        shell = subprocess.Popen(["sh", "-c", "trap '' INT; exec %s serve demo" % PROGRAM], stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE, env=self.environment)
+        self.addCleanup(self.end, shell)
+        shell.stderr.readline()
+        shell.send_signal(signal.SIGINT)
+        self.assertEqual(self.run_it("post", "demo", "/", "-d", "still there").stdout, b"still there")
+        self.assertEqual(self.stop(shell)[0], 0)
+
     def test_keeps_its_limits(self):
         self.serve("demo", "--max-body", "10")
         self.assertEqual(self.run_it("post", "demo", "/", "-d", "x" * 10).returncode, 0)
@@ -342,6 +366,36 @@ class List(CliTest):
         self.assertEqual([pipe["state"] for pipe in self.pipes()], ["stale"])
         self.assertEqual(self.run_it("ls", "--names").stdout, b"")
 
+    def test_knows_names_of_any_characters_by_those_names(self):
+        for name in ("my pipe", "a/b:c", "x" * 100):
+            server = self.serve(name)
+            (pipe,) = self.pipes()
+            self.assertEqual((pipe["state"], pipe["pid"]), ("live", server.pid), name)
+            if len(name) < 60:
+                self.assertEqual(self.run_it("ping", pipe["name"]).returncode, 0)
+                self.assertEqual(self.run_it("ls", "--names").stdout.decode().strip(), pipe["name"])
+            self.stop(server)
+
+    def test_shows_a_server_of_another_kind_as_live(self):
+        self.foreign("other", lambda connection: None)
+        self.assertEqual([(pipe["name"], pipe["state"]) for pipe in self.pipes()], [("other", "live")])
+        self.assertEqual(self.run_it("ping", "other").returncode, 0)
+
+    def test_finds_the_server_whatever_the_directory_is_called(self):
+        self.environment["QVTP_PIPE_DIR"] = self.directory + "//"
+        server = self.serve("demo")
+        self.environment["QVTP_PIPE_DIR"] = self.directory
+        self.assertEqual([pipe["pid"] for pipe in self.pipes()], [server.pid])
+
+    def test_ends_when_nobody_reads_what_it_watches(self):
+        watch = subprocess.Popen([PROGRAM, "ls", "--names", "--watch"], stdout=subprocess.PIPE, env=self.environment)
+        self.addCleanup(watch.kill)
+        self.serve("first")
+        self.assertEqual(watch.stdout.readline(), b"first\n")
+        watch.stdout.close()
+        self.serve("second")
+        self.assertNotEqual(watch.wait(LIMIT), 0)
+
     def test_watches(self):
         watch = subprocess.Popen([PROGRAM, "ls", "--names", "--watch"], stdout=subprocess.PIPE, env=self.environment)
         self.addCleanup(self.end, watch)
@@ -364,7 +418,17 @@ class Ping(CliTest):
         self.assertEqual(self.run_it("ping", "demo").returncode, 3)
 
 
+    def test_returns_2_for_no_name(self):
+        self.assertEqual(self.run_it("ping", "").returncode, 2)
+
+
 class Bench(CliTest):
+    def test_ends_in_order_if_threads_run_out(self):
+        self.serve("demo")
+        shell = "ulimit -v 600000; exec %s bench demo / -c 1000 -n 10" % PROGRAM
+        result = subprocess.run(["bash", "-c", shell], capture_output=True, timeout=LIMIT, env=self.environment)
+        self.assertEqual(result.returncode, 6, result.stderr)
+
     def test_reports_times_and_a_histogram(self):
         server = self.serve("demo")
         result = self.run_it("bench", "demo", "/", "-n", "500", "-c", "3", "-s", "100")
