@@ -67,6 +67,17 @@ PipeFacts refusedDirectory(const PipeAddress& address, const std::string& path) 
                  ". Let this user enter the directories above it, or name another one in QVTP_PIPE_DIR.")};
 }
 
+/// Whether the directory or its path is to blame, and not a shortage, of descriptors for one.
+bool isOfTheDirectory(int error) {
+    return error == SystemError::ACCESS_DENIED || error == SystemError::FILE_NOT_FOUND ||
+           error == SystemError::NAME_TOO_LONG;
+}
+
+PipeFacts unknownDirectory(const PipeAddress& address, const std::string& path, int error) {
+    return {State::UNKNOWN, path,
+            text("The pipe directory ", address.directoryPath(), " cannot be opened: ", textOf(error), ".")};
+}
+
 PipeFacts withoutLockFile(const std::string& path, int error) {
     if (error == ENOENT) return {State::FREE, path, {}};
     const std::string lock = path.substr(0, path.rfind('.')) + ".lock";
@@ -83,9 +94,11 @@ PipeFacts withoutLockFile(const std::string& path, int error) {
 PipeFacts findPipeFacts(const std::string& pipeName) {
     PipeAddress address;
     const int error = address.resolve(pipeName, PipeAddress::Directory::MUST_EXIST);
+    const int systemsError = errno;
     if (error == SystemError::INVALID_NAME || address.socketFile().empty()) return badName(pipeName, error);
     const std::string path = address.directoryPath() + "/" + address.socketFile();
-    if (error != SystemError::NONE) return refusedDirectory(address, path);
+    if (isOfTheDirectory(error)) return refusedDirectory(address, path);
+    if (error != SystemError::NONE) return unknownDirectory(address, path, systemsError);
     const Descriptor lock = address.openLockFile(O_RDONLY);
     if (!lock.isOpen()) return withoutLockFile(path, errno);
     struct flock query {};

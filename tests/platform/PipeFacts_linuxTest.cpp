@@ -1,11 +1,13 @@
 #include <qvtp/platform/PipeFacts.h>
 
 #include "platform/PipeFiles_linux.h"
+#include "support/FailingCall_linux.h"
 
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 
 namespace qvtp_test {
@@ -83,6 +85,29 @@ TEST_F(PipeFactsOfFiles, ShowThatDescriptorsRanOut) {
     EXPECT_EQ(facts.state, State::UNKNOWN);
     EXPECT_EQ(facts.reason,
               "The lock file " + directory + "/" + name + ".lock cannot be looked at: Too many open files.");
+}
+
+// Only such a directory is opened, with a descriptor of its own.
+TEST_F(PipeFactsOfFiles, ShowThatALongDirectoryCannotBeOpenedForNow) {
+    use(root + "/" + std::string(120, 'd'));
+    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
+    for (const auto& [error, text] :
+         {std::pair(EMFILE, "Too many open files"), std::pair(ENFILE, "Too many open files in system"),
+          std::pair(ENOMEM, "Cannot allocate memory"), std::pair(EIO, "Input/output error")}) {
+        const CallFailure failure(CallFailure::Call::OPEN, error);
+        EXPECT_EQ(reason(State::UNKNOWN), "The pipe directory " + directory + " cannot be opened: " + text + ".");
+        EXPECT_TRUE(failure.hasHappened());
+    }
+    EXPECT_EQ(reason(State::FREE), "");
+}
+
+TEST_F(PipeFactsOfFiles, ShowALongDirectoryThatOthersMayEnter) {
+    use(root + "/" + std::string(120, 'd'));
+    ASSERT_EQ(::mkdir(directory.c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(directory.c_str(), 0755), 0);
+    EXPECT_EQ(
+        reason(State::BAD_DIRECTORY),
+        "The pipe directory " + directory + " is open to other users. Take their rights away: chmod 700 " + directory);
 }
 
 }  // namespace
