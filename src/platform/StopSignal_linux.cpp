@@ -3,6 +3,7 @@
 #include "platform/Descriptor_linux.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -65,11 +66,15 @@ void restore() {
     }
 }
 
-/// A signal that is ignored stays so: a shell ignores SIGINT for what it starts in the background.
+/// A signal that is ignored stays so: a shell ignores SIGINT for what it starts in the background. Where a forked child
+/// has inherited the handler, what it took the place of is known already.
 void install() {
     for (std::size_t i = 0; i < SIGNAL_COUNT; ++i) {
-        ::sigaction(SIGNALS[i], nullptr, &formerActions[i]);
-        if ((formerActions[i].sa_flags & SA_SIGINFO) == 0 && formerActions[i].sa_handler == SIG_IGN) continue;
+        struct sigaction current {};
+        ::sigaction(SIGNALS[i], nullptr, &current);
+        if (isOurs(current)) continue;
+        formerActions[i] = current;
+        if ((current.sa_flags & SA_SIGINFO) == 0 && current.sa_handler == SIG_IGN) continue;
         struct sigaction action {};
         action.sa_handler = receive;
         action.sa_flags = SA_RESTART;
@@ -89,28 +94,32 @@ class Use {
 
     void begin() {
         const std::lock_guard<std::mutex> guard(mutex_);
-        const bool isInherited = users_ > 0 && owner != ::getpid();
-        if (isInherited) users_ = 0;
+        const bool isForked = owner != ::getpid();  // what there is belongs to the parent, the event too
+        if (isForked) users_ = 0;
         if (users_ == 0) {
             // Kept from use to use: a handler may just be writing to it.
-            if (!event_.isOpen() || isInherited) event_ = newEvent();
+            if (!event_.isOpen() || isForked) event_ = newEvent();
             event_.unsignal();
             received = 0;
             signalEvent = event_.get();
             owner = ::getpid();
-            if (!isInherited) install();
+            install();
         }
         ++users_;
     }
 
-    void end() {
+    /// `process`: the one that has begun the use.
+    void end(pid_t process) {
         const std::lock_guard<std::mutex> guard(mutex_);
-        if (owner != ::getpid() || --users_ > 0) return;
+        if (process != ::getpid() || --users_ > 0) return;
         restore();
     }
 
   private:
-    Use() = default;
+    Use() {
+        // A forked child has one thread. Were another one within the lock, it would stay locked there.
+        ::pthread_atfork([] { get().mutex_.lock(); }, [] { get().mutex_.unlock(); }, [] { get().mutex_.unlock(); });
+    }
 
     std::mutex mutex_;  // guards the rest
     int users_ = 0;
@@ -126,10 +135,11 @@ int millisecondsUntil(Clock::time_point end) {
 
 struct StopSignal::State {
     State() { Use::get().begin(); }
-    ~State() { Use::get().end(); }
+    ~State() { Use::get().end(process); }
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
+    const pid_t process = ::getpid();
     Descriptor woken = newEvent();  // before the constructor's body: nothing has begun if there is none
 };
 

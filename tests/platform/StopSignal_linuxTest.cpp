@@ -7,6 +7,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <future>
 #include <memory>
 #include <optional>
 
@@ -122,6 +124,71 @@ TEST_F(StopSignals, AreTheChildsOwnInAForkedChild) {
     EXPECT_EQ(stop.wait(1), 0);
     ::raise(SIGTERM);
     EXPECT_EQ(stop.wait(20000), SIGTERM);
+}
+
+TEST_F(StopSignals, AreTheChildsOwnAlsoAfterOneThatCameBeforeItsFirstObject) {
+    if (QVTP_SANITIZED) GTEST_SKIP() << "a sanitizer delays handlers";
+    const StopSignal stop;
+    const int result = resultInChild([] {
+        ::raise(SIGTERM);
+        if (handled != 1) return 1;
+        for (int signal : {SIGINT, SIGTERM}) {
+            std::optional<StopSignal> own(std::in_place);
+            ::raise(signal);
+            if (handled != 1 || own->wait(20000) != signal) return 2;
+        }
+        return actionOf(SIGINT).sa_handler == handle && actionOf(SIGTERM).sa_handler == handle ? 0 : 3;
+    });
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(StopSignals, StayTheChildsOwnWhenTheParentsObjectGoes) {
+    if (QVTP_SANITIZED) GTEST_SKIP() << "a sanitizer delays handlers";
+    auto stop = std::make_unique<StopSignal>();
+    const int result = resultInChild([&] {
+        StopSignal own;
+        stop.reset();
+        ::raise(SIGTERM);
+        return handled == 0 && own.wait(20000) == SIGTERM ? 0 : 1;
+    });
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(StopSignals, AreNotTakenByAChildThatWasForkedBetweenTwoUses) {
+    if (QVTP_SANITIZED) GTEST_SKIP() << "a sanitizer delays handlers";
+    { const StopSignal former; }
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    const int child = startChild([&] {
+        char begun = 0;
+        if (::read(pipe[0], &begun, 1) != 1) return 1;
+        StopSignal own;
+        return own.wait(1) == 0 ? 0 : 2;
+    });
+    StopSignal stop;
+    ::raise(SIGINT);
+    ASSERT_EQ(::write(pipe[1], "b", 1), 1);
+    EXPECT_EQ(resultOf(child), 0);
+    EXPECT_EQ(stop.wait(1000), SIGINT);
+    for (int end : pipe) ::close(end);
+}
+
+TEST_F(StopSignals, CanBeUsedInAChildThatIsForkedWhileAnotherThreadUsesThem) {
+    if (QVTP_SANITIZED) GTEST_SKIP() << "a sanitizer lets no forked child go on";
+    std::atomic<bool> isDone{false};
+    auto user = std::async(std::launch::async, [&] {
+        while (!isDone) const StopSignal stop;
+    });
+    for (int i = 0; i < 100; ++i) {
+        const int child = startChildAtOnce([] {
+            ::alarm(10);
+            const StopSignal own;
+            return 0;
+        });
+        EXPECT_EQ(resultOf(child), 0);
+        if (HasFailure()) break;
+    }
+    isDone = true;
 }
 
 }  // namespace

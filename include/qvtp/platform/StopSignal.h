@@ -19,7 +19,8 @@ namespace Quovane::Io {
 ///
 /// The constructor throws std::system_error if the system has no means left, or std::bad_alloc. Objects are independent
 /// of each other: a signal ends the waits of all. In a forked child the signals do what they did before the first
-/// object, and the objects of the parent are of no use.
+/// object, until it makes objects of its own. Those of the parent are of no use there, and may be destroyed. A fork may
+/// happen at any time, whatever other threads do with this class.
 class QVTP_API StopSignal {
   public:
     StopSignal();
