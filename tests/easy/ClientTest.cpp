@@ -1,5 +1,7 @@
 #include "easy/Easy.h"
 
+#include "support/TestServer.h"
+
 #include <sstream>
 
 namespace qvtp_test {
@@ -82,6 +84,22 @@ TEST_F(EasyClient, DropsConnectionsThatWereIdleForTooLong) {
     hasty.post("/echo", "x");
     EXPECT_EQ(server.counters().posts, 2U);
     EXPECT_TRUE(eventually([&] { return server.counters().connections == 1; }) || server.counters().connections == 2);
+}
+
+TEST_F(EasyClient, KeepsIdleConnectionsWithoutLimitIfItIsTold) {
+    for (const qvtp::Milliseconds idleTimeout : {0ms, qvtp::Milliseconds::max(), qvtp::Milliseconds::min()}) {
+        TestServer counting;
+        counting.start();
+        qvtp::ClientOptions options;
+        options.idleTimeout = idleTimeout;
+        Client patient(counting.name, options);
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(patient.post("/", "x").body(), "x");
+            const auto end = std::chrono::steady_clock::now() + 2ms;
+            EXPECT_TRUE(eventually([&] { return std::chrono::steady_clock::now() > end; }));
+        }
+        EXPECT_EQ(counting.server.statistics().connections, 1) << idleTimeout.count();
+    }
 }
 
 // ---- Headers ----

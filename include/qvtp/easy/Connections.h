@@ -22,14 +22,14 @@ struct Connection {
 /// The connections of one client. Any thread may use it.
 class Connections {
   public:
-    explicit Connections(Milliseconds idleTimeout) : idleTimeout_(idleTimeout) {}
+    explicit Connections(Milliseconds idleTimeout) : idleTimeout_(numberOf(idleTimeout)) {}
     /// The one used last, so that those that are not needed grow old, or a new one that is not open. In a forked child
     /// those of the parent are dropped, which does them no harm.
     Connection& take(bool isReadable) {
         const std::lock_guard<std::mutex> guard(mutex_);
         const auto oldest = std::chrono::steady_clock::now() - idleTimeout_;
         all_.remove_if([&, process = io::currentProcessId()](const Connection& each) {
-            return each.process != process || (each.isIdle && each.lastUsed < oldest);
+            return each.process != process || (idleTimeout_.count() > 0 && each.isIdle && each.lastUsed < oldest);
         });
         const auto isFitting = [&](const Connection& each) { return each.isIdle && each.isReadable == isReadable; };
         auto found = std::find_if(all_.begin(), all_.end(), isFitting);
@@ -54,8 +54,8 @@ class Connections {
     std::atomic<bool> isClosed{false};
 
   private:
-    const Milliseconds idleTimeout_;
-    std::mutex mutex_;  // guards the list, and isIdle and lastUsed of each
+    const Milliseconds idleTimeout_;  // 0: without limit
+    std::mutex mutex_;                // guards the list, and isIdle and lastUsed of each
     std::list<Connection> all_;
 };
 }  // namespace qvtp::detail
