@@ -329,6 +329,33 @@ TEST_F(EasyServer, IsStoppedByAHandlerWhileItRunsUntilASignal) {
     EXPECT_EQ(kindOf([&] { client.post("/echo"); }), "no_server");
 }
 
+// It takes the whole wait of a stop until a handler is left alone.
+TEST_F(EasyServer, ReplacesAHandlerWhileTheFormerOneIsLeftAlone) {
+    auto own = std::make_shared<std::string>("former");
+    const std::weak_ptr<std::string> seen = own;
+    std::promise<std::string> reported;
+    server.onPost("/block", [released = released, own = std::move(own)](const Request&) -> Reply {
+        released.wait();
+        throw std::runtime_error(*own);
+    });
+    server.onError([&](const Request&, const std::string& text) { reported.set_value("former of " + text); });
+    server.start();
+    auto body = postBlocking();
+    server.stop();
+    EXPECT_EQ(body.get(), "unknown_outcome");
+    server.onPost("/block", [](const Request&) { return Reply("new"); });
+    server.onError([&](const Request&, const std::string&) { reported.set_value("new"); });
+    server.start();
+    EXPECT_EQ(client.post("/block").body(), "new");
+    EXPECT_EQ(server.counters().inHandlers, 1U);
+    EXPECT_EQ(server.counters().posts, 2U);
+    ASSERT_FALSE(seen.expired()) << "it is still in use";
+    release.set_value();
+    EXPECT_EQ(reported.get_future().get(), "former of former");
+    EXPECT_TRUE(eventually([&] { return server.counters().inHandlers == 0 && seen.expired(); }));
+    EXPECT_EQ(server.counters().handlerErrors, 1U);
+}
+
 TEST_F(EasyServer, IsStartedAndStoppedByManyThreadsAtOnce) {
     std::vector<std::future<void>> threads;
     for (int thread = 0; thread < 4; ++thread) {

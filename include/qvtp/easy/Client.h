@@ -36,9 +36,8 @@ class Client {
     template <typename RequestType>
     Reply send(const std::string& what, const std::string& resource, const Body& body, const CallOptions& options) {
         detail::checkHeaders(options.headers);
-        const bool isPossible =
-            !resource.empty() && !detail::hasControls(resource) && resource.find(' ') == resource.npos;
-        if (!isPossible) throw Error(ErrorKind::misuse, what + " failed: no resource. percentEncode() its parts.");
+        const bool isRight = !resource.empty() && !detail::hasControls(resource) && resource.find(' ') == resource.npos;
+        if (!isRight) throw Error(ErrorKind::misuse, what + " failed: no resource. percentEncode() its parts.");
         for (int retry = 0;; ++retry) {
             try {
                 return exchange<RequestType>(what, resource, body, options);

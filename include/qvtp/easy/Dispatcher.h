@@ -3,18 +3,21 @@
 #include <qvtp/easy/Request.h>
 
 namespace qvtp::detail {
-/// What a server does with its requests. A handler that does not return keeps it alive, whatever becomes of the server.
-/// Routes are read without a lock: none is added while the server runs.
+/// What a server does with its requests. A handler that does not return keeps it alive, and the handlers that were set
+/// when its request came, whatever becomes of the server.
 class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_from_this<Dispatcher> {
   public:
     using Handler = std::function<Reply(const Request&)>;
     using Routes = std::map<std::string, Handler>;  // a prefix ends with '*'
-    Routes posts, notifies;
-    std::function<void(const Request&, const std::string&)> onError;
+    struct Handlers {
+        Routes posts, notifies;
+        std::function<void(const Request&, const std::string&)> onError;
+    };
+    std::shared_ptr<const Handlers> handlers = std::make_shared<Handlers>();  // replaced only while no server runs
     using In = exact::QvtpServerRequest;
     using Out = exact::QvtpServerResponse;
-    void handlePost(In* in, Out* out) override { handle(*in, out, posts, notifies, &ServerCounters::posts); }
-    void handleNotify(In* in) override { handle(*in, nullptr, notifies, posts, &ServerCounters::notifies); }
+    void handlePost(In* in, Out* out) override { handle(*in, out, handlers, &ServerCounters::posts); }
+    void handleNotify(In* in) override { handle(*in, nullptr, handlers, &ServerCounters::notifies); }
     bool isInHandler() const { return current() == this; }
     ServerCounters counters() const { return std::lock_guard<std::mutex>(mutex_), counters_; }
 
@@ -28,7 +31,7 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
         const std::lock_guard<std::mutex> guard(mutex_);
         counters_.*counter += static_cast<std::uint64_t>(by);
     }
-    void handle(In& in, Out* out, const Routes& own, const Routes& other, Counter kind) {
+    void handle(In& in, Out* out, const std::shared_ptr<const Handlers> own, Counter kind) {
         count(kind);
         count(&ServerCounters::inHandlers);
         const auto leave = [self = shared_from_this()](const Dispatcher**) {
@@ -38,16 +41,16 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
         const std::unique_ptr<const Dispatcher*, decltype(leave)> use(&current(), leave);
         *use = this;
         Request request(in);
-        const Handler* const handler = find(own, request);
-        const Reply reply = handler != nullptr ? guarded(request, nullptr, [&] { return checked((*handler)(request)); })
-                                               : refuse(request, find(other, request));
+        const Handler* const handler = find(out != nullptr ? own->posts : own->notifies, request);
+        const auto run = [&] { return checked((*handler)(request)); };
+        const Reply reply = handler != nullptr ? guarded(*own, request, nullptr, run) : refuse(*own, request);
         if (out == nullptr) return;
         out->setStatusCode(reply.status());
         if (!reply.reason().empty()) out->setReasonPhrase(reply.reason());
         copyHeaders(reply.headers(), *out);
         if (!reply.writer()) out->setBody(reply.body().data(), reply.body().size());
         std::ostream* const body = reply.writer() ? out->getBodyStream() : nullptr;
-        if (body != nullptr) guarded(request, body, [&] { reply.writer()(*body); });
+        if (body != nullptr) guarded(*own, request, body, [&] { reply.writer()(*body); });
         out->send();
     }
     /// The resource itself, else its longest prefix, else null.
@@ -64,7 +67,8 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
         if (reply.status() < 100 || reply.status() > 999) throw Error(ErrorKind::misuse, "No status of a reply.");
         return checkHeaders(reply.headers()), std::move(reply);
     }
-    Reply refuse(const Request& request, const Handler* other) {
+    Reply refuse(const Handlers& own, Request& request) {
+        const Handler* const other = find(request.method() == "POST" ? own.notifies : own.posts, request);
         count(other != nullptr ? &ServerCounters::wrongMethod : &ServerCounters::notFound);
         if (other != nullptr) return Reply(501, request.resource() + " is not for " + request.method() + ".\n");
         return Reply(404, "There is no " + request.resource() + " here.\n");
@@ -72,12 +76,12 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
     /// Reports what the program's own code throws. It leaves as an exception that the library answers with 500, and
     /// takes for no failure of the request's connection. Such a failure passes: nobody is left to be answered.
     template <typename Action>
-    auto guarded(const Request& request, const std::ios* stream, const Action& action) -> decltype(action()) {
+    auto guarded(const Handlers& own, const Request& request, const std::ios* out, Action run) -> decltype(run()) {
         std::string text = "What it has thrown is no std::exception.";
         try {
-            return action();
+            return run();
         } catch (const std::exception& e) {
-            if (request.hasFailed() || (stream != nullptr && stream->bad())) throw;
+            if (request.hasFailed() || (out != nullptr && out->bad())) throw;
             text = e.what();
         } catch (const io::IllegalStateException& e) {
             text = e.getMessage();
@@ -85,7 +89,7 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
         }
         count(&ServerCounters::handlerErrors);
         try {
-            if (onError) onError(request, text);
+            if (own.onError) own.onError(request, text);
         } catch (...) {
         }
         throw std::runtime_error(text);

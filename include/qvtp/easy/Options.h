@@ -19,10 +19,9 @@ struct Progress {
 struct ClientOptions {
     Milliseconds timeout = std::chrono::seconds(30);  ///< how long a call waits for its reply, and each pause within
     Milliseconds connectTimeout{-1};  ///< how long it waits for a busy server to take it; below 0: the same
-    Milliseconds idleTimeout =
-        std::chrono::seconds(10);  ///< a connection idle for longer is closed; less than the server's
-    int retries = 0;               ///< how often a call that fails as not_sent is made again; no other kind is
-    Milliseconds retryPause{100};  ///< before each
+    Milliseconds idleTimeout{10000};  ///< a connection idle for longer is closed; less than the server's
+    int retries = 0;                  ///< how often a call that fails as not_sent is made again; no other kind is
+    Milliseconds retryPause{100};     ///< before each
 };
 /// What holds for one call. The callbacks run during it, on its thread. What they throw leaves it as it is, and cuts
 /// off what is being sent.

@@ -30,17 +30,16 @@ class Server {
     /// goes first, then the longest prefix; "*" gets the rest. What has no handler is answered with 404, or with 501 if
     /// there is one for the other kind. Throws misuse while the server runs, as the next two.
     void onPost(const std::string& resource, std::function<Reply(const Request&)> handler) {
-        settable().posts[resource] = std::move(handler);
+        set([&](auto& handlers) { handlers.posts[resource] = std::move(handler); });
     }
     /// The same for NOTIFYs. Those without a handler are dropped, and counted.
     void onNotify(const std::string& resource, std::function<void(const Request&)> handler) {
-        settable().notifies[resource] = [handler = std::move(handler)](const Request& request) {
-            return handler(request), Reply();
-        };
+        auto replying = [handler = std::move(handler)](const Request& request) { return handler(request), Reply(); };
+        set([&](auto& handlers) { handlers.notifies[resource] = std::move(replying); });
     }
     /// What is called, on the handler's thread, after a handler has thrown. What it throws itself is dropped.
     void onError(std::function<void(const Request&, const std::string& text)> handler) {
-        settable().onError = std::move(handler);
+        set([&](auto& handlers) { handlers.onError = std::move(handler); });
     }
     /// Begins to serve, and returns. Nothing if it serves already. After a stop it takes the name again. Throws as the
     /// constructor; denied also if there are no threads.
@@ -129,23 +128,22 @@ class Server {
         std::atomic<bool> stopped{false};
         std::shared_future<void> ended;  // not valid before the start; guarded by mutex_; goes before the server
     };
-    std::shared_ptr<Run> current() const {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        return run_;
-    }
+    std::shared_ptr<Run> current() const { return std::lock_guard<std::mutex>(mutex_), run_; }
     void waitFor(const Run& run) const {
-        std::unique_lock<std::mutex> lock(mutex_);
-        const std::shared_future<void> ended = run.ended;
-        lock.unlock();
+        const std::shared_future<void> ended = (std::lock_guard<std::mutex>(mutex_), run.ended);
         if (ended.valid()) ended.wait();
     }
     void require(bool isRight, const char* text) const {
         if (!isRight) throw detail::errorOf(ErrorKind::misuse, pipeName_, text);
     }
-    detail::Dispatcher& settable() const {
+    /// Changes a copy: a handler that was left alone still runs, and keeps what it has.
+    template <typename Change>
+    void set(const Change& change) const {
         const std::lock_guard<std::mutex> guard(mutex_);
         require(run_ == nullptr || !run_->ended.valid(), "Handlers are set before the server runs.");
-        return *dispatcher_;
+        auto handlers = std::make_shared<detail::Dispatcher::Handlers>(*dispatcher_->handlers);
+        change(*handlers);
+        dispatcher_->handlers = std::move(handlers);
     }
     /// The library's server does not say whether it has got the name.
     std::shared_ptr<Run> takeName() const {
