@@ -5,8 +5,8 @@
 
 namespace Quovane::Internal::Qvtp {
 
-/// The lock that keeps other servers away from a name, and tells clients its direction. It ends with giveBack() or with
-/// the process, not with the object: a forked child has one too.
+/// The lock that keeps other servers away from a name, and reports its direction to clients. It ends with giveBack() or
+/// with the process, not with the object: a forked child has one too.
 class NameLock {
   public:
     enum class Result { HELD, REFUSED, HELD_BY_ANOTHER, FAILED };

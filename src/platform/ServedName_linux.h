@@ -57,7 +57,7 @@ class ServedName {
     /// Whether files are gone that were there at the last look. `thorough`: looks at the directory too, which may have
     /// another path now.
     bool hasLostFiles(bool thorough) const;
-    /// Takes the name anew if files are gone. Tells each removal once.
+    /// Takes the name anew if files are gone. Reports each removal once.
     NameNews takeAgain();
     /// Whether the name could not be taken anew and should be tried again.
     bool isToBeTakenAgain() const { return hold_ == Hold::LOST; }
