@@ -46,8 +46,10 @@ class QVTP_API QvtpMessage {
     ///
     /// `logFile` receives one line for every event of `level` or a more serious one; null switches it off. `commFile`
     /// receives the bytes of messages in the directions of `commLevel`; null switches it off. Values outside the
-    /// enumerations mean OFF. The files stay the caller's: the library writes and flushes, never opens or closes. When
-    /// the call returns, the files of the call before are no longer used. docs/log-format.md describes the lines.
+    /// enumerations mean OFF. The files stay the caller's: the library writes to them and flushes, and does not
+    /// close them. Those that QVTP_LOG and QVTP_COMMUNICATION_LOG name are its own: it has opened them before, and
+    /// closes them in the first call. When the call returns, the files of the call before are no longer used.
+    /// docs/log-format.md describes the lines.
     static void setLoggingLevel(std::FILE* logFile, LoggingLevel level, std::FILE* commFile,
                                 CommunicationLevel commLevel);
 
