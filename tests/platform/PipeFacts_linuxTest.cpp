@@ -1,3 +1,4 @@
+#include <qvtp/io/QvPipe.h>
 #include <qvtp/platform/PipeFacts.h>
 
 #include "platform/PipeFiles_linux.h"
@@ -73,6 +74,13 @@ TEST_F(PipeFactsOfFiles, ShowThatTheServerThatHeldTheLockHasGone) {
     std::ofstream(directory + "/" + name + ".lock") << "3";
     EXPECT_EQ(reason(State::FREE), "");
     EXPECT_EQ(findPipeFacts(name).path, directory + "/" + name + ".sock");
+}
+
+TEST_F(PipeFactsOfFiles, DoNotShowASocketWithoutALockFileToWhichClientsConnect) {
+    const int foreign = listenAs(name + ".sock");
+    EXPECT_EQ(reason(State::FREE), "");
+    EXPECT_NO_THROW(Quovane::Io::QvPipe(name, true, true));
+    ::close(foreign);
 }
 
 TEST_F(PipeFactsOfFiles, ShowThatDescriptorsRanOut) {

@@ -11,7 +11,7 @@ namespace Quovane::Io {
 /// how things are at one moment: a server may come or go in the next.
 struct PipeFacts {
     enum class State {
-        FREE,           ///< a possible name that nobody serves
+        FREE,           ///< a possible name that nobody serves; on Linux as far as its lock file shows
         SERVED,         ///< a server has taken the name, in this process or another
         BAD_NAME,       ///< no pipe can have this name
         NO_DIRECTORY,   ///< Linux: there is no pipe directory; a server makes it, but not the one above it
@@ -24,8 +24,9 @@ struct PipeFacts {
     std::string reason;  ///< of the last four states: what is wrong, as one sentence; else empty
 };
 
-/// Looks at a name without connecting to it, so that no server notices. Any thread may call it at any time. Throws
-/// nothing but std::bad_alloc.
+/// Looks at a name without connecting to it, so that no server notices. On Linux it looks at the lock file alone: a
+/// name is FREE also if a program without this library listens on its socket and has no lock file. Clients can connect
+/// to it (docs/porting.md). Any thread may call this at any time. Throws nothing but std::bad_alloc.
 QVTP_API PipeFacts findPipeFacts(const std::string& pipeName);
 
 /// The number of this process, another one in a forked child. It costs next to nothing and throws nothing.
