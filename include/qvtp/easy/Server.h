@@ -41,8 +41,7 @@ class Server {
     void onError(std::function<void(const Request&, const std::string& text)> handler) {
         set([&](auto& handlers) { handlers.onError = std::move(handler); });
     }
-    /// Begins to serve, and returns. Nothing if it serves already. After a stop it takes the name again. Throws as the
-    /// constructor; denied also if there are no threads.
+    /// Begins to serve, if it does not yet. After a stop it takes the name again. Throws as the constructor.
     void start() {
         require(!dispatcher_->isInHandler(), "A handler cannot start its own server.");
         if (const auto run = current(); run != nullptr && run->stopped) stop();  // the rest of a stop from a handler
@@ -56,9 +55,9 @@ class Server {
         }
         // Whether it runs can only be asked again and again.
         while (run_ != nullptr && !run_->server.isRunning() && !run_->stopped) {
-            if (run_->ended.wait_for(Milliseconds(1)) == std::future_status::ready) run_ = nullptr;
+            if (run_->ended.wait_for(Milliseconds(1)) == std::future_status::ready && !run_->stopped) run_ = nullptr;
         }
-        if (run_ == nullptr) throwWhyNot();
+        if (run_ == nullptr) throwWhyNot(look());
     }
     /// Ends serving and gives the name up. `drain`: how long requests that have begun to arrive may take to be served,
     /// 0 without limit; below 0, the default, they are cut off, and so is another thread's drain. True if none was. In
@@ -145,20 +144,21 @@ class Server {
         change(*handlers);
         dispatcher_->handlers = std::move(handlers);
     }
-    /// The library's server does not say whether it has got the name.
+    using State = detail::io::PipeFacts::State;
+    State look() const { return detail::io::findPipeFacts(pipeName_).state; }
+    /// The library's server does not say whether it has got the name. If it has not, though nobody has now, try again.
     std::shared_ptr<Run> takeName() const {
-        using State = detail::io::PipeFacts::State;
-        const State before = detail::io::findPipeFacts(pipeName_).state;
-        if (before != State::FREE && before != State::NO_DIRECTORY) throwWhyNot();
-        auto run = std::make_shared<Run>(pipeName_, options_, dispatcher_);
-        if (detail::io::findPipeFacts(pipeName_).state != State::SERVED) throwWhyNot();
-        return run;
+        State state = look();
+        for (int tries = state == State::FREE ? 2 : state == State::NO_DIRECTORY ? 1 : 0; tries > 0; --tries) {
+            const auto run = std::make_shared<Run>(pipeName_, options_, dispatcher_);
+            if ((state = look()) == State::SERVED) return run;
+        }
+        throwWhyNot(state);
     }
-    [[noreturn]] void throwWhyNot() const {
+    [[noreturn]] void throwWhyNot(State state) const {
         constexpr ErrorKind KINDS[] = {ErrorKind::denied,        ErrorKind::name_taken,    ErrorKind::misuse,
                                        ErrorKind::bad_directory, ErrorKind::bad_directory, ErrorKind::denied};
-        const auto state = static_cast<int>(detail::io::findPipeFacts(pipeName_).state);
-        throw detail::errorOf(KINDS[state], pipeName_, "The server cannot start.");
+        throw detail::errorOf(KINDS[static_cast<int>(state)], pipeName_, "The server cannot start.");
     }
     const std::string pipeName_;
     const ServerOptions options_;
