@@ -25,6 +25,7 @@ std::unique_ptr<Command> makeList();
 std::unique_ptr<Command> makePing();
 std::unique_ptr<Command> makeBench();
 std::unique_ptr<Command> makeTrace();
+std::unique_ptr<Command> makeConfig();
 std::unique_ptr<Command> makeCompletion();
 
 /// Seconds of the command line as milliseconds, 0 to what an int can hold. 0 stays 0, which is without limit;

@@ -11,15 +11,18 @@ namespace {
 
 constexpr char BASH[] = R"SCRIPT(# qvtp for bash: source <(qvtp completion bash)
 _qvtp() {
-    local word=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]}
-    if [ "$COMP_CWORD" = 1 ]; then
+    local word=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]} words=$COMP_CWORD
+    [ "$command" = config ] && [ "$words" -gt 2 ] && command="config check"
+    if [ "$words" = 1 ]; then
         COMPREPLY=($(compgen -W "@COMMANDS@" -- "$word"))
     elif [[ $word == -* ]]; then
-        COMPREPLY=($(compgen -W "$(qvtp "$command" --help 2>/dev/null | grep -oE -- '--?[a-z][a-z-]*' | sort -u)" -- "$word"))
-    elif [ "$COMP_CWORD" = 2 ] && [[ $command =~ ^(post|notify|ping|bench)$ ]]; then
+        COMPREPLY=($(compgen -W "$(qvtp $command --help 2>/dev/null | grep -oE -- '--?[a-z][a-z-]*' | sort -u)" -- "$word"))
+    elif [ "$words" = 2 ] && [[ $command =~ ^(post|notify|ping|bench)$ ]]; then
         COMPREPLY=($(compgen -W "$(qvtp ls --names 2>/dev/null)" -- "$word"))
-    elif [ "$COMP_CWORD" = 2 ] && [ "$command" = completion ]; then
+    elif [ "$words" = 2 ] && [ "$command" = completion ]; then
         COMPREPLY=($(compgen -W "bash zsh fish" -- "$word"))
+    elif [ "$words" = 2 ] && [ "$command" = config ]; then
+        COMPREPLY=($(compgen -W "check" -- "$word"))
     else
         COMPREPLY=($(compgen -f -- "$word"))
     fi
@@ -30,14 +33,18 @@ complete -F _qvtp qvtp
 constexpr char ZSH[] = R"SCRIPT(#compdef qvtp
 # qvtp for zsh: put this into a file _qvtp in a directory of $fpath
 _qvtp() {
+    local sub=
     if (( CURRENT == 2 )); then
         compadd -- @COMMANDS@
     elif [[ $words[CURRENT] == -* ]]; then
-        compadd -- $(qvtp "$words[2]" --help 2>/dev/null | grep -oE -- '--?[a-z][a-z-]*' | sort -u)
+        [[ $words[2] == config ]] && sub=check
+        compadd -- $(qvtp "$words[2]" $sub --help 2>/dev/null | grep -oE -- '--?[a-z][a-z-]*' | sort -u)
     elif (( CURRENT == 3 )) && [[ $words[2] == (post|notify|ping|bench) ]]; then
         compadd -- ${(f)"$(qvtp ls --names 2>/dev/null)"}
     elif (( CURRENT == 3 )) && [[ $words[2] == completion ]]; then
         compadd -- bash zsh fish
+    elif (( CURRENT == 3 )) && [[ $words[2] == config ]]; then
+        compadd -- check
     else
         _files
     fi
@@ -49,7 +56,8 @@ constexpr char FISH[] = R"SCRIPT(# qvtp for fish: qvtp completion fish | source
 complete -c qvtp -f -n __fish_use_subcommand -a "@COMMANDS@"
 complete -c qvtp -f -n "__fish_seen_subcommand_from post notify ping bench; and test (count (commandline -opc)) = 2" -a "(qvtp ls --names 2>/dev/null)"
 complete -c qvtp -f -n "__fish_seen_subcommand_from completion" -a "bash zsh fish"
-complete -c qvtp -n "string match -q -- '-*' (commandline -ct)" -f -a "(qvtp (commandline -opc)[2] --help 2>/dev/null | string match -ra -- '--?[a-z][a-z-]*' | sort -u)"
+complete -c qvtp -f -n "__fish_seen_subcommand_from config; and test (count (commandline -opc)) = 2" -a "check"
+complete -c qvtp -n "string match -q -- '-*' (commandline -ct)" -f -a "(qvtp (commandline -opc)[2..3] --help 2>/dev/null | string match -ra -- '--?[a-z][a-z-]*' | sort -u)"
 )SCRIPT";
 
 class Completion : public Command {

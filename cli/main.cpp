@@ -60,6 +60,7 @@ int main(int argc, char** argv) {
     add(makePing());
     add(makeBench());
     add(makeTrace());
+    add(makeConfig());
     add(makeCompletion());
     try {
         program.parse(argc, argv);

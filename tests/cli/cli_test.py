@@ -513,6 +513,146 @@ class Trace(CliTest):
             self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
 
 
+class Config(CliTest):
+    FILE = b"""<?xml version="1.0"?>
+<!-- <QvtpClient function="no"/> -->
+<configuration>
+  <QvtpClient function="billing" component="front&amp;end" connect_timeout="5000"
+              stale_timeout = '10000'/>
+  <QvtpServer function="billing" component="\xc3\xbc" max_request_processors="0"></QvtpServer>
+  <other><![CDATA[ <QvtpClient function="no"/> ]]></other>
+</configuration>
+"""
+
+    def check(self, content, *arguments):
+        result = self.run_it("config", "check", self.file("c.xml", content), *arguments)
+        self.assertEqual(result.stderr, b"")
+        return result.returncode, result.stdout.decode().replace(self.root + "/", "")
+
+    def findings(self, *lines):
+        """Of a file with these lines; those of every finding, without the name of the file."""
+        code, out = self.check("\n".join(lines).encode())
+        found = [line[6:] for line in out.splitlines() if re.match(r"c\.xml:.*(error|warning): ", line)]
+        self.assertEqual(code, 1 if found else 0)
+        return found
+
+    def test_prints_what_each_entry_comes_to(self):
+        code, out = self.check(self.FILE)
+        self.assertEqual(code, 0)
+        self.assertEqual(out.splitlines(), [
+            'c.xml:4:3: QvtpClient function="billing" component="front&end"',
+            "    connect_timeout=5000", "    stale_timeout=10000", "    buffer_size=40960 (default)",
+            'c.xml:6:3: QvtpServer function="billing" component="\u00fc"', "    max_request_processors=0",
+            "    accept_timeout=0 (default)", "    idle_timeout=13000 (default)", "    receive_timeout=3000 (default)",
+            "    buffer_size=4096 (default)"])
+
+    def test_says_which_entry_matches(self):
+        code, out = self.check(self.FILE, "--function", "billing", "--component", "\u00fc")
+        self.assertEqual(code, 0)
+        self.assertEqual([line for line in out.splitlines() if line.startswith("c.xml")],
+                         ['c.xml: no QvtpClient function="billing" component="\u00fc"',
+                          'c.xml:6:3: QvtpServer function="billing" component="\u00fc"'])
+        code, out = self.check(self.FILE, "--function", "Billing", "--json")
+        self.assertEqual(code, 1)
+        self.assertEqual([entry["found"] for entry in json.loads(out)["entries"]], [False, False])
+        self.assertEqual(json.loads(out)["entries"][0]["options"]["connect_timeout"], 60000)
+
+    def test_prints_json(self):
+        code, out = self.check(b'<c>\n<QvtpServer function="f" idle_timeut="1" buffer_size="7"/></c>', "--json")
+        report = json.loads(out)
+        self.assertEqual((code, report["read"], report["findings"]),
+                         (1, True, [{"severity": "error", "line": 2, "column": 26,
+                                     "text": 'QvtpServer has no attribute "idle_timeut": it is skipped. '
+                                             "Is idle_timeout meant?"}]))
+        entry = report["entries"][0]
+        self.assertEqual((entry["line"], entry["column"], entry["function"], entry["component"]), (2, 1, "f", ""))
+        self.assertEqual(entry["options"]["buffer_size"], 7)
+        self.assertEqual(entry["defaults"], ["max_request_processors", "accept_timeout", "idle_timeout",
+                                             "receive_timeout"])
+
+    def test_names_unknown_attributes_with_their_place(self):
+        self.assertEqual(self.findings("<c>", '<QvtpClient function="\u00fc\u00fc" idle_timeout="1"', '   colour="red"',
+                                       "\tConnect_Timeout='1' read_timeout='2'/>", "</c>"),
+                         ['2:27: error: QvtpClient has no attribute "idle_timeout": it is skipped. QvtpServer has it.',
+                          '3:4: error: QvtpClient has no attribute "colour": it is skipped.',
+                          '4:2: error: QvtpClient has no attribute "Connect_Timeout": it is skipped. '
+                          "Is connect_timeout meant?", "4:22: warning: read_timeout is not supported, and skipped."])
+
+    def test_names_values_out_of_range(self):
+        self.assertEqual(self.findings('<c><QvtpServer buffer_size="0" max_request_processors="2" idle_timeout="-1"/>',
+                                       '<QvtpClient stale_timeout="-1" connect_timeout="0" buffer_size="1"/></c>'),
+                         ["1:16: warning: buffer_size: 0 works as 1.",
+                          "1:32: warning: max_request_processors: 2 works as 3; without limit is 0.",
+                          "1:59: warning: idle_timeout: -1 works as 24 to 50 days; without limit is 0.",
+                          "2:13: warning: stale_timeout: -1 works as 0: no connection is used twice."])
+
+    def test_names_values_that_are_no_numbers(self):
+        for value in ("eight", "", "1.5", "0x10", "1 2", "--1"):
+            found = self.findings("<c>", '<QvtpClient connect_timeout="%s"/>' % value, "</c>")
+            self.assertEqual(found, ['2:13: error: connect_timeout: "%s" is no number: applying the entry throws '
+                                     "NumberFormatException." % value])
+        self.assertEqual(self.findings('<c><QvtpClient connect_timeout=" +15 "/></c>'), [])
+        for value in ("2147483648", "-99999999999999999999"):
+            found = self.findings("<c>", '<QvtpClient connect_timeout="%s"/>' % value, "</c>")
+            self.assertEqual(found, ["2:13: error: connect_timeout: %s does not fit into 32 bits: the option does not "
+                                     "get it." % value])
+
+    def test_names_entries_that_are_never_used(self):
+        self.assertEqual(self.findings("<c>", '<QvtpClient function="f"/>', '<QvtpServer function="f"/>',
+                                       '<QvtpClient component="" function="f"/>', "<QvtpSever/><Other/>",
+                                       "<Other><QvtpServer/></Other>", "</c>"),
+                         ["4:1: error: This entry is never used: line 2 has one for the same function and component.",
+                          "5:1: error: QvtpSever is no entry, and ignored. Is QvtpServer meant?",
+                          "6:8: warning: QvtpServer is no child of the root element: it is ignored."])
+
+    def test_says_where_a_file_is_malformed(self):
+        for content, place in ((b"<a>\n<b></a>", "2:4"), (b"<a>\n<b x='1", "2:1"), (b"<a>\n", "2:1"),
+                               (b"<a>\n<!-- ", "2:1"), (b"<a x=1/>", "1:1"), (b"", ""), (b"text", "")):
+            code, out = self.check(content)
+            self.assertEqual(code, 1, content)
+            self.assertRegex(out, r"^c\.xml:%s error: .+\n$" % (place + ":" if place else ""))
+            self.assertFalse(json.loads(self.check(content, "--json")[1])["read"])
+
+    def test_knows_a_file_with_a_grammar(self):
+        grammar = """<!DOCTYPE c [ <!-- ' <x> -->
+            <!ELEMENT c (QvtpClient)*> <!ELEMENT QvtpClient EMPTY>
+            <!ATTLIST QvtpClient function CDATA "g>"> ]>\n"""
+        code, out = self.check(grammar.encode() + b"<c><QvtpClient/></c>", "--function", "g>")
+        self.assertIn("buffer_size=40960 (default)", out)
+        self.assertEqual(self.findings(grammar + "<c><QvtpClient function='f'/></c>"), [])
+        found = self.findings(grammar + "<c><QvtpClient buffer='1'/></c>")
+        self.assertEqual(len(found), 2, found)
+        self.assertRegex(found[0], "^ error: .*buffer")  # the parser's own line
+        self.assertEqual(found[1], '4:16: error: QvtpClient has no attribute "buffer": it is skipped.')
+
+    def test_uses_a_file_in_an_encoding_without_places(self):
+        code, out = self.check('<?xml version="1.0" encoding="UTF-16"?><c><QvtpClient function="f" buffer_size="9"/></c>'
+                               .encode("utf-16"), "--function", "f")
+        self.assertEqual(code, 1)
+        self.assertIn("    buffer_size=9", out)
+        self.assertIn("c.xml: warning: No entry is shown: the file is in an encoding whose markup is not ASCII.", out)
+
+    def test_looks_where_programs_look(self):
+        self.environment["QvtpConfigurationFile"] = self.file("own.xml", b"<c/>")
+        self.assertEqual(self.run_it("config", "check").returncode, 0)
+        self.environment["QvtpConfigurationFile"] = self.root + "/missing"
+        self.assertEqual(self.run_it("config", "check").returncode, 2)
+        del self.environment["QvtpConfigurationFile"]
+        self.assertEqual(self.run_it("config", "check", cwd=self.root).returncode, 2)
+        self.file("QvtpConfig.xml", b"<c><QvtpClient/></c>")
+        self.assertIn(b'QvtpConfig.xml:1:4: QvtpClient function="" component=""\n',
+                      self.run_it("config", "check", cwd=self.root).stdout)
+
+    def test_leaves_no_pipe_directory(self):
+        self.check(self.FILE)
+        self.assertFalse(os.path.exists(self.directory))
+
+    def test_returns_2_for_wrong_usage(self):
+        for arguments in ([], ["nonsense"], ["check", "a", "b"], ["check", self.root + "/missing"], ["check", "--x"]):
+            result = self.run_it("config", *arguments)
+            self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+
+
 class Completion(CliTest):
     def complete(self, line):
         """What bash offers for the last word of the line."""
@@ -531,6 +671,8 @@ class Completion(CliTest):
         self.assertEqual(self.complete("qvtp ping "), ["demo"])
         self.assertIn("--stream", self.complete("qvtp post demo --st"))
         self.assertEqual(self.complete("qvtp completion z"), ["zsh"])
+        self.assertEqual(self.complete("qvtp config "), ["check"])
+        self.assertEqual(self.complete("qvtp config check --fu"), ["--function"])
 
     def test_has_no_wrong_syntax(self):
         for shell in ("bash", "zsh", "fish"):
@@ -550,9 +692,10 @@ class Manual(CliTest):
         with open(self.PAGE, encoding="utf-8") as file:
             page = file.read().replace("\\-", "-")
         sections = {title.lower(): text for title, text in re.findall(r"^\.SH ([A-Z ]+)\n(.*?)(?=^\.SH|\Z)", page, re.S | re.M)}
-        for command in ("post", "notify", "serve", "ls", "ping", "bench", "trace", "completion"):
+        for command in ("post", "notify", "serve", "ls", "ping", "bench", "trace", "config check", "completion"):
             section = "post and notify" if command in ("post", "notify") else command
-            offered = set(re.findall(r"--[a-z][a-z-]*", self.run_it(command, "--help").stdout.decode())) - {"--help"}
+            help_text = self.run_it(*command.split(), "--help").stdout.decode()
+            offered = set(re.findall(r"--[a-z][a-z-]*", help_text)) - {"--help"}
             described = set(re.findall(r"--[a-z][a-z-]*", sections[section]))
             self.assertLessEqual(offered, described, command)
             if command != "notify":  # which has no reply to print

@@ -1,0 +1,184 @@
+#include "cli/ConfigText.h"
+
+#include <Poco/UTF8Encoding.h>
+
+#include <cstdlib>
+#include <string_view>
+#include <utility>
+
+namespace qvtp::cli {
+
+namespace {
+
+constexpr char SPACE[] = " \t\r\n";
+
+/// Thrown where markup does not go on.
+struct BadMarkup {};
+
+std::string utf8Of(unsigned long character) {
+    unsigned char bytes[4];
+    const int size = Poco::UTF8Encoding().convert(static_cast<int>(character), bytes, sizeof(bytes));
+    return {bytes, bytes + size};
+}
+
+/// What "&name;" stands for; itself if only a document type knows.
+std::string replacementOf(const std::string& name) {
+    constexpr std::pair<const char*, const char*> KNOWN[] = {
+        {"lt", "<"}, {"gt", ">"}, {"amp", "&"}, {"quot", "\""}, {"apos", "'"}};
+    for (const auto& [known, character] : KNOWN) {
+        if (name == known) return character;
+    }
+    if (name.size() > 1 && name[0] == '#') {
+        const bool isHex = name[1] == 'x';
+        return utf8Of(std::strtoul(name.c_str() + (isHex ? 2 : 1), nullptr, isHex ? 16 : 10) & 0x1fffff);
+    }
+    return "&" + name + ";";
+}
+
+/// An attribute's value as a parser reports it.
+std::string valueOf(std::string_view raw) {
+    std::string value;
+    for (std::size_t i = 0; i < raw.size(); ++i) {
+        const std::size_t end = raw[i] == '&' ? raw.find(';', i) : raw.npos;
+        if (end != raw.npos) {
+            value += replacementOf(std::string(raw.substr(i + 1, end - i - 1)));
+            i = end;
+        } else {
+            const bool isSpace = raw[i] == '\t' || raw[i] == '\r' || raw[i] == '\n';
+            value += isSpace ? ' ' : raw[i];
+        }
+    }
+    return value;
+}
+
+}  // namespace
+
+std::string ConfigElement::valueOf(const std::string& attribute) const {
+    for (const ConfigAttribute& one : attributes) {
+        if (one.name == attribute) return one.value;
+    }
+    return {};
+}
+
+ConfigText::ConfigText(std::string text) : text_(std::move(text)) {
+    isReadable_ = text_.find('\0') == text_.npos;
+    if (!isReadable_) return;
+    while ((position_ = text_.find('<', position_)) != text_.npos) {
+        const std::size_t begin = position_;
+        try {
+            readMarkup();
+        } catch (const BadMarkup&) {
+            end_ = placeOf(begin);
+            return;
+        }
+    }
+    if (!open_.empty()) end_ = placeOf(text_.size());
+}
+
+void ConfigText::readMarkup() {
+    if (startsWith("<!--")) {
+        skipAfter("-->");
+    } else if (startsWith("<![CDATA[")) {
+        skipAfter("]]>");
+    } else if (startsWith("<?")) {
+        skipAfter("?>");
+    } else if (startsWith("<!")) {
+        skipDeclaration();
+    } else if (startsWith("</")) {
+        readEndTag();
+    } else {
+        readStartTag();
+    }
+}
+
+void ConfigText::readStartTag() {
+    ConfigElement element;
+    element.place = placeOf(position_++);
+    element.depth = static_cast<int>(open_.size());
+    element.name = takeName();
+    for (skipSpace(); at(position_) != '>' && at(position_) != '/'; skipSpace()) {
+        element.attributes.push_back(readAttribute());
+    }
+    if (at(position_) != '/') open_.push_back(element.name);
+    skipAfter(">");
+    elements_.push_back(std::move(element));
+}
+
+void ConfigText::readEndTag() {
+    position_ += 2;
+    if (open_.empty() || takeName() != open_.back()) throw BadMarkup();
+    open_.pop_back();
+    skipAfter(">");
+}
+
+ConfigAttribute ConfigText::readAttribute() {
+    ConfigAttribute attribute;
+    attribute.place = placeOf(position_);
+    attribute.name = takeName();
+    skipSpace();
+    if (at(position_++) != '=') throw BadMarkup();
+    skipSpace();
+    const char quote = at(position_++);
+    const std::size_t end = text_.find(quote, position_);
+    if ((quote != '"' && quote != '\'') || end == text_.npos) throw BadMarkup();
+    attribute.value = valueOf(std::string_view(text_).substr(position_, end - position_));
+    position_ = end + 1;
+    return attribute;
+}
+
+std::string ConfigText::takeName() {
+    const std::size_t begin = position_;
+    position_ = text_.find_first_of(" \t\r\n=/>", begin);
+    if (position_ == text_.npos || position_ == begin) throw BadMarkup();
+    return text_.substr(begin, position_ - begin);
+}
+
+/// A document type, with what stands in its brackets.
+void ConfigText::skipDeclaration() {
+    for (bool isWithin = false;; ++position_) {
+        const char c = at(position_);
+        if (c == '\0') throw BadMarkup();
+        if (startsWith("<!--")) {
+            skipAfter("-->");
+            --position_;
+        } else if (c == '"' || c == '\'') {
+            position_ = text_.find(c, position_ + 1);
+            if (position_ == text_.npos) throw BadMarkup();
+        } else if (c == '[' || c == ']') {
+            isWithin = c == '[';
+        } else if (c == '>' && !isWithin) {
+            break;
+        }
+    }
+    ++position_;
+}
+
+void ConfigText::skipAfter(const char* ending) {
+    const std::size_t found = text_.find(ending, position_);
+    if (found == text_.npos) throw BadMarkup();
+    position_ = found + std::string_view(ending).size();
+}
+
+bool ConfigText::startsWith(const char* text) const {
+    return text_.compare(position_, std::string_view(text).size(), text) == 0;
+}
+
+void ConfigText::skipSpace() {
+    position_ = text_.find_first_not_of(SPACE, position_);
+    if (position_ == text_.npos) throw BadMarkup();
+}
+
+Place ConfigText::placeOf(std::size_t position) const {
+    Place place{1, 1};
+    const bool hasMark = text_.compare(0, 3, "\xEF\xBB\xBF") == 0;
+    for (std::size_t i = hasMark ? 3 : 0; i < position; ++i) {
+        if (text_[i] == '\n') {
+            place = {place.line + 1, 1};
+        } else if ((static_cast<unsigned char>(text_[i]) & 0xC0) != 0x80) {  // what goes on is no character of its own
+            ++place.column;
+        }
+    }
+    return place;
+}
+
+}  // namespace qvtp::cli
