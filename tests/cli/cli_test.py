@@ -2,17 +2,23 @@
 """The program qvtp as a user runs it: arguments, output, exit codes, signals, a terminal.
 
     cli_test.py PROGRAM [unittest's arguments]
+
+A program for Windows needs a command that runs it: QVTP_RUNNER in the environment.
 """
 import base64
+import collections
+import html
 import json
 import os
 import pty
 import re
 import select
+import shlex
 import shutil
 import signal
 import socket
 import stat
+import struct
 import subprocess
 import sys
 import tempfile
@@ -20,9 +26,21 @@ import threading
 import time
 import unittest
 import xml.etree.ElementTree
+import zlib
 
-PROGRAM = ""
+PROGRAM = os.path.abspath(sys.argv.pop(1))
+COMMAND = shlex.split(os.environ.get("QVTP_RUNNER", "")) + [PROGRAM]
+IS_WINDOWS = PROGRAM.endswith(".exe")
 LIMIT = 20  # seconds for anything
+
+
+def linux_only(why):
+    return unittest.skipIf(IS_WINDOWS, why)
+
+
+SIGNALS = linux_only("there are no signals")
+SHELL = linux_only("the shell is another one")
+SOCKETS = linux_only("pipes are no sockets there")
 
 
 def eventually(condition):
@@ -32,6 +50,40 @@ def eventually(condition):
             return True
         time.sleep(0.01)
     return False
+
+
+def pixels(path):
+    """The colours of a PNG of 8 bits a channel (RFC 2083)."""
+    with open(path, "rb") as file:
+        content = file.read()
+    chunks, position = {}, 8
+    while position < len(content):
+        size, kind = struct.unpack(">I4s", content[position:position + 8])
+        chunks[kind] = chunks.get(kind, b"") + content[position + 8:position + 8 + size]
+        position += size + 12
+    width, height, depth, colour = struct.unpack(">IIBB", chunks[b"IHDR"][:10])
+    assert depth == 8 and colour in (2, 6), (depth, colour)
+    step = 3 if colour == 2 else 4
+    data = zlib.decompress(chunks[b"IDAT"])
+    above = bytearray(width * step)
+    for row in range(height):
+        begin = row * (width * step + 1)
+        kind, line = data[begin], bytearray(data[begin + 1:begin + 1 + width * step])
+        for i in range(len(line)):
+            left = line[i - step] if i >= step else 0
+            corner = above[i - step] if i >= step else 0
+            if kind == 1:
+                line[i] = line[i] + left & 255
+            elif kind == 2:
+                line[i] = line[i] + above[i] & 255
+            elif kind == 3:
+                line[i] = line[i] + (left + above[i]) // 2 & 255
+            elif kind == 4:
+                guess = left + above[i] - corner
+                line[i] = line[i] + min((left, above[i], corner), key=lambda value: abs(guess - value)) & 255
+        for i in range(0, len(line), step):
+            yield line[i] << 16 | line[i + 1] << 8 | line[i + 2]
+        above = line
 
 
 class ForeignServer:
@@ -62,12 +114,12 @@ class CliTest(unittest.TestCase):
         self.environment = dict(os.environ, QVTP_PIPE_DIR=self.directory)
 
     def run_it(self, *arguments, data=b"", **options):
-        return subprocess.run([PROGRAM, *arguments], input=data, capture_output=True, timeout=LIMIT,
+        return subprocess.run([*COMMAND, *arguments], input=data, capture_output=True, timeout=LIMIT,
                               env=self.environment, **options)
 
     def serve(self, name, *arguments):
         """A server that is stopped at the end of the test."""
-        server = subprocess.Popen([PROGRAM, "serve", name, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        server = subprocess.Popen([*COMMAND, "serve", name, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                   env=self.environment)
         self.addCleanup(self.end, server)
         first = server.stderr.readline().decode()
@@ -154,9 +206,10 @@ class Post(CliTest):
     def test_returns_3_without_a_server_and_says_what_to_do(self):
         result = self.run_it("post", "demo", "/")
         self.assertEqual(result.returncode, 3)
-        self.assertIn(self.directory + "/demo.sock", result.stderr.decode())
+        self.assertIn(r"\\.\pipe\demo" if IS_WINDOWS else self.directory + "/demo.sock", result.stderr.decode())
         self.assertIn("There is no server: start it", result.stderr.decode())
 
+    @linux_only("the pipe directory is Linux's")
     def test_returns_4_if_it_is_denied(self):
         self.serve("demo")
         os.chmod(self.directory, 0o755)
@@ -166,12 +219,14 @@ class Post(CliTest):
         os.chmod(self.directory, 0o700)
         self.assertEqual(self.run_it("serve", "demo").returncode, 4)  # the name is taken
 
+    @SHELL
     def test_returns_5_after_the_time_out(self):
         self.serve("demo", "--exec", "exec sleep 5 2> /dev/null")
         result = self.run_it("post", "demo", "/", "--timeout", "0.2")
         self.assertEqual(result.returncode, 5)
         self.assertIn("There was no answer in time", result.stderr.decode())
 
+    @SOCKETS
     def test_returns_6_for_a_connection_that_breaks_and_a_body_that_is_cut_off(self):
         self.foreign("broken", lambda connection: connection.recv(10))
         self.assertEqual(self.run_it("post", "broken", "/", "-d", "hi").returncode, 6)
@@ -184,6 +239,7 @@ class Post(CliTest):
         result = self.run_it("post", "cut", "/", "-d", "hi")
         self.assertEqual((result.returncode, result.stdout), (6, b"first"))
 
+    @SOCKETS
     def test_returns_7_for_a_malformed_reply(self):
         def nonsense(connection):
             connection.recv(100)
@@ -192,10 +248,11 @@ class Post(CliTest):
         self.foreign("odd", nonsense)
         self.assertEqual(self.run_it("post", "odd", "/", "-d", "hi").returncode, 7)
 
+    @SIGNALS
     def test_returns_130_when_it_is_interrupted(self):
         started = self.root + "/started"
         self.serve("demo", "--exec", "touch %s; exec sleep 20 2> /dev/null" % started)
-        client = subprocess.Popen([PROGRAM, "post", "demo", "/"], env=self.environment, stderr=subprocess.PIPE)
+        client = subprocess.Popen([*COMMAND, "post", "demo", "/"], env=self.environment, stderr=subprocess.PIPE)
         self.assertTrue(eventually(lambda: os.path.exists(started)))
         client.send_signal(signal.SIGINT)
         client.communicate(timeout=LIMIT)
@@ -217,11 +274,12 @@ class Post(CliTest):
         self.assertNotEqual(result.returncode, 0)
 
 
+@linux_only("terminals are another matter")
 class Progress(CliTest):
     def on_terminal(self, *arguments):
         """What a person sees on standard error."""
         master, slave = pty.openpty()
-        process = subprocess.Popen([PROGRAM, *arguments], stdout=subprocess.DEVNULL, stderr=slave, env=self.environment)
+        process = subprocess.Popen([*COMMAND, *arguments], stdout=subprocess.DEVNULL, stderr=slave, env=self.environment)
         os.close(slave)
         seen = b""
         while select.select([master], [], [], LIMIT)[0]:
@@ -264,6 +322,7 @@ class Notify(CliTest):
 
 
 class Serve(CliTest):
+    @SIGNALS
     def test_ends_cleanly_and_counts(self):
         for number in (signal.SIGINT, signal.SIGTERM):
             server = self.serve("demo")
@@ -274,6 +333,7 @@ class Serve(CliTest):
             self.assertEqual(server.returncode, 0)
             self.assertEqual(err.decode(), "Served 1 POST, 1 NOTIFY; 0 failed.\n")
 
+    @SIGNALS
     def test_prints_its_counters_as_json(self):
         server = self.serve("demo", "--json")
         self.run_it("post", "demo", "/")
@@ -285,6 +345,7 @@ class Serve(CliTest):
         reply = json.loads(self.run_it("post", "demo", "/", "-d", "other", "--json").stdout)
         self.assertEqual((reply["status"], reply["body"]), (201, "fixed"))
 
+    @SHELL
     def test_runs_a_command_for_each_request(self):
         self.serve("demo", "--exec", 'echo "$QVTP_METHOD $QVTP_RESOURCE $QVTP_HEADER_X_KEY"; cat')
         result = self.run_it("post", "demo", "/a", "-d", "body", "-H", "X-Key: it's \"odd\" $HOME")
@@ -293,11 +354,13 @@ class Serve(CliTest):
         result = self.run_it("post", "demo", "/a", "-f", self.file("large", large))
         self.assertTrue(result.stdout.endswith(large))
 
+    @SHELL
     def test_answers_500_if_the_command_fails(self):
         self.serve("demo", "--exec", "echo why; exit 3")
         reply = json.loads(self.run_it("post", "demo", "/", "--json").stdout)
         self.assertEqual((reply["status"], reply["body"]), (500, "why\n"))
 
+    @SHELL
     def test_takes_a_command_that_does_not_read_its_input(self):
         self.serve("demo", "--exec", "echo done")
         large = self.file("large", b"x" * (4 << 20))
@@ -307,16 +370,18 @@ class Serve(CliTest):
         self.serve("demo", "--reply", "")
         self.assertEqual(self.run_it("post", "demo", "/", "-d", "hello").stdout, b"")
 
+    @SIGNALS
     def test_cuts_off_at_once_if_told_so(self):
         started = self.root + "/started"
         server = self.serve("demo", "--drain", "0", "--exec", "touch %s; exec sleep 2 2> /dev/null" % started)
-        client = subprocess.Popen([PROGRAM, "post", "demo", "/"], stderr=subprocess.PIPE, env=self.environment)
+        client = subprocess.Popen([*COMMAND, "post", "demo", "/"], stderr=subprocess.PIPE, env=self.environment)
         self.assertTrue(eventually(lambda: os.path.exists(started)))
         code, _, err = self.stop(server)
         client.communicate(timeout=LIMIT)
         self.assertEqual((code, client.returncode), (6, 6))
         self.assertIn("Requests were cut off.", err)
 
+    @SIGNALS
     def test_leaves_an_ignored_signal_ignored(self):
         shell = subprocess.Popen(["sh", "-c", "trap '' INT; exec %s serve demo" % PROGRAM], stdout=subprocess.PIPE,
                                  stderr=subprocess.PIPE, env=self.environment)
@@ -332,15 +397,17 @@ class Serve(CliTest):
         reply = json.loads(self.run_it("post", "demo", "/", "-d", "x" * 11, "--json").stdout)
         self.assertEqual(reply["status"], 413)
 
+    @SIGNALS
     def test_serves_what_has_begun_when_the_signal_comes(self):
         started = self.root + "/started"
         server = self.serve("demo", "--exec", "touch %s; sleep 0.5; echo late" % started)
-        client = subprocess.Popen([PROGRAM, "post", "demo", "/"], stdout=subprocess.PIPE, env=self.environment)
+        client = subprocess.Popen([*COMMAND, "post", "demo", "/"], stdout=subprocess.PIPE, env=self.environment)
         self.assertTrue(eventually(lambda: os.path.exists(started)))
         code, _, _ = self.stop(server)
         self.assertEqual((code, client.communicate(timeout=LIMIT)[0]), (0, b"late\n"))
 
 
+@linux_only("the system shows names alone")
 class List(CliTest):
     def pipes(self):
         return json.loads(self.run_it("ls", "--json").stdout)
@@ -388,7 +455,7 @@ class List(CliTest):
         self.assertEqual([pipe["pid"] for pipe in self.pipes()], [server.pid])
 
     def test_ends_when_nobody_reads_what_it_watches(self):
-        watch = subprocess.Popen([PROGRAM, "ls", "--names", "--watch"], stdout=subprocess.PIPE, env=self.environment)
+        watch = subprocess.Popen([*COMMAND, "ls", "--names", "--watch"], stdout=subprocess.PIPE, env=self.environment)
         self.addCleanup(watch.kill)
         self.serve("first")
         self.assertEqual(watch.stdout.readline(), b"first\n")
@@ -397,7 +464,7 @@ class List(CliTest):
         self.assertNotEqual(watch.wait(LIMIT), 0)
 
     def test_watches(self):
-        watch = subprocess.Popen([PROGRAM, "ls", "--names", "--watch"], stdout=subprocess.PIPE, env=self.environment)
+        watch = subprocess.Popen([*COMMAND, "ls", "--names", "--watch"], stdout=subprocess.PIPE, env=self.environment)
         self.addCleanup(self.end, watch)
         self.serve("demo")
         self.assertEqual(watch.stdout.readline(), b"demo\n")
@@ -410,19 +477,20 @@ class Ping(CliTest):
         server = self.serve("demo", "-v")
         result = self.run_it("ping", "demo", "-n", "3")
         self.assertEqual(result.returncode, 0)
-        self.assertRegex(result.stdout.decode(), r"^demo at .*/demo\.sock took 3 connections: min [0-9.]+, median ")
+        self.assertRegex(result.stdout.decode(), r"^demo at .*demo(\.sock)? took 3 connections: min [0-9.]+, median ")
         self.assertEqual(json.loads(self.run_it("ping", "demo", "--json").stdout)["us"]["count"], 1)
-        self.assertEqual(self.stop(server)[2], "Served 0 POST, 0 NOTIFY; 0 failed.\n")
+        if not IS_WINDOWS:  # where nothing but Ctrl-C stops it in order
+            self.assertEqual(self.stop(server)[2], "Served 0 POST, 0 NOTIFY; 0 failed.\n")
 
     def test_returns_3_without_a_server(self):
         self.assertEqual(self.run_it("ping", "demo").returncode, 3)
-
 
     def test_returns_2_for_no_name(self):
         self.assertEqual(self.run_it("ping", "").returncode, 2)
 
 
 class Bench(CliTest):
+    @linux_only("memory is limited in another way")
     def test_ends_in_order_if_threads_run_out(self):
         self.serve("demo")
         shell = "ulimit -v 600000; exec %s bench demo / -c 1000 -n 10" % PROGRAM
@@ -439,7 +507,8 @@ class Bench(CliTest):
         self.assertRegex(lines[0], r"^500 requests of 3 clients, \d+ per second$")
         self.assertRegex(lines[1], r"^min [0-9.]+, median [0-9.]+, p90 [0-9.]+, p99 [0-9.]+, max [0-9.]+ microseconds$")
         self.assertEqual(sum(int(line.split()[4]) for line in lines[2:]), 500)
-        self.assertIn("Served 500 POST", self.stop(server)[2])
+        if not IS_WINDOWS:
+            self.assertIn("Served 500 POST", self.stop(server)[2])
 
     def test_prints_json_and_returns_1_for_other_statuses(self):
         self.serve("demo", "--status", "500")
@@ -511,6 +580,57 @@ class Trace(CliTest):
                           [self.file("log", self.LOG.encode()), self.root + "/missing"]):
             result = self.run_it("trace", *arguments)
             self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+
+
+class Browser(CliTest):
+    """The page of a trace, as a browser lays it out and paints it."""
+
+    # What lies outside of the picture, and what lies on something else.
+    SCRIPT = """<script>
+        const picture = document.querySelector("svg").getBoundingClientRect();
+        const texts = [...document.querySelectorAll("svg text")].map(text => [text.textContent, text.getBoundingClientRect()]);
+        const outside = texts.filter(([, box]) => box.left < picture.left || box.right > picture.right ||
+                                                  box.top < picture.top || box.bottom > picture.bottom);
+        const meets = (a, b) => a.left < b.right && b.left < a.right && a.top < b.bottom - 2 && b.top < a.bottom - 2;
+        const covered = texts.filter(([, a], i) => texts.some(([, b], j) => i < j && meets(a, b)));
+        const report = {texts: texts.length, outside: outside.map(([text]) => text), covered: covered.map(([text]) => text),
+                        wide: document.documentElement.scrollWidth, open: document.querySelectorAll("details").length};
+        document.title = JSON.stringify(report);
+    </script>"""
+
+    def browse(self, page, *arguments):
+        browser = shutil.which("chromium") or shutil.which("chromium-headless-shell")
+        if browser is None:
+            self.skipTest("there is no browser")
+        return subprocess.run([browser, "--headless", "--no-sandbox", "--disable-gpu", "--hide-scrollbars",
+                               "--user-data-dir=" + self.root + "/profile", "--window-size=1300,900", *arguments,
+                               "file://" + page], capture_output=True, timeout=3 * LIMIT)
+
+    def page(self):
+        log = self.file("log", Trace.LOG.encode())
+        lines = self.file("lines", b"WARN  - 2026/11/22-09:58:34.500 UTC - Thread-1:  - What is <odd> and " + b"long " * 40 +
+                          b"- Quovane.SOA.Qvtp\n")
+        path = self.root + "/out.html"
+        self.assertEqual(self.run_it("trace", log, lines, "-o", path).returncode, 0)
+        return path
+
+    def test_lays_the_page_out_without_a_text_on_another(self):
+        path = self.page()
+        with open(path, "a", encoding="utf-8") as file:
+            file.write(self.SCRIPT)
+        result = self.browse(path, "--dump-dom")
+        report = json.loads(html.unescape(re.search("<title>(.*?)</title>", result.stdout.decode())[1]))
+        self.assertGreater(report["texts"], 20)
+        self.assertEqual((report["outside"], report["covered"], report["open"]), ([], [], 5))
+        self.assertLessEqual(report["wide"], 1300)
+
+    def test_paints_bars_arrows_and_lines_of_the_log(self):
+        picture = self.root + "/page.png"
+        self.browse(self.page(), "--screenshot=" + picture)
+        colours = collections.Counter(pixels(picture))
+        self.assertGreater(colours[0x1B5E9E], 1000, "the bars of answered requests")
+        self.assertGreater(colours[0xB71C1C], 100, "the line of the log, and the bar of the open request")
+        self.assertGreater(colours[0xFFFFFF], 1300 * 900 / 2, "what is left of the page")
 
 
 class Config(CliTest):
@@ -653,6 +773,7 @@ class Config(CliTest):
             self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
 
 
+@SHELL
 class Completion(CliTest):
     def complete(self, line):
         """What bash offers for the last word of the line."""
@@ -685,6 +806,7 @@ class Completion(CliTest):
         self.assertEqual(self.run_it("completion", "csh").returncode, 2)
 
 
+@linux_only("manual pages are Linux's")
 class Manual(CliTest):
     PAGE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../cli/man/qvtp.1")
 
@@ -710,5 +832,4 @@ class Manual(CliTest):
 
 
 if __name__ == "__main__":
-    PROGRAM = os.path.abspath(sys.argv.pop(1))
     unittest.main()
