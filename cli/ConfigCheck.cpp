@@ -1,6 +1,7 @@
 #include "cli/ConfigCheck.h"
 
 #include "cli/CommunicationLog.h"
+#include "cli/Terminal.h"
 
 #include <qvtp/client/QvtpClient.h>
 #include <qvtp/config/QvtpConfig.h>
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -157,7 +159,7 @@ Complaint complaintAbout(const Setting& setting, const std::string& value) {
 /// Has the library read the file, and returns its lines.
 std::string readByTheLibrary() {
     using exact::QvtpMessage, Quovane::Qvtp::LoggingLevel, Quovane::Qvtp::CommunicationLevel;
-    std::FILE* const file = std::tmpfile();
+    std::FILE* const file = Terminal::openTemporaryFile();
     QvtpMessage::setLoggingLevel(file, LoggingLevel::DEBUG, nullptr, CommunicationLevel::OFF);
     exact::QvtpClient client;
     try {
@@ -240,7 +242,7 @@ class Check {
 }  // namespace
 
 ConfigReport checkConfig(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
+    std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
     if (!file) throw Error(ErrorKind::misuse, "Cannot read " + path + ".");
     const ConfigText text(std::string(std::istreambuf_iterator<char>(file), {}));
     Poco::Environment::set("QvtpConfigurationFile", path);

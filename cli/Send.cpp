@@ -100,7 +100,7 @@ class Send : public Command {
     int post(Client& client, CallOptions& call) {
         std::ofstream file;
         if (!output_.empty()) {
-            file.open(output_, std::ios::binary);
+            file.open(std::filesystem::u8path(output_), std::ios::binary);
             if (!file) throw Error(ErrorKind::misuse, "Cannot write to " + output_ + ".");
         }
         std::ostream& out = output_.empty() ? std::cout : file;
@@ -139,10 +139,11 @@ class Send : public Command {
             return;
         }
         if (file_ != STANDARD_INPUT) {
-            auto file = std::make_unique<std::ifstream>(file_, std::ios::binary);
+            const auto path = std::filesystem::u8path(file_);
+            auto file = std::make_unique<std::ifstream>(path, std::ios::binary);
             std::error_code error;
-            const auto size = std::filesystem::file_size(file_, error);
-            if (!*file || std::filesystem::is_directory(file_)) {
+            const auto size = std::filesystem::file_size(path, error);
+            if (!*file || std::filesystem::is_directory(path)) {
                 throw Error(ErrorKind::misuse, "Cannot read " + file_ + ".");
             }
             if (!error) size_ = static_cast<std::int64_t>(size);

@@ -1,11 +1,19 @@
 #pragma once
 
+#include <cstdio>
+#include <string>
+#include <vector>
+
 /// What the program asks of the system.
 namespace qvtp::cli::Terminal {
 
+/// What the program was called with, without its own name, in UTF-8.
+std::vector<std::string> arguments(int argc, char** argv);
 /// Whether a person looks at standard error.
 bool showsErrors();
 /// Leaves the bytes of standard input and output as they are, where the system would change line ends.
 void makeStreamsBinary();
+/// A file to write and then read, which goes when it is closed; null if there can be none.
+std::FILE* openTemporaryFile();
 
 }  // namespace qvtp::cli::Terminal

@@ -3,6 +3,7 @@
 #include "cli/Command.h"
 #include "cli/TraceReport.h"
 
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -37,7 +38,7 @@ class TraceCommand : public Command {
             std::cout << (isJson_ ? jsonOf(trace) : textOf(trace)) << std::flush;
             return OK;
         }
-        std::ofstream file(output_, std::ios::binary);
+        std::ofstream file(std::filesystem::u8path(output_), std::ios::binary);
         file << formatted(trace) << std::flush;
         if (!file) throw Error(ErrorKind::misuse, "Cannot write to " + output_ + ".");
         return OK;
@@ -45,7 +46,7 @@ class TraceCommand : public Command {
 
   private:
     static std::ifstream opened(const std::string& path) {
-        std::ifstream file(path, std::ios::binary);
+        std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
         if (!file) throw Error(ErrorKind::misuse, "Cannot read " + path + ".");
         return file;
     }

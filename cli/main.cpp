@@ -1,14 +1,17 @@
 // qvtp: pipes from the command line.
 
 #include "cli/Command.h"
+#include "cli/Terminal.h"
 
 #include <qvtp/io/IllegalStateException.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -45,6 +48,7 @@ int main(int argc, char** argv) {
     }
     CLI::App program("Sends requests to local pipes, serves them, and shows what happens on them.", "qvtp");
     program.require_subcommand(1);
+    program.allow_windows_style_options(false);  // what begins with a slash is a resource on Windows too
     program.set_version_flag("--version", "qvtp " QVTP_CLI_VERSION);
     program.footer(EXIT_CODES);
     std::vector<std::pair<CLI::App*, std::unique_ptr<Command>>> commands;
@@ -63,7 +67,9 @@ int main(int argc, char** argv) {
     add(makeConfig());
     add(makeCompletion());
     try {
-        program.parse(argc, argv);
+        std::vector<std::string> arguments = Terminal::arguments(argc, argv);
+        std::reverse(arguments.begin(), arguments.end());  // the order that parse() wants
+        program.parse(std::move(arguments));
     } catch (const CLI::ParseError& e) {
         return program.exit(e) == 0 ? OK : USAGE;
     }

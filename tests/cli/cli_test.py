@@ -163,6 +163,16 @@ class Post(CliTest):
                 self.assertEqual(self.run_it("post", "demo", "/", "-f", path, *arguments).stdout, content)
                 self.assertEqual(self.run_it("post", "demo", "/", "-f", "-", *arguments, data=content).stdout, content)
 
+    def test_knows_files_headers_and_bodies_of_any_characters(self):
+        self.serve("demo")
+        path, copy = self.file("\u00fc\u4e2d", b"content"), self.root + "/\u4e2d"
+        self.assertEqual(self.run_it("post", "demo", "/\u00fc\u4e2d", "-f", path, "-o", copy).returncode, 0)
+        with open(copy, "rb") as file:
+            self.assertEqual(file.read(), b"content")
+        result = self.run_it("post", "demo", "/", "-d", "\u00fc\u4e2d", "-H", "X-\u0041: \u4e2d", "-v")
+        self.assertEqual(result.stdout.decode(), "\u00fc\u4e2d")
+        self.assertIn("> X-A: \u4e2d", result.stderr.decode())
+
     def test_writes_the_body_to_a_file(self):
         self.serve("demo")
         result = self.run_it("post", "demo", "/", "-d", "hi", "-o", self.root + "/out")
@@ -265,6 +275,7 @@ class Post(CliTest):
             for line in ("0    a status of 2xx", "130  ended by a signal"):
                 self.assertIn(line, result.stdout.decode())
 
+    @SHELL
     def test_ends_quietly_if_nobody_reads_what_it_prints(self):
         self.serve("demo")
         path = self.file("body", b"x" * (1 << 20))
@@ -318,7 +329,7 @@ class Notify(CliTest):
         server = self.serve("demo", "-v")
         result = self.run_it("notify", "demo", "/log", "-d", "hello")
         self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
-        self.assertRegex(server.stderr.readline().decode(), r"^NOTIFY /log from process \d+: 5 bytes$")
+        self.assertRegex(server.stderr.readline().decode().replace("\r", ""), r"^NOTIFY /log from process \d+: 5 bytes$")
 
 
 class Serve(CliTest):
@@ -760,8 +771,8 @@ class Config(CliTest):
         del self.environment["QvtpConfigurationFile"]
         self.assertEqual(self.run_it("config", "check", cwd=self.root).returncode, 2)
         self.file("QvtpConfig.xml", b"<c><QvtpClient/></c>")
-        self.assertIn(b'QvtpConfig.xml:1:4: QvtpClient function="" component=""\n',
-                      self.run_it("config", "check", cwd=self.root).stdout)
+        self.assertIn(b'QvtpConfig.xml:1:4: QvtpClient function="" component=""',
+                      self.run_it("config", "check", cwd=self.root).stdout.splitlines())
 
     def test_leaves_no_pipe_directory(self):
         self.check(self.FILE)
