@@ -23,6 +23,7 @@ namespace {
 using Guard = std::lock_guard<RecursiveMutex>;
 
 constexpr std::size_t KEPT_NAMES = 16;  // of which no pipe is idle
+constexpr char KEY_DELIMITER = '.';
 
 std::string nextBinding() {
     static std::atomic<int> counter{1};
@@ -38,6 +39,15 @@ RecursiveMutex& creationLock() {
 
 bool contains(const std::string& mode, char access) {
     return mode.find(access) != std::string::npos;
+}
+
+std::string keyOf(const std::string& pipeName, const std::string& mode) {
+    return pipeName + KEY_DELIMITER + mode;
+}
+
+bool isKeyOf(const std::string& key, const std::string& pipeName, const std::string& mode) {
+    return key.size() == pipeName.size() + 1 + mode.size() && key[pipeName.size()] == KEY_DELIMITER &&
+           key.compare(0, pipeName.size(), pipeName) == 0 && key.compare(pipeName.size() + 1, mode.size(), mode) == 0;
 }
 
 // The missing blanks in these texts are part of the interface: log readers match them.
@@ -60,17 +70,17 @@ DefaultConnectionManager::~DefaultConnectionManager() {
 
 DefaultConnectionManager::QvPipe* DefaultConnectionManager::getPipe(const std::string& pipeName,
                                                                     const std::string& mode) {
-    const std::string key = pipeName + "." + mode;
-    QvPipe* const idle = takeIdle(key, pipeName);
-    return idle != nullptr ? idle : use(createPipe(pipeName, mode, key), pipeName);
+    QvPipe* const idle = takeIdle(pipeName, mode);
+    return idle != nullptr ? idle : use(createPipe(pipeName, mode), pipeName);
 }
 
-/// Null if there is none.
-DefaultConnectionManager::QvPipe* DefaultConnectionManager::takeIdle(const std::string& key,
-                                                                     const std::string& pipeName) {
+/// Null if there is none. The key is not put together, and all names are looked at: there are few.
+DefaultConnectionManager::QvPipe* DefaultConnectionManager::takeIdle(const std::string& pipeName,
+                                                                     const std::string& mode) {
     Guard guard(lock_);
     purgeStale();
-    const auto found = available_.find(key);
+    const auto found = std::find_if(available_.begin(), available_.end(),
+                                    [&](const auto& entry) { return isKeyOf(entry.first, pipeName, mode); });
     if (found == available_.end() || found->second.empty()) return nullptr;
     PipeInfo& info = *found->second.back();
     found->second.pop_back();
@@ -109,13 +119,12 @@ void DefaultConnectionManager::close(const PipeInfo& info) {
 }
 
 DefaultConnectionManager::PipeInfoPtr DefaultConnectionManager::createPipe(const std::string& pipeName,
-                                                                           const std::string& mode,
-                                                                           const std::string& key) {
+                                                                           const std::string& mode) {
     const std::string binding = nextBinding();
     const auto line = [&](const char* what) { return text(what, pipeName, "/", binding, ")"); };
     logDebug([&] { return line("Need a QvPipe ("); });
     Guard creation(creationLock());
-    auto info = std::make_unique<PipeInfo>(key, binding);
+    auto info = std::make_unique<PipeInfo>(keyOf(pipeName, mode), binding);
     try {
         connectPipe(*info, pipeName, mode);
         logDebug([&] { return line("Created QvPipe ("); });

@@ -34,10 +34,10 @@ class DefaultConnectionManager : public Quovane::Qvtp::QvtpConnectionManager {
     using PipeInfoPtr = std::unique_ptr<PipeInfo>;
     using IdlePipes = std::vector<PipeInfo*>;  // not owned; most recently returned first
 
-    QvPipe* takeIdle(const std::string& key, const std::string& pipeName);
+    QvPipe* takeIdle(const std::string& pipeName, const std::string& mode);
     void purgeStale();
     void close(const PipeInfo& info);
-    PipeInfoPtr createPipe(const std::string& pipeName, const std::string& mode, const std::string& key);
+    PipeInfoPtr createPipe(const std::string& pipeName, const std::string& mode);
     void connectPipe(PipeInfo& info, const std::string& pipeName, const std::string& mode) const;
     QvPipe* use(PipeInfoPtr info, const std::string& pipeName);
     static void logUse(const PipeInfo& info, const std::string& pipeName);
