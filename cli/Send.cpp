@@ -85,6 +85,7 @@ class Send : public Command {
             sent.show(progress);
             lastSent_ = Clock::now();
         };
+        call.onConnected = [&] { connected_ = Clock::now(); };
         begin_ = Clock::now();
         return isPost_ ? post(client, call) : notify(client, call);
     }
@@ -180,6 +181,7 @@ class Send : public Command {
 
     Json times() const {
         Json times;
+        if (connected_) times["connect"] = millisecondsBetween(begin_, *connected_);
         if (lastSent_) times["sent"] = millisecondsBetween(begin_, *lastSent_);
         if (firstByte_) times["firstByte"] = millisecondsBetween(begin_, *firstByte_);
         times["total"] = millisecondsBetween(begin_, end_);
@@ -218,7 +220,7 @@ class Send : public Command {
     std::unique_ptr<std::istream> streamed_;  // null: standard input, or a whole body
     std::int64_t size_ = -1;
     Clock::time_point begin_, end_;
-    std::optional<Clock::time_point> lastSent_, firstByte_;
+    std::optional<Clock::time_point> connected_, lastSent_, firstByte_;
 };
 
 }  // namespace

@@ -188,7 +188,14 @@ class Post(CliTest):
         self.assertEqual(lines[:4], ["> POST /a QVTP/1.0", "> X-One: 1", "> X-Two: 2", "> Content-Length: 2"])
         self.assertIn("< QVTP/1.0 200 OK", lines)
         self.assertIn("< Content-Length: 2", lines)
-        self.assertRegex(lines[-1], r"^\* milliseconds: firstByte [0-9.]+ total [0-9.]+$")
+        self.assertRegex(lines[-1], r"^\* milliseconds: connect [0-9.]+ firstByte [0-9.]+ total [0-9.]+$")
+
+    def test_shows_times_in_their_order(self):
+        self.serve("demo")
+        times = json.loads(self.run_it("post", "demo", "/", "-d", "hi", "--stream", "--json").stdout)["milliseconds"]
+        self.assertEqual(list(times), ["connect", "sent", "firstByte", "total"])
+        self.assertEqual(sorted(times.values()), list(times.values()))
+        self.assertGreater(times["connect"], 0)
 
     def test_prints_the_whole_reply_as_json(self):
         self.serve("demo")

@@ -149,6 +149,23 @@ TEST_F(EasyClient, StreamsABodyFromAFunction) {
     EXPECT_EQ(client.post("/echo", qvtp::Body(source)).body(), "");
 }
 
+TEST_F(EasyClient, SaysWhenItHasAConnectionAndTheServerHasNothingYet) {
+    server.start();
+    std::vector<std::uint64_t> posts;
+    qvtp::CallOptions options;
+    options.onConnected = [&] { posts.push_back(server.counters().posts); };
+    client.post("/echo", "x", options);
+    client.post("/echo", "x", options);
+    EXPECT_THAT(posts, ElementsAre(0U, 1U));
+    options.onConnected = [] { throw std::runtime_error("not today"); };
+    EXPECT_EQ(whatOf([&] { client.post("/echo", "x", options); }), "not today");
+    EXPECT_EQ(client.post("/echo", "x").body(), "x");
+    EXPECT_EQ(server.counters().posts, 3U);
+    server.stop();
+    options.onConnected = [&] { ADD_FAILURE() << "there is no server"; };
+    EXPECT_EQ(kindOf([&] { qvtp::Client(name).post("/echo", "x", options); }), "no_server");
+}
+
 TEST_F(EasyClient, LetsWhatItsCallbacksThrowPass) {
     server.onPost("/read", [](const Request& request) { return Reply(std::to_string(request.body().size())); });
     server.start();

@@ -3,8 +3,7 @@
 #include <utility>
 
 namespace qvtp::detail {
-/// What one call asks the library for, and what becomes of its connection. It knows why a connection could not be made,
-/// and turns the library's exceptions into errors.
+/// What becomes of one call: its connection, or why there is none, and the library's exceptions as errors.
 class Call final : public exact::QvtpConnectionManager {
   public:
     /// `what`: the call in words. The connections must outlive it.
@@ -17,6 +16,7 @@ class Call final : public exact::QvtpConnectionManager {
         connection_ = &connections_.take(mode == "rw");
         if (!connection_->isOpen) connect();
         if (connections_.isClosed) fail(ErrorKind::closed);
+        if (onConnected) onConnected();
         return &connection_->pipe;
     }
     void returnPipe(io::QvPipe*) override {
@@ -29,10 +29,11 @@ class Call final : public exact::QvtpConnectionManager {
         hasEnded = connection_->isReadable && !pipe->getInputStream()->good();
         giveBack(false);
     }
-    bool hasHead = false;    ///< of the reply
-    bool isReusable = true;  ///< false: the server is about to close the connection
-    bool hasBroken = false;  ///< the library has found the connection no good for another exchange
-    bool hasEnded = false;   ///< the same, because nothing more came
+    std::function<void()> onConnected;  ///< as in CallOptions
+    bool hasHead = false;               ///< of the reply
+    bool isReusable = true;             ///< false: the server is about to close the connection
+    bool hasBroken = false;             ///< the library has found the connection no good for another exchange
+    bool hasEnded = false;              ///< the same, because nothing more came
     /// Throws what the exception comes to that is being handled. `isCommitted`: a byte of the request has left.
     [[noreturn]] void translate(bool isCommitted) const {
         const ErrorKind lateKind = hasHead ? ErrorKind::cut_off : ErrorKind::unknown_outcome;

@@ -27,8 +27,7 @@ class Client {
     void notify(const std::string& resource, const Body& body = "", const CallOptions& options = {}) {
         send<detail::exact::NotifyRequest>("NOTIFY " + resource, resource, body, options);
     }
-    /// Ends all calls, and all later ones, as closed: at once, but one that waits for a busy server when its connect
-    /// time-out is over. From any thread.
+    /// Ends all calls, and later ones, as closed; one that waits for a busy server when its connect time-out is over.
     void close() { connections_.close(); }
 
   private:
@@ -54,6 +53,7 @@ class Client {
         const Milliseconds timeout = firstOf(options.timeout, options_.timeout);
         const Milliseconds connecting = firstOf(options.connectTimeout, firstOf(options_.connectTimeout, timeout));
         detail::Call call(connections_, pipeName_, what, numberOf(connecting));
+        call.onConnected = options.onConnected;
         detail::exact::QvtpClient client(&call);
         client.setResponseTimeout(numberOf(timeout));
         Reply reply;

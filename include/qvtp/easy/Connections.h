@@ -39,8 +39,7 @@ class Connections {
     }
     void giveBack(const Connection& connection, bool isReusable) {
         const std::lock_guard<std::mutex> guard(mutex_);
-        const auto isIt = [&](const Connection& each) { return &each == &connection; };
-        const auto place = std::find_if(all_.begin(), all_.end(), isIt);
+        const auto place = std::find_if(all_.begin(), all_.end(), [&](auto& each) { return &each == &connection; });
         place->isIdle = true;
         place->lastUsed = std::chrono::steady_clock::now();
         if (isReusable && !isClosed) return all_.splice(all_.begin(), all_, place);

@@ -48,8 +48,7 @@ inline std::string bodyOf(exact::QvtpMessageIn& message) {
     char* data = nullptr;
     std::size_t size = 0;
     message.getBody(&data, size);
-    const std::unique_ptr<char[]> owner(data);
-    return std::string(data, size);
+    return std::string(std::unique_ptr<char[]>(data).get(), size);
 }
 }  // namespace detail
 /// The first value of this name, in whatever case, or an empty text.

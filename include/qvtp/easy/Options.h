@@ -29,6 +29,7 @@ struct CallOptions {
     Headers headers;
     Milliseconds timeout{-1};                     ///< as in ClientOptions, for this call; below 0: as there
     Milliseconds connectTimeout{-1};              ///< the same
+    std::function<void()> onConnected;            ///< before the request is sent over one, new or kept
     std::function<void(const Progress&)> onSent;  ///< after each piece of a streamed body
     /// For a reply of any size: each piece of its body, as it comes. Reply::body() is empty then.
     std::function<void(std::string_view piece, const Progress&)> onPiece;
