@@ -14,7 +14,9 @@ install(
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 # The module is nobody's to link with.
-if(WIN32)
+if(QVTP_STATIC)
+  # It is linked in.
+elseif(WIN32)
   install(TARGETS qvtp_config LIBRARY DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 else()
   install(TARGETS qvtp_config LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/qvtp COMPONENT runtime)
@@ -32,6 +34,12 @@ file(RELATIVE_PATH QVTP_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 set(QVTP_PC_DEFINITIONS "")
 if(WIN32)
   set(QVTP_PC_DEFINITIONS " -DNOGDI -DNOMINMAX")
+endif()
+# What `pkg-config --static` adds.
+set(QVTP_PC_PRIVATE "")
+if(QVTP_STATIC)
+  string(APPEND QVTP_PC_DEFINITIONS " -DQVTP_STATIC")
+  set(QVTP_PC_PRIVATE " -lxerces-c -pthread")
 endif()
 configure_file(cmake/qvtp.pc.in qvtp.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qvtp.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

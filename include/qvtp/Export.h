@@ -2,7 +2,7 @@
 
 /// QVTP_API marks what applications may link against; everything else is hidden.
 /// QVTP_HIDDEN takes a class within such a class out again.
-/// QVTP_BUILDING is defined while the library itself is compiled, QVTP_STATIC for the static library of the tests.
+/// QVTP_BUILDING is defined while the library itself is compiled, QVTP_STATIC for a static library.
 #if defined(_WIN32)
 #if defined(QVTP_STATIC)
 #define QVTP_API

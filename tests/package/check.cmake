@@ -2,33 +2,10 @@
 # find_package() and, where there is pkg-config, by that. It has a configuration as long as the parser module is there.
 #
 #     cmake -DBUILD_DIR=... -DWORK_DIR=... -DSOURCE_DIR=... [-DTOOLCHAIN=...] [-DEMULATOR=...] -P check.cmake
-function(run)
-  execute_process(COMMAND ${ARGV} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
-  if(NOT result EQUAL 0)
-    message(FATAL_ERROR "${ARGV}\nended with ${result}\n${output}")
-  endif()
-  set(output "${output}" PARENT_SCOPE)
-endfunction()
-
-# What the consumer prints; it has to find this idle time-out.
-function(run_consumer name timeout program)
-  string(RANDOM LENGTH 12 suffix)
-  execute_process(
-    COMMAND ${EMULATOR} ${program} package-${suffix} ${timeout}
-    WORKING_DIRECTORY ${WORK_DIR}/settings
-    RESULT_VARIABLE result
-    OUTPUT_VARIABLE output
-    ERROR_VARIABLE output)
-  if(NOT result EQUAL 0 OR NOT output MATCHES "^package ok\r?\n$")
-    message(FATAL_ERROR "The consumer ${name} ended with ${result} and printed: ${output}")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/functions.cmake)
 
 set(ENV{CXXFLAGS} "${CXXFLAGS}")
-file(REMOVE_RECURSE ${WORK_DIR})
-unset(ENV{QvtpConfigurationFile})
-file(WRITE ${WORK_DIR}/settings/QvtpConfig.xml
-     "<root><QvtpClient function='package' component='consumer' stale_timeout='2'/></root>")
+write_settings()
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/first)
 file(RENAME ${WORK_DIR}/first ${WORK_DIR}/prefix) # an installed tree can be moved
 file(GLOB_RECURSE library ${WORK_DIR}/prefix/*libqvtp.so ${WORK_DIR}/prefix/*libqvtp.dll)
