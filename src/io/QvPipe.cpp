@@ -5,6 +5,7 @@
 #include <qvtp/io/InterruptedException.h>
 #include <qvtp/io/TimeoutException.h>
 
+#include "common/Early.h"
 #include "io/BindCheck.h"
 #include "io/PipeControl.h"
 #include "io/PipeStream.h"
@@ -21,7 +22,7 @@ constexpr int DEFAULT_CONNECT_TIMEOUT_MS = 10000;
 
 }  // namespace
 
-const std::string QvPipe::PIPE_NAME_PREFIX = PIPE_PATH_PREFIX;
+QVTP_EARLY const std::string QvPipe::PIPE_NAME_PREFIX = PIPE_PATH_PREFIX;
 
 QvPipe::QvPipe() : connectTimeout_(DEFAULT_CONNECT_TIMEOUT_MS), prefix_(PIPE_NAME_PREFIX) {}
 

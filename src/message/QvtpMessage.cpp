@@ -1,19 +1,20 @@
 #include <qvtp/message/QvtpMessage.h>
 
+#include "common/Early.h"
 #include "logging/Logger.h"
 
 namespace Quovane::Qvtp {
 
-const std::string QvtpMessage::HEADER_CONTENT_LENGTH = "Content-Length";
-const std::string QvtpMessage::HEADER_TRANSFER_ENCODING = "Transfer-Encoding";
-const std::string QvtpMessage::HEADER_IDENTITY_ENCODING = "identity";
-const std::string QvtpMessage::HEADER_CHUNKED_ENCODING = "chunked";
-const std::string QvtpMessage::HEADER_USER_AGENT = "User-Agent";
-const std::string QvtpMessage::HEADER_SERVER = "Server";
+QVTP_EARLY const std::string QvtpMessage::HEADER_CONTENT_LENGTH = "Content-Length";
+QVTP_EARLY const std::string QvtpMessage::HEADER_TRANSFER_ENCODING = "Transfer-Encoding";
+QVTP_EARLY const std::string QvtpMessage::HEADER_IDENTITY_ENCODING = "identity";
+QVTP_EARLY const std::string QvtpMessage::HEADER_CHUNKED_ENCODING = "chunked";
+QVTP_EARLY const std::string QvtpMessage::HEADER_USER_AGENT = "User-Agent";
+QVTP_EARLY const std::string QvtpMessage::HEADER_SERVER = "Server";
 
-const std::string QvtpMessage::METHOD_POST = "POST";
-const std::string QvtpMessage::METHOD_NOTIFY = "NOTIFY";
-const std::string QvtpMessage::METHOD_NONE = "NONE";
+QVTP_EARLY const std::string QvtpMessage::METHOD_POST = "POST";
+QVTP_EARLY const std::string QvtpMessage::METHOD_NOTIFY = "NOTIFY";
+QVTP_EARLY const std::string QvtpMessage::METHOD_NONE = "NONE";
 
 const std::int32_t QvtpMessage::STATUS_OK;
 const std::int32_t QvtpMessage::STATUS_BAD_REQUEST;
@@ -26,7 +27,7 @@ const std::int32_t QvtpMessage::STATUS_SERVER_ERROR;
 const std::int32_t QvtpMessage::STATUS_NOT_IMPLEMENTED;
 const std::int32_t QvtpMessage::STATUS_VERSION_NOT_SUPPORTED;
 
-const std::map<std::int32_t, std::string> QvtpMessage::STATUS_REASONS = {
+QVTP_EARLY const std::map<std::int32_t, std::string> QvtpMessage::STATUS_REASONS = {
     {STATUS_OK, "OK"},
     {STATUS_BAD_REQUEST, "Bad Request"},
     {STATUS_NOT_FOUND, "Not Found"},

@@ -1,5 +1,6 @@
 #include <qvtp/message/Version.h>
 
+#include "common/Early.h"
 #include "common/StringUtils.h"
 #include "common/Text.h"
 
@@ -10,9 +11,9 @@ namespace Quovane::Qvtp {
 
 using Quovane::Soa::Internal::Common::StringUtils;
 
-const std::string Version::sQvtpLabel = "QVTP/";
+QVTP_EARLY const std::string Version::sQvtpLabel = "QVTP/";
 
-const Version Version::CURRENT_VERSION(Constant(), 1, 0);
+QVTP_EARLY const Version Version::CURRENT_VERSION(Constant(), 1, 0);
 
 Version::Version() : Version(1, 0) {}
 

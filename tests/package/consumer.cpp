@@ -13,6 +13,9 @@ using namespace Quovane::Qvtp;
 
 namespace {
 
+// Built before main(), when the library's constants have to be there already.
+const std::string METHOD = QvtpMessage::METHOD_POST;
+
 class Greeter : public QvtpHandler {
     void handleNotify(QvtpServerRequest*) override {}
     void handlePost(QvtpServerRequest* request, QvtpServerResponse* response) override {
@@ -55,6 +58,7 @@ bool failsWithoutServer(const std::string& pipe) {
 
 int main(int argc, char** argv) {
     if (argc != 3) return 2;
+    if (METHOD != "POST") return 6;
     const std::string pipe = argv[1];
     if (!failsWithoutServer(pipe)) return 3;
     Greeter greeter;
