@@ -6,7 +6,8 @@
 The blocks of C++ are a server and a client on the easy face, the same on the exact classes, and a main() for the exact
 server that can be stopped. The block of CMake and the lines of the compiler build them. The blocks that begin with
 "failed: " are what the client prints without the server, and what a second server prints; the one before them is what
-the client prints with the server. Their lines are cut, and the directory of the pipes is another one.
+the client prints with the server. Their lines are cut, and the directory of the pipes is another one. All these say
+"by=readme" in their first line; tests/pages/check.py looks at the others.
 """
 
 import argparse
@@ -36,8 +37,8 @@ def fail(text):
 
 
 def blocks_of(text):
-    """The fenced blocks in order, each with its language, which may be empty."""
-    return re.findall(r"^```(\w*)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
+    """The fenced blocks that are to be checked here, in order, each with its language."""
+    return re.findall(r"^```(\w+) by=readme\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
 
 
 class Readme:
@@ -54,7 +55,7 @@ class Readme:
         if stoppable.count(MAIN) != 1:
             fail(f"{MAIN} does not stand once in the server that can be stopped")
         self.stoppable = self.exact_server.split(MAIN)[0] + stoppable
-        plain = [body for language, body in blocks if language == ""]
+        plain = [body for language, body in blocks if language == "text"]
         failures = [index for index, body in enumerate(plain) if FAILED.match(body)]
         if len(failures) != 2 or failures[0] == 0 or failures[1] != failures[0] + 1:
             fail("what the client prints with the server and without it, and a second server, does not stand there once")
@@ -63,10 +64,16 @@ class Readme:
             if f"`{promised.strip()}`" not in text:
                 fail(f"it does not say that the exact client prints {promised!r}")
         self.cmake = self.only(blocks, "cmake")
-        lines = self.only(blocks, "sh").splitlines()
-        self.shell = "\n".join(line for line in lines if line.startswith("c++ "))
+        shell = [body for language, body in blocks if language == "sh"]
+        if len(shell) != 2 or not shell[1].startswith("cmake "):
+            fail("there are not two blocks of sh, one of the compiler and one of CMake")
+        self.shell = "\n".join(line for line in shell[0].splitlines() if line.startswith("c++ "))
         if self.shell.count("\n") != 1:
             fail("the block of sh has not one line of the compiler for each program")
+        self.cmake_commands = shell[1]
+        known = 5 + 2 + 3 + 1  # programs, commands, what they print, CMakeLists.txt
+        if len(blocks) != known:
+            fail(f"{len(blocks)} blocks say that they are checked here, instead of {known}")
 
     @staticmethod
     def only(blocks, wanted):
@@ -199,10 +206,9 @@ def build_with_cmake(folder, readme, server, client, prefix, arguments):
     folder.mkdir(parents=True, exist_ok=True)
     for name, content in (("server.cpp", server), ("client.cpp", client), ("CMakeLists.txt", readme.cmake)):
         (folder / name).write_text(content, encoding="utf-8")
-    warnings = f"{arguments.flags} -Wall -Wextra -Wpedantic -Werror"
-    run(["cmake", "-B", "build", "-G", "Ninja", "-D", f"CMAKE_PREFIX_PATH={prefix}",
-         "-D", f"CMAKE_CXX_COMPILER={arguments.compiler}", "-D", f"CMAKE_CXX_FLAGS={warnings}"], cwd=folder)
-    run(["cmake", "--build", "build"], cwd=folder)
+    environment = dict(os.environ, CMAKE_GENERATOR="Ninja", CMAKE_PREFIX_PATH=str(prefix), CXX=arguments.compiler,
+                       CXXFLAGS=f"{arguments.flags} -Wall -Wextra -Wpedantic -Werror")
+    run(["sh", "-e", "-c", readme.cmake_commands], cwd=folder, env=environment)
     return folder / "build"
 
 
