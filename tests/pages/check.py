@@ -126,12 +126,13 @@ class Checker:
             self.folder_of(page).mkdir()
             commands = "".join(block.text for block in found if kind_of(block) == "console")
             for block in found:
+                uses = commands + "".join(other.text for other in found if "file" in other.attributes and other != block)
                 name = block.attributes.get("program", block.attributes.get("file", ""))
                 if kind_of(block) not in ("program", "file"):
                     continue
                 source = self.folder_of(page) / name
                 source.write_text(block.text, encoding="utf-8")
-                if not re.search(rf"\b{re.escape(source.stem)}\b", commands):
+                if not re.search(rf"\b{re.escape(source.stem)}\b", uses):
                     self.complain(block.place, f"no command of the page uses {name}")
                 if name.endswith(".cpp") and not re.search(rf"c\+\+ .*\b{re.escape(name)}", commands):
                     yield self.compile, block.place, source, source.with_suffix("")

@@ -28,9 +28,10 @@ def pattern_of(expected, any_numbers=False):
         if line.strip() == "...":
             parts.append(r"(?:[^\n]*\n)*?")
             continue
-        pieces = [re.escape(piece).replace("\\\v", r"(?: |\n {4})") for piece in line.split("...")]
+        pieces = [re.escape(piece) for piece in line.split("...")]
         if any_numbers:
             pieces = [re.sub(r"\d+", r" *\\d+", piece) for piece in pieces]
+        pieces = [piece.replace("\\\v", r"(?: |\n {4})") for piece in pieces]
         parts.append(r"[^\n]*".join(pieces) + r" *\n")
     return re.compile("".join(parts) + r"\Z")
 
