@@ -9,7 +9,7 @@ The first line of a block says what becomes of it:
 
     ```cpp program=NAME.cpp     a whole program, NAME. A command of the page may compile it; otherwise it is done before.
     ```cpp fragment=FRAME       a part of one. It is compiled and run within frames/FRAME.cpp, in one program with all others
-                                (Frames.h).
+                                (Frames_linux.h).
     ```LANGUAGE file=NAME       a file that the commands of the page use
     ```console                  commands, after "$ ", and what they print. The blocks of a page are run one after the other
                                 by one shell, in an empty folder with the page's programs and files. Three dots stand for
@@ -140,7 +140,7 @@ class Checker:
             yield self.compile, "fragments", self.write_fragments(), self.work / "fragments", "-Wno-unused", f"-I{HERE}"
 
     def write_fragments(self):
-        parts, calls = ['#include "Frames.h"\n'], []
+        parts, calls = ['#include "Frames_linux.h"\n'], []
         for index, block in enumerate(self.every("fragment")):
             frame = HERE / "frames" / (block.attributes["fragment"] + ".cpp")
             if not frame.is_file():

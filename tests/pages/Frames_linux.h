@@ -1,5 +1,5 @@
-// What the fragments of the pages stand in. check.py puts each of them into a frame of the folder frames, and all of them
-// into one program.
+// What the fragments of the pages stand in. check.py puts each of them into a frame of the folder frames, and all of
+// them into one program.
 #pragma once
 
 #include <qvtp/easy.h>
@@ -47,7 +47,8 @@ class Greetings {
     qvtp::Server server_;
 };
 
-/// A client of a server that a fragment runs until a signal comes. It asks for each resource, and then sends the signal.
+/// A client of a server that a fragment runs until a signal comes. It asks for each resource, and then sends the
+/// signal.
 class Visitor {
   public:
     explicit Visitor(std::vector<std::string> resources) {
