@@ -8,7 +8,7 @@
 The first line of a block says what becomes of it:
 
     ```cpp program=NAME.cpp     a whole program, NAME. A command of the page may compile it; otherwise it is done before.
-    ```cpp fragment=FRAME       a part of one. It is compiled and run within frames/FRAME.cpp, in one program with all others
+    ```cpp fragment=FRAME       a part of one. It is compiled and run within frames/FRAME.frame, in one program with all others
                                 (Frames_linux.h).
     ```LANGUAGE file=NAME       a file that the commands of the page use
     ```console                  commands, after "$ ", and what they print. The blocks of a page are run one after the other
@@ -142,7 +142,7 @@ class Checker:
     def write_fragments(self):
         parts, calls = ['#include "Frames_linux.h"\n'], []
         for index, block in enumerate(self.every("fragment")):
-            frame = HERE / "frames" / (block.attributes["fragment"] + ".cpp")
+            frame = HERE / "frames" / (block.attributes["fragment"] + ".frame")
             if not frame.is_file():
                 self.complain(block.place, f"there is no frame {frame.name}")
                 continue

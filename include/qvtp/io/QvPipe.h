@@ -25,8 +25,8 @@ namespace Quovane::Io {
 /// Time-outs are milliseconds; 0 waits without limit. Writing has a fixed time-out of 10 seconds, which on Linux each
 /// 4096 bytes of progress renew.
 ///
-/// On Linux the pipe `name` is the socket `<directory>/name.sock`, where the directory is $QVTP_PIPE_DIR or
-/// /tmp/qvtp-pipe-<effective user id>; docs/porting.md has the details.
+/// On Linux the pipe `name` is the socket `<directory>/name.sock`, where the directory is `$QVTP_PIPE_DIR` or
+/// `/tmp/qvtp-pipe-<effective user id>`; docs/porting.md has the details.
 class QVTP_API QvPipe {
   public:
     /// The path that stands before every name: the local machine's pipe namespace, "\\.\pipe\".
