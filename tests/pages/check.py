@@ -38,7 +38,7 @@ import sys
 import tempfile
 
 import blocks
-import session
+import shell
 
 HERE = pathlib.Path(__file__).parent
 WARNINGS = "-std=c++17 -Wall -Wextra -Wpedantic -Werror"
@@ -169,21 +169,21 @@ class Checker:
                 self.complain(block.place, f"the fragment ended with {code}\n{output}")
 
     def run_page(self, page, environment):
-        shell = session.Session(self.folder_of(page), environment)
+        running = shell.Shell(self.folder_of(page), environment)
         place = page
         try:
             for block in (block for block in self.pages[page] if kind_of(block) == "console"):
                 place = block.place
-                commands = session.commands_of(block.text)
+                commands = shell.commands_of(block.text)
                 for command, following in zip(commands, [*commands[1:], ["", ""]]):
-                    shell.run(command[0], command[1], "any-numbers" in block.attributes)
-                    if shell.code != 0 and following[0] != "echo $?" and "fails" not in block.attributes:
-                        raise session.Mismatch(f"$ {command[0]}\nended with {shell.code}")
+                    running.run(command[0], command[1], "any-numbers" in block.attributes)
+                    if running.code != 0 and following[0] != "echo $?" and "fails" not in block.attributes:
+                        raise shell.Mismatch(f"$ {command[0]}\nended with {running.code}")
             place = page
-            shell.close()
-        except session.Mismatch as mismatch:
+            running.close()
+        except shell.Mismatch as mismatch:
             self.complain(place, mismatch)
-            shell.kill()
+            running.kill()
 
     def check(self):
         self.check_kinds()
@@ -222,7 +222,7 @@ def self_test(arguments):
              "```console any-numbers\n$ echo a 12 b; echo any; echo thing; echo end of a line\na 7 b\n...\nend ...\n```\n"
              "```text file=x\nsome\n```\n```console\n$ cat x\nsome\n```\n"
              "```cpp fragment=call\nclient.notify(\"/log\", \"x\");\n```\n```text\nanything\n```\n")
-    session.DEADLINE_S = 2
+    shell.DEADLINE_S = 2
     with tempfile.TemporaryDirectory() as folder:
         tools = Tools(pathlib.Path(folder), arguments.build_dir, arguments.compiler, arguments.flags)
         found = [what for what, text in wrong.items() if not errors_of(text, tools)]
@@ -254,7 +254,7 @@ def compare_output(root, command):
     text = sys.stdin.read().replace("\r", "")
     sys.stdout.write(text)
     for block in shown:
-        if not session.pattern_of("...\n" + block.text, True).match(text):
+        if not shell.pattern_of("...\n" + block.text, True).match(text):
             sys.exit(f"{block.place}: {command} does not print that")
     return 0
 

@@ -52,15 +52,15 @@ def commands_of(text):
     return found
 
 
-class Session:
+class Shell:
     def __init__(self, folder, environment):
         self.directory = environment["QVTP_PIPE_DIR"]
-        self.shell = subprocess.Popen(
+        self.process = subprocess.Popen(
             ["bash"], cwd=folder, env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
             start_new_session=True)
-        os.set_blocking(self.shell.stdout.fileno(), False)
+        os.set_blocking(self.process.stdout.fileno(), False)
         self.selector = selectors.DefaultSelector()
-        self.selector.register(self.shell.stdout, selectors.EVENT_READ)
+        self.selector.register(self.process.stdout, selectors.EVENT_READ)
         self.output, self.code = "", 0
 
     def run(self, command, expected, any_numbers=False):
@@ -95,12 +95,12 @@ class Session:
             return []
 
     def write(self, text):
-        self.shell.stdin.write(text.encode())
-        self.shell.stdin.flush()
+        self.process.stdin.write(text.encode())
+        self.process.stdin.flush()
 
     def read(self):
         if self.selector.select(QUIET_S):
-            self.output += (self.shell.stdout.read() or b"").decode(errors="replace")
+            self.output += (self.process.stdout.read() or b"").decode(errors="replace")
 
     def close(self):
         """Ends what the page has left running. Fails if anything was printed that the page does not show."""
@@ -111,10 +111,10 @@ class Session:
             raise Mismatch(f"printed, and not shown:\n{left}")
 
     def kill(self):
-        self.shell.stdin.close()
+        self.process.stdin.close()
         for number in (signal.SIGTERM, signal.SIGKILL):
             try:
-                os.killpg(self.shell.pid, number)
+                os.killpg(self.process.pid, number)
             except ProcessLookupError:
                 break
-        self.shell.wait()
+        self.process.wait()
