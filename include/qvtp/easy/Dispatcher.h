@@ -16,8 +16,8 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
     std::shared_ptr<const Handlers> handlers = std::make_shared<Handlers>();  // replaced only while no server runs
     using In = exact::QvtpServerRequest;
     using Out = exact::QvtpServerResponse;
-    void handlePost(In* in, Out* out) override { handle(*in, out, handlers, &ServerCounters::posts); }
-    void handleNotify(In* in) override { handle(*in, nullptr, handlers, &ServerCounters::notifies); }
+    void handlePost(In* in, Out* out) override { handle(*in, out, &ServerCounters::posts); }
+    void handleNotify(In* in) override { handle(*in, nullptr, &ServerCounters::notifies); }
     bool isInHandler() const { return current() == this; }
     ServerCounters counters() const { return std::lock_guard<std::mutex>(mutex_), counters_; }
 
@@ -31,7 +31,8 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
         const std::lock_guard<std::mutex> guard(mutex_);
         counters_.*counter += static_cast<std::uint64_t>(by);
     }
-    void handle(In& in, Out* out, const std::shared_ptr<const Handlers> own, Counter kind) {
+    void handle(In& in, Out* out, Counter kind) {
+        const std::shared_ptr<const Handlers> own = handlers;  // stays when others are set
         count(kind);
         count(&ServerCounters::inHandlers);
         const auto leave = [self = shared_from_this()](const Dispatcher**) {

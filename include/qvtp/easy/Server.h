@@ -53,8 +53,7 @@ class Server {
         } catch (const std::system_error&) {
             run_ = nullptr;
         }
-        // Whether it runs can only be asked again and again.
-        while (run_ != nullptr && !run_->server.isRunning() && !run_->stopped) {
+        while (run_ != nullptr && !run_->server.isRunning() && !run_->stopped) {  // it can only be asked again
             if (run_->ended.wait_for(Milliseconds(1)) == std::future_status::ready && !run_->stopped) run_ = nullptr;
         }
         if (run_ == nullptr) throwWhyNot(look());
@@ -150,7 +149,7 @@ class Server {
     std::shared_ptr<Run> takeName() const {
         State state = look();
         for (int tries = state == State::FREE ? 2 : state == State::NO_DIRECTORY ? 1 : 0; tries > 0; --tries) {
-            const auto run = std::make_shared<Run>(pipeName_, options_, dispatcher_);
+            auto run = std::make_shared<Run>(pipeName_, options_, dispatcher_);
             if ((state = look()) == State::SERVED) return run;
         }
         throwWhyNot(state);
