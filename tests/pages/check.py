@@ -16,7 +16,7 @@ The first line of a block says what becomes of it:
                                 anything in their line, or alone for any lines. A line that begins with four blanks may be
                                 the rest of the line before it. A command that ends with "&" is waited for until it serves
                                 a pipe. A command that fails has to be followed by "$ echo $?", or the block says "fails".
-                                With "any-numbers" all digits stand for any digits.
+                                With "any-numbers" a number stands for any number.
     ```text                     nothing to compile or to run: a picture, an excerpt of a log, bytes of a message
     ```text output-of=COMMAND   what a script prints that is too long for this test; .ci/run hands it over
     ```sh unchecked="WHY"       commands that cannot be run here. Those of this tree have to be there at least.

@@ -10,6 +10,9 @@ import time
 MARK = "\001"
 DEADLINE_S = 30
 QUIET_S = 0.02
+NUMBER = re.compile(r"\b(?=[a-f]*\d)[\da-f]{8,}\b|\d+")
+ANY_NUMBER = r" *\d+(?:\.\d+)?(?:e-\d+)?"
+DIGEST = r"[\da-f]{8,}"
 # What the pages show for the directory of the pipes.
 SHOWN_DIRECTORY = "/tmp/qvtp-pipe-1000"
 
@@ -20,7 +23,8 @@ class Mismatch(Exception):
 
 def pattern_of(expected, any_numbers=False):
     """Three dots stand for anything in their line; alone in a line, for any number of lines. A line that begins with four
-    blanks may be the rest of the one before it. With `any_numbers`, digits stand for any digits."""
+    blanks may be the rest of the one before it. With `any_numbers`, a number stands for any number, and eight or more
+    hexadecimal digits for any others."""
     parts = []
     if not expected:
         return re.compile(r"\Z")
@@ -30,7 +34,7 @@ def pattern_of(expected, any_numbers=False):
             continue
         pieces = [re.escape(piece) for piece in line.split("...")]
         if any_numbers:
-            pieces = [re.sub(r"\d+", r" *\\d+", piece) for piece in pieces]
+            pieces = [NUMBER.sub(lambda match: DIGEST if len(match.group()) >= 8 else ANY_NUMBER, piece) for piece in pieces]
         pieces = [piece.replace("\\\v", r"(?: |\n {4})") for piece in pieces]
         parts.append(r"[^\n]*".join(pieces) + r" *\n")
     return re.compile("".join(parts) + r"\Z")
