@@ -29,7 +29,8 @@ GROUPS = {
                "docs/configuration.md": "Configuration", "docs/other-languages.md": "Other languages"},
     "Look up": {"api": "The interface", "docs/wire-format.md": "Wire format", "docs/log-format.md": "Log formats",
                 "SECURITY.md": "Security", "docs/untrusted-clients.md": "Untrusted clients",
-                "docs/porting.md": "Windows and Linux", "docs/performance.md": "Performance"},
+                "docs/porting.md": "Windows and Linux", "docs/packaging.md": "Packages",
+                "docs/abi.md": "Binary interface", "docs/performance.md": "Performance"},
     "Inside": {"docs/architecture.md": "Architecture", "docs/threading.md": "Threads",
                "docs/reliability.md": "Reliability", "CONTRIBUTING.md": "Contributing", "CHANGELOG.md": "Changes",
                "README.md": "README"},
@@ -67,7 +68,18 @@ def target_of(source):
         return pathlib.PurePosixPath(source).stem + ".html"
     if source.startswith("docs/"):
         return source.removeprefix("docs/")
-    return f"source/{source.rstrip('/') or 'index'}.html"
+    return f"source/{source}.html" if is_text(source) else f"source/{source}"
+
+
+def is_text(source):
+    """Whether it can be shown as a page; folders can."""
+    if (ROOT / source).is_dir():
+        return True
+    try:
+        (ROOT / source).read_text(encoding="utf-8")
+    except UnicodeDecodeError:
+        return False
+    return True
 
 
 def relative(target, page):
@@ -145,6 +157,10 @@ class Site:
                 self.sources.setdefault(file.relative_to(ROOT).as_posix(), True)
         for path in [path for path in self.sources if not (ROOT / path).is_dir()]:
             page = target_of(path)
+            if not is_text(path):
+                (self.output / page).parent.mkdir(parents=True, exist_ok=True)
+                shutil.copyfile(ROOT / path, self.output / page)
+                continue
             text = (ROOT / path).read_text(encoding="utf-8")
             self.write(page, frame(page, "", path) + f"<h1>{html.escape(path)}</h1>\n<pre><code>{html.escape(text)}"
                        "</code></pre>\n" + END.format(script=SCRIPT))
