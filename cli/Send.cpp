@@ -130,7 +130,10 @@ class Send : public Command {
         if (isVerbose_) showTimes();
         if (isJson_) out << jsonOfReply(head, kept) << std::flush;
         if (!isWriting || !out) throw Error(ErrorKind::closed, "The body could not be written to its end.");
-        return head.ok() ? OK : OTHER_STATUS;
+        if (head.ok()) return OK;
+        if (!isVerbose_ && !isJson_)
+            std::cerr << "qvtp: the reply is " << head.status() << " " << head.reason() << std::endl;
+        return OTHER_STATUS;
     }
 
     void openBody() {

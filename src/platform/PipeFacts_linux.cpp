@@ -37,7 +37,7 @@ std::string describeDirectory(const std::string& path, const struct stat& status
         return text("The pipe directory ", path, " belongs to user ", status.st_uid, ", and this process is of user ",
                     ::geteuid(), ". Use a directory of its own.");
     }
-    return text("The pipe directory ", path, " is open to other users. Take their rights away: chmod 700 ", path);
+    return text("The pipe directory ", path, " is open to other users. Take their rights away (chmod 700 ", path, ").");
 }
 
 /// Why there is none: nobody has made it yet, or nobody can.

@@ -210,6 +210,9 @@ class Post(CliTest):
         self.serve("demo", "--status", "404")
         result = self.run_it("post", "demo", "/", "-d", "hi")
         self.assertEqual((result.returncode, result.stdout), (1, b"hi"))
+        self.assertEqual(result.stderr.rstrip(), b"qvtp: the reply is 404 Not Found")
+        result = self.run_it("post", "demo", "/", "-d", "hi", "--json")
+        self.assertEqual((result.returncode, result.stderr), (1, b""))
 
     def test_returns_2_for_wrong_usage(self):
         for arguments in ([], ["nonsense"], ["post"], ["post", "demo"], ["post", "demo", "/", "--timeout", "x"],

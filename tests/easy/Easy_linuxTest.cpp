@@ -34,8 +34,8 @@ TEST_F(EasyDirectory, IsBadIfOthersMayEnterIt) {
     ASSERT_TRUE(error);
     EXPECT_EQ(error->kind(), ErrorKind::bad_directory);
     EXPECT_EQ(error->what(), "The server cannot start. Pipe \"x\" (" + directory + "/x.sock). The pipe directory " +
-                                 directory + " is open to other users. Take their rights away: chmod 700 " + directory +
-                                 " The pipe directory cannot be used: correct it, or set QVTP_PIPE_DIR to another.");
+                                 directory + " is open to other users. Take their rights away (chmod 700 " + directory +
+                                 "). The pipe directory cannot be used: correct it, or set QVTP_PIPE_DIR to another.");
     EXPECT_EQ(kindOf([] { Client("x").post("/"); }), "bad_directory");
 }
 

@@ -39,7 +39,7 @@ TEST_F(PipeFactsOfFiles, ShowADirectoryThatOthersMayEnter) {
     ASSERT_EQ(::chmod(directory.c_str(), 0750), 0);
     EXPECT_EQ(
         reason(State::BAD_DIRECTORY),
-        "The pipe directory " + directory + " is open to other users. Take their rights away: chmod 700 " + directory);
+        "The pipe directory " + directory + " is open to other users. Take their rights away (chmod 700 " + directory + ").");
 }
 
 TEST_F(PipeFactsOfFiles, ShowADirectoryOfAnotherUser) {
@@ -115,7 +115,7 @@ TEST_F(PipeFactsOfFiles, ShowALongDirectoryThatOthersMayEnter) {
     ASSERT_EQ(::chmod(directory.c_str(), 0755), 0);
     EXPECT_EQ(
         reason(State::BAD_DIRECTORY),
-        "The pipe directory " + directory + " is open to other users. Take their rights away: chmod 700 " + directory);
+        "The pipe directory " + directory + " is open to other users. Take their rights away (chmod 700 " + directory + ").");
 }
 
 }  // namespace

@@ -115,7 +115,7 @@ class UnsafeDirectory : public PipeFiles {
 
 TEST_F(UnsafeDirectory, IsRefusedWhenOthersMayEnter) {
     ASSERT_EQ(::mkdir(directory.c_str(), 0755), 0);
-    expectRefusal("is open to other users. Take their rights away: chmod 700 " + directory);
+    expectRefusal("is open to other users. Take their rights away (chmod 700 " + directory + ").");
 }
 
 TEST_F(UnsafeDirectory, IsRefusedWhenItIsALink) {
