@@ -105,35 +105,36 @@ class Send : public Command {
             if (!file) throw Error(ErrorKind::misuse, "Cannot write to " + output_ + ".");
         }
         std::ostream& out = output_.empty() ? std::cout : file;
-        ProgressBar received(!hidesProgress_ && !output_.empty(), "received");
-        Reply head;
-        std::string kept;
-        bool isWriting = true;
-        call.onStream = [&](const Reply& reply, std::istream& in) {
-            firstByte_ = Clock::now();
-            head = reply;
-            if (isVerbose_) showReply(head);
-            const std::string length = reply.header("Content-Length");
-            Progress progress{0, length.empty() ? -1 : std::atoll(length.c_str())};
-            for (char piece[16384]; in.peek() != std::char_traits<char>::eof();) {
-                const auto size = static_cast<std::size_t>(in.readsome(piece, sizeof piece));
-                progress.bytes += size;
-                received.show(progress);
-                if (isJson_) kept.append(piece, size);
-                if (!isJson_ && isWriting) {
-                    isWriting = static_cast<bool>(out.write(piece, static_cast<std::streamsize>(size)).flush());
-                }
-            }
-        };
+        call.onStream = [&](const Reply& reply, std::istream& in) { receive(reply, in, out); };
         client.post(resource_, body(), call);
         end_ = Clock::now();
         if (isVerbose_) showTimes();
-        if (isJson_) out << jsonOfReply(head, kept) << std::flush;
-        if (!isWriting || !out) throw Error(ErrorKind::closed, "The body could not be written to its end.");
-        if (head.ok()) return OK;
-        if (!isVerbose_ && !isJson_)
-            std::cerr << "qvtp: the reply is " << head.status() << " " << head.reason() << std::endl;
+        if (isJson_) out << jsonOfReply() << std::flush;
+        if (!isWriting_ || !out) throw Error(ErrorKind::closed, "The body could not be written to its end.");
+        if (head_.ok()) return OK;
+        if (!isVerbose_ && !isJson_) {
+            std::cerr << "qvtp: the reply is " << head_.status() << " " << head_.reason() << std::endl;
+        }
         return OTHER_STATUS;
+    }
+
+    /// The body goes out as it comes; for JSON it is kept.
+    void receive(const Reply& reply, std::istream& in, std::ostream& out) {
+        firstByte_ = Clock::now();
+        head_ = reply;
+        if (isVerbose_) showReply(head_);
+        ProgressBar received(!hidesProgress_ && !output_.empty(), "received");
+        const std::string length = reply.header("Content-Length");
+        Progress progress{0, length.empty() ? -1 : std::atoll(length.c_str())};
+        for (char piece[16384]; in.peek() != std::char_traits<char>::eof();) {
+            const auto size = static_cast<std::size_t>(in.readsome(piece, sizeof piece));
+            progress.bytes += size;
+            received.show(progress);
+            if (isJson_) kept_.append(piece, size);
+            if (!isJson_ && isWriting_) {
+                isWriting_ = static_cast<bool>(out.write(piece, static_cast<std::streamsize>(size)).flush());
+            }
+        }
     }
 
     void openBody() {
@@ -202,12 +203,12 @@ class Send : public Command {
         std::cerr << std::endl;
     }
 
-    std::string jsonOfReply(const Reply& head, const std::string& body) const {
+    std::string jsonOfReply() const {
         Json reply;
-        reply["status"] = head.status();
-        reply["reason"] = head.reason();
-        reply["headers"] = jsonOf(head.headers());
-        putBody(reply, body);
+        reply["status"] = head_.status();
+        reply["reason"] = head_.reason();
+        reply["headers"] = jsonOf(head_.headers());
+        putBody(reply, kept_);
         reply["milliseconds"] = times();
         return textOf(reply);
     }
@@ -223,6 +224,9 @@ class Send : public Command {
     std::unique_ptr<std::istream> streamed_;  // null: standard input, or a whole body
     std::int64_t size_ = -1;
     Clock::time_point begin_, end_;
+    Reply head_;
+    std::string kept_;
+    bool isWriting_ = true;  // as long as what is written goes somewhere
     std::optional<Clock::time_point> connected_, lastSent_, firstByte_;
 };
 
