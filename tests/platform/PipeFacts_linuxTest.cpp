@@ -37,9 +37,9 @@ TEST_F(PipeFactsOfFiles, ShowADirectoryThatIsMissing) {
 
 TEST_F(PipeFactsOfFiles, ShowADirectoryThatOthersMayEnter) {
     ASSERT_EQ(::chmod(directory.c_str(), 0750), 0);
-    EXPECT_EQ(
-        reason(State::BAD_DIRECTORY),
-        "The pipe directory " + directory + " is open to other users. Take their rights away (chmod 700 " + directory + ").");
+    EXPECT_EQ(reason(State::BAD_DIRECTORY), "The pipe directory " + directory +
+                                                " is open to other users. Take their rights away (chmod 700 " +
+                                                directory + ").");
 }
 
 TEST_F(PipeFactsOfFiles, ShowADirectoryOfAnotherUser) {
@@ -113,9 +113,9 @@ TEST_F(PipeFactsOfFiles, ShowALongDirectoryThatOthersMayEnter) {
     use(root + "/" + std::string(120, 'd'));
     ASSERT_EQ(::mkdir(directory.c_str(), 0755), 0);
     ASSERT_EQ(::chmod(directory.c_str(), 0755), 0);
-    EXPECT_EQ(
-        reason(State::BAD_DIRECTORY),
-        "The pipe directory " + directory + " is open to other users. Take their rights away (chmod 700 " + directory + ").");
+    EXPECT_EQ(reason(State::BAD_DIRECTORY), "The pipe directory " + directory +
+                                                " is open to other users. Take their rights away (chmod 700 " +
+                                                directory + ").");
 }
 
 }  // namespace
