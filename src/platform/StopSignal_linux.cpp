@@ -1,5 +1,6 @@
 #include <qvtp/platform/StopSignal.h>
 
+#include "common/Early.h"
 #include "platform/Descriptor_linux.h"
 
 #include <poll.h>
@@ -13,6 +14,7 @@
 #include <chrono>
 #include <mutex>
 #include <system_error>
+#include <type_traits>
 
 namespace Quovane::Io {
 
@@ -86,22 +88,17 @@ void install() {
 /// The use of the process's signals by all objects.
 class Use {
   public:
-    /// Never freed: objects may be static.
-    static Use& get() {
-        static Use* const use = new Use;
-        return *use;
-    }
-
     void begin() {
         const std::lock_guard<std::mutex> guard(mutex_);
         const bool isForked = owner != ::getpid();  // what there is belongs to the parent, the event too
         if (isForked) users_ = 0;
         if (users_ == 0) {
             // Kept from use to use: a handler may just be writing to it.
-            if (!event_.isOpen() || isForked) event_ = newEvent();
-            event_.unsignal();
+            if (event_ == nullptr) event_ = new Descriptor;
+            if (!event_->isOpen() || isForked) *event_ = newEvent();
+            event_->unsignal();
             received = 0;
-            signalEvent = event_.get();
+            signalEvent = event_->get();
             owner = ::getpid();
             install();
         }
@@ -115,16 +112,27 @@ class Use {
         restore();
     }
 
-  private:
-    Use() {
-        // A forked child has one thread. Were another one within the lock, it would stay locked there.
-        ::pthread_atfork([] { get().mutex_.lock(); }, [] { get().mutex_.unlock(); }, [] { get().mutex_.unlock(); });
-    }
+    void lock() { mutex_.lock(); }
+    void unlock() { mutex_.unlock(); }
 
+  private:
     std::mutex mutex_;  // guards the rest
     int users_ = 0;
-    Descriptor event_;
+    Descriptor* event_ = nullptr;
 };
+
+/// Never freed: objects may be static. Made before the program begins, since a forked child would wait for ever for
+/// another thread of its parent that was about to make it.
+Use use;
+static_assert(std::is_trivially_destructible_v<Use>);
+
+/// A forked child has one thread. Were another one within the lock, it would stay locked there.
+struct ForkHandlers {
+    ForkHandlers() {
+        ::pthread_atfork([] { use.lock(); }, [] { use.unlock(); }, [] { use.unlock(); });
+    }
+};
+QVTP_EARLY const ForkHandlers forkHandlers;
 
 int millisecondsUntil(Clock::time_point end) {
     return static_cast<int>(
@@ -134,8 +142,8 @@ int millisecondsUntil(Clock::time_point end) {
 }  // namespace
 
 struct StopSignal::State {
-    State() { Use::get().begin(); }
-    ~State() { Use::get().end(process); }
+    State() { use.begin(); }
+    ~State() { use.end(process); }
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 

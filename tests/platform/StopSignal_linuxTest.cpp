@@ -11,6 +11,7 @@
 #include <future>
 #include <memory>
 #include <optional>
+#include <thread>
 
 namespace qvtp_test {
 namespace {
@@ -171,6 +172,28 @@ TEST_F(StopSignals, AreNotTakenByAChildThatWasForkedBetweenTwoUses) {
     EXPECT_EQ(resultOf(child), 0);
     EXPECT_EQ(stop.wait(1000), SIGINT);
     for (int end : pipe) ::close(end);
+}
+
+// What is forked is a child that has not used the class, and begins to on another thread.
+TEST_F(StopSignals, CanBeUsedInAChildThatIsForkedDuringTheFirstUse) {
+    if (QVTP_SANITIZED) GTEST_SKIP() << "a sanitizer lets no forked child go on";
+    for (int i = 0; i < 300 && !HasFailure(); ++i) {
+        EXPECT_EQ(resultInChild([i] {
+                      std::atomic<bool> begins{false};
+                      auto user = std::async(std::launch::async, [&] {
+                          begins = true;
+                          const StopSignal stop;
+                      });
+                      while (!begins) std::this_thread::yield();
+                      for (int turn = 0; turn < i; ++turn) std::atomic_signal_fence(std::memory_order_seq_cst);
+                      return resultOf(startChildAtOnce([] {
+                          ::alarm(10);
+                          const StopSignal own;
+                          return 0;
+                      }));
+                  }),
+                  0);
+    }
 }
 
 TEST_F(StopSignals, CanBeUsedInAChildThatIsForkedWhileAnotherThreadUsesThem) {
