@@ -250,12 +250,17 @@ class Links(html.parser.HTMLParser):
             self.fetches.append(given.get("href") or given["src"])
 
 
+MARK = ".made-by-make_site"
+
+
 def check(output):
     """Complaints, and how many links there are."""
     parsed = {file: Links(file.read_text(encoding="utf-8")) for file in sorted(output.rglob("*.html"))}
     errors, count = [], 0
     for file, links in parsed.items():
         place = file.relative_to(output)
+        if str(ROOT) in file.read_text(encoding="utf-8"):
+            errors.append(f"{place}: says where the tree lies on this machine")
         errors += [f"{place}: fetches {target}" for target in links.fetches if re.match(r"([a-z]+:|//)", target)]
         for target in links.leads_to + links.fetches:
             if re.match(r"(https?|mailto):", target):
@@ -274,8 +279,12 @@ def main():
     if len(sys.argv) != 2:
         sys.exit(__doc__)
     output = pathlib.Path(sys.argv[1]).resolve()
+    if output.exists() and any(output.iterdir()) and not (output / MARK).is_file():
+        sys.exit(f"make_site: {sys.argv[1]} is there, and no site that this program has made: it stays")
     shutil.rmtree(output, ignore_errors=True)
     output.mkdir(parents=True)
+    (output / MARK).write_text("made by tools/make_site.py, which removes this folder before it makes it anew\n",
+                               encoding="utf-8")
     site = Site(output)
     site.make()
     errors, links, count = check(output)

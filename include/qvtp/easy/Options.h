@@ -23,8 +23,8 @@ struct ClientOptions {
     int retries = 0;                  ///< how often a call that fails as not_sent is made again; no other kind is
     Milliseconds retryPause{100};     ///< before each
 };
-/// What holds for one call. The callbacks run during it, on its thread. What they throw leaves it as it is, and cuts
-/// off what is being sent.
+/// What holds for one call. The callbacks run during it, on its thread. What they throw leaves it as it is, but for
+/// exceptions of the exact classes, which become an Error; it cuts off what is being sent.
 struct CallOptions {
     Headers headers;
     Milliseconds timeout{-1};                     ///< as in ClientOptions, for this call; below 0: as there
