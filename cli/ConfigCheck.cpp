@@ -18,7 +18,6 @@
 #include <iterator>
 #include <limits>
 #include <map>
-#include <regex>
 #include <sstream>
 #include <tuple>
 #include <type_traits>
@@ -141,10 +140,14 @@ struct Complaint {
     std::string text;  // empty: nothing is wrong
 };
 
+bool isNumber(const std::string& text) {
+    const std::size_t digits = !text.empty() && (text[0] == '+' || text[0] == '-') ? 1 : 0;
+    return text.size() > digits && text.find_first_not_of("0123456789", digits) == text.npos;
+}
+
 Complaint complaintAbout(const Setting& setting, const std::string& value) {
-    static const std::regex number("[+-]?[0-9]+");
     const std::string text = Poco::trim(value);
-    if (!std::regex_match(text, number)) {
+    if (!isNumber(text)) {
         return {true, "\"" + value + "\" is no number: applying the entry throws NumberFormatException."};
     }
     const long long wanted = std::strtoll(text.c_str(), nullptr, 10);  // the nearest one if there are too many digits
@@ -191,7 +194,8 @@ class Check {
                      " has one for the same function and component.");
         }
         bool isRight = true;
-        CheckedEntry entry = appliedEntry(element.name, function, component, isRight);
+        CheckedEntry entry;  // of one that is never used there is nothing to show
+        if (isFirst) entry = appliedEntry(element.name, function, component, isRight);
         entry.place = element.place;
         for (const ConfigAttribute& attribute : element.attributes) {
             for (EffectiveOption& option : entry.options) option.isSet |= option.name == attribute.name;
@@ -215,6 +219,25 @@ class Check {
         }
     }
 
+    /// A document that the library has read.
+    void document(const ConfigText& text) {
+        if (!text.isReadable()) {
+            find({}, false, "No entry is shown: the file is in an encoding whose markup is not ASCII.");
+        }
+        hasEntities_ = text.entities().has_value();
+        if (hasEntities_) {
+            find(*text.entities(), false, "The document declares entities: what they stand for is not shown here.");
+        }
+        for (const ConfigElement& element : text.elements()) {
+            if (element.depth == 1 && isEntry(element.name)) {
+                entry(element);
+            } else {
+                otherElement(element);
+            }
+        }
+        if (text.end()) find(*text.end(), false, "No entries from here on are shown: this markup is not understood.");
+    }
+
     void find(const Place& place, bool isError, const std::string& text) {
         report_.findings.push_back({place, isError, text});
     }
@@ -228,14 +251,19 @@ class Check {
         } else if (const Setting* const setting = findSetting(kind, attribute.name); setting == nullptr) {
             const std::string text = kind + " has no attribute \"" + attribute.name + "\": it is skipped.";
             find(attribute.place, true, text + advice(kind, attribute.name));
-        } else if (const Complaint one = complaintAbout(*setting, attribute.value); !one.text.empty()) {
+        } else if (const Complaint one = complaintAbout(*setting, attribute.value);
+                   !one.text.empty() && isKnown(attribute.value)) {
             find(attribute.place, one.isError, attribute.name + ": " + one.text);
             return one.isError;
         }
         return false;
     }
 
+    /// False if an entity may stand there.
+    bool isKnown(const std::string& value) const { return !hasEntities_ || value.find('&') == value.npos; }
+
     ConfigReport& report_;
+    bool hasEntities_ = false;
     std::map<std::tuple<std::string, std::string, std::string>, Place> places_;
 };
 
@@ -255,18 +283,10 @@ ConfigReport checkConfig(const std::string& path) {
     Check check(report);
     for (const TracedLine& line : trace.lines) {
         if (line.text.rfind("Unrecognised", 0) == 0) continue;
-        check.find(text.end().value_or(Place()), line.level == "ERROR", line.text);
+        const Place place = report.isRead ? Place() : text.end().value_or(Place());
+        check.find(place, line.level == "ERROR", line.text);
     }
-    if (!text.isReadable()) {
-        check.find({}, false, "No entry is shown: the file is in an encoding whose markup is not ASCII.");
-    }
-    for (const ConfigElement& element : text.elements()) {
-        if (element.depth == 1 && isEntry(element.name)) {
-            check.entry(element);
-        } else {
-            check.otherElement(element);
-        }
-    }
+    if (report.isRead) check.document(text);
     return report;
 }
 

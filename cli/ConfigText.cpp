@@ -38,13 +38,17 @@ std::string replacementOf(const std::string& name) {
 /// An attribute's value as a parser reports it.
 std::string valueOf(std::string_view raw) {
     std::string value;
+    bool hasEnd = true;  // where none was found there is none further on
     for (std::size_t i = 0; i < raw.size(); ++i) {
-        const std::size_t end = raw[i] == '&' ? raw.find(';', i) : raw.npos;
+        const bool isReference = raw[i] == '&' && hasEnd;
+        const std::size_t end = isReference ? raw.find(';', i) : raw.npos;
+        if (isReference) hasEnd = end != raw.npos;
         if (end != raw.npos) {
             value += replacementOf(std::string(raw.substr(i + 1, end - i - 1)));
             i = end;
         } else {
             const bool isSpace = raw[i] == '\t' || raw[i] == '\r' || raw[i] == '\n';
+            if (raw.substr(i, 2) == "\r\n") continue;  // one line end, one space
             value += isSpace ? ' ' : raw[i];
         }
     }
@@ -61,7 +65,7 @@ std::string ConfigElement::valueOf(const std::string& attribute) const {
 }
 
 ConfigText::ConfigText(std::string text) : text_(std::move(text)) {
-    isReadable_ = text_.find('\0') == text_.npos;
+    isReadable_ = text_.find('\0') == text_.npos && text_.find('<') != text_.npos;
     if (!isReadable_) return;
     while ((position_ = text_.find('<', position_)) != text_.npos) {
         const std::size_t begin = position_;
@@ -138,8 +142,8 @@ void ConfigText::skipDeclaration() {
     for (bool isWithin = false;; ++position_) {
         const char c = at(position_);
         if (c == '\0') throw BadMarkup();
-        if (startsWith("<!--")) {
-            skipAfter("-->");
+        if (startsWith("<!ENTITY") && !entities_) entities_ = placeOf(position_);
+        if (skipAside()) {
             --position_;
         } else if (c == '"' || c == '\'') {
             position_ = text_.find(c, position_ + 1);
@@ -151,6 +155,14 @@ void ConfigText::skipDeclaration() {
         }
     }
     ++position_;
+}
+
+/// A comment or an instruction: quotes and brackets mean nothing there.
+bool ConfigText::skipAside() {
+    const bool isComment = startsWith("<!--");
+    if (!isComment && !startsWith("<?")) return false;
+    skipAfter(isComment ? "-->" : "?>");
+    return true;
 }
 
 void ConfigText::skipAfter(const char* ending) {
@@ -168,17 +180,21 @@ void ConfigText::skipSpace() {
     if (position_ == text_.npos) throw BadMarkup();
 }
 
-Place ConfigText::placeOf(std::size_t position) const {
-    Place place{1, 1};
+/// Counts on from the last place: the file is walked through once, however many places there are.
+Place ConfigText::placeOf(std::size_t position) {
     const bool hasMark = text_.compare(0, 3, "\xEF\xBB\xBF") == 0;
-    for (std::size_t i = hasMark ? 3 : 0; i < position; ++i) {
-        if (text_[i] == '\n') {
-            place = {place.line + 1, 1};
-        } else if ((static_cast<unsigned char>(text_[i]) & 0xC0) != 0x80) {  // what goes on is no character of its own
-            ++place.column;
+    if (position < counted_ || counted_ == 0) {
+        counted_ = hasMark ? 3 : 0;
+        place_ = {1, 1};
+    }
+    for (; counted_ < position; ++counted_) {
+        if (text_[counted_] == '\n') {
+            place_ = {place_.line + 1, 1};
+        } else if ((static_cast<unsigned char>(text_[counted_]) & 0xC0) != 0x80) {  // not what goes on
+            ++place_.column;
         }
     }
-    return place;
+    return place_;
 }
 
 }  // namespace qvtp::cli

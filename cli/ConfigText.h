@@ -37,6 +37,8 @@ class ConfigText {
     const std::vector<ConfigElement>& elements() const { return elements_; }
     /// Where markup begins that has no end or ends what is not open, or the end of a file with open elements.
     const std::optional<Place>& end() const { return end_; }
+    /// Where the document type declares the first entity. Elements and values that only entities have are missing.
+    const std::optional<Place>& entities() const { return entities_; }
     /// False if the bytes of markup are not those of ASCII, as in UTF-16. Then there are no elements.
     bool isReadable() const { return isReadable_; }
 
@@ -47,17 +49,20 @@ class ConfigText {
     ConfigAttribute readAttribute();
     std::string takeName();
     void skipDeclaration();
+    bool skipAside();
     void skipAfter(const char* ending);
     bool startsWith(const char* text) const;
     void skipSpace();
     char at(std::size_t position) const { return position < text_.size() ? text_[position] : '\0'; }
-    Place placeOf(std::size_t position) const;
+    Place placeOf(std::size_t position);
 
     const std::string text_;
     std::size_t position_ = 0;
+    std::size_t counted_ = 0;  // place_ is that of this position
+    Place place_;
     std::vector<std::string> open_;
     std::vector<ConfigElement> elements_;
-    std::optional<Place> end_;
+    std::optional<Place> end_, entities_;
     bool isReadable_ = true;
 };
 

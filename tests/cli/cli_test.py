@@ -766,11 +766,57 @@ class Config(CliTest):
         self.assertRegex(found[0], "^ error: .*buffer")  # the parser's own line
         self.assertEqual(found[1], '4:16: error: QvtpClient has no attribute "buffer": it is skipped.')
 
+    def test_takes_numbers_of_any_length(self):
+        for value in ("1" * 100000, "-" + "0" * 100000 + "1", "+" + "1" * 100000 + "x"):
+            found = self.findings("<c>", '<QvtpClient connect_timeout="%s"/>' % value, "</c>")
+            self.assertTrue(any(line.startswith("2:13: ") for line in found))
+
+    def test_takes_files_of_any_length(self):
+        entry = '<QvtpClient function="%d" buffer_size="0"/>'
+        found = self.findings("<c>", *(entry % (i % 1000) for i in range(20000)), "</c>")
+        self.assertEqual(len(found), 20000 + 19000)
+        self.assertEqual(found[999], "1001:28: warning: buffer_size: 0 works as 1.")
+        self.assertEqual(found[-1], "20001:28: warning: buffer_size: 0 works as 1.")
+        self.findings("<c>", '<other text="%s"/>' % ("&amp;" * 200000), "</c>")
+        self.assertEqual(self.check(b'<c x="' + b"&" * 400000 + b'"/>')[0], 1)
+
+    def test_knows_line_ends_in_values(self):
+        self.assertEqual(self.findings('<c><QvtpClient function="a\r\nb"/><QvtpClient function="a b"/>',
+                                       '<QvtpServer function="a\n\rb"/><QvtpServer function="a  b"/></c>'),
+                         ["2:5: error: This entry is never used: line 1 has one for the same function and component.",
+                          "4:6: error: This entry is never used: line 3 has one for the same function and component."])
+        code, out = self.check(b'<c><QvtpClient function="a\r\nb" buffer_size="9"/></c>', "--function", "a b")
+        self.assertIn("    buffer_size=9\n", out)
+
+    def test_skips_instructions_in_a_grammar(self):
+        out = self.check(b"<!DOCTYPE c [ <?x don't > ?> ]>\n<c><QvtpClient/></c>")[1]
+        self.assertIn('c.xml:2:4: QvtpClient function="" component=""\n', out)
+
+    def test_names_entities(self):
+        grammar = """<!DOCTYPE c [ <!ELEMENT c (QvtpClient)*> <!ELEMENT QvtpClient EMPTY>
+            <!ATTLIST QvtpClient buffer_size CDATA #IMPLIED>
+            <!ENTITY size "7"><!ENTITY more "<QvtpClient/>"> ]>"""
+        self.assertEqual(self.findings(grammar, "<c><QvtpClient buffer_size='&size;'/>&more;</c>"),
+                         ["3:13: warning: The document declares entities: what they stand for is not shown here."])
+
+    def test_says_where_it_does_not_understand_what_is_right(self):
+        out = self.check('<?xml version="1.1"?>\n<c><QvtpServer/>\n<a\u0085b="1"/><QvtpClient/></c>'.encode())[1]
+        self.assertEqual([line for line in out.splitlines() if line.startswith("c.xml")],
+                         ['c.xml:2:4: QvtpServer function="" component=""',
+                          "c.xml:3:1: warning: No entries from here on are shown: this markup is not understood."])
+
+    def test_shows_no_entries_of_a_file_that_is_not_used(self):
+        code, out = self.check(b"<c><QvtpClient/><QvtpClient buffer='1'/>", "--json")
+        report = json.loads(out)
+        self.assertEqual((report["read"], report["entries"], len(report["findings"])), (False, [], 1))
+
     def test_uses_a_file_in_an_encoding_without_places(self):
         code, out = self.check('<?xml version="1.0" encoding="UTF-16"?><c><QvtpClient function="f" buffer_size="9"/></c>'
                                .encode("utf-16"), "--function", "f")
         self.assertEqual(code, 1)
         self.assertIn("    buffer_size=9", out)
+        self.assertIn("c.xml: warning: No entry is shown: the file is in an encoding whose markup is not ASCII.", out)
+        out = self.check('<?xml version="1.0" encoding="IBM037"?><c><QvtpClient/></c>'.encode("cp037"))[1]
         self.assertIn("c.xml: warning: No entry is shown: the file is in an encoding whose markup is not ASCII.", out)
 
     def test_looks_where_programs_look(self):
