@@ -106,7 +106,7 @@ std::string advice(const std::string& kind, const std::string& attribute) {
 template <typename Target>
 CheckedEntry entryOf(const Target& target, const std::string& kind, const std::string& function,
                      const std::string& component) {
-    CheckedEntry entry{kind, function, component, {}, {}};
+    CheckedEntry entry{kind, function, component, {}, {}, true};
     for (const Setting& setting : settingsOf(kind)) {
         using Option = std::conditional_t<std::is_same_v<Target, exact::QvtpClient>, exact::QvtpClient::ClientOptions,
                                           exact::QvtpServer::ServerOptions>;
@@ -120,8 +120,7 @@ CheckedEntry entryOf(const Target& target, const std::string& kind, const std::s
 constexpr char NO_PIPE_NAME[] = "";
 
 /// Applies the file's entry for these names; nothing if there is none, or no file.
-CheckedEntry appliedEntry(const std::string& kind, const std::string& function, const std::string& component,
-                          bool& isRight) {
+CheckedEntry appliedEntry(const std::string& kind, const std::string& function, const std::string& component) {
     exact::QvtpClient client;
     exact::QvtpServer server(NO_PIPE_NAME, 1);
     const bool isClient = kind == "QvtpClient";
@@ -129,10 +128,19 @@ CheckedEntry appliedEntry(const std::string& kind, const std::string& function, 
         exact::QvtpConfig& config = exact::QvtpConfig::getInstance();
         if (isClient) config.setQvtpClientOptions(client, function, component);
         if (!isClient) config.setQvtpServerOptions(server, function, component);
-    } catch (...) {  // an exception of the parser's, which has no base class that is known here
-        isRight = false;
+    } catch (const std::exception&) {
+        throw;       // memory has run out, which the file is not to blame for
+    } catch (...) {  // the parser's NumberFormatException, which has no base class that is known here
+        return {kind, function, component, {}, {}, false};
     }
     return isClient ? entryOf(client, kind, function, component) : entryOf(server, kind, function, component);
+}
+
+EffectiveOption* findOption(CheckedEntry& entry, const std::string& name) {
+    for (EffectiveOption& option : entry.options) {
+        if (option.name == name) return &option;
+    }
+    return nullptr;
 }
 
 struct Complaint {
@@ -145,14 +153,16 @@ bool isNumber(const std::string& text) {
     return text.size() > digits && text.find_first_not_of("0123456789", digits) == text.npos;
 }
 
-Complaint complaintAbout(const Setting& setting, const std::string& value) {
+/// `option` is what the entry leaves; null if that is not known.
+Complaint complaintAbout(const Setting& setting, const std::string& value, const EffectiveOption* option) {
     const std::string text = Poco::trim(value);
     if (!isNumber(text)) {
-        return {true, "\"" + value + "\" is no number: applying the entry throws NumberFormatException."};
+        return {true, "\"" + value + "\" is no number."};
     }
     const long long wanted = std::strtoll(text.c_str(), nullptr, 10);  // the nearest one if there are too many digits
     if (wanted < std::numeric_limits<int>::min() || wanted > std::numeric_limits<int>::max()) {
-        return {true, text + " does not fit into 32 bits: the option does not get it."};
+        const std::string result = option == nullptr ? "" : ": the option gets " + std::to_string(option->value);
+        return {true, text + " does not fit into 32 bits" + result + "."};
     }
     const bool isUnlimited = wanted == 0 && setting.range.hasZero;
     if (wanted >= setting.range.least || isUnlimited) return {};
@@ -193,16 +203,16 @@ class Check {
                  "This entry is never used: line " + std::to_string(first->second.line) +
                      " has one for the same function and component.");
         }
-        bool isRight = true;
         CheckedEntry entry;  // of one that is never used there is nothing to show
-        if (isFirst) entry = appliedEntry(element.name, function, component, isRight);
+        if (isFirst) entry = appliedEntry(element.name, function, component);
         entry.place = element.place;
-        for (const ConfigAttribute& attribute : element.attributes) {
-            for (EffectiveOption& option : entry.options) option.isSet |= option.name == attribute.name;
-            isRight |= this->attribute(element.name, attribute);
+        if (!isKnown(function) || !isKnown(component)) entry.options.clear();  // the library has it under other names
+        if (!entry.isRight) {
+            find(element.place, true,
+                 "Applying this entry throws NumberFormatException, which ends a program that does not catch it.");
         }
+        for (const ConfigAttribute& attribute : element.attributes) this->attribute(element.name, attribute, entry);
         if (!isFirst) return;
-        if (!isRight) find(element.place, true, "Applying this entry throws an exception.");
         report_.entries.push_back(std::move(entry));
     }
 
@@ -243,20 +253,19 @@ class Check {
     }
 
   private:
-    /// True if it explains why an entry cannot be applied.
-    bool attribute(const std::string& kind, const ConfigAttribute& attribute) {
-        if (attribute.name == "function" || attribute.name == "component") return false;
+    void attribute(const std::string& kind, const ConfigAttribute& attribute, CheckedEntry& entry) {
+        if (attribute.name == "function" || attribute.name == "component") return;
+        EffectiveOption* const option = findOption(entry, attribute.name);
+        if (option != nullptr) option->isSet = true;
         if (kind == "QvtpClient" && attribute.name == "read_timeout") {
             find(attribute.place, false, "read_timeout is not supported, and skipped.");
         } else if (const Setting* const setting = findSetting(kind, attribute.name); setting == nullptr) {
             const std::string text = kind + " has no attribute \"" + attribute.name + "\": it is skipped.";
             find(attribute.place, true, text + advice(kind, attribute.name));
-        } else if (const Complaint one = complaintAbout(*setting, attribute.value);
+        } else if (const Complaint one = complaintAbout(*setting, attribute.value, option);
                    !one.text.empty() && isKnown(attribute.value)) {
             find(attribute.place, one.isError, attribute.name + ": " + one.text);
-            return one.isError;
         }
-        return false;
     }
 
     /// False if an entity may stand there.
@@ -267,12 +276,25 @@ class Check {
     std::map<std::tuple<std::string, std::string, std::string>, Place> places_;
 };
 
+std::string contentOf(const std::string& path) {
+    const auto file = std::filesystem::u8path(path);
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(file, error);
+    const bool isThere = std::filesystem::exists(status);
+    if (isThere && !std::filesystem::is_regular_file(status) && !std::filesystem::is_directory(status)) {
+        throw Error(ErrorKind::misuse,
+                    "Cannot check " + path + ": it is no regular file, and has to be read twice. Save it first.");
+    }
+    std::ifstream in;
+    if (std::filesystem::is_regular_file(status)) in.open(file, std::ios::binary);
+    if (!in.is_open()) throw Error(ErrorKind::misuse, "Cannot read " + path + ".");
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
 }  // namespace
 
 ConfigReport checkConfig(const std::string& path) {
-    std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
-    if (!file) throw Error(ErrorKind::misuse, "Cannot read " + path + ".");
-    const ConfigText text(std::string(std::istreambuf_iterator<char>(file), {}));
+    const ConfigText text(contentOf(path));
     Poco::Environment::set("QvtpConfigurationFile", path);
     const std::string lines = readByTheLibrary();
     std::istringstream stream(lines);
@@ -291,8 +313,7 @@ ConfigReport checkConfig(const std::string& path) {
 }
 
 CheckedEntry effectiveEntry(const std::string& kind, const std::string& function, const std::string& component) {
-    bool isRight = true;
-    return appliedEntry(kind, function, component, isRight);
+    return appliedEntry(kind, function, component);
 }
 
 }  // namespace qvtp::cli

@@ -17,7 +17,8 @@ struct EffectiveOption {
 struct CheckedEntry {
     std::string kind, function, component;
     Place place;
-    std::vector<EffectiveOption> options;
+    std::vector<EffectiveOption> options;  ///< none if applying the entry throws
+    bool isRight = true;                   ///< false: it throws
 };
 
 struct Finding {

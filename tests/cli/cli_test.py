@@ -655,6 +655,8 @@ class Browser(CliTest):
 
 
 class Config(CliTest):
+    THROWS = ("2:1: error: Applying this entry throws NumberFormatException, which ends a program that does not catch "
+              "it.")
     FILE = b"""<?xml version="1.0"?>
 <!-- <QvtpClient function="no"/> -->
 <configuration>
@@ -730,13 +732,35 @@ class Config(CliTest):
     def test_names_values_that_are_no_numbers(self):
         for value in ("eight", "", "1.5", "0x10", "1 2", "--1"):
             found = self.findings("<c>", '<QvtpClient connect_timeout="%s"/>' % value, "</c>")
-            self.assertEqual(found, ['2:13: error: connect_timeout: "%s" is no number: applying the entry throws '
-                                     "NumberFormatException." % value])
+            self.assertEqual(found, [self.THROWS, '2:13: error: connect_timeout: "%s" is no number.' % value])
         self.assertEqual(self.findings('<c><QvtpClient connect_timeout=" +15 "/></c>'), [])
-        for value in ("2147483648", "-99999999999999999999"):
+
+    def test_names_numbers_that_do_not_fit(self):
+        for value in ("99999999999999999999", "-9223372036854775809"):
             found = self.findings("<c>", '<QvtpClient connect_timeout="%s"/>' % value, "</c>")
-            self.assertEqual(found, ["2:13: error: connect_timeout: %s does not fit into 32 bits: the option does not "
-                                     "get it." % value])
+            self.assertEqual(found, [self.THROWS, "2:13: error: connect_timeout: %s does not fit into 32 bits." % value])
+        if IS_WINDOWS:
+            return  # where the parser refuses the following ones too
+        for value, result in (("2147483648", -2147483648), ("-2147483649", 2147483647), ("4294967297", 1)):
+            content = '<c><QvtpClient connect_timeout="%s"/></c>' % value
+            self.assertEqual(self.findings(content), ["1:16: error: connect_timeout: %s does not fit into 32 bits: "
+                                                      "the option gets %d." % (value, result)])
+            self.assertIn("    connect_timeout=%d\n" % result, self.check(content.encode())[1])
+
+    def test_says_of_the_entry_that_throws_that_it_does(self):
+        found = self.findings("<c>", '<QvtpClient stale_timeout="-1" colour="" buffer_size="x"/>',
+                              '<QvtpClient buffer_size="x"/>', "</c>")
+        self.assertEqual([line for line in found if "throws" in line], [self.THROWS])
+        self.assertIn('3:13: error: buffer_size: "x" is no number.', found)
+
+    def test_shows_no_options_of_an_entry_that_throws(self):
+        content = b'<c><QvtpClient function="f" connect_timeout="1" buffer_size="x"/><QvtpServer/></c>'
+        for arguments in ([], ["--function", "f"]):
+            out = self.check(content, *arguments)[1].splitlines()
+            self.assertEqual(out[0], 'c.xml:1:4: QvtpClient function="f" component=""')
+            self.assertTrue(out[1].startswith("c.xml:"), out)
+            entry = json.loads(self.check(content, "--json", *arguments)[1])["entries"][0]
+            self.assertEqual((entry["line"], entry["options"], entry["defaults"]), (1, {}, []))
 
     def test_names_entries_that_are_never_used(self):
         self.assertEqual(self.findings("<c>", '<QvtpClient function="f"/>', '<QvtpServer function="f"/>',
@@ -829,6 +853,15 @@ class Config(CliTest):
         self.file("QvtpConfig.xml", b"<c><QvtpClient/></c>")
         self.assertIn(b'QvtpConfig.xml:1:4: QvtpClient function="" component=""',
                       self.run_it("config", "check", cwd=self.root).stdout.splitlines())
+
+    def test_checks_no_directory_and_no_pipe(self):
+        result = self.run_it("config", "check", self.root)
+        self.assertEqual((result.returncode, result.stdout), (2, b""))
+        self.assertIn("Cannot read %s." % self.root, result.stderr.decode())
+        if not IS_WINDOWS:
+            result = self.run_it("config", "check", "/dev/stdin", data=self.FILE)
+            self.assertEqual((result.returncode, result.stdout), (2, b""))
+            self.assertIn("Cannot check /dev/stdin: it is no regular file", result.stderr.decode())
 
     def test_leaves_no_pipe_directory(self):
         self.check(self.FILE)
