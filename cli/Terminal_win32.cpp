@@ -48,7 +48,9 @@ std::FILE* openTemporaryFile() {
     wchar_t directory[MAX_PATH + 1], path[MAX_PATH + 1];
     if (::GetTempPathW(MAX_PATH + 1, directory) == 0) return nullptr;
     if (::GetTempFileNameW(directory, L"qvtp", 0, path) == 0) return nullptr;
-    return ::_wfopen(path, L"w+bTD");
+    std::FILE* const file = ::_wfopen(path, L"w+bTD");
+    if (file == nullptr) ::DeleteFileW(path);  // which is there since it has its name
+    return file;
 }
 
 }  // namespace qvtp::cli::Terminal
