@@ -53,11 +53,17 @@ if [ "$funcstack[1]" = _qvtp ]; then _qvtp "$@"; else compdef _qvtp qvtp; fi
 )SCRIPT";
 
 constexpr char FISH[] = R"SCRIPT(# qvtp for fish: qvtp completion fish | source
+function __qvtp_options
+    set -l words (commandline -opc)
+    set -l sub
+    test "$words[2]" = config; and set sub check
+    qvtp $words[2] $sub --help 2>/dev/null | string match -ra -- '--?[a-z][a-z-]*' | sort -u
+end
 complete -c qvtp -f -n __fish_use_subcommand -a "@COMMANDS@"
 complete -c qvtp -f -n "__fish_seen_subcommand_from post notify ping bench; and test (count (commandline -opc)) = 2" -a "(qvtp ls --names 2>/dev/null)"
 complete -c qvtp -f -n "__fish_seen_subcommand_from completion" -a "bash zsh fish"
 complete -c qvtp -f -n "__fish_seen_subcommand_from config; and test (count (commandline -opc)) = 2" -a "check"
-complete -c qvtp -n "string match -q -- '-*' (commandline -ct)" -f -a "(qvtp (commandline -opc)[2..3] --help 2>/dev/null | string match -ra -- '--?[a-z][a-z-]*' | sort -u)"
+complete -c qvtp -n "string match -q -- '-*' (commandline -ct)" -f -a "(__qvtp_options)"
 )SCRIPT";
 
 class Completion : public Command {

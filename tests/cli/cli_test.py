@@ -895,6 +895,18 @@ class Completion(CliTest):
         self.assertEqual(self.complete("qvtp config "), ["check"])
         self.assertEqual(self.complete("qvtp config check --fu"), ["--function"])
 
+    def test_asks_for_options_of_a_command_without_its_arguments_in_fish(self):
+        script = self.run_it("completion", "fish").stdout.decode()
+        self.assertNotIn("[2..3]", script)  # which has the first argument too
+        self.assertIn("qvtp $words[2] $sub --help", script)
+        if shutil.which("fish") is None:
+            return
+        environment = dict(self.environment, PATH=os.path.dirname(PROGRAM) + ":" + os.environ["PATH"], HOME=self.root)
+        for line, option in (("qvtp post demo --st", "--stream"), ("qvtp config check --fu", "--function")):
+            result = subprocess.run(["fish", "-c", script + "\ncomplete -C '%s'" % line], capture_output=True,
+                                    timeout=LIMIT, env=environment)
+            self.assertIn(option, result.stdout.decode().split())
+
     def test_has_no_wrong_syntax(self):
         for shell in ("bash", "zsh", "fish"):
             result = self.run_it("completion", shell)
