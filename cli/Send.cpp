@@ -36,6 +36,26 @@ Headers::value_type headerOf(const std::string& line) {
     return {line.substr(0, colon), begin == std::string::npos ? "" : line.substr(begin)};
 }
 
+/// What a server has sent, without the characters that a terminal would obey: those of ASCII, and U+0080 to U+009F.
+std::string printable(const std::string& text) {
+    const auto isBetween = [](char c, unsigned least, unsigned most) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte >= least && byte <= most;
+    };
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool isPair = text[i] == '\xC2' && i + 1 < text.size() && isBetween(text[i + 1], 0x80, 0x9F);
+        const bool isControl = isPair || isBetween(text[i], 0, 0x1F) || text[i] == '\x7F';
+        result += isControl ? '?' : text[i];
+        if (isPair) ++i;
+    }
+    return result;
+}
+
+std::string statusOf(const Reply& reply) {
+    return std::to_string(reply.status()) + (reply.reason().empty() ? "" : " " + printable(reply.reason()));
+}
+
 class Send : public Command {
   public:
     explicit Send(bool isPost) : isPost_(isPost) {}
@@ -112,10 +132,14 @@ class Send : public Command {
         if (isJson_) out << jsonOfReply() << std::flush;
         if (!isWriting_ || !out) throw Error(ErrorKind::closed, "The body could not be written to its end.");
         if (head_.ok()) return OK;
-        if (!isVerbose_ && !isJson_) {
-            std::cerr << "qvtp: the reply is " << head_.status() << " " << head_.reason() << std::endl;
-        }
+        if (!isVerbose_ && !isJson_) nameStatus();
         return OTHER_STATUS;
+    }
+
+    /// On a terminal the body may stand before it.
+    void nameStatus() const {
+        if (isInLine_ && output_.empty() && Terminal::showsErrors()) std::cerr << "\n";
+        std::cerr << "qvtp: the reply is " << statusOf(head_) << std::endl;
     }
 
     /// The body goes out as it comes; for JSON it is kept.
@@ -129,6 +153,7 @@ class Send : public Command {
         for (char piece[16384]; in.peek() != std::char_traits<char>::eof();) {
             const auto size = static_cast<std::size_t>(in.readsome(piece, sizeof piece));
             progress.bytes += size;
+            if (size > 0) isInLine_ = piece[size - 1] != '\n';
             received.show(progress);
             if (isJson_) kept_.append(piece, size);
             if (!isJson_ && isWriting_) {
@@ -178,8 +203,10 @@ class Send : public Command {
     }
 
     static void showReply(const Reply& head) {
-        std::cerr << "< QVTP/1.0 " << head.status() << " " << head.reason() << "\n";
-        for (const auto& [name, value] : head.headers()) std::cerr << "< " << name << ": " << value << "\n";
+        std::cerr << "< QVTP/1.0 " << statusOf(head) << "\n";
+        for (const auto& [name, value] : head.headers()) {
+            std::cerr << "< " << printable(name) << ": " << printable(value) << "\n";
+        }
         std::cerr << "<" << std::endl;
     }
 
@@ -226,6 +253,7 @@ class Send : public Command {
     Clock::time_point begin_, end_;
     Reply head_;
     std::string kept_;
+    bool isInLine_ = false;  // the body does not end with a line end
     bool isWriting_ = true;  // as long as what is written goes somewhere
     std::optional<Clock::time_point> connected_, lastSent_, firstByte_;
 };

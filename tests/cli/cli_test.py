@@ -214,6 +214,33 @@ class Post(CliTest):
         result = self.run_it("post", "demo", "/", "-d", "hi", "--json")
         self.assertEqual((result.returncode, result.stderr), (1, b""))
 
+    @SOCKETS
+    def test_shows_no_control_characters_of_a_status_or_a_header(self):
+        def answer(connection):
+            connection.recv(100)
+            connection.sendall(b"QVTP/1.0 500 a\x1b[2J\x7f\xc2\x9bb\xc3\x9b\r\nX-A: \x1b]0;t\x07\r\n"
+                               b"Content-Length: 2\r\n\r\n\x1b1")
+
+        self.foreign("plain", answer)
+        result = self.run_it("post", "plain", "/", "-d", "hi")
+        self.assertEqual((result.stdout, result.stderr),
+                         (b"\x1b1", b"qvtp: the reply is 500 a?[2J??b\xc3\x9b\n"))
+        self.foreign("verbose", answer)
+        result = self.run_it("post", "verbose", "/", "-d", "hi", "-v")
+        self.assertIn(b"< QVTP/1.0 500 a?[2J??b\xc3\x9b\n", result.stderr)
+        self.assertIn(b"< X-A: ?]0;t?\n", result.stderr)
+
+    @SOCKETS
+    def test_names_a_status_without_a_reason(self):
+        def answer(connection):
+            connection.recv(100)
+            connection.sendall(b"QVTP/1.0 500 \r\nContent-Length: 0\r\n\r\n")
+
+        self.foreign("plain", answer)
+        self.assertEqual(self.run_it("post", "plain", "/", "-d", "hi").stderr, b"qvtp: the reply is 500\n")
+        self.foreign("verbose", answer)
+        self.assertIn(b"< QVTP/1.0 500\n", self.run_it("post", "verbose", "/", "-d", "hi", "-v").stderr)
+
     def test_returns_2_for_wrong_usage(self):
         for arguments in ([], ["nonsense"], ["post"], ["post", "demo"], ["post", "demo", "/", "--timeout", "x"],
                           ["post", "demo", "/", "-d", "a", "-f", "b"], ["post", "demo", "/", "--retry", "-1"],
@@ -297,10 +324,11 @@ class Post(CliTest):
 
 @linux_only("terminals are another matter")
 class Progress(CliTest):
-    def on_terminal(self, *arguments):
-        """What a person sees on standard error."""
+    def on_terminal(self, *arguments, shows_output=False, code=0):
+        """What a person sees on standard error, or on both."""
         master, slave = pty.openpty()
-        process = subprocess.Popen([*COMMAND, *arguments], stdout=subprocess.DEVNULL, stderr=slave, env=self.environment)
+        process = subprocess.Popen([*COMMAND, *arguments], stdout=slave if shows_output else subprocess.DEVNULL,
+                                   stderr=slave, env=self.environment)
         os.close(slave)
         seen = b""
         while select.select([master], [], [], LIMIT)[0]:
@@ -310,8 +338,16 @@ class Progress(CliTest):
                 break
             seen += piece
         os.close(master)
-        self.assertEqual(process.wait(LIMIT), 0)
+        self.assertEqual(process.wait(LIMIT), code)
         return seen.decode()
+
+    def test_leaves_the_status_a_line_of_its_own(self):
+        self.serve("demo", "--status", "404")
+        for body, seen in (("hi", "hi\r\n"), ("hi\n", "hi\r\n"), ("", "")):
+            self.assertEqual(self.on_terminal("post", "demo", "/", "-d", body, shows_output=True, code=1),
+                             seen + "qvtp: the reply is 404 Not Found\r\n")
+        self.assertEqual(self.on_terminal("post", "demo", "/", "-d", "hi", "-o", self.root + "/out", code=1),
+                         "qvtp: the reply is 404 Not Found\r\n")
 
     def test_is_shown_on_a_terminal_for_a_large_body(self):
         self.serve("demo")
