@@ -28,7 +28,12 @@ ProgressBar::ProgressBar(bool isWanted, const char* label)
     : isWanted_(isWanted && Terminal::showsErrors()), label_(label) {}
 
 ProgressBar::~ProgressBar() {
+    hide();
+}
+
+void ProgressBar::hide() {
     if (isShown_) std::fputs("\r\x1b[K", stderr);
+    isShown_ = false;
 }
 
 void ProgressBar::show(const Progress& progress) {

@@ -17,6 +17,8 @@ class ProgressBar {
     ~ProgressBar();
 
     void show(const Progress& progress);
+    /// Makes room for what is printed next.
+    void hide();
 
   private:
     using Clock = std::chrono::steady_clock;

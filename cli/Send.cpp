@@ -101,6 +101,7 @@ class Send : public Command {
         openBody();
         if (isVerbose_) showRequest(call.headers);
         ProgressBar sent(!hidesProgress_, "sent");
+        sent_ = &sent;
         call.onSent = [&](const Progress& progress) {
             sent.show(progress);
             lastSent_ = Clock::now();
@@ -113,6 +114,7 @@ class Send : public Command {
   private:
     int notify(Client& client, const CallOptions& call) {
         client.notify(resource_, body(), call);
+        sent_->hide();
         end_ = Clock::now();
         if (isVerbose_) showTimes();
         return OK;
@@ -146,6 +148,7 @@ class Send : public Command {
     void receive(const Reply& reply, std::istream& in, std::ostream& out) {
         firstByte_ = Clock::now();
         head_ = reply;
+        sent_->hide();
         if (isVerbose_) showReply(head_);
         ProgressBar received(!hidesProgress_ && !output_.empty(), "received");
         const std::string length = reply.header("Content-Length");
@@ -250,6 +253,7 @@ class Send : public Command {
 
     std::unique_ptr<std::istream> streamed_;  // null: standard input, or a whole body
     std::int64_t size_ = -1;
+    ProgressBar* sent_ = nullptr;  // while a call runs; not owned
     Clock::time_point begin_, end_;
     Reply head_;
     std::string kept_;
