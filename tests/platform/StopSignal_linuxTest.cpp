@@ -39,6 +39,10 @@ class StopSignals : public ::testing::Test {
         action.sa_handler = handle;
         action.sa_flags = SA_NODEFER;
         for (int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
+        // This program's own versions of them look for those of the C library at their first call, under a lock that a
+        // child must not inherit.
+        ::getpid();
+        EXPECT_EQ(::write(-1, "", 1), -1);
     }
     ~StopSignals() override {
         for (int signal : {SIGINT, SIGTERM}) ::signal(signal, SIG_DFL);
