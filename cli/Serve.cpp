@@ -4,6 +4,8 @@
 #include "cli/Json.h"
 #include "cli/Program.h"
 
+#include <atomic>
+#include <cstdint>
 #include <iostream>
 #include <mutex>
 #include <optional>
@@ -66,7 +68,7 @@ class Serve : public Command {
     Reply answer(const Request& request) {
         Reply reply(status_);
         if (commandLine_) {
-            const ProgramResult result = runProgram(*commandLine_, request);
+            const ProgramResult result = runCommand(request);
             if (result.exitCode != 0) reply.setStatus(500);
             reply.setBody(result.output);
         } else if (reply_) {
@@ -83,8 +85,14 @@ class Serve : public Command {
             show(request, std::to_string(request.body().size()) + " bytes");
             return;
         }
-        const ProgramResult result = runProgram(*commandLine_, request);
+        const ProgramResult result = runCommand(request);
         show(request, "exit code " + std::to_string(result.exitCode));
+    }
+
+    ProgramResult runCommand(const Request& request) {
+        ProgramResult result = runProgram(*commandLine_, request);
+        if (result.exitCode != 0) ++failedCommands_;
+        return result;
     }
 
     void show(const Request& request, const std::string& outcome) {
@@ -95,14 +103,13 @@ class Serve : public Command {
     }
 
     void report(const ServerCounters& counters) const {
+        const std::uint64_t failed = counters.handlerErrors + failedCommands_;
         if (isJson_) {
-            std::cout << textOf(Json{{"posts", counters.posts},
-                                     {"notifies", counters.notifies},
-                                     {"failed", counters.handlerErrors}})
+            std::cout << textOf(Json{{"posts", counters.posts}, {"notifies", counters.notifies}, {"failed", failed}})
                       << std::flush;
         } else {
-            std::cerr << "Served " << counters.posts << " POST, " << counters.notifies << " NOTIFY; "
-                      << counters.handlerErrors << " failed." << std::endl;
+            std::cerr << "Served " << counters.posts << " POST, " << counters.notifies << " NOTIFY; " << failed
+                      << " failed." << std::endl;
         }
     }
 
@@ -112,6 +119,7 @@ class Serve : public Command {
     int status_ = 200;
     double headSeconds_ = 0, requestSeconds_ = 0, drainSeconds_ = 10;
     ServerOptions options_;
+    std::atomic<std::uint64_t> failedCommands_{0};
     std::mutex mutex_;  // keeps the lines of standard error whole
 };
 

@@ -416,9 +416,10 @@ class Serve(CliTest):
 
     @SHELL
     def test_answers_500_if_the_command_fails(self):
-        self.serve("demo", "--exec", "echo why; exit 3")
+        server = self.serve("demo", "--exec", "echo why; exit 3")
         reply = json.loads(self.run_it("post", "demo", "/", "--json").stdout)
         self.assertEqual((reply["status"], reply["body"]), (500, "why\n"))
+        self.assertEqual(self.stop(server)[2], "Served 1 POST, 0 NOTIFY; 1 failed.\n")
 
     @SHELL
     def test_takes_a_command_that_does_not_read_its_input(self):
