@@ -4,6 +4,8 @@
 
 #include "support/TemporaryFile.h"
 
+#include <stdio.h>  // flockfile
+
 #include <algorithm>
 #include <regex>
 
@@ -17,12 +19,16 @@ using Quovane::Qvtp::QvtpMessage;
 
 constexpr std::size_t LONGEST_RUN = 16;
 
+/// Other threads may be writing. They wait meanwhile, or they would write where this reads.
 std::string contentsOf(std::FILE* file) {
+    ::flockfile(file);
     std::fflush(file);
     std::fseek(file, 0, SEEK_END);
     std::string contents(static_cast<std::size_t>(std::ftell(file)), '\0');
     std::fseek(file, 0, SEEK_SET);
     contents.resize(std::fread(&contents[0], 1, contents.size(), file));
+    std::fseek(file, 0, SEEK_END);
+    ::funlockfile(file);
     return contents;
 }
 
