@@ -103,7 +103,7 @@ class Send : public Command {
         ProgressBar sent(!hidesProgress_, "sent");
         sent_ = &sent;
         call.onSent = [&](const Progress& progress) {
-            sent.show(progress);
+            if (isStreamed_) sent.show(progress);
             lastSent_ = Clock::now();
         };
         call.onConnected = [&] { connected_ = Clock::now(); };

@@ -188,14 +188,17 @@ class Post(CliTest):
         self.assertEqual(lines[:4], ["> POST /a QVTP/1.0", "> X-One: 1", "> X-Two: 2", "> Content-Length: 2"])
         self.assertIn("< QVTP/1.0 200 OK", lines)
         self.assertIn("< Content-Length: 2", lines)
-        self.assertRegex(lines[-1], r"^\* milliseconds: connect [0-9.]+ firstByte [0-9.]+ total [0-9.]+$")
+        self.assertRegex(lines[-1], r"^\* milliseconds: connect [0-9.]+ sent [0-9.]+ firstByte [0-9.]+ total [0-9.]+$")
 
     def test_shows_times_in_their_order(self):
         self.serve("demo")
-        times = json.loads(self.run_it("post", "demo", "/", "-d", "hi", "--stream", "--json").stdout)["milliseconds"]
-        self.assertEqual(list(times), ["connect", "sent", "firstByte", "total"])
-        self.assertEqual(sorted(times.values()), list(times.values()))
-        self.assertGreater(times["connect"], 0)
+        for how in (["-d", "hi"], ["-d", "hi", "--stream"], ["-d", "x" * 100000], []):
+            times = json.loads(self.run_it("post", "demo", "/", *how, "--json").stdout)["milliseconds"]
+            self.assertEqual(list(times), ["connect", "sent", "firstByte", "total"])
+            self.assertEqual(sorted(times.values()), list(times.values()))
+            self.assertGreater(times["connect"], 0)
+        seen = self.run_it("notify", "demo", "/", "-d", "hi", "-v").stderr.decode().splitlines()
+        self.assertRegex(seen[-1], r"^\* milliseconds: connect [0-9.]+ sent [0-9.]+ total [0-9.]+$")
 
     def test_prints_the_whole_reply_as_json(self):
         self.serve("demo")

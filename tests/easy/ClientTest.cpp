@@ -168,6 +168,49 @@ TEST_F(EasyClient, SaysWhenItHasAConnectionAndTheServerHasNothingYet) {
     EXPECT_EQ(kindOf([&] { qvtp::Client(name).post("/echo", "x", options); }), "no_server");
 }
 
+/// The handlers answer only when the client knows that all is sent.
+TEST_F(EasyClient, SaysWhenAWholeBodyIsSent) {
+    std::string steps;
+    std::promise<void> sent;
+    server.onPost("/wait", [&](const Request& request) {
+        EXPECT_EQ(sent.get_future().wait_for(10s), std::future_status::ready);
+        return Reply(request.body());
+    });
+    server.start();
+    qvtp::CallOptions options;
+    options.onConnected = [&] { steps += "connected "; };
+    options.onSent = [&](const qvtp::Progress& progress) {
+        steps += std::to_string(progress.bytes) + "/" + std::to_string(progress.total) + " ";
+        sent.set_value();
+    };
+    for (const auto timeout : {10s, 0s}) {
+        options.timeout = timeout;
+        EXPECT_EQ(client.post("/wait", large, options).body(), large);
+        sent = {};
+        EXPECT_EQ(client.post("/wait", "", options).body(), "");
+        sent = {};
+    }
+    client.notify("/log", "abc", options);
+    EXPECT_EQ(logged.get_future().get(), "abc");
+    const std::string both = "connected 300000/300000 connected 0/0 ";
+    EXPECT_EQ(steps, both + both + "connected 3/3 ");
+    EXPECT_TRUE(eventually([&] { return server.counters().connections > 0; }));
+    EXPECT_EQ(server.counters().connections, 2);  // one for each kind: all connections were good for another call
+}
+
+TEST_F(EasyClient, SaysAgainThatAllIsSentWhenAServerThatWasRestartedGetsItAnew) {
+    server.start();
+    client.post("/echo", "x");
+    server.stop();
+    server.start();
+    std::string steps;
+    qvtp::CallOptions options;
+    options.onConnected = [&] { steps += "connected "; };
+    options.onSent = [&](const qvtp::Progress&) { steps += "sent "; };
+    EXPECT_EQ(client.post("/echo", large, options).body(), large);
+    EXPECT_THAT(steps, ::testing::EndsWith("connected connected sent "));
+}
+
 TEST_F(EasyClient, LetsWhatItsCallbacksThrowPass) {
     server.onPost("/read", [](const Request& request) { return Reply(std::to_string(request.body().size())); });
     server.start();
@@ -177,6 +220,8 @@ TEST_F(EasyClient, LetsWhatItsCallbacksThrowPass) {
     options.onSent = [](const qvtp::Progress&) { throw std::runtime_error("cancelled"); };
     std::istringstream body(large);
     EXPECT_EQ(whatOf([&] { client.post("/read", body, options); }), "cancelled");
+    EXPECT_EQ(whatOf([&] { client.post("/read", "whole", options); }), "cancelled");
+    EXPECT_EQ(whatOf([&] { client.notify("/none", "whole", options); }), "cancelled");
     options.onSent = nullptr;
     options.onPiece = [](std::string_view, const qvtp::Progress&) { throw std::runtime_error("enough"); };
     EXPECT_EQ(whatOf([&] { client.post("/read", "", options); }), "enough");

@@ -33,27 +33,4 @@ class Body {
     Source source_;
     std::int64_t total_ = -1;
 };
-namespace detail {
-/// A streamed body as the library reads it, in blocks alone. Neither argument is owned.
-class BodyWriter : public std::streambuf {
-  public:
-    BodyWriter(const Body& body, const std::function<void(const Progress&)>& onSent) : body_(body), onSent_(onSent) {}
-
-  protected:
-    std::streamsize xsgetn(char* buffer, std::streamsize size) override {
-        std::streamsize filled = 0;
-        for (std::size_t count = 1; count > 0 && filled < size; filled += static_cast<std::streamsize>(count)) {
-            count = body_.source()(buffer + filled, static_cast<std::size_t>(size - filled));
-        }
-        sent_ += static_cast<std::uint64_t>(filled);
-        if (filled > 0 && onSent_) onSent_({sent_, body_.total()});
-        return filled;
-    }
-
-  private:
-    const Body& body_;
-    const std::function<void(const Progress&)>& onSent_;
-    std::uint64_t sent_ = 0;
-};
-}  // namespace detail
 }  // namespace qvtp

@@ -1,8 +1,38 @@
 #pragma once
+#include <qvtp/easy/Body.h>
 #include <qvtp/easy/Connections.h>
 #include <utility>
 
 namespace qvtp::detail {
+/// A streamed body as the library reads it, in blocks alone. Neither argument is owned.
+struct BodyWriter : std::streambuf {
+    BodyWriter(const Body& body, const std::function<void(const Progress&)>& onSent) : body_(body), onSent_(onSent) {}
+    std::streamsize xsgetn(char* buffer, std::streamsize size) override {
+        std::streamsize filled = 0;
+        for (std::size_t count = 1; count > 0 && filled < size; filled += static_cast<std::streamsize>(count)) {
+            count = body_.source()(buffer + filled, static_cast<std::size_t>(size - filled));
+        }
+        sent_ += static_cast<std::uint64_t>(filled);
+        if (filled > 0 && onSent_) onSent_({sent_, body_.total()});
+        return filled;
+    }
+    const Body& body_;
+    const std::function<void(const Progress&)>& onSent_;
+    std::uint64_t sent_ = 0;
+};
+/// Stands before the input buffer of a connection during one call, and sees the first read: the request has left then.
+struct SentWatch : std::streambuf {
+    std::streamsize showmanyc() override { return source->in_avail(); }
+    int_type underflow() override { return read()->sgetc(); }
+    int_type uflow() override { return read()->sbumpc(); }
+    std::streamsize xsgetn(char* buffer, std::streamsize size) override { return read()->sgetn(buffer, size); }
+    std::streambuf* read() {
+        if (onSent) std::exchange(onSent, nullptr)();
+        return source;
+    }
+    std::function<void()> onSent;
+    std::streambuf* source = nullptr;  // not owned
+};
 /// What becomes of one call: its connection, or why there is none, and the library's exceptions as errors.
 class Call final : public exact::QvtpConnectionManager {
   public:
@@ -17,6 +47,8 @@ class Call final : public exact::QvtpConnectionManager {
         if (!connection_->isOpen) connect();
         if (connections_.isClosed) fail(ErrorKind::closed);
         if (onConnected) onConnected();
+        watch_.onSent = onSent;
+        if (onSent && connection_->isReadable) watch_.source = input().rdbuf(&watch_);
         return &connection_->pipe;
     }
     void returnPipe(io::QvPipe*) override {
@@ -24,12 +56,13 @@ class Call final : public exact::QvtpConnectionManager {
         giveBack(isReusable);
     }
     /// After a failure, and if the reply was not read to its end or is none.
-    void removePipe(io::QvPipe* pipe) override {
+    void removePipe(io::QvPipe*) override {
         hasBroken = true;
-        hasEnded = connection_->isReadable && !pipe->getInputStream()->good();
+        hasEnded = connection_->isReadable && !input().good();
         giveBack(false);
     }
     std::function<void()> onConnected;  ///< as in CallOptions
+    std::function<void()> onSent;       ///< before the first read of the reply
     bool hasHead = false;               ///< of the reply
     bool isReusable = true;             ///< false: the server is about to close the connection
     bool hasBroken = false;             ///< the library has found the connection no good for another exchange
@@ -56,7 +89,11 @@ class Call final : public exact::QvtpConnectionManager {
     }
 
   private:
-    void giveBack(bool isGood) { connections_.giveBack(*std::exchange(connection_, nullptr), isGood); }
+    std::istream& input() const { return *connection_->pipe.getInputStream(); }
+    void giveBack(bool isGood) {
+        if (watch_.source != nullptr) input().rdbuf(std::exchange(watch_.source, nullptr));
+        connections_.giveBack(*std::exchange(connection_, nullptr), isGood);
+    }
     void connect() const try {
         if (pipeName_.empty()) throw io::ConnectException("");
         connection_->connect(pipeName_, connectTimeoutMs_);
@@ -78,5 +115,6 @@ class Call final : public exact::QvtpConnectionManager {
     const std::string pipeName_, what_;
     const int connectTimeoutMs_;
     Connection* connection_ = nullptr;  // not owned
+    SentWatch watch_;
 };
 }  // namespace qvtp::detail

@@ -1,13 +1,9 @@
 #pragma once
-#include <qvtp/easy/Body.h>
 #include <qvtp/easy/Call.h>
 #include <qvtp/easy/Reply.h>
 
 namespace qvtp {
 /// Sends requests to the server of one pipe name. It connects when it needs to, and keeps connections open.
-///
-///     qvtp::Client client("greetings", std::chrono::seconds(2));
-///     qvtp::Reply reply = client.post("/hello", "world");
 ///
 /// Any thread may use it, several at once. In a forked child it makes connections of its own. Every failure is an
 /// Error; what the server answers is none, whatever its status.
@@ -54,6 +50,8 @@ class Client {
         const Milliseconds connecting = firstOf(options.connectTimeout, firstOf(options_.connectTimeout, timeout));
         detail::Call call(connections_, pipeName_, what, numberOf(connecting));
         call.onConnected = options.onConnected;
+        const auto size = body.whole().size();
+        if (!body.source() && options.onSent) call.onSent = [&] { options.onSent({size, std::int64_t(size)}); };
         detail::exact::QvtpClient client(&call);
         client.setResponseTimeout(numberOf(timeout));
         Reply reply;
@@ -72,9 +70,8 @@ class Client {
                     isReadToEnd = receive(*response, call, options, reply);
                 } else {
                     request.execute();
+                    if (call.onSent) call.onSent();
                 }
-            } catch (const Error&) {
-                throw;
             } catch (...) {
                 call.translate(request.isCommitted());
             }

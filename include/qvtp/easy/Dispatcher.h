@@ -3,8 +3,7 @@
 #include <qvtp/easy/Request.h>
 
 namespace qvtp::detail {
-/// What a server does with its requests. A handler that does not return keeps it alive, and the handlers that were set
-/// when its request came, whatever becomes of the server.
+/// What a server does with its requests. A handler that does not return keeps it, and the handlers of its time, alive.
 class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_from_this<Dispatcher> {
   public:
     using Handler = std::function<Reply(const Request&)>;
@@ -18,28 +17,24 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
     using Out = exact::QvtpServerResponse;
     void handlePost(In* in, Out* out) override { handle(*in, out, &ServerCounters::posts); }
     void handleNotify(In* in) override { handle(*in, nullptr, &ServerCounters::notifies); }
-    bool isInHandler() const { return current() == this; }
+    bool isInHandler() const { return current_ == this; }
     ServerCounters counters() const { return std::lock_guard<std::mutex>(mutex_), counters_; }
 
   private:
-    using Counter = std::uint64_t ServerCounters::*;
-    static const Dispatcher*& current() {
-        static thread_local const Dispatcher* dispatcher = nullptr;
-        return dispatcher;
-    }
-    void count(Counter counter, int by = 1) {
+    inline static thread_local const Dispatcher* current_ = nullptr;  // whose handler the thread is in
+    void count(std::uint64_t ServerCounters::*counter, int by = 1) {
         const std::lock_guard<std::mutex> guard(mutex_);
         counters_.*counter += static_cast<std::uint64_t>(by);
     }
-    void handle(In& in, Out* out, Counter kind) {
+    void handle(In& in, Out* out, std::uint64_t ServerCounters::*kind) {
         const std::shared_ptr<const Handlers> own = handlers;  // stays when others are set
         count(kind);
         count(&ServerCounters::inHandlers);
         const auto leave = [self = shared_from_this()](const Dispatcher**) {
-            current() = nullptr;
+            current_ = nullptr;
             self->count(&ServerCounters::inHandlers, -1);
         };
-        const std::unique_ptr<const Dispatcher*, decltype(leave)> use(&current(), leave);
+        const std::unique_ptr<const Dispatcher*, decltype(leave)> use(&current_, leave);
         *use = this;
         Request request(in);
         const Handler* const handler = find(out != nullptr ? own->posts : own->notifies, request);

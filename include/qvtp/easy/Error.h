@@ -24,8 +24,7 @@ class Error : public std::runtime_error {
   public:
     Error(ErrorKind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
     ErrorKind kind() const noexcept { return kind_; }
-    /// Whether no byte of the request has left, so that sending it again cannot make a handler see it twice. False also
-    /// for misuse and closed, where that would fail again.
+    /// Whether it may be sent again: no byte has left, so that no handler sees it twice. False for misuse and closed.
     bool safe_to_retry() const noexcept {
         return kind_ == ErrorKind::no_server || kind_ == ErrorKind::busy || kind_ == ErrorKind::denied ||
                kind_ == ErrorKind::not_sent || kind_ == ErrorKind::bad_directory;

@@ -10,6 +10,7 @@ namespace qvtp {
 using Headers = std::vector<std::pair<std::string, std::string>>;
 namespace detail {
 namespace exact = Quovane::Qvtp;
+class Dispatcher;
 constexpr std::string_view PLAIN = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
 /// But for the case of ASCII letters.
 inline bool equalNames(std::string_view left, std::string_view right) {

@@ -30,7 +30,7 @@ struct CallOptions {
     Milliseconds timeout{-1};                     ///< as in ClientOptions, for this call; below 0: as there
     Milliseconds connectTimeout{-1};              ///< the same
     std::function<void()> onConnected;            ///< before the request is sent over one, new or kept
-    std::function<void(const Progress&)> onSent;  ///< after each piece of a streamed body
+    std::function<void(const Progress&)> onSent;  ///< after each piece of a streamed body; after a whole one
     /// For a reply of any size: each piece of its body, as it comes. Reply::body() is empty then.
     std::function<void(std::string_view piece, const Progress&)> onPiece;
     /// The same as a stream, called once. What reading it throws becomes an Error when it leaves.

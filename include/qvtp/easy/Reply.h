@@ -36,8 +36,8 @@ class Reply {
     Reply& setStatus(int status) { return status_ = status, *this; }
     Reply& setReason(std::string reason) { return reason_ = std::move(reason), *this; }
     Reply& setBody(std::string body) { return body_ = std::move(body), *this; }
-    Reply& addHeader(std::string name, std::string value) {
-        return headers_.emplace_back(std::move(name), std::move(value)), *this;
+    Reply& addHeader(std::string_view name, std::string_view value) {
+        return headers_.emplace_back(name, value), *this;
     }
 
   private:

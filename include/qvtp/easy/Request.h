@@ -2,9 +2,6 @@
 #include <qvtp/easy/Options.h>
 #include <optional>
 
-namespace qvtp::detail {
-class Dispatcher;
-}
 namespace qvtp {
 /// A request as a handler sees it: on the handler's thread, during its call. Copy out what is needed longer.
 class Request {

@@ -5,10 +5,6 @@
 namespace qvtp {
 /// Serves one pipe name with functions.
 ///
-///     qvtp::Server server("greetings");
-///     server.onPost("/hello", [](const qvtp::Request& r) { return qvtp::Reply("Hello " + r.body()); });
-///     server.runUntilSignal();
-///
 /// Handlers run on threads of the server, several at once, one for each connection. What one throws costs its request
 /// alone: a POST is answered with 500, and its connection is closed.
 ///
