@@ -9,22 +9,28 @@ namespace qvtp::cli {
 
 namespace {
 
+// What others chose, names of pipes and of files, is never taken for code, nor split at its blanks.
 constexpr char BASH[] = R"SCRIPT(# qvtp for bash: source <(qvtp completion bash)
 _qvtp() {
-    local word=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]} words=$COMP_CWORD
+    local word=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]} words=$COMP_CWORD name quoted
     [ "$command" = config ] && [ "$words" -gt 2 ] && command="config check"
+    COMPREPLY=()
     if [ "$words" = 1 ]; then
         COMPREPLY=($(compgen -W "@COMMANDS@" -- "$word"))
     elif [[ $word == -* ]]; then
         COMPREPLY=($(compgen -W "$(qvtp $command --help 2>/dev/null | grep -oE -- '--?[a-z][a-z-]*' | sort -u)" -- "$word"))
     elif [ "$words" = 2 ] && [[ $command =~ ^(post|notify|ping|bench)$ ]]; then
-        COMPREPLY=($(compgen -W "$(qvtp ls --names 2>/dev/null)" -- "$word"))
+        while IFS= read -r name; do
+            printf -v quoted %q "$name"
+            [[ $name == "$word"* || $quoted == "$word"* ]] && COMPREPLY+=("$quoted")
+        done < <(qvtp ls --names 2>/dev/null)
     elif [ "$words" = 2 ] && [ "$command" = completion ]; then
         COMPREPLY=($(compgen -W "bash zsh fish" -- "$word"))
     elif [ "$words" = 2 ] && [ "$command" = config ]; then
         COMPREPLY=($(compgen -W "check" -- "$word"))
     else
-        COMPREPLY=($(compgen -f -- "$word"))
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
     fi
 }
 complete -F _qvtp qvtp
