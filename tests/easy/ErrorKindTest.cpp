@@ -24,6 +24,7 @@ TEST_F(EasyError, IsBusyIfTheServerAcceptsNobodyInTime) {
     const Quovane::Io::QvPipe first(name, true, true);
     Client second(name, 50ms);
     EXPECT_EQ(kindOf([&] { second.post("/echo"); }), "busy");
+    EXPECT_THAT(errorOf([&] { second.post("/echo"); })->what(), ::testing::HasSubstr("connecting to pipe. Pipe \""));
 }
 
 TEST_F(EasyError, IsDeniedIfAPostGoesToAServerThatOnlyReads) {
@@ -188,6 +189,25 @@ TEST_F(EasyError, NamesTheCallThePipeItsPathAndWhatToDo) {
     const std::string path = Quovane::Io::findPipeFacts(missing).path;
     EXPECT_EQ(error->what(), "POST /echo failed. Pipe \"" + missing + "\" (" + path +
                                  "). There is no server: start it, as the same user and with the same QVTP_PIPE_DIR.");
+}
+
+/// Of mistakes too. What the library says without a full stop gets one.
+TEST_F(EasyError, SaysWhatIsWrongWithACallBeforeThePipe) {
+    const auto textOf = [&](const std::string& resource, const qvtp::Headers& headers,
+                            const std::string& pipe) -> std::string {
+        qvtp::CallOptions options;
+        options.headers = headers;
+        return errorOf([&] { Client(pipe).post(resource, "", options); })->what();
+    };
+    const std::string pipe = uniquePipeName("missing");
+    const std::string end =
+        " Pipe \"" + pipe + "\" (" + Quovane::Io::findPipeFacts(pipe).path + "). This is a mistake in the program.";
+    EXPECT_EQ(textOf("", {}, pipe), "POST  failed. It has no resource." + end);
+    EXPECT_EQ(textOf("/a b", {}, pipe),
+              "POST /a b failed. A resource has no blanks and no control characters: percentEncode() its parts." + end);
+    EXPECT_EQ(textOf("/a\tb", {}, pipe), textOf("/a b", {}, pipe).replace(7, 1, "\t"));
+    EXPECT_EQ(textOf("/", {{"A b", ""}}, pipe),
+              "POST / failed. The header \"A b\" has no possible name or value, or is the library's own." + end);
 }
 
 TEST_F(EasyError, IsAStandardExceptionWithAKind) {

@@ -8,9 +8,9 @@ class Body {
   public:
     /// Fills a part of the buffer, at least one byte, and returns how much; 0 ends the body. May throw.
     using Source = std::function<std::size_t(char* buffer, std::size_t size)>;
-    Body(const char* text) : whole_(text) {}
-    Body(const std::string& bytes) : whole_(bytes) {}
-    Body(std::string_view bytes) : whole_(bytes) {}
+    Body(const char* text) : Body(std::string_view(text)) {}
+    Body(const std::string& bytes) : Body(std::string_view(bytes)) {}
+    Body(std::string_view bytes) : whole_(bytes), total_(static_cast<std::int64_t>(bytes.size())) {}
     /// Streams what is left of the stream. `total`: for the progress alone, -1 if it is not known. A stream that goes
     /// bad before its end is an unknown_outcome: the server has got a part.
     Body(std::istream& stream, std::int64_t total = -1) : total_(total) {

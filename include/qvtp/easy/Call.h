@@ -47,8 +47,8 @@ class Call final : public exact::QvtpConnectionManager {
         if (!connection_->isOpen) connect();
         if (connections_.isClosed) fail(ErrorKind::closed);
         if (onConnected) onConnected();
-        watch_.onSent = onSent;
-        if (onSent && connection_->isReadable) watch_.source = input().rdbuf(&watch_);
+        watch_.onSent = onEnd;
+        if (onEnd && connection_->isReadable) watch_.source = input().rdbuf(&watch_);
         return &connection_->pipe;
     }
     void returnPipe(io::QvPipe*) override {
@@ -62,7 +62,7 @@ class Call final : public exact::QvtpConnectionManager {
         giveBack(false);
     }
     std::function<void()> onConnected;  ///< as in CallOptions
-    std::function<void()> onSent;       ///< before the first read of the reply
+    std::function<void()> onEnd;        ///< of sending: before the first read of the reply
     bool hasHead = false;               ///< of the reply
     bool isReusable = true;             ///< false: the server is about to close the connection
     bool hasBroken = false;             ///< the library has found the connection no good for another exchange

@@ -4,7 +4,6 @@
 
 namespace qvtp {
 /// Sends requests to the server of one pipe name. It connects when it needs to, and keeps connections open.
-///
 /// Any thread may use it, several at once. In a forked child it makes connections of its own. Every failure is an
 /// Error; what the server answers is none, whatever its status.
 class Client {
@@ -30,9 +29,10 @@ class Client {
     static Milliseconds firstOf(Milliseconds own, Milliseconds common) { return own.count() >= 0 ? own : common; }
     template <typename RequestType>
     Reply send(const std::string& what, const std::string& resource, const Body& body, const CallOptions& options) {
-        detail::checkHeaders(options.headers);
-        const bool isRight = !resource.empty() && !detail::hasControls(resource) && resource.find(' ') == resource.npos;
-        if (!isRight) throw Error(ErrorKind::misuse, what + " failed: no resource. percentEncode() its parts.");
+        std::string fault = resource.empty() ? "It has no resource." : detail::faultOf(options.headers);
+        if (detail::hasControls(resource) || resource.find(' ') != resource.npos)
+            fault = "A resource has no blanks and no control characters: percentEncode() its parts.";
+        if (!fault.empty()) throw detail::errorOf(ErrorKind::misuse, pipeName_, what + " failed. " + fault);
         for (int retry = 0;; ++retry) {
             try {
                 return exchange<RequestType>(what, resource, body, options);
@@ -50,8 +50,7 @@ class Client {
         const Milliseconds connecting = firstOf(options.connectTimeout, firstOf(options_.connectTimeout, timeout));
         detail::Call call(connections_, pipeName_, what, numberOf(connecting));
         call.onConnected = options.onConnected;
-        const auto size = body.whole().size();
-        if (!body.source() && options.onSent) call.onSent = [&] { options.onSent({size, std::int64_t(size)}); };
+        if (!body.source() && options.onSent) call.onEnd = [&] { options.onSent({body.whole().size(), body.total()}); };
         detail::exact::QvtpClient client(&call);
         client.setResponseTimeout(numberOf(timeout));
         Reply reply;
@@ -70,7 +69,7 @@ class Client {
                     isReadToEnd = receive(*response, call, options, reply);
                 } else {
                     request.execute();
-                    if (call.onSent) call.onSent();
+                    if (call.onEnd) call.onEnd();
                 }
             } catch (...) {
                 call.translate(request.isCommitted());

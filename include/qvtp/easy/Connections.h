@@ -3,7 +3,6 @@
 #include <list>
 
 namespace qvtp::detail {
-/// A pipe with the buffers of its streams.
 struct Connection {
     void connect(const std::string& pipeName, int timeoutMs) {
         pipe.setConnectTimeout(timeoutMs);

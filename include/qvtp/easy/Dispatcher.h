@@ -60,8 +60,9 @@ class Dispatcher final : public exact::QvtpHandler, public std::enable_shared_fr
         return found != routes.end() ? &found->second : nullptr;
     }
     static Reply checked(Reply&& reply) {
-        if (reply.status() < 100 || reply.status() > 999) throw Error(ErrorKind::misuse, "No status of a reply.");
-        return checkHeaders(reply.headers()), std::move(reply);
+        const bool isStatus = reply.status() >= 100 && reply.status() <= 999;
+        const std::string fault = isStatus ? faultOf(reply.headers()) : "A reply has a status from 100 to 999.";
+        return fault.empty() ? std::move(reply) : throw Error(ErrorKind::misuse, fault);
     }
     Reply refuse(const Handlers& own, Request& request) {
         const Handler* const other = find(request.method() == "POST" ? own.notifies : own.posts, request);

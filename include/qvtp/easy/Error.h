@@ -40,11 +40,11 @@ inline std::pair<std::string, std::string> textsOf(ErrorKind kind) {
     static const std::pair<const char*, const char*> TEXTS[] = {
         {"no_server", "There is no server: start it, as the same user and with the same QVTP_PIPE_DIR."},
         {"busy", "The server took no connection in time: give it more workers, or the client more time."},
-        {"denied", "Access is denied: the server takes only NOTIFY or is another user's, or the system lacks means."},
-        {"timed_out", "There was no answer in time, and the server may have acted: its handler is slow or stuck."},
-        {"not_sent", "Nothing was sent: try again. Server or system are short of something, or starting or stopping."},
+        {"denied", "Access is denied: the server takes only NOTIFY, or is another user's, or the system refuses."},
+        {"timed_out", "There was no answer in time, and the server may have acted: it is busy, or its handler hangs."},
+        {"not_sent", "Nothing was sent: try again. The server just starts or stops, or the system is at a limit."},
         {"unknown_outcome", "The server may have acted, and has failed or stopped then: look at its log."},
-        {"malformed_reply", "The reply is none of this protocol: the server is faulty, or of another kind."},
+        {"malformed_reply", "The reply does not follow the protocol: the server is faulty, or speaks another one."},
         {"cut_off", "The reply was cut off: the server has failed or stopped then. Look at its log."},
         {"closed", "The client was closed: make a new one."},
         {"misuse", "This is a mistake in the program."},
@@ -57,7 +57,8 @@ inline Error errorOf(ErrorKind kind, const std::string& pipe, const std::string&
     const io::PipeFacts facts = io::findPipeFacts(pipe);
     const bool isPlain = facts.reason.empty() || kind == ErrorKind::no_server;
     const std::string reason = isPlain ? "" : facts.reason + " ";
-    return Error(kind, text + " Pipe \"" + pipe + "\" (" + facts.path + "). " + reason + textsOf(kind).second);
+    const char* const end = text.back() == '.' ? " " : ". ";
+    return Error(kind, text + end + "Pipe \"" + pipe + "\" (" + facts.path + "). " + reason + textsOf(kind).second);
 }
 }  // namespace detail
 /// The name of a kind as it is written above.

@@ -21,13 +21,15 @@ inline bool equalNames(std::string_view left, std::string_view right) {
 inline bool hasControls(std::string_view text) {
     return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; });
 }
-inline void checkHeaders(const Headers& headers) {
+/// What is wrong with them, or an empty text.
+inline std::string faultOf(const Headers& headers) {
     for (const auto& [name, value] : headers) {
         const bool isToken = !name.empty() && name.find_first_not_of(std::string(PLAIN) + "!#$%&'*+^`|") == name.npos;
         const bool isFraming = equalNames(name, "Content-Length") || equalNames(name, "Transfer-Encoding");
         if (isToken && !isFraming && !hasControls(value)) continue;
-        throw Error(ErrorKind::misuse, "The header " + name + " has no possible name or value, or is the library's.");
+        return "The header \"" + name + "\" has no possible name or value, or is the library's own.";
     }
+    return {};
 }
 /// Those that the library has set itself are replaced.
 inline void copyHeaders(const Headers& headers, exact::QvtpMessageOut& message) {

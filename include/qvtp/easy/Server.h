@@ -4,10 +4,8 @@
 
 namespace qvtp {
 /// Serves one pipe name with functions.
-///
 /// Handlers run on threads of the server, several at once, one for each connection. What one throws costs its request
 /// alone: a POST is answered with 500, and its connection is closed.
-///
 /// All functions may be called from any thread, in any order and repeatedly. None waits for ever but for a drain
 /// without limit: a handler that does not return holds a stop up for some fourteen seconds, then its thread is left
 /// alone. In a handler, stop() does not wait, start() and runUntilSignal() throw misuse, and the server must not be
