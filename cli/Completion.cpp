@@ -22,15 +22,17 @@ _qvtp() {
     elif [ "$words" = 2 ] && [[ $command =~ ^(post|notify|ping|bench)$ ]]; then
         while IFS= read -r name; do
             printf -v quoted %q "$name"
-            [[ $name == "$word"* || $quoted == "$word"* ]] && COMPREPLY+=("$quoted")
-        done < <(qvtp ls --names 2>/dev/null)
+            [[ -n $name ]] && [[ $name == "$word"* || $quoted == "$word"* ]] && COMPREPLY+=("$quoted")
+        done <<< "$(qvtp ls --names 2>/dev/null)"
     elif [ "$words" = 2 ] && [ "$command" = completion ]; then
         COMPREPLY=($(compgen -W "bash zsh fish" -- "$word"))
     elif [ "$words" = 2 ] && [ "$command" = config ]; then
         COMPREPLY=($(compgen -W "check" -- "$word"))
     else
         compopt -o filenames
-        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        while IFS= read -r name; do
+            [ -n "$name" ] && COMPREPLY+=("$name")
+        done <<< "$(compgen -f -- "$word")"
     fi
 }
 complete -F _qvtp qvtp

@@ -1014,6 +1014,9 @@ class Completion(CliTest):
             self.assertEqual(result.stderr, b"")
             self.assertIn(offer, [each.split("\t")[0] for each in result.stdout.decode().splitlines()], line)
 
+    def test_offers_nothing_where_there_is_nothing_in_bash(self):
+        self.assertEqual(self.completed("bash", ["qvtp post ", "qvtp trace nothing"]), ["qvtp post ", "qvtp trace nothing"])
+
     def test_takes_no_name_for_code_and_does_not_split_it_in_bash(self):
         self.serve("$(touch pwn)")
         self.serve("my pipe")
