@@ -18,7 +18,10 @@ struct TracedMessage {
     std::string id;           ///< correlation id, often empty
     std::string startLine;
     Headers headers;
-    std::int64_t bodyBytes = 0;
+    std::vector<std::string> headersOrBody;  ///< lines after the headers: the log does not say which of the two
+    bool isStreamed = false;                 ///< sent without a length
+    /// As announced; else as recorded, without `headersOrBody`. None if nothing of a streamed body was recorded.
+    std::optional<std::int64_t> bodyBytes;
 
     bool isRequest() const { return startLine.rfind("QVTP/", 0) != 0; }
 };

@@ -58,8 +58,22 @@ std::vector<Event> eventsOf(const Trace& trace) {
     return events;
 }
 
+std::string sizeOf(const TracedMessage& message) {
+    const std::int64_t bytes = message.bodyBytes.value_or(0);
+    const std::string size = std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+    const bool isLeast = message.isStreamed && !message.headersOrBody.empty();
+    if (!message.bodyBytes || (isLeast && bytes == 0)) return "streamed";
+    return isLeast ? "streamed, at least " + size : size;
+}
+
+/// What follows the start line, which may be long.
+std::string labelOf(const TracedMessage& message, std::size_t most) {
+    const std::string size = ", " + sizeOf(message);
+    return shortened(message.startLine, most - size.size()) + size;
+}
+
 std::string labelOf(const TracedMessage& message) {
-    return message.startLine + ", " + std::to_string(message.bodyBytes) + (message.bodyBytes == 1 ? " byte" : " bytes");
+    return message.startLine + ", " + sizeOf(message);
 }
 
 std::string sizedText(int x, int y, const char* anchor, const std::string& text, const char* style = "") {
@@ -79,7 +93,7 @@ std::string arrow(const TracedMessage& message, int y) {
         << "\" stroke-width=\"1.5\"" << (message.isRequest() ? "" : " stroke-dasharray=\"6 3\"") << "/>\n"
         << "<path d=\"M" << to << " " << y << " L" << tip << " " << y - 4 << " L" << tip << " " << y + 4
         << " Z\" fill=\"" << color << "\"/>\n"
-        << sizedText((LEFT + RIGHT) / 2, y - 5, "middle", shortened(labelOf(message), 70));
+        << sizedText((LEFT + RIGHT) / 2, y - 5, "middle", labelOf(message, 70));
     return out.str();
 }
 
@@ -161,20 +175,45 @@ std::string svgOf(const Trace& trace) {
     return out.str();
 }
 
+namespace {
+
+/// What the log leaves open.
+std::string notesOf(const Trace& trace) {
+    const auto isAny = [&](auto is) { return std::any_of(trace.messages.begin(), trace.messages.end(), is); };
+    std::string notes;
+    if (isAny([](const TracedMessage& message) { return message.isStreamed && message.bodyBytes; })) {
+        notes +=
+            "<p>Some bodies were streamed. The log does not have their lengths: a line of such a body that looks like "
+            "the begin of a message is shown as one.</p>\n";
+    }
+    if (isAny([](const TracedMessage& message) { return message.isStreamed && !message.bodyBytes; })) {
+        notes += "<p>Some bodies were streamed, and are not in the log: their sizes are not known.</p>\n";
+    }
+    return notes;
+}
+
+void writeDetails(std::ostream& out, const TracedMessage& message) {
+    out << "<details><summary>" << escaped(message.clock) << (message.isOutput ? " &rarr; " : " &larr; ")
+        << escaped(labelOf(message)) << "</summary><pre>";
+    if (!message.id.empty()) out << "correlation id " << escaped(message.id) << "\n";
+    for (const auto& [name, value] : message.headers) out << escaped(name) << ": " << escaped(value) << "\n";
+    if (!message.headersOrBody.empty()) {
+        out << "</pre><p>The log does not say whether these lines are headers, or the begin of the body:</p><pre>";
+    }
+    for (const std::string& line : message.headersOrBody) out << escaped(line) << "\n";
+    out << "</pre></details>\n";
+}
+
+}  // namespace
+
 std::string htmlOf(const Trace& trace) {
     std::ostringstream out;
     out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>qvtp trace</title>\n"
         << "<style>body{font-family:sans-serif;margin:2em}summary{font-family:monospace}"
         << "pre{margin:.3em 0 1em 2em}</style></head><body>\n"
         << "<h1>" << trace.messages.size() << " messages, " << trace.exchanges.size() << " requests</h1>\n"
-        << svgOf(trace) << "<h2>Messages</h2>\n";
-    for (const TracedMessage& message : trace.messages) {
-        out << "<details><summary>" << escaped(message.clock) << (message.isOutput ? " &rarr; " : " &larr; ")
-            << escaped(labelOf(message)) << "</summary><pre>";
-        if (!message.id.empty()) out << "correlation id " << escaped(message.id) << "\n";
-        for (const auto& [name, value] : message.headers) out << escaped(name) << ": " << escaped(value) << "\n";
-        out << "</pre></details>\n";
-    }
+        << svgOf(trace) << notesOf(trace) << "<h2>Messages</h2>\n";
+    for (const TracedMessage& message : trace.messages) writeDetails(out, message);
     out << "</body></html>\n";
     return out.str();
 }
@@ -182,13 +221,16 @@ std::string htmlOf(const Trace& trace) {
 std::string jsonOf(const Trace& trace) {
     Json messages = Json::array(), exchanges = Json::array(), lines = Json::array();
     for (const TracedMessage& message : trace.messages) {
-        messages.push_back({{"ms", message.timeMs},
-                            {"clock", message.clock},
-                            {"direction", message.isOutput ? "output" : "input"},
-                            {"id", message.id},
-                            {"startLine", message.startLine},
-                            {"headers", jsonOf(message.headers)},
-                            {"bodyBytes", message.bodyBytes}});
+        Json one({{"ms", message.timeMs},
+                  {"clock", message.clock},
+                  {"direction", message.isOutput ? "output" : "input"},
+                  {"id", message.id},
+                  {"startLine", message.startLine},
+                  {"headers", jsonOf(message.headers)},
+                  {"bodyBytes", message.bodyBytes ? Json(*message.bodyBytes) : Json()}});
+        if (message.isStreamed) one["streamed"] = true;
+        if (!message.headersOrBody.empty()) one["headersOrBody"] = message.headersOrBody;
+        messages.push_back(std::move(one));
     }
     for (const TracedExchange& exchange : trace.exchanges) {
         Json one{{"request", exchange.request}};

@@ -641,6 +641,134 @@ class Trace(CliTest):
         data = json.loads(self.trace(lines, "--json").stdout)
         self.assertEqual(data["lines"], [{"ms": 10, "level": "WARN", "text": "odd - thing"}])
 
+    @staticmethod
+    def record(direction, *lines, body=b"", end="\n", time="09:58:33.  1"):
+        """A message; the lines of one that was written end as on the pipe."""
+        ends = "\r\n" if direction == "OUTPUT" else "\n"
+        head = "2026-11-22 %s [%-6s] %s\n" % (time, direction, " " * 50) + "".join(line + ends for line in lines)
+        return head.encode() + (ends.encode() if direction == "OUTPUT" else b"") + body + end.encode()
+
+    def messages(self, log):
+        result = self.run_it("trace", self.file("log", log), "--json")
+        self.assertEqual((result.returncode, result.stderr), (0, b""))
+        return json.loads(result.stdout)["messages"]
+
+    def outputs(self, *files):
+        """Every form that there is of this trace."""
+        self.assertEqual(self.run_it("trace", *files).returncode, 0)
+        contents = []
+        for ending in ("svg", "html", "json"):
+            path = self.root + "/out." + ending
+            self.assertEqual(self.run_it("trace", *files, "-o", path).returncode, 0, ending)
+            with open(path, encoding="utf-8") as file:
+                contents.append(file.read())
+        xml.etree.ElementTree.fromstring(contents[0])
+        return contents[0], contents[1], json.loads(contents[2])
+
+    def test_takes_lines_of_a_megabyte_everywhere(self):
+        long = "a" * 1000000
+        fine = self.record("INPUT", "POST /last QVTP/1.0", "Content-Length: 0")
+        for head, body in ((["POST /%s QVTP/1.0" % long, "Content-Length: 1"], b"x"),
+                           (["POST / QVTP/1.0", "X: " + long, "Content-Length: 1"], b"x"),
+                           (["POST / QVTP/1.0", long + ": x", "Content-Length: 1"], b"x"),
+                           (["POST / QVTP/1.0", "X: x", " " + long, "Content-Length: 1"], b"x"),
+                           (["POST / QVTP/1.0", "Content-Length: 1000000"], long.encode()),
+                           (["POST / QVTP/1.0", "Content-Length: 9"], long.encode()),
+                           (["POST / QVTP/1.0", "Transfer-Encoding: chunked"], long.encode()),
+                           (["POST / QVTP/1.0", "Transfer-Encoding: chunked"], b"b: " + long.encode()),
+                           (["POST / QVTP/1.0"], long.encode())):
+            for direction in ("INPUT", "OUTPUT"):
+                messages = self.messages(self.record(direction, *head, body=body) + fine)
+                self.assertEqual([message["startLine"] for message in messages], [head[0], "POST /last QVTP/1.0"])
+        log = fine.replace(b"] " + b" " * 50, b"] " + b"i" * 1000000)
+        self.assertEqual(self.messages(log)[0]["id"], "i" * 1000000)
+        lines = self.file("lines", b"x" * 1000000 + b"\n" +
+                          b"".join(b"%s - 2026/11/22-09:58:34.500 UTC - Thread-1: %s - %s- Quovane.SOA.Qvtp\n" % line
+                                   for line in ((b"WARN ", b"", long.encode()), (b"ERROR", long.encode(), b"x"))))
+        data = self.outputs(self.file("log", log), lines)[2]
+        self.assertEqual([(line["level"], line["text"]) for line in data["lines"]], [("WARN", long), ("ERROR", "x")])
+
+    def test_takes_time_that_grows_as_the_log_does(self):
+        def seconds(size):
+            log = self.file("log", self.record("INPUT", "POST / QVTP/1.0", "Content-Length: 9", body=b"a: b\n" * size) +
+                            self.record("INPUT", "POST / QVTP/1.0", body=b"\n" * size) +
+                            self.record("INPUT", "POST / QVTP/1.0", "Content-Length: 3", body=b"one") * (size // 20))
+            begin = time.monotonic()
+            self.assertEqual(self.run_it("trace", log, "-o", self.root + "/out.svg").returncode, 0)
+            return time.monotonic() - begin
+
+        self.assertLess(seconds(160000), 16 * min(seconds(20000) for _ in range(3)) + 1)
+
+    def test_says_of_a_streamed_body_that_is_not_in_the_log_that_it_was_streamed(self):
+        self.serve("demo", "--echo")
+        for level, label in (("WARN", "streamed"), ("INFO", "5 bytes")):
+            log = self.root + "/" + level
+            self.environment["QVTP_COMMUNICATION_LOG"] = "BOTH:" + log
+            self.environment["QVTP_LOG"] = level + ":" + self.root + "/lines"
+            self.assertEqual(self.run_it("post", "demo", "/a", "-d", "hello", "--stream").stdout, b"hello")
+            self.assertEqual(self.run_it("post", "demo", "/b", "-d", "hello").stdout, b"hello")
+            del self.environment["QVTP_COMMUNICATION_LOG"], self.environment["QVTP_LOG"]
+            lines = [re.sub(r"^\+\d+ ms ", "", line) for line in self.run_it("trace", log).stdout.decode().splitlines()]
+            self.assertEqual(lines, ["-> POST /a QVTP/1.0, " + label, "<- QVTP/1.0 200 OK, 5 bytes",
+                                     "-> POST /b QVTP/1.0, 5 bytes", "<- QVTP/1.0 200 OK, 5 bytes"])
+            picture, page, data = self.outputs(log)
+            self.assertIn("POST /a QVTP/1.0, %s<" % label, picture)
+            self.assertEqual("their sizes are not known" in page, level == "WARN")
+            self.assertEqual([message["bodyBytes"] for message in data["messages"]],
+                             [5 if level == "INFO" else None, 5, 5, 5])
+            self.assertEqual([message.get("streamed") for message in data["messages"]], [True, None, None, None])
+
+    # Each line is what a head or the log itself could have.
+    BODIES = (b"body-line: x", b"body-line: x\n\nContent-Length: 7\n",
+              b"2026-01-01 01:01:01.001 [INPUT ] " + b" " * 50 + b"\nPOST /fake QVTP/1.0\nContent-Length: 0\n\n",
+              b"x\n2026-01-01 01:01:01.001 [OUTPUT] " + b" " * 50 + b"\nPOST /fake QVTP/1.0\r\n\r\n", b"\n\n", b"\r\n")
+
+    def test_takes_no_body_for_headers_or_messages(self):
+        def content(log):
+            with open(self.root + "/" + log, "rb") as file:
+                return file.read()
+
+        for level, heads in (("INFO", 2), ("WARN", 1)):
+            self.environment.update(QVTP_COMMUNICATION_LOG="BOTH:" + self.root + "/server" + level,
+                                    QVTP_LOG=level + ":" + self.root + "/lines")
+            self.serve(level, "--echo")
+            self.environment["QVTP_COMMUNICATION_LOG"] = "BOTH:" + self.root + "/client" + level
+            for body in self.BODIES:
+                self.assertEqual(self.run_it("post", level, "/", "-f", "-", data=body).stdout, body)
+            del self.environment["QVTP_COMMUNICATION_LOG"], self.environment["QVTP_LOG"]
+            # A server may write its record after the reply.
+            self.assertTrue(eventually(lambda: content("server" + level).count(b" 200 OK") == heads * len(self.BODIES)))
+            for log in ("client", "server"):
+                messages = self.messages(content(log + level))
+                self.assertEqual([message["bodyBytes"] for message in messages],
+                                 [len(body) for body in self.BODIES for _ in range(2)], log + level)
+                for message in messages:
+                    self.assertEqual(len(message["headers"]), 2, message)
+                    self.assertNotIn("headersOrBody", message)
+                self.assertEqual({message["startLine"] for message in messages}, {"POST / QVTP/1.0", "QVTP/1.0 200 OK"})
+
+    def test_does_not_take_messages_for_a_body_that_was_not_recorded(self):
+        reply = self.record("INPUT", "QVTP/1.0 200 OK", "Content-Length: 3", body=b"two")
+        request = self.record("OUTPUT", "POST / QVTP/1.0", "Content-Length: %d" % (len(reply) - 1), end="")
+        self.assertEqual([message["startLine"] for message in self.messages((request + reply) * 3)],
+                         ["POST / QVTP/1.0", "QVTP/1.0 200 OK"] * 3)
+
+    def test_says_where_headers_cannot_be_told_from_a_body(self):
+        log = self.record("INPUT", "POST /a QVTP/1.0", "A: a", "Transfer-Encoding: chunked", "User-Agent: me",
+                          body=b"body-line: <x>\nrest\n")
+        log += self.record("INPUT", "QVTP/1.0 200 OK", "Content-Length: 9999", "B: b", body=b"cut-off: x")
+        log += self.record("INPUT", "POST /last QVTP/1.0", "Content-Length: 0", "C: c", end="")
+        picture, page, data = self.outputs(self.file("log", log))
+        self.assertEqual([(message["headers"], message.get("headersOrBody"), message["bodyBytes"])
+                          for message in data["messages"]],
+                         [({"A": "a", "Transfer-Encoding": "chunked"}, ["User-Agent: me", "body-line: <x>"], 5),
+                          ({"Content-Length": "9999"}, ["B: b", "cut-off: x"], 9999),
+                          ({"Content-Length": "0", "C": "c"}, None, 0)])
+        self.assertIn("POST /a QVTP/1.0, streamed, at least 5 bytes", picture)
+        self.assertEqual(page.count("The log does not say whether these lines are headers, or the begin of the body:"), 2)
+        self.assertIn("body-line: &lt;x&gt;\n", page)
+        self.assertIn("The log does not have their lengths", page)
+
     def test_returns_2_for_what_it_cannot_read_or_write(self):
         for arguments in ([self.root + "/missing"], [self.file("empty", b"")], [self.file("other", b"no log\n")],
                           [self.file("log", self.LOG.encode()), "-o", self.root + "/out.png"],
