@@ -14,10 +14,30 @@ constexpr int WIDTH = 960, ROW = 30, TOP = 60;
 constexpr int LEFT = 260, RIGHT = 800;  // the two lifelines
 constexpr int BAR_LEFT = 260, BAR_WIDTH = 560, BAR_ROW = 22;
 
-/// For XML and HTML. Control characters are not allowed there.
+/// Text that XML, HTML and terminals take: in the place of what is no UTF-8 and of each control character is U+FFFD.
+std::string clean(const std::string& text) {
+    constexpr char REPLACEMENT[] = "\xEF\xBF\xBD";
+    const std::string utf8 = Json::parse(textOf(Json(text))).get<std::string>();
+    std::string result;
+    for (std::size_t i = 0; i < utf8.size(); ++i) {
+        const char c = utf8[i];
+        const bool isPair = c == '\xC2' && static_cast<unsigned char>(utf8[i + 1]) < 0xA0;  // U+0080 to U+009F
+        const bool isNoCharacter = utf8.compare(i, 3, "\xEF\xBF\xBE") == 0 || utf8.compare(i, 3, "\xEF\xBF\xBF") == 0;
+        const bool isControl = (static_cast<unsigned char>(c) < ' ' && c != '\t') || c == '\x7F';
+        if (!isPair && !isNoCharacter && !isControl) {
+            result += c;
+            continue;
+        }
+        result += REPLACEMENT;
+        i += isPair ? 1 : isNoCharacter ? 2 : 0;
+    }
+    return result;
+}
+
+/// For XML and HTML.
 std::string escaped(const std::string& text) {
     std::string result;
-    for (const char c : text) {
+    for (const char c : clean(text)) {
         switch (c) {
             case '&':
                 result += "&amp;";
@@ -32,14 +52,19 @@ std::string escaped(const std::string& text) {
                 result += "&quot;";
                 break;
             default:
-                result += static_cast<unsigned char>(c) < ' ' && c != '\t' ? ' ' : c;
+                result += c;
         }
     }
     return result;
 }
 
+/// To so many bytes, between two characters.
 std::string shortened(const std::string& text, std::size_t most) {
-    return text.size() <= most ? text : text.substr(0, most - 3) + "...";
+    std::string whole = clean(text);
+    if (whole.size() <= most) return whole;
+    std::size_t end = most - 3;
+    while ((static_cast<unsigned char>(whole[end]) & 0xC0) == 0x80) --end;
+    return whole.substr(0, end) + "...";
 }
 
 /// What happened, in the order of time: a message, or a line of the log.
@@ -73,7 +98,7 @@ std::string labelOf(const TracedMessage& message, std::size_t most) {
 }
 
 std::string labelOf(const TracedMessage& message) {
-    return message.startLine + ", " + sizeOf(message);
+    return clean(message.startLine) + ", " + sizeOf(message);
 }
 
 std::string sizedText(int x, int y, const char* anchor, const std::string& text, const char* style = "") {
@@ -153,9 +178,9 @@ std::string textOf(const Trace& trace) {
         text += "+" + std::to_string(event.timeMs) + " ms ";
         if (event.message != nullptr) {
             text += (event.message->isOutput ? "-> " : "<- ") + labelOf(*event.message);
-            if (!event.message->id.empty()) text += " (" + event.message->id + ")";
+            if (!event.message->id.empty()) text += " (" + clean(event.message->id) + ")";
         } else {
-            text += event.line->level + " " + event.line->text;
+            text += event.line->level + " " + clean(event.line->text);
         }
         text += "\n";
     }

@@ -699,6 +699,24 @@ class Trace(CliTest):
 
         self.assertLess(seconds(160000), 16 * min(seconds(20000) for _ in range(3)) + 1)
 
+    def test_cuts_between_characters_and_replaces_what_is_none(self):
+        log = self.record("INPUT", "POST /" + "\u20ac" * 20 + " QVTP/1.0", "X: A\x7fB\x1bC\u0085D\uffffEZ",
+                          "Content-Length: 1", body=b"x").replace(b"Z", b"\xff\xc3") * 2
+        log += self.record("OUTPUT", "QVTP/1.0 200 \x7f\x01\u009b\ufffeZ", "Content-Length: 0").replace(b"Z", b"\xe2\x82")
+        log = log.replace(b"[INPUT ] " + b" " * 50, b"[INPUT ] " + b"\xc3\xa4" * 25)
+        lines = self.file("lines", b"WARN  - 2026/11/22-09:58:34.500 UTC - Thread-1:  - " + b"\xe2\x82\xac" * 99 +
+                          b"\xff- Quovane.SOA.Qvtp\n")
+        path = self.file("log", log)
+        picture, page, data = self.outputs(path, lines)
+        self.assertIn("POST /" + "\u20ac" * 8 + "...<", picture)
+        self.assertNotIn("POST /" + "\u20ac" * 8 + "\ufffd", picture)
+        self.assertIn("X: A\ufffdB\ufffdC\ufffdD\ufffdE\ufffd\ufffd\n", page)
+        self.assertEqual(data["messages"][0]["headers"]["X"], "A\x7fB\x1bC\u0085D\uffffE\ufffd\ufffd")
+        out = self.run_it("trace", path, lines).stdout.decode()
+        self.assertIn("QVTP/1.0 200 \ufffd\ufffd\ufffd\ufffd\ufffd, 0 bytes", out)
+        for text in (picture, page, out):
+            self.assertEqual(re.findall("[\x00-\x08\x0b-\x1f\x7f-\x9f\ufffe\uffff]", text), [])
+
     def test_says_of_a_streamed_body_that_is_not_in_the_log_that_it_was_streamed(self):
         self.serve("demo", "--echo")
         for level, label in (("WARN", "streamed"), ("INFO", "5 bytes")):
