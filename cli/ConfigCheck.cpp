@@ -305,7 +305,8 @@ ConfigReport checkConfig(const std::string& path) {
     Check check(report);
     for (const TracedLine& line : trace.lines) {
         if (line.text.rfind("Unrecognised", 0) == 0) continue;
-        const Place place = report.isRead ? Place() : text.end().value_or(Place());
+        const Place end = text.end().value_or(Place());
+        const Place place = report.isRead ? Place() : text.cut().value_or(end);
         check.find(place, line.level == "ERROR", line.text);
     }
     if (report.isRead) check.document(text);

@@ -13,7 +13,9 @@ namespace {
 constexpr char SPACE[] = " \t\r\n";
 
 /// Thrown where markup does not go on.
-struct BadMarkup {};
+struct BadMarkup {
+    bool isEndOfFile = false;
+};
 
 std::string utf8Of(unsigned long character) {
     unsigned char bytes[4];
@@ -71,8 +73,10 @@ ConfigText::ConfigText(std::string text) : text_(std::move(text)) {
         const std::size_t begin = position_;
         try {
             readMarkup();
-        } catch (const BadMarkup&) {
+        } catch (const BadMarkup& bad) {
+            const bool isSecondRoot = open_.empty() && !elements_.empty();
             end_ = placeOf(begin);
+            if (bad.isEndOfFile && at(begin + 1) != '/' && !isSecondRoot) cut_ = placeOf(text_.size());
             return;
         }
     }
@@ -103,6 +107,7 @@ void ConfigText::readStartTag() {
     for (skipSpace(); at(position_) != '>' && at(position_) != '/'; skipSpace()) {
         element.attributes.push_back(readAttribute());
     }
+    if (position_ + 1 == text_.size() && text_[position_] == '/') throw BadMarkup{true};
     if (at(position_) != '/') open_.push_back(element.name);
     skipAfter(">");
     elements_.push_back(std::move(element));
@@ -133,7 +138,7 @@ ConfigAttribute ConfigText::readAttribute() {
 std::string ConfigText::takeName() {
     const std::size_t begin = position_;
     position_ = text_.find_first_of(" \t\r\n=/>", begin);
-    if (position_ == text_.npos || position_ == begin) throw BadMarkup();
+    if (position_ == text_.npos || position_ == begin) throw BadMarkup{position_ == text_.npos};
     return text_.substr(begin, position_ - begin);
 }
 
@@ -177,7 +182,7 @@ bool ConfigText::startsWith(const char* text) const {
 
 void ConfigText::skipSpace() {
     position_ = text_.find_first_not_of(SPACE, position_);
-    if (position_ == text_.npos) throw BadMarkup();
+    if (position_ == text_.npos) throw BadMarkup{true};
 }
 
 /// Counts on from the last place: the file is walked through once, however many places there are.

@@ -971,6 +971,12 @@ class Config(CliTest):
             self.assertRegex(out, r"^c\.xml:%s error: .+\n$" % (place + ":" if place else ""))
             self.assertFalse(json.loads(self.check(content, "--json")[1])["read"])
 
+    def test_says_of_a_file_that_ends_within_a_tag_where_it_ends(self):
+        for content, place in ((b"<a", "1:3"), (b"<a>\n  <b\n", "3:1"), (b"<a><b x='1'", "1:12"), (b"<a><b x", "1:8"),
+                               (b"<a><b x=", "1:9"), (b"<a><b x='1'\n\n  /", "3:4"), (b"<a>\n<b/></a", "2:5"),
+                               (b"<a></a>\n<b", "2:1")):
+            self.assertRegex(self.check(content)[1], r"^c\.xml:%s: error: .+\n$" % place)
+
     def test_knows_a_file_with_a_grammar(self):
         grammar = """<!DOCTYPE c [ <!-- ' <x> -->
             <!ELEMENT c (QvtpClient)*> <!ELEMENT QvtpClient EMPTY>
