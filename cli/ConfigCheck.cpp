@@ -234,8 +234,8 @@ class Check {
         if (!text.isReadable()) {
             find({}, false, "No entry is shown: the file is in an encoding whose markup is not ASCII.");
         }
-        hasEntities_ = text.entities().has_value();
-        if (hasEntities_) {
+        hasEntities_ = text.entities() || !text.references().empty();
+        if (text.entities()) {
             find(*text.entities(), false, "The document declares entities: what they stand for is not shown here.");
         }
         for (const ConfigElement& element : text.elements()) {
@@ -246,6 +246,17 @@ class Check {
             }
         }
         if (text.end()) find(*text.end(), false, "No entries from here on are shown: this markup is not understood.");
+    }
+
+    /// The parser reads these files too, wherever a program runs, and gives up where it can not.
+    void references(const ConfigText& text) {
+        for (const ConfigReference& one : text.references()) {
+            const std::string subject = one.isGrammar ? "The document type" : "This entity";
+            const std::string when = one.isGrammar ? "" : " where it is used";
+            find(one.place, false,
+                 subject + " refers to \"" + one.name + "\", which programs read too" + when +
+                     ": what that declares is not shown here, and without it the whole file is refused.");
+        }
     }
 
     void find(const Place& place, bool isError, const std::string& text) {
@@ -276,6 +287,15 @@ class Check {
     std::map<std::tuple<std::string, std::string, std::string>, Place> places_;
 };
 
+/// Where the file is that the library refuses with this line.
+Place placeOf(const std::string& line, const ConfigText& text) {
+    for (const ConfigReference& reference : text.references()) {
+        const std::string file = reference.name.substr(reference.name.find_last_of('/') + 1);
+        if (!file.empty() && line.find(file + "'") != line.npos) return reference.place;
+    }
+    return text.cut() ? *text.cut() : text.end().value_or(Place());
+}
+
 std::string contentOf(const std::string& path) {
     const auto file = std::filesystem::u8path(path);
     std::error_code error;
@@ -305,10 +325,9 @@ ConfigReport checkConfig(const std::string& path) {
     Check check(report);
     for (const TracedLine& line : trace.lines) {
         if (line.text.rfind("Unrecognised", 0) == 0) continue;
-        const Place end = text.end().value_or(Place());
-        const Place place = report.isRead ? Place() : text.cut().value_or(end);
-        check.find(place, line.level == "ERROR", line.text);
+        check.find(report.isRead ? Place() : placeOf(line.text, text), line.level == "ERROR", line.text);
     }
+    check.references(text);
     if (report.isRead) check.document(text);
     return report;
 }

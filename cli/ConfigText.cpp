@@ -2,6 +2,7 @@
 
 #include <Poco/UTF8Encoding.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string_view>
 #include <utility>
@@ -148,6 +149,8 @@ void ConfigText::skipDeclaration() {
         const char c = at(position_);
         if (c == '\0') throw BadMarkup();
         if (startsWith("<!ENTITY") && !entities_) entities_ = placeOf(position_);
+        if (startsWith("<!ENTITY")) readReference("<!ENTITY");
+        if (startsWith("<!DOCTYPE")) readReference("<!DOCTYPE");
         if (skipAside()) {
             --position_;
         } else if (c == '"' || c == '\'') {
@@ -160,6 +163,31 @@ void ConfigText::skipDeclaration() {
         }
     }
     ++position_;
+}
+
+/// What this declaration refers to by SYSTEM or PUBLIC, if it does. It does not move on.
+void ConfigText::readReference(const char* declaration) {
+    const std::string_view text = text_;
+    std::size_t next = position_ + std::string_view(declaration).size();
+    const auto takeWord = [&] {
+        const std::size_t begin = std::min(text.find_first_not_of(SPACE, next), text.size());
+        next = std::min(text.find_first_of(" \t\r\n[]>\"'", begin), text.size());
+        return text.substr(begin, next - begin);
+    };
+    if (takeWord() == "%") takeWord();
+    const std::string_view kind = takeWord();
+    if (kind != "SYSTEM" && kind != "PUBLIC") return;
+    const std::size_t place = next - kind.size();
+    std::string_view name;
+    for (int literals = kind == "PUBLIC" ? 2 : 1; literals > 0; --literals) {
+        const std::size_t quote = std::min(text.find_first_not_of(SPACE, next), text.size());
+        const bool isQuote = at(quote) == '"' || at(quote) == '\'';
+        const std::size_t end = isQuote ? text.find(text[quote], quote + 1) : text.npos;
+        if (end == text.npos) return;
+        name = text.substr(quote + 1, end - quote - 1);
+        next = end + 1;
+    }
+    references_.push_back({std::string_view(declaration) == "<!DOCTYPE", std::string(name), placeOf(place)});
 }
 
 /// A comment or an instruction: quotes and brackets mean nothing there.

@@ -27,6 +27,13 @@ struct ConfigElement {
     std::string valueOf(const std::string& attribute) const;
 };
 
+/// Another file that a document type, or an entity in it, refers to.
+struct ConfigReference {
+    bool isGrammar = false;  ///< the document type itself refers to it; else an entity, which may not be used
+    std::string name;        ///< as it is written
+    Place place;
+};
+
 /// Where the elements and attributes of an XML file stand. It is no judge of XML: whether a file is well-formed, and
 /// what its options are, the library says with its parser, which keeps no places.
 class ConfigText {
@@ -41,6 +48,8 @@ class ConfigText {
     const std::optional<Place>& cut() const { return cut_; }
     /// Where the document type declares the first entity. Elements and values that only entities have are missing.
     const std::optional<Place>& entities() const { return entities_; }
+    /// In the order of the file.
+    const std::vector<ConfigReference>& references() const { return references_; }
     /// False if the bytes of markup are not those of ASCII, as in UTF-16. Then there are no elements.
     bool isReadable() const { return isReadable_; }
 
@@ -51,6 +60,7 @@ class ConfigText {
     ConfigAttribute readAttribute();
     std::string takeName();
     void skipDeclaration();
+    void readReference(const char* declaration);
     bool skipAside();
     void skipAfter(const char* ending);
     bool startsWith(const char* text) const;
@@ -65,6 +75,7 @@ class ConfigText {
     std::vector<std::string> open_;
     std::vector<ConfigElement> elements_;
     std::optional<Place> end_, cut_, entities_;
+    std::vector<ConfigReference> references_;
     bool isReadable_ = true;
 };
 

@@ -1022,6 +1022,33 @@ class Config(CliTest):
         self.assertEqual(self.findings(grammar, "<c><QvtpClient buffer_size='&size;'/>&more;</c>"),
                          ["3:13: warning: The document declares entities: what they stand for is not shown here."])
 
+    REFERS = ('warning: The document type refers to "%s", which programs read too: what that declares is not shown here, '
+              "and without it the whole file is refused.")
+
+    def test_warns_of_a_grammar_in_another_file(self):
+        self.file("c.dtd", b'<!ELEMENT c (QvtpClient)*> <!ELEMENT QvtpClient EMPTY> <!ENTITY size "7">'
+                  b"<!ATTLIST QvtpClient function CDATA #IMPLIED buffer_size CDATA #IMPLIED>")
+        for kind in ("SYSTEM", "PUBLIC '-//x//y'"):
+            lines = ["<?xml version='1.0'?>", "<!DOCTYPE c", "  " + kind + ' "c.dtd">',
+                     "<c><QvtpClient buffer_size='&size;'/></c>"]
+            self.assertEqual(self.findings(*lines), ["3:3: " + self.REFERS % "c.dtd"])
+        self.assertEqual(self.findings("<!DOCTYPE SYSTEM [ <!ELEMENT SYSTEM EMPTY> <!-- <!ENTITY a SYSTEM 'b'> -->",
+                                       "<!NOTATION n SYSTEM 'x'> ]><SYSTEM/>"), [])
+
+    def test_says_which_file_is_missing_and_makes_the_parser_refuse_all(self):
+        for kind in ("SYSTEM", "PUBLIC '-//x//y'"):
+            content = "<!DOCTYPE c " + kind + " './no.dtd'>\n<c><QvtpClient function='f'/></c>"
+            found = self.findings(content)
+            self.assertEqual(len(found), 2, found)
+            self.assertRegex(found[0], r"^1:13: error: .*no\.dtd")  # the parser's own line
+            self.assertEqual(found[1], "1:13: " + self.REFERS % "./no.dtd")
+            self.assertFalse(json.loads(self.check(content.encode(), "--json")[1])["read"])
+        found = self.findings("<!DOCTYPE c [ <!ELEMENT c ANY>", "<!ENTITY e SYSTEM 'no.xml'> ]>", "<c>&e;</c>")
+        self.assertEqual(len(found), 2, found)
+        self.assertRegex(found[0], r"^2:12: error: .*no\.xml")
+        self.assertEqual(found[1], '2:12: warning: This entity refers to "no.xml", which programs read too where it is used: '
+                         "what that declares is not shown here, and without it the whole file is refused.")
+
     def test_says_where_it_does_not_understand_what_is_right(self):
         out = self.check('<?xml version="1.1"?>\n<c><QvtpServer/>\n<a\u0085b="1"/><QvtpClient/></c>'.encode())[1]
         self.assertEqual([line for line in out.splitlines() if line.startswith("c.xml")],
