@@ -121,8 +121,15 @@ class RecordReader {
             if (isEnd(position_)) continue;
             const std::size_t head = position_;
             message.startLine = takeLine();
-            if (message.isOutput) readOutput(head, message);
-            if (!message.isOutput) readInput(message);
+            const Unread unread = std::exchange(unread_, {});
+            if (message.isOutput && readOutput(head, message, unread.length)) {
+                TracedMessage& request = trace.messages[unread.message];
+                for (const std::string& header : request.headersOrBody) addHeader(request.headers, header);
+                request.headersOrBody.clear();
+            }
+            if (!message.isOutput && readInput(message)) {
+                unread_ = {message.bodyBytes.value_or(0), trace.messages.size() - 1};
+            }
         }
         return trace;
     }
@@ -172,8 +179,8 @@ class RecordReader {
     }
 
     /// An empty line ends the head. What was written after it is recorded whole, or not at all. A server records the
-    /// head again with the body.
-    void readOutput(std::size_t head, TracedMessage& message) {
+    /// head again with the body. What was not read of the request, `unread` bytes, may follow: true if it does.
+    bool readOutput(std::size_t head, TracedMessage& message, std::int64_t unread) {
         Framing framing;
         while (!isEnd(position_)) {
             const string_view line = takeLine();
@@ -184,22 +191,34 @@ class RecordReader {
         const string_view headText = log_.substr(head, position_ - head);
         const bool isTwice = startsWith(log_.substr(position_), headText);
         const std::size_t body = isTwice ? position_ + headText.size() : position_;
-        if (framing.length) {
-            readOutputOfLength(*framing.length, body, message);
-        } else {
-            readRest(body, framing, message);
-            foundOutputBodies_ |= body < position_;
-        }
+        if (framing.length) return readOutputOfLength(*framing.length, body, message, unread);
+        readRest(body, framing, message);
+        foundOutputBodies_ |= body < position_ && unread == 0;
+        if (unread > 0 && message.isStreamed) message.bodyBytes.reset();  // where one ends is not known
+        return false;
     }
 
-    void readOutputOfLength(std::int64_t length, std::size_t body, TracedMessage& message) {
+    bool readOutputOfLength(std::int64_t length, std::size_t body, TracedMessage& message, std::int64_t unread) {
         message.bodyBytes = length;
+        std::optional<std::size_t> end;
+        if (unread > 0) end = endOfTwo(body, length, unread);
+        if (unread > 0 && !end) end = endOfBody(position_, unread);
+        const bool isUnreadNext = end.has_value();
         const bool mayBeMissing = isEnd(position_);
-        std::optional<std::size_t> end = endOfBody(body, length);
-        if (!end) end = endOfBody(position_, length);
-        if (end && mayBeMissing && !hasOutputBodies_ && isMessage(position_)) end = std::nullopt;
-        if (end && !mayBeMissing && length > 0) foundOutputBodies_ = true;
+        if (!end && (!mayBeMissing || hasOutputBodies_ || !isMessage(position_))) {
+            end = endOfBody(body, length);
+            if (!end) end = endOfBody(position_, length);
+            foundOutputBodies_ |= end && !mayBeMissing && length > 0 && unread == 0;
+        }
         position_ = end ? *end : nextRecord(position_);
+        return isUnreadNext;
+    }
+
+    /// Of two bodies, each with its line end.
+    std::optional<std::size_t> endOfTwo(std::size_t begin, std::int64_t first, std::int64_t second) const {
+        const auto left = static_cast<std::int64_t>(log_.size() - begin);
+        if (first < 0 || first >= left || log_[begin + static_cast<std::size_t>(first)] != '\n') return std::nullopt;
+        return endOfBody(begin + static_cast<std::size_t>(first) + 1, second);
     }
 
     /// Whether a record at this place goes on as one does.
@@ -209,8 +228,9 @@ class RecordReader {
         return startsWith(line, "QVTP/") || line.find(" QVTP/") != line.npos;
     }
 
-    /// No empty line ends the head. With a length, the head ends where so many bytes are left of the record.
-    void readInput(TracedMessage& message) {
+    /// No empty line ends the head. With a length, the head ends where so many bytes are left of the record. True if
+    /// the body may follow the next record: a server that has not read it skips it after its reply.
+    bool readInput(TracedMessage& message) {
         const std::size_t begin = position_;
         Framing framing;
         Headers headers;
@@ -220,7 +240,7 @@ class RecordReader {
                 message.headers = std::move(headers);
                 message.bodyBytes = framing.length;
                 position_ = *end;
-                return;
+                return false;
             }
             if (isEnd(position_)) break;
             const string_view line = takeLine();
@@ -228,8 +248,10 @@ class RecordReader {
             addHeader(headers, line);
             framing.add(line);
         }
+        const bool isHeadAlone = isEnd(position_);
         position_ = begin;
         readInputOfUnknownLength(message);
+        return isHeadAlone && framing.length && *framing.length > 0;
     }
 
     /// The length is not known, or the body is not there as a whole. Certain are the headers up to the one that frames
@@ -264,10 +286,17 @@ class RecordReader {
         }
     }
 
+    /// A body that is not where its head is.
+    struct Unread {
+        std::int64_t length = 0;
+        std::size_t message = 0;
+    };
+
     const string_view log_;
     const bool hasOutputBodies_;
     bool foundOutputBodies_ = false;
     std::size_t position_ = 0;
+    Unread unread_;  // of the record before
 };
 
 void pair(Trace& trace) {

@@ -771,6 +771,19 @@ class Trace(CliTest):
         self.assertEqual([message["startLine"] for message in self.messages((request + reply) * 3)],
                          ["POST / QVTP/1.0", "QVTP/1.0 200 OK"] * 3)
 
+    def test_knows_a_body_that_a_server_skips_after_its_reply(self):
+        for body in self.BODIES:
+            request = self.record("INPUT", "POST /a QVTP/1.0", "Content-Length: %d" % len(body), "User-Agent: me", end="")
+            head = self.record("OUTPUT", "QVTP/1.0 404 Not Found", "Content-Length: 3", end="")
+            for reply in (head, head + head[head.index(b"\n") + 1:] + b"one\n"):
+                messages = self.messages((request + reply + body + b"\n") * 2)
+                self.assertEqual([(message["startLine"], message["headers"], message.get("headersOrBody"))
+                                  for message in messages],
+                                 [("POST /a QVTP/1.0", {"Content-Length": str(len(body)), "User-Agent": "me"}, None),
+                                  ("QVTP/1.0 404 Not Found", {"Content-Length": "3"}, None)] * 2, (reply, body))
+            head = self.record("OUTPUT", "QVTP/1.0 404 Not Found", "Transfer-Encoding: chunked", end="")
+            self.assertIsNone(self.messages(request + head + b"one\n" + body + b"\n")[1]["bodyBytes"])
+
     def test_says_where_headers_cannot_be_told_from_a_body(self):
         log = self.record("INPUT", "POST /a QVTP/1.0", "A: a", "Transfer-Encoding: chunked", "User-Agent: me",
                           body=b"body-line: <x>\nrest\n")
