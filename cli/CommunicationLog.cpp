@@ -50,8 +50,8 @@ std::int64_t millisecondsOf(string_view text, bool isUtc) {
     std::time_t seconds = std::mktime(&time);
     if (isUtc) {
         // What mktime took for local time, moved by the distance of that from UTC.
-        const std::tm utc = *std::gmtime(&seconds);
-        std::tm copy = utc;
+        const std::tm* const utc = std::gmtime(&seconds);
+        std::tm copy = utc != nullptr ? *utc : time;  // not every system knows the time before 1970
         copy.tm_isdst = -1;
         seconds += seconds - std::mktime(&copy);
     }
