@@ -9,6 +9,9 @@ namespace qvtp::cli::Terminal {
 
 /// What the program was called with, without its own name, in UTF-8.
 std::vector<std::string> arguments(int argc, char** argv);
+/// Gives the standard descriptors that are closed a place in which nothing can be read or written, so that no pipe and
+/// no file gets their numbers. First of all calls.
+void takeClosedDescriptors();
 /// Whether a person looks at standard error.
 bool showsErrors();
 /// Leaves the bytes of standard input and output as they are, where the system would change line ends.

@@ -34,6 +34,9 @@ std::vector<std::string> arguments(int, char**) {
     return result;
 }
 
+/// Handles of pipes have no such numbers.
+void takeClosedDescriptors() {}
+
 bool showsErrors() {
     return ::_isatty(2) != 0;
 }

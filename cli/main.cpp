@@ -42,6 +42,7 @@ int run(Command& command) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    Terminal::takeClosedDescriptors();
     for (const int number : {SIGINT, SIGTERM}) {
         // What a shell has it ignore, as in the background, stays ignored.
         if (std::signal(number, endAtOnce) == SIG_IGN) std::signal(number, SIG_IGN);

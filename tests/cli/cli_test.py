@@ -325,6 +325,30 @@ class Post(CliTest):
         self.assertNotEqual(result.returncode, 0)
 
 
+@linux_only("descriptors have no numbers there")
+class ClosedDescriptors(CliTest):
+    def with_shell(self, line, **options):
+        return subprocess.run(["bash", "-c", line.replace("qvtp", PROGRAM)], capture_output=True, timeout=LIMIT,
+                              env=self.environment, **options)
+
+    def test_report_that_a_body_cannot_be_printed(self):
+        self.serve("demo")
+        result = self.with_shell("qvtp post demo / -d hi >&-")
+        self.assertEqual(result.returncode, 6)
+        self.assertIn(b"could not be written", result.stderr)
+
+    def test_give_an_empty_body(self):
+        self.serve("demo")
+        for how in ("-f - --stream", "-f -"):
+            result = self.with_shell("qvtp post demo / %s <&-" % how)
+            self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+
+    def test_take_messages_without_harm(self):
+        self.serve("demo", "--status", "404")
+        result = self.with_shell("qvtp post demo / -d hi -v 2>&-")
+        self.assertEqual((result.returncode, result.stdout), (1, b"hi"))
+
+
 @linux_only("terminals are another matter")
 class Progress(CliTest):
     def on_terminal(self, *arguments, shows_output=False, code=0):
