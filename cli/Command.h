@@ -5,8 +5,10 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <iostream>
 #include <limits>
 #include <memory>
+#include <string>
 
 namespace qvtp::cli {
 
@@ -27,6 +29,11 @@ std::unique_ptr<Command> makeBench();
 std::unique_ptr<Command> makeTrace();
 std::unique_ptr<Command> makeConfig();
 std::unique_ptr<Command> makeCompletion();
+
+/// Whole lines for standard error, in one write: what several programs or threads say at once does not mix.
+inline void say(const std::string& lines) {
+    std::cerr << lines << std::flush;
+}
 
 /// Seconds of the command line as milliseconds, 0 to what an int can hold. 0 stays 0, which is without limit;
 /// everything else is 1 at least.

@@ -140,8 +140,8 @@ class Send : public Command {
 
     /// On a terminal the body may stand before it.
     void nameStatus() const {
-        if (isInLine_ && output_.empty() && Terminal::showsErrors()) std::cerr << "\n";
-        std::cerr << "qvtp: the reply is " << statusOf(head_) << std::endl;
+        const bool isAfterBody = isInLine_ && output_.empty() && Terminal::showsErrors();
+        say((isAfterBody ? "\nqvtp: the reply is " : "qvtp: the reply is ") + statusOf(head_) + "\n");
     }
 
     /// The body goes out as it comes; for JSON it is kept.
@@ -195,22 +195,18 @@ class Send : public Command {
 
     /// What the library adds to a request stands last.
     void showRequest(const Headers& headers) const {
-        std::cerr << "> " << (isPost_ ? "POST " : "NOTIFY ") << resource_ << " QVTP/1.0\n";
-        for (const auto& [name, value] : headers) std::cerr << "> " << name << ": " << value << "\n";
-        if (isStreamed_) {
-            std::cerr << "> Transfer-Encoding: chunked\n";
-        } else {
-            std::cerr << "> Content-Length: " << size_ << "\n";
-        }
-        std::cerr << ">" << std::endl;
+        std::string text = std::string(isPost_ ? "> POST " : "> NOTIFY ") + resource_ + " QVTP/1.0\n";
+        for (const auto& [name, value] : headers) text += "> " + name + ": " + value + "\n";
+        text += isStreamed_ ? "> Transfer-Encoding: chunked" : "> Content-Length: " + std::to_string(size_);
+        say(text + "\n>\n");
     }
 
     static void showReply(const Reply& head) {
-        std::cerr << "< QVTP/1.0 " << statusOf(head) << "\n";
+        std::string text = "< QVTP/1.0 " + statusOf(head) + "\n";
         for (const auto& [name, value] : head.headers()) {
-            std::cerr << "< " << printable(name) << ": " << printable(value) << "\n";
+            text += "< " + printable(name) + ": " + printable(value) + "\n";
         }
-        std::cerr << "<" << std::endl;
+        say(text + "<\n");
     }
 
     Json times() const {
@@ -224,13 +220,13 @@ class Send : public Command {
 
     void showTimes() const {
         const Json all = times();
-        std::cerr << "* milliseconds:";
+        std::string text = "* milliseconds:";
         for (const auto& [name, value] : all.items()) {
             char digits[64];
             std::snprintf(digits, sizeof digits, " %s %.3f", name.c_str(), value.get<double>());
-            std::cerr << digits;
+            text += digits;
         }
-        std::cerr << std::endl;
+        say(text + "\n");
     }
 
     std::string jsonOfReply() const {

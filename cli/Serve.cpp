@@ -55,12 +55,11 @@ class Serve : public Command {
         server.onPost("*", [this](const Request& request) { return answer(request); });
         server.onNotify("*", [this](const Request& request) { take(request); });
         server.onError([this](const Request& request, const std::string& text) { show(request, "failed: " + text); });
-        std::cerr << "Serving " << pipe_ << " at " << Quovane::Io::findPipeFacts(pipe_).path << ". Ctrl-C ends it."
-                  << std::endl;
+        say("Serving " + pipe_ + " at " + Quovane::Io::findPipeFacts(pipe_).path + ". Ctrl-C ends it.\n");
         const bool isWhole =
             server.runUntilSignal(drainSeconds_ > 0 ? millisecondsOf(drainSeconds_) : Milliseconds(-1));
         report(server.counters());
-        if (!isWhole) std::cerr << "Requests were cut off." << std::endl;
+        if (!isWhole) say("Requests were cut off.\n");
         return isWhole ? OK : BROKEN;
     }
 
@@ -98,8 +97,8 @@ class Serve : public Command {
     void show(const Request& request, const std::string& outcome) {
         if (!isVerbose_) return;
         const std::lock_guard<std::mutex> guard(mutex_);
-        std::cerr << request.method() << " " << request.resource() << " from process " << request.peer().processId
-                  << ": " << outcome << std::endl;
+        say(request.method() + " " + request.resource() + " from process " + std::to_string(request.peer().processId) +
+            ": " + outcome + "\n");
     }
 
     void report(const ServerCounters& counters) const {
@@ -108,8 +107,8 @@ class Serve : public Command {
             std::cout << textOf(Json{{"posts", counters.posts}, {"notifies", counters.notifies}, {"failed", failed}})
                       << std::flush;
         } else {
-            std::cerr << "Served " << counters.posts << " POST, " << counters.notifies << " NOTIFY; " << failed
-                      << " failed." << std::endl;
+            say("Served " + std::to_string(counters.posts) + " POST, " + std::to_string(counters.notifies) +
+                " NOTIFY; " + std::to_string(failed) + " failed.\n");
         }
     }
 

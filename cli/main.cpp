@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <new>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -19,23 +21,38 @@ namespace {
 
 using namespace qvtp::cli;
 
+constexpr char LOST_OUTPUT[] = "What was to be printed could not be written to its end.";
+
 /// Commands that end cleanly on a signal, as serve, take it over.
 void endAtOnce(int) {
     std::_Exit(SIGNALLED);
 }
 
+int fail(const std::string& text, ExitCode code) {
+    say("qvtp: " + text + "\n");
+    return code;
+}
+
+int runUnguarded(Command& command) {
+    const int code = command.run();
+    if (!std::cout.flush()) return fail(LOST_OUTPUT, BROKEN);
+    return code;
+}
+
 int run(Command& command) {
     try {
-        return command.run();
+        return runUnguarded(command);
     } catch (const qvtp::Error& e) {
-        std::cerr << "qvtp: " << e.what() << std::endl;
-        return exitCodeOf(e.kind());
+        return fail(e.what(), exitCodeOf(e.kind()));
+    } catch (const std::bad_alloc&) {
+        return fail("The system has no more memory for this.", BROKEN);
+    } catch (const std::system_error& e) {
+        const bool isOfThreads = e.code() == std::errc::resource_unavailable_try_again;
+        return fail(isOfThreads ? "The system has no more threads for this." : e.what(), BROKEN);
     } catch (const std::exception& e) {
-        std::cerr << "qvtp: " << e.what() << std::endl;
-        return BROKEN;
+        return fail(e.what(), BROKEN);
     } catch (const Quovane::Io::IllegalStateException& e) {  // which has no base class
-        std::cerr << "qvtp: " << e.getMessage() << std::endl;
-        return BROKEN;
+        return fail(e.getMessage(), BROKEN);
     }
 }
 
@@ -72,7 +89,9 @@ int main(int argc, char** argv) {
         std::reverse(arguments.begin(), arguments.end());  // the order that parse() wants
         program.parse(std::move(arguments));
     } catch (const CLI::ParseError& e) {
-        return program.exit(e) == 0 ? OK : USAGE;
+        const bool isAsked = program.exit(e) == 0;  // for help, or the version
+        if (isAsked && !std::cout.flush()) return fail(LOST_OUTPUT, BROKEN);
+        return isAsked ? OK : USAGE;
     }
     for (const auto& [subcommand, command] : commands) {
         if (subcommand->parsed()) return run(*command);

@@ -325,6 +325,52 @@ class Post(CliTest):
         self.assertNotEqual(result.returncode, 0)
 
 
+@linux_only("there is no such device")
+class LostOutput(CliTest):
+    def test_is_reported_by_every_command(self):
+        self.serve("demo")
+        log = self.file("log", Trace.LOG.encode())
+        for arguments in (["--help"], ["--version"], ["post", "--help"], ["post", "demo", "/", "-d", "hi"],
+                          ["post", "demo", "/", "--json"], ["ls"], ["ls", "--json"], ["ping", "demo"],
+                          ["bench", "demo", "-n", "10"], ["trace", log], ["config", "check", self.file("c", b"<c/>"), "--json"],
+                          ["completion", "bash"]):
+            with open("/dev/full", "wb") as full:
+                result = subprocess.run([*COMMAND, *arguments], stdout=full, stderr=subprocess.PIPE, timeout=LIMIT,
+                                        env=self.environment)
+            self.assertEqual(result.returncode, 6, arguments)
+            self.assertRegex(result.stderr, b"^qvtp: [^\n]* could not be written to its end.\n$", arguments)
+
+
+@linux_only("sockets are no descriptors there")
+class Messages(CliTest):
+    def writes(self, *arguments):
+        """Each write to standard error: what is written to such a socket at once is read at once."""
+        ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_DGRAM)
+        with ours, theirs:
+            subprocess.run([*COMMAND, *arguments], stdout=subprocess.DEVNULL, stderr=theirs, timeout=LIMIT,
+                           env=self.environment)
+            theirs.close()
+            ours.setblocking(False)
+            seen = []
+            while True:
+                try:
+                    seen.append(ours.recv(65536).decode())
+                except BlockingIOError:
+                    return seen
+
+    def test_are_whole_where_several_programs_write_at_once(self):
+        (text,) = self.writes("post", "demo", "/")
+        self.assertRegex(text, r"^qvtp: POST / failed\. .*\n$")
+        (text,) = self.writes("post", "demo", "/", "--nonsense")
+        self.assertRegex(text, r"--nonsense")
+        self.serve("demo", "--status", "404")
+        self.assertEqual(self.writes("post", "demo", "/"), ["qvtp: the reply is 404 Not Found\n"])
+        blocks = self.writes("post", "demo", "/", "-H", "X-A: 1", "-v")
+        self.assertEqual([block[0] + block[-1] for block in blocks], [">\n", "<\n", "*\n"])
+        (text,) = self.writes("serve", "")
+        self.assertRegex(text, r"^qvtp: .*\n$")
+
+
 @linux_only("descriptors have no numbers there")
 class ClosedDescriptors(CliTest):
     def with_shell(self, line, **options):
