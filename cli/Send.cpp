@@ -99,6 +99,7 @@ class Send : public Command {
         options.retries = retries_;
         Client client(pipe_, options);
         openBody();
+        if (!output_.empty()) checkOutput();
         if (isVerbose_) showRequest(call.headers);
         ProgressBar sent(!hidesProgress_, "sent");
         sent_ = &sent;
@@ -122,12 +123,11 @@ class Send : public Command {
 
     int post(Client& client, CallOptions& call) {
         std::ofstream file;
-        if (!output_.empty()) {
-            file.open(std::filesystem::u8path(output_), std::ios::binary);
-            if (!file) throw Error(ErrorKind::misuse, "Cannot write to " + output_ + ".");
-        }
         std::ostream& out = output_.empty() ? std::cout : file;
-        call.onStream = [&](const Reply& reply, std::istream& in) { receive(reply, in, out); };
+        call.onStream = [&](const Reply& reply, std::istream& in) {
+            if (!output_.empty()) openOutput(file);
+            receive(reply, in, out);
+        };
         client.post(resource_, body(), call);
         end_ = Clock::now();
         if (isVerbose_) showTimes();
@@ -165,6 +165,29 @@ class Send : public Command {
         }
     }
 
+    /// Before anything is sent. The file stays as it is until there is something to put in its place.
+    void checkOutput() const {
+        const auto path = std::filesystem::u8path(output_);
+        std::error_code error;
+        const bool isThere = std::filesystem::exists(path, error);
+        const auto directory = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+        const bool isRight = isThere ? !std::filesystem::is_directory(path, error)
+                                     : path.has_filename() && std::filesystem::is_directory(directory, error);
+        if (!isRight || !Terminal::mayWrite(isThere ? path : directory)) {
+            throw Error(ErrorKind::misuse, "Cannot write to " + output_ + ".");
+        }
+        const bool isRead = !file_.empty() && file_ != STANDARD_INPUT;
+        if (isRead && std::filesystem::is_regular_file(path, error) &&
+            std::filesystem::equivalent(path, std::filesystem::u8path(file_), error)) {
+            throw Error(ErrorKind::misuse, "The reply cannot go to " + output_ + ": the body is in this file.");
+        }
+    }
+
+    void openOutput(std::ofstream& file) const {
+        file.open(std::filesystem::u8path(output_), std::ios::binary);
+        if (!file) throw Error(ErrorKind::closed, "The reply is here, but " + output_ + " cannot be written.");
+    }
+
     void openBody() {
         if (file_.empty()) {
             if (isStreamed_) streamed_ = std::make_unique<std::istringstream>(data_);
@@ -176,10 +199,11 @@ class Send : public Command {
             auto file = std::make_unique<std::ifstream>(path, std::ios::binary);
             std::error_code error;
             const auto size = std::filesystem::file_size(path, error);
-            if (!*file || std::filesystem::is_directory(path)) {
+            const bool isKnown = !error;
+            if (!*file || std::filesystem::is_directory(path, error)) {
                 throw Error(ErrorKind::misuse, "Cannot read " + file_ + ".");
             }
-            if (!error) size_ = static_cast<std::int64_t>(size);
+            if (isKnown) size_ = static_cast<std::int64_t>(size);
             streamed_ = std::move(file);
         }
         std::istream& in = streamed_ != nullptr ? *streamed_ : std::cin;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,8 @@ void takeClosedDescriptors();
 bool showsErrors();
 /// Leaves the bytes of standard input and output as they are, where the system would change line ends.
 void makeStreamsBinary();
+/// Whether this user may write to a file or into a directory that is there. Nothing is opened.
+bool mayWrite(const std::filesystem::path& path);
 /// A file to write and then read, which goes when it is closed; null if there can be none.
 std::FILE* openTemporaryFile();
 

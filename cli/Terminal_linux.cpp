@@ -26,6 +26,10 @@ bool showsErrors() {
 
 void makeStreamsBinary() {}
 
+bool mayWrite(const std::filesystem::path& path) {
+    return ::access(path.c_str(), W_OK) == 0;
+}
+
 std::FILE* openTemporaryFile() {
     return std::tmpfile();
 }

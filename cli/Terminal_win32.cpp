@@ -46,6 +46,11 @@ void makeStreamsBinary() {
     ::_setmode(1, _O_BINARY);
 }
 
+bool mayWrite(const std::filesystem::path& path) {
+    constexpr int TO_WRITE = 2;
+    return ::_waccess(path.c_str(), TO_WRITE) == 0;
+}
+
 /// The C library's own way makes it in the root directory, where few may write.
 std::FILE* openTemporaryFile() {
     wchar_t directory[MAX_PATH + 1], path[MAX_PATH + 1];

@@ -181,6 +181,53 @@ class Post(CliTest):
             self.assertEqual(file.read(), b"hi")
         self.assertEqual(self.run_it("post", "demo", "/", "-o", self.root + "/missing/out").returncode, 2)
 
+    def content(self, path):
+        with open(path, "rb") as file:
+            return file.read()
+
+    def test_leaves_the_output_file_as_it_is_until_there_is_a_reply(self):
+        path = self.file("kept", b"keep")
+        self.assertEqual(self.run_it("post", "missing", "/", "-o", path).returncode, 3)
+        self.assertEqual(self.content(path), b"keep")
+        self.assertEqual(self.run_it("post", "missing", "/", "-o", self.root + "/new").returncode, 3)
+        self.assertFalse(os.path.exists(self.root + "/new"))
+        self.serve("demo")
+        self.assertEqual(self.run_it("post", "demo", "/", "-d", "hi", "-o", path).returncode, 0)
+        self.assertEqual(self.content(path), b"hi")
+
+    def test_takes_no_file_for_both_the_body_and_the_reply(self):
+        self.serve("demo")
+        path = self.file("same", b"content")
+        for other in (path, self.root + "/./same"):
+            for how in (["--stream"], []):
+                result = self.run_it("post", "demo", "/", "-f", path, "-o", other, *how)
+                self.assertEqual((result.returncode, self.content(path)), (2, b"content"))
+                self.assertIn("the body is in this file", result.stderr.decode())
+        if not IS_WINDOWS:
+            self.assertEqual(self.run_it("post", "demo", "/", "-f", "/dev/null", "-o", "/dev/null").returncode, 0)
+
+    def test_sees_before_it_sends_whether_the_output_can_be_written(self):
+        server = self.serve("demo")
+        paths = [self.root, self.root + "/missing/out", self.file("file", b"") + "/out", self.root + "/new/"]
+        if not IS_WINDOWS and os.geteuid() != 0:  # whom nothing is denied
+            os.chmod(self.file("denied", b""), 0o400)
+            paths.append(self.root + "/denied")
+        for path in paths:
+            result = self.run_it("post", "demo", "/", "-o", path)
+            self.assertEqual((result.returncode, result.stderr.decode().rstrip()),
+                             (2, "qvtp: Cannot write to %s." % path))
+        if not IS_WINDOWS:
+            self.assertEqual(self.stop(server)[2], "Served 0 POST, 0 NOTIFY; 0 failed.\n")
+
+    @SHELL
+    def test_returns_6_if_the_output_cannot_be_opened_in_the_end(self):
+        directory = self.root + "/gone"
+        os.mkdir(directory)
+        self.serve("demo", "--exec", "rmdir " + directory)
+        result = self.run_it("post", "demo", "/", "-o", directory + "/out")
+        self.assertEqual((result.returncode, result.stderr.decode()),
+                         (6, "qvtp: The reply is here, but %s/out cannot be written.\n" % directory))
+
     def test_shows_request_and_reply_when_asked(self):
         self.serve("demo")
         result = self.run_it("post", "demo", "/a", "-d", "hi", "-H", "X-One: 1", "-H", "X-Two:2", "-v")
