@@ -6,12 +6,15 @@
 #include "cli/Terminal.h"
 
 #include <chrono>
+#include <Poco/String.h>
+
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <optional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -23,6 +26,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char STANDARD_INPUT[] = "-";
 
+constexpr char USER_AGENT[] = "USER-AGENT";
 double millisecondsBetween(Clock::time_point begin, Clock::time_point end) {
     return std::chrono::duration<double, std::milli>(end - begin).count();
 }
@@ -220,6 +224,19 @@ class Send : public Command {
     /// What the library adds to a request stands last.
     void showRequest(const Headers& headers) const {
         std::string text = std::string(isPost_ ? "> POST " : "> NOTIFY ") + resource_ + " QVTP/1.0\n";
+        std::map<std::string, Headers::value_type> sent;
+        const auto add = [&](const std::string& name, const std::string& value) {
+            const auto [place, isNew] = sent.try_emplace(Poco::toUpper(name), name, value);
+            std::string& all = place->second.second;
+            if (place->first == USER_AGENT) {  // there is one alone
+                place->second = {name, value};
+            } else if (!isNew && !value.empty()) {
+                all += all.empty() ? value : "," + value;
+            }
+        };
+        for (const auto& [name, value] : headers) add(name, value);
+        isStreamed_ ? add("Transfer-Encoding", "chunked") : add("Content-Length", std::to_string(size_));
+        if (sent.count(USER_AGENT) == 0) add("User-Agent", "QvtpClient");
         for (const auto& [name, value] : headers) text += "> " + name + ": " + value + "\n";
         text += isStreamed_ ? "> Transfer-Encoding: chunked" : "> Content-Length: " + std::to_string(size_);
         say(text + "\n>\n");

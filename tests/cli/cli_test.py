@@ -232,10 +232,26 @@ class Post(CliTest):
         self.serve("demo")
         result = self.run_it("post", "demo", "/a", "-d", "hi", "-H", "X-One: 1", "-H", "X-Two:2", "-v")
         lines = result.stderr.decode().splitlines()
-        self.assertEqual(lines[:4], ["> POST /a QVTP/1.0", "> X-One: 1", "> X-Two: 2", "> Content-Length: 2"])
+        self.assertEqual(lines[:6], ["> POST /a QVTP/1.0", "> Content-Length: 2", "> User-Agent: QvtpClient",
+                                     "> X-One: 1", "> X-Two: 2", ">"])
         self.assertIn("< QVTP/1.0 200 OK", lines)
         self.assertIn("< Content-Length: 2", lines)
         self.assertRegex(lines[-1], r"^\* milliseconds: connect [0-9.]+ sent [0-9.]+ firstByte [0-9.]+ total [0-9.]+$")
+
+    def test_shows_the_head_that_is_sent(self):
+        self.serve("demo")
+        log = self.root + "/bytes"
+        self.environment["QVTP_COMMUNICATION_LOG"] = "OUTPUT:" + log
+        for arguments in (["post"], ["notify"], ["post", "-d", "hi", "--stream"], ["notify", "-d", "hi", "-H", "b: 1"],
+                          ["post", "-H", "b: 1", "-H", "User-Agent: me", "-H", "A: 2", "-H", "B: 2", "-H", "a:"],
+                          ["post", "-H", "c:", "-H", "C: 1", "-H", "d:"],
+                          ["post", "-H", "user-agent: me"], ["post", "-H", "User-Agent: a", "-H", "USER-agent: b"]):
+            result = self.run_it(arguments[0], "demo", "/a", "-v", *arguments[1:])
+            self.assertEqual(result.returncode, 0)
+            shown = [line[2:] for line in result.stderr.decode().splitlines() if line.startswith(">")]
+            sent = self.content(log).decode().splitlines()[1:]
+            os.remove(log)
+            self.assertEqual(shown, sent[:sent.index("") + 1], arguments)
 
     def test_shows_times_in_their_order(self):
         self.serve("demo")
