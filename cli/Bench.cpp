@@ -2,6 +2,7 @@
 
 #include "cli/Command.h"
 #include "cli/Durations.h"
+#include "cli/Numbers.h"
 
 #include <atomic>
 #include <chrono>
@@ -26,16 +27,15 @@ class Bench : public Command {
         CLI::App* const app = program.add_subcommand("bench", "Measure how long POSTs to a server take");
         app->add_option("PIPE", pipe_, "The name of the pipe")->required();
         app->add_option("RESOURCE", resource_, "What the requests are about")->capture_default_str();
-        app->add_option("-n,--requests", requests_, "How many in all")
-            ->capture_default_str()
-            ->check(CLI::Range(1, 100000000));
-        app->add_option("-c,--clients", clients_, "How many clients at once, each with a connection of its own")
-            ->capture_default_str()
-            ->check(CLI::Range(1, 1000));
-        app->add_option("-s,--size", size_, "Bytes of each body")->capture_default_str()->check(CLI::NonNegativeNumber);
-        app->add_option("--timeout", timeout_, "Seconds to wait for each reply")
-            ->capture_default_str()
-            ->check(CLI::NonNegativeNumber);
+        accept(app->add_option("-n,--requests", requests_, "How many in all"), Unit::NUMBER, 1, 100000000)
+            ->capture_default_str();
+        accept(app->add_option("-c,--clients", clients_, "How many clients at once, each with a connection of its own"),
+               Unit::NUMBER, 1, 1000)
+            ->capture_default_str();
+        accept(app->add_option("-s,--size", size_, "Bytes of each body"), Unit::BYTES, 0, MOST_BYTES)
+            ->capture_default_str();
+        acceptSeconds(app->add_option("--timeout", timeout_, "Seconds to wait for each reply; 0: no limit"))
+            ->capture_default_str();
         app->add_flag("--json", isJson_, "Print the result as JSON");
         return app;
     }

@@ -2,6 +2,7 @@
 
 #include "cli/Command.h"
 #include "cli/Durations.h"
+#include "cli/Numbers.h"
 
 #include <qvtp/io/ConnectException.h>
 #include <qvtp/io/QvPipe.h>
@@ -28,10 +29,10 @@ class Ping : public Command {
     CLI::App* addTo(CLI::App& program) override {
         CLI::App* const app = program.add_subcommand("ping", "See whether a server takes connections, and how fast");
         app->add_option("PIPE", pipe_, "The name of the pipe")->required();
-        app->add_option("-n,--count", count_, "How many times")->capture_default_str()->check(CLI::Range(1, 1000000));
-        app->add_option("--timeout", timeout_, "Seconds to wait for a busy server; 0: no limit")
-            ->capture_default_str()
-            ->check(CLI::NonNegativeNumber);
+        accept(app->add_option("-n,--count", count_, "How many times"), Unit::NUMBER, 1, 1000000)
+            ->capture_default_str();
+        acceptSeconds(app->add_option("--timeout", timeout_, "Seconds to wait for a busy server; 0: no limit"))
+            ->capture_default_str();
         app->add_flag("--json", isJson_, "Print the result as JSON");
         return app;
     }

@@ -2,19 +2,20 @@
 
 #include "cli/Command.h"
 #include "cli/Json.h"
+#include "cli/Numbers.h"
 #include "cli/ProgressBar.h"
 #include "cli/Terminal.h"
 
-#include <chrono>
 #include <Poco/String.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <optional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,8 +26,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr char STANDARD_INPUT[] = "-";
-
 constexpr char USER_AGENT[] = "USER-AGENT";
+
 double millisecondsBetween(Clock::time_point begin, Clock::time_point end) {
     return std::chrono::duration<double, std::milli>(end - begin).count();
 }
@@ -76,14 +77,14 @@ class Send : public Command {
         auto* const data = app->add_option("-d,--data", data_, "The body, as it stands");
         app->add_option("-f,--file", file_, "The body is in this file; \"-\" is standard input")->excludes(data);
         app->add_flag("--stream", isStreamed_, "Send the body in chunks while it is read, however large it is");
-        app->add_option("--timeout", timeout_, "Seconds to wait for the reply, and for each pause in it; 0: no limit")
-            ->capture_default_str()
-            ->check(CLI::NonNegativeNumber);
-        app->add_option("--connect-timeout", connectTimeout_, "Seconds to wait for a busy server; else as --timeout")
-            ->check(CLI::NonNegativeNumber);
-        app->add_option("--retry", retries_, "Try so many times more if nothing was sent")
-            ->capture_default_str()
-            ->check(CLI::Range(0, 1000000));
+        acceptSeconds(app->add_option("--timeout", timeout_,
+                                      "Seconds to wait for the reply, and for each pause in it; 0: no limit"))
+            ->capture_default_str();
+        acceptSeconds(app->add_option("--connect-timeout", connectTimeout_,
+                                      "Seconds to wait for a busy server; else as --timeout"));
+        accept(app->add_option("--retry", retries_, "Try so many times more if nothing was sent"), Unit::NUMBER, 0,
+               1000000)
+            ->capture_default_str();
         app->add_flag("-v,--verbose", isVerbose_, "Show request, reply and times on standard error");
         app->add_flag("--no-progress", hidesProgress_, "Never show a progress bar");
         if (isPost_) {
@@ -221,9 +222,8 @@ class Send : public Command {
         return {streamed_ != nullptr ? *streamed_ : std::cin, size_};
     }
 
-    /// What the library adds to a request stands last.
+    /// As it is sent: each name once, in the order of the names.
     void showRequest(const Headers& headers) const {
-        std::string text = std::string(isPost_ ? "> POST " : "> NOTIFY ") + resource_ + " QVTP/1.0\n";
         std::map<std::string, Headers::value_type> sent;
         const auto add = [&](const std::string& name, const std::string& value) {
             const auto [place, isNew] = sent.try_emplace(Poco::toUpper(name), name, value);
@@ -237,9 +237,9 @@ class Send : public Command {
         for (const auto& [name, value] : headers) add(name, value);
         isStreamed_ ? add("Transfer-Encoding", "chunked") : add("Content-Length", std::to_string(size_));
         if (sent.count(USER_AGENT) == 0) add("User-Agent", "QvtpClient");
-        for (const auto& [name, value] : headers) text += "> " + name + ": " + value + "\n";
-        text += isStreamed_ ? "> Transfer-Encoding: chunked" : "> Content-Length: " + std::to_string(size_);
-        say(text + "\n>\n");
+        std::string text = std::string(isPost_ ? "> POST " : "> NOTIFY ") + resource_ + " QVTP/1.0\n";
+        for (const auto& [key, header] : sent) text += "> " + header.first + ": " + header.second + "\n";
+        say(text + ">\n");
     }
 
     static void showReply(const Reply& head) {

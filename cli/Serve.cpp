@@ -2,11 +2,13 @@
 
 #include "cli/Command.h"
 #include "cli/Json.h"
+#include "cli/Numbers.h"
 #include "cli/Program.h"
 
 #include <atomic>
 #include <cstdint>
 #include <iostream>
+#include <limits>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,21 +30,12 @@ class Serve : public Command {
                         "the reply, with 500 if it fails")
             ->excludes(echo)
             ->excludes(reply);
-        app->add_option("--status", status_, "The status of the replies")
-            ->capture_default_str()
-            ->check(CLI::Range(100, 999));
-        app->add_option("--workers", options_.workers, "Most clients at once; 0: chosen for the machine")
-            ->check(CLI::Range(0, 10000));
-        app->add_option("--max-head", options_.limits.headBytes, "Most bytes of a head")->check(CLI::NonNegativeNumber);
-        app->add_option("--max-headers", options_.limits.headers, "Most headers")->check(CLI::NonNegativeNumber);
-        app->add_option("--max-body", options_.limits.bodyBytes, "Most bytes of a body")->check(CLI::NonNegativeNumber);
-        app->add_option("--head-timeout", headSeconds_, "Most seconds for a head")->check(CLI::NonNegativeNumber);
-        app->add_option("--request-timeout", requestSeconds_, "Most seconds for a request")
-            ->check(CLI::NonNegativeNumber);
-        app->add_option("--drain", drainSeconds_,
-                        "Seconds for requests that have begun when the signal comes; 0: cut them off")
-            ->capture_default_str()
-            ->check(CLI::NonNegativeNumber);
+        accept(app->add_option("--status", status_, "The status of the replies"), Unit::NUMBER, 100, 999)
+            ->capture_default_str();
+        addLimitsTo(*app);
+        acceptSeconds(app->add_option("--drain", drainSeconds_,
+                                      "Seconds for requests that have begun when the signal comes; 0: cut them off"))
+            ->capture_default_str();
         app->add_flag("-v,--verbose", isVerbose_, "Show each request on standard error");
         app->add_flag("--json", isJson_, "Print the counters at the end as JSON on standard output");
         return app;
@@ -64,6 +57,21 @@ class Serve : public Command {
     }
 
   private:
+    void addLimitsTo(CLI::App& app) {
+        constexpr std::int64_t MOST = std::numeric_limits<int>::max();
+        auto& limits = options_.limits;
+        accept(app.add_option("--workers", options_.workers,
+                              "Most clients at once, else chosen for the machine; 0: no limit; 1 and 2 work as 3"),
+               Unit::NUMBER, 0, 10000);
+        accept(app.add_option("--max-head", limits.headBytes, "Most bytes of a head; 0: no limit"), Unit::BYTES, 0,
+               MOST);
+        accept(app.add_option("--max-headers", limits.headers, "Most headers; 0: no limit"), Unit::NUMBER, 0, MOST);
+        accept(app.add_option("--max-body", limits.bodyBytes, "Most bytes of a body; 0: no limit"), Unit::BYTES, 0,
+               std::int64_t(1) << 50);
+        acceptSeconds(app.add_option("--head-timeout", headSeconds_, "Most seconds for a head; 0: no limit"));
+        acceptSeconds(app.add_option("--request-timeout", requestSeconds_, "Most seconds for a request; 0: no limit"));
+    }
+
     Reply answer(const Request& request) {
         Reply reply(status_);
         if (commandLine_) {

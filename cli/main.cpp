@@ -33,6 +33,24 @@ int fail(const std::string& text, ExitCode code) {
     return code;
 }
 
+/// What is wrong with the arguments. That of a command which is missing or unknown names those that there are.
+std::string textOf(const CLI::ParseError& e, const CLI::App& program) {
+    const CLI::App* app = &program;
+    while (!app->get_subcommands().empty()) app = app->get_subcommands().front();
+    std::string names;
+    for (const CLI::App* command : app->get_subcommands([](const CLI::App*) { return true; })) {
+        names += (names.empty() ? "" : ", ") + command->get_name();
+    }
+    if (names.empty()) return e.what();
+    const std::vector<std::string> rest = app->remaining();
+    const auto unknown = std::find_if(rest.begin(), rest.end(), [](const std::string& one) { return one[0] != '-'; });
+    const std::string before = app == &program ? "" : app->get_name() + " ";
+    if (unknown == rest.end()) {
+        return "A command is missing" + (rest.empty() ? "" : " before " + rest.front()) + ". Commands: " + names;
+    }
+    return "There is no command " + before + *unknown + ". Commands: " + names;
+}
+
 int runUnguarded(Command& command) {
     const int code = command.run();
     if (!std::cout.flush()) return fail(LOST_OUTPUT, BROKEN);
@@ -89,9 +107,10 @@ int main(int argc, char** argv) {
         std::reverse(arguments.begin(), arguments.end());  // the order that parse() wants
         program.parse(std::move(arguments));
     } catch (const CLI::ParseError& e) {
-        const bool isAsked = program.exit(e) == 0;  // for help, or the version
-        if (isAsked && !std::cout.flush()) return fail(LOST_OUTPUT, BROKEN);
-        return isAsked ? OK : USAGE;
+        const bool isAsked = e.get_exit_code() == 0;  // for help, or the version
+        if (!isAsked) return fail(textOf(e, program) + "\nRun with --help for more information.", USAGE);
+        program.exit(e);
+        return std::cout.flush() ? OK : fail(LOST_OUTPUT, BROKEN);
     }
     for (const auto& [subcommand, command] : commands) {
         if (subcommand->parsed()) return run(*command);

@@ -388,6 +388,57 @@ class Post(CliTest):
         self.assertNotEqual(result.returncode, 0)
 
 
+class Arguments(CliTest):
+    def refused(self, *arguments):
+        result = self.run_it(*arguments)
+        self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+        first, *others = result.stderr.decode().splitlines()
+        self.assertEqual(others, ["Run with --help for more information."], arguments)
+        return first
+
+    def test_with_a_number_say_which_numbers_they_take(self):
+        for value in ("abc", "-1", "nan", "inf", "1e3", "0x10", " 1", "1s", ".", "1.2.3", "2147484", "9" * 400):
+            text = 'qvtp: --timeout: "%s" is no number of seconds from 0 to 2147483.' % value
+            for command in (["post", "demo", "/"], ["ping", "demo"], ["bench", "demo"]):
+                self.assertEqual(self.refused(*command, "--timeout=" + value), text)
+        for value in ("abc", "-1", "1.5", "0x10", "1e3", "9" * 400, "1125899906842625"):
+            self.assertEqual(self.refused("serve", "demo", "--max-body=" + value),
+                             'qvtp: --max-body: "%s" is no number of bytes from 0 to 1125899906842624.' % value)
+        for value in ("x", "0", "1000001", "+1", "1'000"):
+            self.assertEqual(self.refused("ping", "demo", "-n", value),
+                             'qvtp: --count: "%s" is no whole number from 1 to 1000000.' % value)
+
+    def test_with_a_number_take_what_is_in_their_range(self):
+        self.serve("demo", "--max-body", "1125899906842624", "--max-headers", "010", "--drain", "0.5")
+        for value in ("0", "2147483", "0.5", "30.", ".5", "007"):
+            self.assertEqual(self.run_it("post", "demo", "/", "--timeout", value if value != ".5" else "20.5").returncode, 0)
+        result = self.run_it("ping", "demo", "-n", "010", "--json")  # decimal, whatever stands in front
+        self.assertEqual(json.loads(result.stdout)["us"]["count"], 10)
+
+    def test_that_name_no_command_get_the_names_of_all(self):
+        commands = "Commands: post, notify, serve, ls, ping, bench, trace, config, completion"
+        self.assertEqual(self.refused("bogus"), "qvtp: There is no command bogus. " + commands)
+        self.assertEqual(self.refused("bogus", "demo", "--x"), "qvtp: There is no command bogus. " + commands)
+        self.assertEqual(self.refused(), "qvtp: A command is missing. " + commands)
+        self.assertEqual(self.refused("config", "chek"), "qvtp: There is no command config chek. Commands: check")
+        self.assertEqual(self.refused("config"), "qvtp: A command is missing. Commands: check")
+
+    def test_that_are_wrong_are_named_with_the_program(self):
+        for arguments, name in ((["post"], "PIPE"), (["post", "demo", "/", "--odd"], "--odd"), (["--odd"], "--odd"),
+                                (["post", "demo", "/", "--timeout"], "--timeout"),
+                                (["completion", "csh"], "csh"), (["post", "demo", "/", "-d", "a", "-f", "b"], "--file")):
+            self.assertRegex(self.refused(*arguments), "^qvtp: .*" + name)
+
+    def test_have_names_of_what_they_take_in_the_help(self):
+        for command, types in (("post", ["SECONDS=30", "SECONDS", "NUMBER=0"]), ("ping", ["NUMBER=1", "SECONDS=5"]),
+                               ("bench", ["NUMBER=10000", "NUMBER=1", "BYTES=64", "SECONDS=30"]),
+                               ("serve", ["NUMBER=200", "NUMBER", "BYTES", "NUMBER", "BYTES", "SECONDS", "SECONDS",
+                                          "SECONDS=10"])):
+            text = self.run_it(command, "--help").stdout.decode()
+            self.assertEqual(re.findall(r"--[a-z-]+ ((?:SECONDS|NUMBER|BYTES)\S*)", text), types)
+            self.assertNotRegex(text, "FLOAT|INT|UINT|NONNEGATIVE")
+
+
 @linux_only("there is no such device")
 class LostOutput(CliTest):
     def test_is_reported_by_every_command(self):
