@@ -743,13 +743,20 @@ class Bench(CliTest):
                  rb"Sanitizer: CHECK failed: sanitizer_allocator_primary")
 
     @linux_only("memory is limited in another way")
-    def test_ends_in_order_if_threads_run_out(self):
+    def test_ends_in_order_if_threads_or_memory_run_out(self):
         self.serve("demo")
-        shell = "ulimit -v 600000; exec %s bench demo / -c 1000 -n 10" % PROGRAM
-        result = subprocess.run(["bash", "-c", shell], capture_output=True, timeout=LIMIT, env=self.environment)
-        if re.search(self.NO_MEMORY, result.stderr):
-            self.skipTest("a sanitizer needs more memory than the limit")
-        self.assertEqual(result.returncode, 6, result.stderr)
+        for arguments, text in (("-c 1000", rb"threads|memory"), ("-s 2147483647", rb"memory")):
+            shell = "ulimit -v 600000; exec %s bench demo / -n 10 %s" % (PROGRAM, arguments)
+            result = subprocess.run(["bash", "-c", shell], capture_output=True, timeout=LIMIT, env=self.environment)
+            if re.search(self.NO_MEMORY, result.stderr):
+                self.skipTest("a sanitizer needs more memory than the limit")
+            self.assertEqual(result.returncode, 6, result.stderr)
+            self.assertRegex(result.stderr, rb"^qvtp: The system has no more (%s) for this\.\n$" % text)
+
+    def test_takes_sizes_that_a_body_can_have(self):
+        result = self.run_it("bench", "demo", "-s", "2147483648")
+        self.assertEqual(result.returncode, 2)
+        self.assertIn('--size: "2147483648" is no number of bytes from 0 to 2147483647.', result.stderr.decode())
 
     def test_reports_times_and_a_histogram(self):
         server = self.serve("demo")
