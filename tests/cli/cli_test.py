@@ -335,7 +335,7 @@ class Post(CliTest):
     @SHELL
     def test_returns_5_after_the_time_out(self):
         self.serve("demo", "--exec", "exec sleep 5 2> /dev/null")
-        result = self.run_it("post", "demo", "/", "--timeout", "0.2")
+        result = self.run_it("post", "demo", "/", "--timeout", "0.2", "--connect-timeout", "20")
         self.assertEqual(result.returncode, 5)
         self.assertIn("There was no answer in time", result.stderr.decode())
 
