@@ -1,17 +1,17 @@
 #include "cli/Program.h"
 
-#include <Poco/Environment.h>
-#include <Poco/Pipe.h>
-#include <Poco/PipeStream.h>
-#include <Poco/Process.h>
-#include <Poco/StreamCopier.h>
+#include "cli/Shell.h"
 
-#include <exception>
+#include <chrono>
 #include <future>
+#include <memory>
 
 namespace qvtp::cli {
 
 namespace {
+
+/// How long a program may take to end when it is asked to.
+constexpr auto PATIENCE = std::chrono::seconds(2);
 
 /// "Content-Type" as QVTP_HEADER_CONTENT_TYPE.
 std::string variableOf(const std::string& header) {
@@ -24,8 +24,8 @@ std::string variableOf(const std::string& header) {
     return name;
 }
 
-Poco::Process::Env environmentOf(const Request& request) {
-    Poco::Process::Env variables;
+ShellCommand::Variables environmentOf(const Request& request) {
+    ShellCommand::Variables variables;
     variables["QVTP_METHOD"] = request.method();
     variables["QVTP_RESOURCE"] = request.resource();
     variables["QVTP_PEER_PID"] = std::to_string(request.peer().processId);
@@ -36,38 +36,55 @@ Poco::Process::Env environmentOf(const Request& request) {
     return variables;
 }
 
-/// A program that does not read its input to the end is none the worse for it.
-void feed(Poco::Pipe& pipe, const std::string& body) {
-    try {
-        for (std::size_t done = 0; done < body.size();) {
-            const std::size_t size = std::min<std::size_t>(body.size() - done, 65536);
-            done += static_cast<std::size_t>(pipe.writeBytes(body.data() + done, static_cast<int>(size)));
-        }
-    } catch (const std::exception&) {
-    }
-    pipe.close(Poco::Pipe::CLOSE_BOTH);
-}
-
 }  // namespace
 
-ProgramResult runProgram(const std::string& commandLine, const Request& request) {
-#ifdef QVTP_CLI_SHELL_IS_CMD
-    const std::string shell = "cmd";
-    const Poco::Process::Args arguments{"/c", commandLine};
-#else
-    const std::string shell = "/bin/sh";
-    const Poco::Process::Args arguments{"-c", commandLine};
-#endif
-    const std::string& body = request.body();
-    Poco::Pipe in, out;
-    Poco::ProcessHandle process = Poco::Process::launch(shell, arguments, &in, &out, nullptr, environmentOf(request));
-    const auto fed = std::async(std::launch::async, [&] { feed(in, body); });
+/// A command from its start to its end.
+class Programs::Running {
+  public:
+    Running(Programs& programs, const std::string& commandLine, const Request& request) : programs_(programs) {
+        const std::lock_guard<std::mutex> guard(programs_.mutex_);
+        if (programs_.isEnding_) throw Error(ErrorKind::closed, "The server is ending.");
+        command_ = std::make_unique<ShellCommand>(commandLine, environmentOf(request));
+        programs_.running_.insert(command_.get());
+    }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+    ~Running() {
+        const std::lock_guard<std::mutex> guard(programs_.mutex_);
+        programs_.running_.erase(command_.get());
+        command_.reset();
+        programs_.hasEnded_.notify_all();
+    }
+
+    ShellCommand& command() { return *command_; }
+    int exitCode() {
+        command_->waitForEnd();
+        const std::lock_guard<std::mutex> guard(programs_.mutex_);
+        programs_.running_.erase(command_.get());  // its number may be another's from now on
+        return command_->exitCode();
+    }
+
+  private:
+    Programs& programs_;
+    std::unique_ptr<ShellCommand> command_;
+};
+
+ProgramResult Programs::run(const std::string& commandLine, const Request& request) {
+    Running running(*this, commandLine, request);
+    const auto fed = std::async(std::launch::async, [&] { running.command().feed(request.body()); });
     ProgramResult result;
-    Poco::PipeInputStream output(out);
-    Poco::StreamCopier::copyToString(output, result.output);
+    result.output = running.command().readOutput();
     fed.wait();
-    result.exitCode = process.wait();
+    result.exitCode = running.exitCode();
     return result;
+}
+
+void Programs::end() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    isEnding_ = true;
+    for (ShellCommand* const command : running_) command->end(false);
+    hasEnded_.wait_for(lock, PATIENCE, [this] { return running_.empty(); });
+    for (ShellCommand* const command : running_) command->end(true);
 }
 
 }  // namespace qvtp::cli

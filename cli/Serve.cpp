@@ -5,10 +5,15 @@
 #include "cli/Numbers.h"
 #include "cli/Program.h"
 
+#include <qvtp/platform/StopSignal.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <future>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -16,6 +21,33 @@
 namespace qvtp::cli {
 
 namespace {
+
+/// Ends the programs when a signal has come and the drain after it is over.
+class ProgramsEnd {
+  public:
+    /// `drain`: below 0 none.
+    ProgramsEnd(Programs& programs, Milliseconds drain) : watch_(signal_) {
+        done_ = std::async(std::launch::async, [this, &programs, drain] {
+            const bool isSignalled = signal_->wait(0) != 0;
+            signal_.reset();  // a second signal ends the server at once
+            // Its connections break first: what a program comes to when it is ended is no answer.
+            const auto patience = std::max(drain, Milliseconds(0)) + Milliseconds(1000);
+            if (isSignalled && isOver_.get_future().wait_for(patience) != std::future_status::ready) programs.end();
+        });
+    }
+    ProgramsEnd(const ProgramsEnd&) = delete;
+    ProgramsEnd& operator=(const ProgramsEnd&) = delete;
+    ~ProgramsEnd() {
+        isOver_.set_value();
+        if (const auto signal = watch_.lock()) signal->wake();
+    }
+
+  private:
+    std::shared_ptr<Quovane::Io::StopSignal> signal_ = std::make_shared<Quovane::Io::StopSignal>();
+    const std::weak_ptr<Quovane::Io::StopSignal> watch_;
+    std::promise<void> isOver_;
+    std::future<void> done_;  // goes first, and waits for its thread
+};
 
 class Serve : public Command {
   public:
@@ -33,8 +65,10 @@ class Serve : public Command {
         accept(app->add_option("--status", status_, "The status of the replies"), Unit::NUMBER, 100, 999)
             ->capture_default_str();
         addLimitsTo(*app);
-        acceptSeconds(app->add_option("--drain", drainSeconds_,
-                                      "Seconds for requests that have begun when the signal comes; 0: cut them off"))
+        acceptSeconds(
+            app->add_option("--drain", drainSeconds_,
+                            "Seconds for requests that have begun when the signal comes; 0: cut them off. On Linux "
+                            "commands of --exec that still run then are ended"))
             ->capture_default_str();
         app->add_flag("-v,--verbose", isVerbose_, "Show each request on standard error");
         app->add_flag("--json", isJson_, "Print the counters at the end as JSON on standard output");
@@ -49,14 +83,20 @@ class Serve : public Command {
         server.onNotify("*", [this](const Request& request) { take(request); });
         server.onError([this](const Request& request, const std::string& text) { show(request, "failed: " + text); });
         say("Serving " + pipe_ + " at " + Quovane::Io::findPipeFacts(pipe_).path + ". Ctrl-C ends it.\n");
-        const bool isWhole =
-            server.runUntilSignal(drainSeconds_ > 0 ? millisecondsOf(drainSeconds_) : Milliseconds(-1));
+        const bool isWhole = serveUntilSignal(server);
         report(server.counters());
         if (!isWhole) say("Requests were cut off.\n");
         return isWhole ? OK : BROKEN;
     }
 
   private:
+    bool serveUntilSignal(Server& server) {
+        const Milliseconds drain = drainSeconds_ > 0 ? millisecondsOf(drainSeconds_) : Milliseconds(-1);
+        std::optional<ProgramsEnd> end;
+        if (commandLine_) end.emplace(programs_, drain);
+        return server.runUntilSignal(drain);
+    }
+
     void addLimitsTo(CLI::App& app) {
         constexpr std::int64_t MOST = std::numeric_limits<int>::max();
         auto& limits = options_.limits;
@@ -97,7 +137,7 @@ class Serve : public Command {
     }
 
     ProgramResult runCommand(const Request& request) {
-        ProgramResult result = runProgram(*commandLine_, request);
+        ProgramResult result = programs_.run(*commandLine_, request);
         if (result.exitCode != 0) ++failedCommands_;
         return result;
     }
@@ -126,6 +166,7 @@ class Serve : public Command {
     int status_ = 200;
     double headSeconds_ = 0, requestSeconds_ = 0, drainSeconds_ = 10;
     ServerOptions options_;
+    Programs programs_;
     std::atomic<std::uint64_t> failedCommands_{0};
     std::mutex mutex_;  // keeps the lines of standard error whole
 };

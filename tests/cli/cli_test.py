@@ -630,6 +630,40 @@ class Serve(CliTest):
         self.assertIn("Requests were cut off.", err)
 
     @SIGNALS
+    @SIGNALS
+    def test_ends_what_its_command_has_started_when_the_drain_is_over(self):
+        for trap in ("", "trap '' TERM; "):  # the second one has to be killed
+            pids = self.root + "/pids"
+            server = self.serve("demo", "--drain", "0.2", "--exec", "%ssleep 1000 & echo $$ $! > %s.new; mv %s.new %s; wait"
+                                % (trap, pids, pids, pids))
+            client = subprocess.Popen([*COMMAND, "post", "demo", "/"], stderr=subprocess.PIPE, env=self.environment)
+            self.assertTrue(eventually(lambda: os.path.exists(pids)))
+            code, _, err = self.stop(server)
+            client.communicate(timeout=LIMIT)
+            self.assertEqual((code, client.returncode), (6, 6))
+            self.assertIn("Requests were cut off.", err)
+            started = [int(pid) for pid in self.content(pids).split()]
+            os.remove(pids)
+            eventually(lambda: not any(map(self.runs, started)))
+            left = list(filter(self.runs, started))
+            for pid in left:
+                os.kill(pid, signal.SIGKILL)
+            self.assertEqual(left, [], trap)
+
+    @staticmethod
+    def runs(pid):
+        try:
+            with open("/proc/%d/stat" % pid) as file:
+                return file.read().rsplit(")", 1)[1].split()[0] != "Z"
+        except (FileNotFoundError, ProcessLookupError):
+            return False
+
+    @SHELL
+    def test_gives_its_command_the_signals_of_a_shell(self):
+        errors = self.root + "/errors"
+        self.serve("demo", "--exec", "yes 2> %s | head -n 1; cat %s" % (errors, errors))
+        self.assertEqual(self.run_it("post", "demo", "/").stdout, b"y\n")
+
     def test_leaves_an_ignored_signal_ignored(self):
         shell = subprocess.Popen(["sh", "-c", "trap '' INT; exec %s serve demo" % PROGRAM], stdout=subprocess.PIPE,
                                  stderr=subprocess.PIPE, env=self.environment)
