@@ -27,7 +27,10 @@ using Quovane::Io::QvPipe;
 class Ping : public Command {
   public:
     CLI::App* addTo(CLI::App& program) override {
-        CLI::App* const app = program.add_subcommand("ping", "See whether a server takes connections, and how fast");
+        CLI::App* const app = program.add_subcommand(
+            "ping",
+            "See whether a server takes connections, and how fast. A place in the queue of a busy server "
+            "counts as one");
         app->add_option("PIPE", pipe_, "The name of the pipe")->required();
         accept(app->add_option("-n,--count", count_, "How many times"), Unit::NUMBER, 1, 1000000)
             ->capture_default_str();

@@ -148,6 +148,11 @@ class CliTest(unittest.TestCase):
             file.write(content)
         return path
 
+    @staticmethod
+    def content(path):
+        with open(path, "rb") as file:
+            return file.read()
+
 
 class Post(CliTest):
     def test_prints_the_body_of_the_reply_and_nothing_else(self):
@@ -180,10 +185,6 @@ class Post(CliTest):
         with open(self.root + "/out", "rb") as file:
             self.assertEqual(file.read(), b"hi")
         self.assertEqual(self.run_it("post", "demo", "/", "-o", self.root + "/missing/out").returncode, 2)
-
-    def content(self, path):
-        with open(path, "rb") as file:
-            return file.read()
 
     def test_leaves_the_output_file_as_it_is_until_there_is_a_reply(self):
         path = self.file("kept", b"keep")
@@ -410,8 +411,8 @@ class Arguments(CliTest):
 
     def test_with_a_number_take_what_is_in_their_range(self):
         self.serve("demo", "--max-body", "1125899906842624", "--max-headers", "010", "--drain", "0.5")
-        for value in ("0", "2147483", "0.5", "30.", ".5", "007"):
-            self.assertEqual(self.run_it("post", "demo", "/", "--timeout", value if value != ".5" else "20.5").returncode, 0)
+        for value in ("0", "2147483", "20.5", "30.", "00020"):
+            self.assertEqual(self.run_it("post", "demo", "/", "--timeout", value).returncode, 0)
         result = self.run_it("ping", "demo", "-n", "010", "--json")  # decimal, whatever stands in front
         self.assertEqual(json.loads(result.stdout)["us"]["count"], 10)
 
@@ -630,7 +631,6 @@ class Serve(CliTest):
         self.assertIn("Requests were cut off.", err)
 
     @SIGNALS
-    @SIGNALS
     def test_ends_what_its_command_has_started_when_the_drain_is_over(self):
         for trap in ("", "trap '' TERM; "):  # the second one has to be killed
             pids = self.root + "/pids"
@@ -664,6 +664,7 @@ class Serve(CliTest):
         self.serve("demo", "--exec", "yes 2> %s | head -n 1; cat %s" % (errors, errors))
         self.assertEqual(self.run_it("post", "demo", "/").stdout, b"y\n")
 
+    @SIGNALS
     def test_leaves_an_ignored_signal_ignored(self):
         shell = subprocess.Popen(["sh", "-c", "trap '' INT; exec %s serve demo" % PROGRAM], stdout=subprocess.PIPE,
                                  stderr=subprocess.PIPE, env=self.environment)
@@ -769,6 +770,17 @@ class Ping(CliTest):
 
     def test_returns_2_for_no_name(self):
         self.assertEqual(self.run_it("ping", "").returncode, 2)
+
+    @SHELL
+    def test_takes_a_place_in_the_queue_for_a_connection(self):
+        server = self.serve("demo", "--workers", "1", "--drain", "0", "--exec",
+                            "touch %s/started$QVTP_PEER_PID; exec sleep 20 2> /dev/null" % self.root)
+        for count in range(1, 4):  # 1 works as 3
+            client = subprocess.Popen([*COMMAND, "post", "demo", "/"], stderr=subprocess.PIPE, env=self.environment)
+            self.addCleanup(self.end, client)
+            self.assertTrue(eventually(lambda: sum("started" in name for name in os.listdir(self.root)) == count))
+        self.assertEqual(self.run_it("ping", "demo").returncode, 0)
+        self.stop(server)
 
 
 class Bench(CliTest):
@@ -1471,6 +1483,13 @@ class Manual(CliTest):
             self.assertLessEqual(offered, described, command)
             if command != "notify":  # which has no reply to print
                 self.assertEqual(described - offered, set(), command)
+
+    def test_says_what_nobody_would_guess_and_so_does_the_help(self):
+        with open(self.PAGE, encoding="utf-8") as file:
+            page = " ".join(file.read().split())
+        for command, text in (("serve", "1 and 2 work as 3"), ("ping", "lace in the queue of a busy server")):
+            self.assertIn(text, page)
+            self.assertIn(text, " ".join(self.run_it(command, "--help").stdout.decode().split()))
 
     def test_is_a_page_without_mistakes(self):
         if not shutil.which("man"):
