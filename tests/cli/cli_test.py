@@ -256,7 +256,8 @@ class Post(CliTest):
 
     def test_shows_times_in_their_order(self):
         self.serve("demo")
-        for how in (["-d", "hi"], ["-d", "hi", "--stream"], ["-d", "x" * 100000], []):
+        large = self.file("large", b"x" * 100000)  # more than a command line holds on Windows
+        for how in (["-d", "hi"], ["-d", "hi", "--stream"], ["-f", large], []):
             times = json.loads(self.run_it("post", "demo", "/", *how, "--json").stdout)["milliseconds"]
             self.assertEqual(list(times), ["connect", "sent", "firstByte", "total"])
             self.assertEqual(sorted(times.values()), list(times.values()))
