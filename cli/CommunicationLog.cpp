@@ -3,6 +3,7 @@
 #include <Poco/String.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <ctime>
 #include <deque>
@@ -85,6 +86,13 @@ void addHeader(Headers& headers, string_view line) {
     headers.emplace_back(line.substr(0, colon), value);
 }
 
+/// Nothing if no body of the library can be so long.
+std::optional<std::int64_t> lengthOf(const std::string& value) {
+    std::int32_t length = -1;
+    std::from_chars(value.data(), value.data() + value.size(), length);
+    return length >= 0 ? std::optional<std::int64_t>(length) : std::nullopt;
+}
+
 /// What the head says of the length of its body, as the library reads it: a length comes first.
 struct Framing {
     std::optional<std::int64_t> length;
@@ -96,7 +104,7 @@ struct Framing {
         Headers one;
         addHeader(one, line.substr(0, 100));
         const auto& [name, value] = one[0];
-        if (!length && Poco::icompare(name, "Content-Length") == 0) length = std::atoll(value.c_str());
+        if (!length && Poco::icompare(name, "Content-Length") == 0) length = lengthOf(value);
         if (Poco::icompare(name, "Transfer-Encoding") == 0 && value == "chunked") isChunked = true;
     }
 };
@@ -167,7 +175,7 @@ class RecordReader {
         return line.substr(0, end == line.npos ? 0 : end + 1);
     }
 
-    /// Where the record ends if its body begins at `begin` and is so long; nothing if it can not.
+    /// Where the record ends if its body begins at `begin` and is so long; nothing if it cannot.
     std::optional<std::size_t> endOfBody(std::size_t begin, std::int64_t length) const {
         if (length < 0 || static_cast<std::uint64_t>(length) > log_.size() - begin) return std::nullopt;
         if (length == 0 && isEnd(begin)) return begin;

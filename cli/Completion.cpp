@@ -18,7 +18,7 @@ _qvtp() {
     if [ "$words" = 1 ]; then
         COMPREPLY=($(compgen -W "@COMMANDS@" -- "$word"))
     elif [[ $word == -* ]]; then
-        COMPREPLY=($(compgen -W "$(qvtp $command --help 2>/dev/null | grep -oE -- '--?[a-z][a-z-]*' | sort -u)" -- "$word"))
+        COMPREPLY=($(compgen -W "$(qvtp $command --help 2>/dev/null | sed -n 's/^ *\(-[-A-Za-z,]*\).*/\1/p' | tr , '\n')" -- "$word"))
     elif [ "$words" = 2 ] && [[ $command =~ ^(post|notify|ping|bench)$ ]]; then
         while IFS= read -r name; do
             printf -v quoted %q "$name"
@@ -46,7 +46,7 @@ _qvtp() {
         compadd -- @COMMANDS@
     elif [[ $words[CURRENT] == -* ]]; then
         [[ $words[2] == config ]] && sub=check
-        compadd -- $(qvtp "$words[2]" $sub --help 2>/dev/null | grep -oE -- '--?[a-z][a-z-]*' | sort -u)
+        compadd -- $(qvtp "$words[2]" $sub --help 2>/dev/null | sed -n 's/^ *\(-[-A-Za-z,]*\).*/\1/p' | tr , '\n')
     elif (( CURRENT == 3 )) && [[ $words[2] == (post|notify|ping|bench) ]]; then
         compadd -- ${(f)"$(qvtp ls --names 2>/dev/null)"}
     elif (( CURRENT == 3 )) && [[ $words[2] == completion ]]; then
@@ -65,7 +65,7 @@ function __qvtp_options
     set -l words (commandline -opc)
     set -l sub
     test "$words[2]" = config; and set sub check
-    qvtp $words[2] $sub --help 2>/dev/null | string match -ra -- '--?[a-z][a-z-]*' | sort -u
+    qvtp $words[2] $sub --help 2>/dev/null | string match -rg -- '^ *(-[-A-Za-z,]*)' | string split ,
 end
 complete -c qvtp -f -n __fish_use_subcommand -a "@COMMANDS@"
 complete -c qvtp -f -n "__fish_seen_subcommand_from post notify ping bench; and test (count (commandline -opc)) = 2" -a "(qvtp ls --names 2>/dev/null)"

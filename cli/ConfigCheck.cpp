@@ -248,7 +248,7 @@ class Check {
         if (text.end()) find(*text.end(), false, "No entries from here on are shown: this markup is not understood.");
     }
 
-    /// The parser reads these files too, wherever a program runs, and gives up where it can not.
+    /// The parser reads these files too, wherever a program runs, and gives up where it cannot.
     void references(const ConfigText& text) {
         for (const ConfigReference& one : text.references()) {
             const std::string subject = one.isGrammar ? "The document type" : "This entity";

@@ -187,6 +187,7 @@ void ConfigText::readReference(const char* declaration) {
         name = text.substr(quote + 1, end - quote - 1);
         next = end + 1;
     }
+    if (takeWord() == "NDATA") return;  // no text: nobody reads it
     references_.push_back({std::string_view(declaration) == "<!DOCTYPE", std::string(name), placeOf(place)});
 }
 

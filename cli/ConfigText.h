@@ -44,7 +44,7 @@ class ConfigText {
     const std::vector<ConfigElement>& elements() const { return elements_; }
     /// Where markup begins that has no end or ends what is not open, or the end of a file with open elements.
     const std::optional<Place>& end() const { return end_; }
-    /// The end of a file that ends within a start tag, outside of a value. end() is the begin of that tag.
+    /// The end of a file that ends within a start tag, outside of a value. end() is the beginning of that tag.
     const std::optional<Place>& cut() const { return cut_; }
     /// Where the document type declares the first entity. Elements and values that only entities have are missing.
     const std::optional<Place>& entities() const { return entities_; }

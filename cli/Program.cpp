@@ -73,7 +73,12 @@ ProgramResult Programs::run(const std::string& commandLine, const Request& reque
     Running running(*this, commandLine, request);
     const auto fed = std::async(std::launch::async, [&] { running.command().feed(request.body()); });
     ProgramResult result;
-    result.output = running.command().readOutput();
+    try {
+        result.output = running.command().readOutput();
+    } catch (...) {
+        running.command().end(true);  // it may wait for its reader, and keep the other thread waiting
+        throw;
+    }
     fed.wait();
     result.exitCode = running.exitCode();
     return result;

@@ -24,7 +24,7 @@ class Programs {
     /// QVTP_PEER_PID and QVTP_HEADER_<NAME> are in its environment. What it prints is the result's output; standard
     /// error is this program's.
     ProgramResult run(const std::string& commandLine, const Request& request);
-    /// Asks those that run to end, with all that they have started, makes them after a while, and starts no more.
+    /// Asks those that run to end, with all that is still in their group, makes them after a while, and starts no more.
     /// Windows: only the last.
     void end();
 

@@ -22,17 +22,21 @@ namespace qvtp::cli {
 
 namespace {
 
-/// Ends the programs when a signal has come and the drain after it is over.
+/// Sees a signal from its construction on. When one has come and the drain after it is over, it ends the programs.
 class ProgramsEnd {
   public:
     /// `drain`: below 0 none.
-    ProgramsEnd(Programs& programs, Milliseconds drain) : watch_(signal_) {
-        done_ = std::async(std::launch::async, [this, &programs, drain] {
-            const bool isSignalled = signal_->wait(0) != 0;
-            signal_.reset();  // a second signal ends the server at once
+    ProgramsEnd(Programs& programs, const Server& server, Milliseconds drain) : watch_(signal_) {
+        done_ = std::async(std::launch::async, [this, &programs, &server, drain] {
+            if (signal_->wait(0) == 0) return;
+            // The server watches for itself when it runs, and sees this signal too. A second one then ends it at once.
+            std::future<void> isOver = isOver_.get_future();
+            while (!server.isRunning() && isOver.wait_for(Milliseconds(1)) != std::future_status::ready) {
+            }
+            signal_.reset();
             // Its connections break first: what a program comes to when it is ended is no answer.
-            const auto patience = std::max(drain, Milliseconds(0)) + Milliseconds(1000);
-            if (isSignalled && isOver_.get_future().wait_for(patience) != std::future_status::ready) programs.end();
+            const auto patience = std::max(drain, Milliseconds(0)) + Milliseconds(2000);
+            if (isOver.wait_for(patience) != std::future_status::ready) programs.end();
         });
     }
     ProgramsEnd(const ProgramsEnd&) = delete;
@@ -82,7 +86,6 @@ class Serve : public Command {
         server.onPost("*", [this](const Request& request) { return answer(request); });
         server.onNotify("*", [this](const Request& request) { take(request); });
         server.onError([this](const Request& request, const std::string& text) { show(request, "failed: " + text); });
-        say("Serving " + pipe_ + " at " + Quovane::Io::findPipeFacts(pipe_).path + ". Ctrl-C ends it.\n");
         const bool isWhole = serveUntilSignal(server);
         report(server.counters());
         if (!isWhole) say("Requests were cut off.\n");
@@ -92,8 +95,8 @@ class Serve : public Command {
   private:
     bool serveUntilSignal(Server& server) {
         const Milliseconds drain = drainSeconds_ > 0 ? millisecondsOf(drainSeconds_) : Milliseconds(-1);
-        std::optional<ProgramsEnd> end;
-        if (commandLine_) end.emplace(programs_, drain);
+        const ProgramsEnd end(programs_, server, drain);
+        say("Serving " + pipe_ + " at " + Quovane::Io::findPipeFacts(pipe_).path + ". Ctrl-C ends it.\n");
         return server.runUntilSignal(drain);
     }
 

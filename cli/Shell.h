@@ -20,14 +20,15 @@ class ShellCommand {
     /// What still runs is ended, where end() can do that.
     ~ShellCommand();
 
-    /// Writes its whole input. One that does not read it to the end is none the worse for it.
+    /// Writes its whole input. A command need not read it to its end.
     void feed(const std::string& input);
     /// Until all who write to it have closed it.
     std::string readOutput();
     /// Returns when the command has ended; end() may still be called.
     void waitForEnd();
     int exitCode();
-    /// Linux: asks the command and all that it has started to end, or makes them. Windows: does nothing.
+    /// Linux: asks the command to end, and all that it has started and that is still in its group, or makes them.
+    /// Windows: does nothing.
     void end(bool isForced);
 
   private:

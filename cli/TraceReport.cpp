@@ -209,7 +209,7 @@ std::string notesOf(const Trace& trace) {
     if (isAny([](const TracedMessage& message) { return message.isStreamed && message.bodyBytes; })) {
         notes +=
             "<p>Some bodies were streamed. The log does not have their lengths: a line of such a body that looks like "
-            "the begin of a message is shown as one.</p>\n";
+            "the beginning of a message is shown as one.</p>\n";
     }
     if (isAny([](const TracedMessage& message) { return message.isStreamed && !message.bodyBytes; })) {
         notes += "<p>Some bodies were streamed, and are not in the log: their sizes are not known.</p>\n";
@@ -223,7 +223,7 @@ void writeDetails(std::ostream& out, const TracedMessage& message) {
     if (!message.id.empty()) out << "correlation id " << escaped(message.id) << "\n";
     for (const auto& [name, value] : message.headers) out << escaped(name) << ": " << escaped(value) << "\n";
     if (!message.headersOrBody.empty()) {
-        out << "</pre><p>The log does not say whether these lines are headers, or the begin of the body:</p><pre>";
+        out << "</pre><p>The log does not say whether these lines are headers, or the beginning of the body:</p><pre>";
     }
     for (const std::string& line : message.headersOrBody) out << escaped(line) << "\n";
     out << "</pre></details>\n";

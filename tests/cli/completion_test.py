@@ -71,6 +71,8 @@ class Completion(CliTest):
         "qvtp post d": "demo",
         "qvtp ping ": "demo",
         "qvtp post demo --st": "--stream",
+        "qvtp post demo / -o": "-o",
+        "qvtp post demo / -H": "-H",
         "qvtp completion z": "zsh",
         "qvtp config ": "check",
         "qvtp config check --fu": "--function",

@@ -4,6 +4,7 @@ import os
 import re
 import signal
 import subprocess
+import time
 
 from cli_case import COMMAND, IS_WINDOWS, LIMIT, PROGRAM, SHELL, SIGNALS, CliTest, eventually, linux_only
 
@@ -68,6 +69,16 @@ class Serve(CliTest):
         client.communicate(timeout=LIMIT)
         self.assertEqual((code, client.returncode), (6, 6))
         self.assertIn("Requests were cut off.", err)
+
+    @SIGNALS
+    def test_takes_a_signal_from_its_first_line_on(self):
+        for arguments in ([], ["--exec", "cat"]):
+            for pause in range(25):
+                server = self.serve("demo", "--drain", "0.1", *arguments)
+                end = time.monotonic() + pause * 0.0001  # to meet every moment of its start
+                while time.monotonic() < end:
+                    pass
+                self.assertEqual(self.stop(server)[0], 0, (arguments, pause))
 
     @SIGNALS
     def test_ends_what_its_command_has_started_when_the_drain_is_over(self):

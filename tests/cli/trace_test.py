@@ -250,7 +250,7 @@ class Trace(CliTest):
                           ({"Content-Length": "9999"}, ["B: b", "cut-off: x"], 9999),
                           ({"Content-Length": "0", "C": "c"}, None, 0)])
         self.assertIn("POST /a QVTP/1.0, streamed, at least 5 bytes", picture)
-        self.assertEqual(page.count("The log does not say whether these lines are headers, or the begin of the body:"), 2)
+        self.assertEqual(page.count("The log does not say whether these lines are headers, or the beginning of the body:"), 2)
         self.assertIn("body-line: &lt;x&gt;\n", page)
         self.assertIn("The log does not have their lengths", page)
 

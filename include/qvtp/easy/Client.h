@@ -93,7 +93,7 @@ class Client {
         std::from_chars(length.data(), length.data() + length.size(), progress.total);
         const bool isRight = line.rfind("QVTP/", 0) == 0 && (progress.total >= 0 || length.empty());
         if (!isRight || reply.status() < 100 || reply.status() > 999)
-            call.fail(ErrorKind::malformed_reply, "It begins with \"" + line + "\".");
+            call.fail(ErrorKind::malformed_reply, "It begins with \"" + line + "\", its length is \"" + length + "\".");
         // Of what the library answers by itself before it closes the connection.
         call.isReusable = std::string("400 408 413 414 500").find(std::to_string(reply.status())) == line.npos;
         if (!options.onStream && !options.onPiece) return reply.setBody(detail::bodyOf(response)), true;

@@ -40,15 +40,15 @@ inline std::pair<std::string, std::string> textsOf(ErrorKind kind) {
     static const std::pair<const char*, const char*> TEXTS[] = {
         {"no_server", "There is no server: start it, as the same user and with the same QVTP_PIPE_DIR."},
         {"busy", "The server took no connection in time: give it more workers, or the client more time."},
-        {"denied", "Access is denied: the server takes only NOTIFY, or is another user's, or the system refuses."},
+        {"denied", "Access is denied: the server takes only NOTIFY, or the system refuses the pipe."},
         {"timed_out", "There was no answer in time, and the server may have acted: it is busy, or its handler hangs."},
-        {"not_sent", "Nothing was sent: try again. The server just starts or stops, or the system is at a limit."},
+        {"not_sent", "Nothing was sent: try again. The server is starting or stopping, or the system at a limit."},
         {"unknown_outcome", "The server may have acted, and has failed or stopped then: look at its log."},
         {"malformed_reply", "The reply does not follow the protocol: the server is faulty, or speaks another one."},
         {"cut_off", "The reply was cut off: the server has failed or stopped then. Look at its log."},
         {"closed", "The client was closed: make a new one."},
         {"misuse", "This is a mistake in the program."},
-        {"name_taken", "Another server has this name: stop it, or use another name."},
+        {"name_taken", "Another server has this name: stop it and wait for its end, or use another name."},
         {"bad_directory", "The pipe directory cannot be used: correct it, or set QVTP_PIPE_DIR to another."}};
     return TEXTS[static_cast<int>(kind)];
 }

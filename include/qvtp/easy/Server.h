@@ -7,9 +7,9 @@ namespace qvtp {
 /// Handlers run on threads of the server, several at once, one for each connection. What one throws costs its request
 /// alone: a POST is answered with 500, and its connection is closed.
 /// All functions may be called from any thread, in any order and repeatedly. None waits for ever but for a drain
-/// without limit: a handler that does not return holds a stop up for some fourteen seconds, then its thread is left
-/// alone. In a handler, stop() does not wait, start() and runUntilSignal() throw misuse, and the server must not be
-/// destroyed. In a forked child a server of the parent does nothing: make another. The destructor calls stop().
+/// without limit: a handler that does not return holds a stop up for 14 seconds, the next for 10, and their threads are
+/// left alone. In a handler, stop() does not wait, start() and runUntilSignal() throw misuse, and the server must not
+/// be destroyed. In a forked child a server of the parent does nothing: make another. The destructor calls stop().
 class Server {
   public:
     /// Takes the name: from now on clients connect, and wait. Throws Error: name_taken, bad_directory, misuse (no pipe
