@@ -22,33 +22,22 @@ namespace qvtp::cli {
 
 namespace {
 
-/// Sees a signal from its construction on. When one has come and the drain after it is over, it ends the programs.
+/// Ends the programs while the server stops, when its drain is over.
 class ProgramsEnd {
   public:
     /// `drain`: below 0 none.
-    ProgramsEnd(Programs& programs, const Server& server, Milliseconds drain) : watch_(signal_) {
-        done_ = std::async(std::launch::async, [this, &programs, &server, drain] {
-            if (signal_->wait(0) == 0) return;
-            // The server watches for itself when it runs, and sees this signal too. A second one then ends it at once.
-            std::future<void> isOver = isOver_.get_future();
-            while (!server.isRunning() && isOver.wait_for(Milliseconds(1)) != std::future_status::ready) {
-            }
-            signal_.reset();
-            // Its connections break first: what a program comes to when it is ended is no answer.
+    ProgramsEnd(Programs& programs, Milliseconds drain) {
+        done_ = std::async(std::launch::async, [this, &programs, drain] {
+            // The connections break first: what a program comes to when it is ended is no answer.
             const auto patience = std::max(drain, Milliseconds(0)) + Milliseconds(2000);
-            if (isOver.wait_for(patience) != std::future_status::ready) programs.end();
+            if (isOver_.get_future().wait_for(patience) != std::future_status::ready) programs.end();
         });
     }
     ProgramsEnd(const ProgramsEnd&) = delete;
     ProgramsEnd& operator=(const ProgramsEnd&) = delete;
-    ~ProgramsEnd() {
-        isOver_.set_value();
-        if (const auto signal = watch_.lock()) signal->wake();
-    }
+    ~ProgramsEnd() { isOver_.set_value(); }
 
   private:
-    std::shared_ptr<Quovane::Io::StopSignal> signal_ = std::make_shared<Quovane::Io::StopSignal>();
-    const std::weak_ptr<Quovane::Io::StopSignal> watch_;
     std::promise<void> isOver_;
     std::future<void> done_;  // goes first, and waits for its thread
 };
@@ -82,22 +71,27 @@ class Serve : public Command {
     int run() override {
         options_.limits.headMs = static_cast<int>(millisecondsOf(headSeconds_).count());
         options_.limits.requestMs = static_cast<int>(millisecondsOf(requestSeconds_).count());
+        auto signal = std::make_unique<Quovane::Io::StopSignal>();  // before it says that one ends it
         Server server(pipe_, options_);
         server.onPost("*", [this](const Request& request) { return answer(request); });
         server.onNotify("*", [this](const Request& request) { take(request); });
         server.onError([this](const Request& request, const std::string& text) { show(request, "failed: " + text); });
-        const bool isWhole = serveUntilSignal(server);
+        server.start();
+        say("Serving " + pipe_ + " at " + Quovane::Io::findPipeFacts(pipe_).path + ". Ctrl-C ends it.\n");
+        while (signal->wait(1000) == 0 && server.isRunning()) {
+        }
+        signal.reset();  // a second one ends the program at once
+        const bool isWhole = stop(server);
         report(server.counters());
         if (!isWhole) say("Requests were cut off.\n");
         return isWhole ? OK : BROKEN;
     }
 
   private:
-    bool serveUntilSignal(Server& server) {
+    bool stop(Server& server) {
         const Milliseconds drain = drainSeconds_ > 0 ? millisecondsOf(drainSeconds_) : Milliseconds(-1);
-        const ProgramsEnd end(programs_, server, drain);
-        say("Serving " + pipe_ + " at " + Quovane::Io::findPipeFacts(pipe_).path + ". Ctrl-C ends it.\n");
-        return server.runUntilSignal(drain);
+        const ProgramsEnd end(programs_, drain);
+        return server.stop(drain);
     }
 
     void addLimitsTo(CLI::App& app) {

@@ -88,17 +88,14 @@ class Serve(CliTest):
                                 % (trap, pids, pids, pids))
             client = subprocess.Popen([*COMMAND, "post", "demo", "/"], stderr=subprocess.PIPE, env=self.environment)
             self.assertTrue(eventually(lambda: os.path.exists(pids)))
+            started = [int(pid) for pid in self.content(pids).split()]
+            self.addCleanup(lambda left=started: [os.kill(pid, signal.SIGKILL) for pid in filter(self.runs, left)])
             code, _, err = self.stop(server)
             client.communicate(timeout=LIMIT)
             self.assertEqual((code, client.returncode), (6, 6))
             self.assertIn("Requests were cut off.", err)
-            started = [int(pid) for pid in self.content(pids).split()]
             os.remove(pids)
-            eventually(lambda: not any(map(self.runs, started)))
-            left = list(filter(self.runs, started))
-            for pid in left:
-                os.kill(pid, signal.SIGKILL)
-            self.assertEqual(left, [], trap)
+            self.assertTrue(eventually(lambda: not any(map(self.runs, started))), trap)
 
     @staticmethod
     def runs(pid):
