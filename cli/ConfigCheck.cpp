@@ -251,11 +251,11 @@ class Check {
     /// The parser reads these files too, wherever a program runs, and gives up where it cannot.
     void references(const ConfigText& text) {
         for (const ConfigReference& one : text.references()) {
-            const std::string subject = one.isGrammar ? "The document type" : "This entity";
-            const std::string when = one.isGrammar ? "" : " where it is used";
-            find(one.place, false,
-                 subject + " refers to \"" + one.name + "\", which programs read too" + when +
-                     ": what that declares is not shown here, and without it the whole file is refused.");
+            std::string line = one.isGrammar ? "The document type" : "This entity";
+            line.append(" refers to \"").append(one.name).append("\", which programs read too");
+            if (!one.isGrammar) line.append(" where it is used");
+            line.append(": what that declares is not shown here, and without it the whole file is refused.");
+            find(one.place, false, line);
         }
     }
 

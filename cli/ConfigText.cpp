@@ -148,9 +148,7 @@ void ConfigText::skipDeclaration() {
     for (bool isWithin = false;; ++position_) {
         const char c = at(position_);
         if (c == '\0') throw BadMarkup();
-        if (startsWith("<!ENTITY") && !entities_) entities_ = placeOf(position_);
-        if (startsWith("<!ENTITY")) readReference("<!ENTITY");
-        if (startsWith("<!DOCTYPE")) readReference("<!DOCTYPE");
+        noteReferences();
         if (skipAside()) {
             --position_;
         } else if (c == '"' || c == '\'') {
@@ -163,6 +161,12 @@ void ConfigText::skipDeclaration() {
         }
     }
     ++position_;
+}
+
+void ConfigText::noteReferences() {
+    if (startsWith("<!ENTITY") && !entities_) entities_ = placeOf(position_);
+    if (startsWith("<!ENTITY")) readReference("<!ENTITY");
+    if (startsWith("<!DOCTYPE")) readReference("<!DOCTYPE");
 }
 
 /// What this declaration refers to by SYSTEM or PUBLIC, if it does. It does not move on.

@@ -60,6 +60,7 @@ class ConfigText {
     ConfigAttribute readAttribute();
     std::string takeName();
     void skipDeclaration();
+    void noteReferences();
     void readReference(const char* declaration);
     bool skipAside();
     void skipAfter(const char* ending);

@@ -49,12 +49,13 @@ std::vector<std::string> environmentWith(const ShellCommand::Variables& variable
         const std::string line = *one;
         if (variables.count(line.substr(0, line.find('='))) == 0) all.push_back(line);
     }
-    for (const auto& [name, value] : variables) all.push_back(name + "=" + value);
+    for (const auto& [name, value] : variables) all.emplace_back(name).append("=").append(value);
     return all;
 }
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) pointers.push_back(text.data());
     pointers.push_back(nullptr);
     return pointers;

@@ -23,7 +23,7 @@ class Notes {
   public:
     Reply handle(const Request& request) {
         const std::string name = qvtp::percentDecode(request.rest());
-        const std::string text = request.body();
+        const std::string& text = request.body();
         const std::lock_guard<std::mutex> guard(mutex_);
         if (!text.empty()) return notes_[name] = text, Reply(200);
         const auto found = notes_.find(name);

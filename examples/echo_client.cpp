@@ -37,6 +37,7 @@ void postFromThreads(QvtpClient& client, const std::string& pipe, const std::str
                      int threads, int rounds) {
     std::atomic<int> answered{0};
     std::vector<std::thread> workers;
+    workers.reserve(static_cast<std::size_t>(threads));
     for (int i = 0; i < threads; ++i) {
         workers.emplace_back([&, i] {
             example::run([&] {
