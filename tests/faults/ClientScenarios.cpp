@@ -69,6 +69,9 @@ class Notify : public Exchange {
   public:
     void prepare() override {
         Exchange::prepare();
+        // One of the round before may still be on its way. It has another size.
+        size_ = size_ == MEDIUM ? MEDIUM + 1 : MEDIUM;
+        server_.handler.notifiedSize = size_;
         handledBefore_ = server_.handler.notified;
     }
     std::string afterwards() override {
@@ -85,9 +88,10 @@ class Notify : public Exchange {
     }
 
   protected:
-    std::string exchange() override { return notify(*client_, server_.name, MEDIUM); }
+    std::string exchange() override { return notify(*client_, server_.name, size_); }
     int accessMode() const override { return 0; }
     int handledBefore_ = 0;
+    std::size_t size_ = MEDIUM;
 };
 
 /// The pooled pipe is one that the server has closed: the request is sent again on a new one.

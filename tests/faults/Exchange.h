@@ -55,8 +55,9 @@ class EchoHandler : public QvtpHandler {
     void handlePost(QvtpServerRequest* request, QvtpServerResponse* response) override;
 
     std::atomic<int> notified{0};
-    std::atomic<int> wrong{0};    // bodies that were whole and wrong
-    std::atomic<int> waiting{0};  // in "/wait"
+    std::atomic<std::size_t> notifiedSize{0};  // only NOTIFYs of this size are counted; 0: all
+    std::atomic<int> wrong{0};                 // bodies that were whole and wrong
+    std::atomic<int> waiting{0};               // in "/wait"
     std::atomic<bool> released{false};
 
   private:

@@ -78,7 +78,7 @@ void EchoHandler::handleNotify(QvtpServerRequest* request) {
     request->getBody(&data, size);
     const std::unique_ptr<char[]> owner(data);
     if (!isPattern(data, size)) ++wrong;
-    ++notified;
+    if (notifiedSize == 0 || notifiedSize == size) ++notified;
 }
 
 void EchoHandler::handlePost(QvtpServerRequest* request, QvtpServerResponse* response) {
