@@ -190,6 +190,11 @@ class Config(CliTest):
     REFERS = ('warning: The document type refers to "%s", which programs read too: what that declares is not shown here, '
               "and without it the whole file is refused.")
 
+    def test_does_not_warn_of_a_file_that_is_no_text(self):
+        self.assertEqual(self.findings("<!DOCTYPE c [ <!ELEMENT c EMPTY> <!NOTATION gif SYSTEM 'gif'>",
+                                       "<!ENTITY p SYSTEM 'a.gif' NDATA gif> ]><c/>"),
+                         ["2:1: warning: The document declares entities: what they stand for is not shown here."])
+
     @linux_only("a path without a drive is no place to start from there")
     def test_warns_of_a_grammar_in_another_file(self):
         self.file("c.dtd", b'<!ELEMENT c (QvtpClient)*> <!ELEMENT QvtpClient EMPTY> <!ENTITY size "7">'

@@ -153,6 +153,13 @@ class Trace(CliTest):
                         self.record("INPUT", "POST / QVTP/1.0", "Content-Length: 3", body=b"one") * (size // 20))
         self.assertEqual(self.run_it("trace", log, "-o", self.root + "/out.svg").returncode, 0)
 
+    def test_takes_no_impossible_length_for_a_size(self):
+        for length in ("-5", "99999999999999999999", "five"):
+            log = self.file("log", self.record("INPUT", "POST / QVTP/1.0", "Content-Length: " + length))
+            result = self.run_it("trace", log)
+            self.assertEqual(result.returncode, 0)
+            self.assertNotRegex(result.stdout.decode(), "-5 bytes|[0-9]{10} bytes", length)
+
     def test_cuts_between_characters_and_replaces_what_is_none(self):
         log = self.record("INPUT", "POST /" + "\u20ac" * 20 + " QVTP/1.0", "X: A\x7fB\x1bC\u0085D\uffffEZ",
                           "Content-Length: 1", body=b"x").replace(b"Z", b"\xff\xc3") * 2
