@@ -84,6 +84,7 @@ ssize_t Receiving::receiveAhead(char* buffer, std::size_t length, int flags) {
 }
 
 LocalSocket::WaitResult Receiving::wait(const Deadline& deadline) {
+    const SpinWait::Wait counted;
     if (SpinWait::isWorthwhile() && spin()) return WaitResult::READY;
     if (wake_ == Wake::NEVER && block(deadline)) return WaitResult::READY;
     for (;;) {

@@ -19,11 +19,20 @@ constexpr int LOSS = 4;
 constexpr unsigned PROBE_EVERY = 64;
 constexpr int PROBE_GAIN = 8;
 
+// How the average of the crowd is kept: in parts of a thread. A wait changes it by so much of the difference.
+constexpr int ONE_THREAD = 16;
+constexpr int SHARE = 8;
+
 constexpr int UNKNOWN = -1;  // the first wait finds out
 
 /// Shared by all threads. Two that count at once may lose a point, which does not matter.
 std::atomic<int> score{UNKNOWN};
 std::atomic<unsigned> waits{0};
+std::atomic<int> processors{CPU_SETSIZE};  // as of the last look
+/// Of all threads. Wraps around.
+std::atomic<unsigned> endedWaits{0};
+/// How many other threads end a wait during one, on average, times ONE_THREAD.
+std::atomic<int> crowd{0};
 
 /// Read once, without a lock: a child that is forked meanwhile would find it taken for ever.
 bool isSwitchedOff() {
@@ -36,15 +45,24 @@ bool isSwitchedOff() {
     return known != 0;
 }
 
-/// The calling thread may run on two processors at least.
-bool hasSeveralProcessors() {
-    cpu_set_t processors;
+/// On how many the calling thread may run.
+int countProcessors() {
+    cpu_set_t allowed;
     // A set that is too small for the machine means that it has many.
-    return ::sched_getaffinity(0, sizeof processors, &processors) != 0 || CPU_COUNT(&processors) > 1;
+    return ::sched_getaffinity(0, sizeof allowed, &allowed) == 0 ? CPU_COUNT(&allowed) : CPU_SETSIZE;
 }
 
+/// Where only one processor is allowed, a thread that tries keeps its peer from answering.
 bool isPossible() {
-    return !isSwitchedOff() && hasSeveralProcessors();
+    const int count = countProcessors();
+    processors.store(count, std::memory_order_relaxed);
+    return !isSwitchedOff() && count > 1;
+}
+
+/// Each thread that exchanges messages has a peer, which needs a processor too.
+bool isCrowded() {
+    const int active = 1 + (crowd.load(std::memory_order_relaxed) + ONE_THREAD / 2) / ONE_THREAD;
+    return active > 1 && 2 * active > processors.load(std::memory_order_relaxed);
 }
 
 bool isTimeToLook() {
@@ -53,7 +71,19 @@ bool isTimeToLook() {
 
 }  // namespace
 
+Wait::Wait() : begun_(endedWaits.load(std::memory_order_relaxed)) {}
+
+Wait::~Wait() {
+    const unsigned others = endedWaits.fetch_add(1, std::memory_order_relaxed) - begun_;
+    // It may have lasted for hours: more threads than processors are a crowd, however many more.
+    const auto most = static_cast<unsigned>(processors.load(std::memory_order_relaxed));
+    const int before = crowd.load(std::memory_order_relaxed);
+    const int now = static_cast<int>(std::min(others, most)) * ONE_THREAD;
+    if (now != before) crowd.store(before + (now - before) / SHARE, std::memory_order_relaxed);
+}
+
 bool isWorthwhile() {
+    if (isCrowded()) return false;
     const int now = score.load(std::memory_order_relaxed);
     if (now > 0 && !isTimeToLook()) return true;
     if (now == UNKNOWN) {

@@ -36,10 +36,14 @@ class SpinWait : public ::testing::Test {
 class SpinWaitOfSeveral : public SpinWait {
   protected:
     void SetUp() override {
-        cpu_set_t processors;
-        const bool hasOne = ::sched_getaffinity(0, sizeof processors, &processors) == 0 && CPU_COUNT(&processors) == 1;
-        if (hasOne) GTEST_SKIP() << "one processor is allowed";
+        if (processors() == 1) GTEST_SKIP() << "one processor is allowed";
         unsetEnvironment("QVTP_SPIN");
+    }
+
+    /// How many are allowed.
+    static int processors() {
+        cpu_set_t allowed;
+        return ::sched_getaffinity(0, sizeof allowed, &allowed) == 0 ? CPU_COUNT(&allowed) : CPU_SETSIZE;
     }
 };
 
@@ -94,6 +98,27 @@ TEST_F(SpinWaitOfSeveral, IsSwitchedOffByZeroOnly) {
 
 TEST_F(SpinWaitOfSeveral, LooksNoMoreOnceOneProcessorIsAllowed) {
     EXPECT_EQ(answers("w----s" + repeated(300, "w")), "1" + repeated(300, "0"));
+}
+
+/// So many threads that wait in turn, and an answer after it.
+std::string crowdOf(int threads) {
+    return repeated(threads, "b") + repeated(50, "eb") + "w" + repeated(threads, "e");
+}
+
+TEST_F(SpinWaitOfSeveral, TriesWhileThreadsAndTheirPeersHaveAProcessorEach) {
+    EXPECT_EQ(answers("w" + crowdOf(processors() / 2)), "11");
+    EXPECT_EQ(answers("w" + crowdOf(processors() / 2 + 1)), "10");
+    EXPECT_EQ(answers("w" + crowdOf(1000)), "10");
+}
+
+TEST_F(SpinWaitOfSeveral, TriesAgainWhenTheOtherThreadsAreGone) {
+    EXPECT_EQ(answers("w" + crowdOf(1000) + repeated(50, "be") + "w"), "101");
+}
+
+TEST_F(SpinWaitOfSeveral, IsNotDisturbedByThreadsThatWaitForHours) {
+    EXPECT_EQ(answers("w" + repeated(1000, "b") + repeated(50, "bn") + "w"), "11");
+    // One of them ends.
+    EXPECT_EQ(answers("wb" + repeated(10000, "bn") + "ew"), "11");
 }
 
 TEST_F(SpinWait, NeverTriesOnOneProcessor) {

@@ -3,6 +3,9 @@
 //     w    asks whether the next wait should try: 1 or 0
 //     +    records a try that paid
 //     -    records one that did not
+//     b    begins a wait
+//     e    ends the one that has lasted longest
+//     n    ends the newest
 //     s    from now on one processor is allowed
 
 #include "platform/SpinWait_linux.h"
@@ -10,6 +13,7 @@
 #include <sched.h>
 
 #include <cstdio>
+#include <deque>
 
 namespace {
 
@@ -27,9 +31,13 @@ bool allowOneProcessor() {
 
 int main(int argc, char** argv) {
     if (argc < 2) return 2;
+    std::deque<SpinWait::Wait> waits;
     for (const char* step = argv[1]; *step != '\0'; ++step) {
         if (*step == 'w') std::putchar(SpinWait::isWorthwhile() ? '1' : '0');
         if (*step == '+' || *step == '-') SpinWait::record(*step == '+');
+        if (*step == 'b') waits.emplace_back();
+        if (*step == 'e') waits.pop_front();
+        if (*step == 'n') waits.pop_back();
         if (*step == 's' && !allowOneProcessor()) return 3;
     }
     std::putchar('\n');
