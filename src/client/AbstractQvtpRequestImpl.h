@@ -75,12 +75,12 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     std::istream* bodyStream_ = nullptr;  // not owned
     Quovane::Soa::Common::Xml::Utf8String encoder_;
     QvtpMessageOutImpl message_;
-    bool announcesBody_ = false;   // otherwise the server takes up the next request elsewhere than it begins
-    std::uint32_t processId_ = 0;  // in which pipe_ was taken
     std::shared_ptr<InputBuffer> responseBody_;  // shared with the response, which may be gone
-    bool responseTimed_ = false;                 // pipe_ has the client's time-out for the response
-    int pipeTimeoutMs_ = 0;                      // what pipe_ had before that
-    bool exchangeComplete_ = false;              // nothing failed: the pipe may be used again after the response
+    bool announcesBody_ = false;     // otherwise the server takes up the next request elsewhere than it begins
+    bool responseTimed_ = false;     // pipe_ has the client's time-out for the response
+    bool exchangeComplete_ = false;  // nothing failed: the pipe may be used again after the response
+    int pipeTimeoutMs_ = 0;          // what pipe_ had before that of the response
+    std::uint32_t processId_ = 0;    // in which pipe_ was taken
     const int exceptionsBefore_ = std::uncaught_exceptions();  // of which none makes the destructor keep quiet
 };
 

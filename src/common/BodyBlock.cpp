@@ -80,20 +80,42 @@ static_assert(std::is_trivially_destructible_v<SpareBlocks>);
 }  // namespace
 
 BodyBlock::BodyBlock(std::size_t size) : capacity_(size) {
+    if (size <= SMALL) {
+        data_ = small_.data();
+        return;
+    }
     if (size >= SMALLEST_KEPT) data_ = spareBlocks.take(size, capacity_);
     if (data_ == nullptr) data_ = new char[size];
 }
 
-BodyBlock::BodyBlock(BodyBlock&& other) noexcept
-    : data_(std::exchange(other.data_, nullptr)), capacity_(std::exchange(other.capacity_, 0)) {}
+BodyBlock::BodyBlock(BodyBlock&& other) noexcept {
+    takeFrom(other);
+}
 
 BodyBlock& BodyBlock::operator=(BodyBlock&& other) noexcept {
-    std::swap(data_, other.data_);
-    std::swap(capacity_, other.capacity_);
+    if (this == &other) return *this;
+    free();
+    takeFrom(other);
     return *this;
 }
 
 BodyBlock::~BodyBlock() {
+    free();
+}
+
+void BodyBlock::takeFrom(BodyBlock& other) noexcept {
+    if (other.data_ == other.small_.data()) {
+        small_ = other.small_;
+        other.data_ = nullptr;
+        data_ = small_.data();
+    } else {
+        data_ = std::exchange(other.data_, nullptr);
+    }
+    capacity_ = std::exchange(other.capacity_, 0);
+}
+
+void BodyBlock::free() noexcept {
+    if (data_ == small_.data()) return;
     const bool isLarge = capacity_ >= SMALLEST_KEPT;
     if (!isLarge || !spareBlocks.keep(data_, capacity_)) delete[] data_;
 }

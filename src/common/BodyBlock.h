@@ -1,11 +1,13 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 
 namespace Quovane::Internal::Qvtp {
 
-/// The memory of a body that is to be sent. Large blocks are kept for the next message, up to 4 MiB in the whole
-/// process: given back to the system and taken again, their pages would cost more than sending what is in them.
+/// The memory of a body that is to be sent. A small one is in the object itself. Large blocks are kept for the next
+/// message, up to 4 MiB in the whole process: given back to the system and taken again, their pages would cost more
+/// than sending what is in them.
 class BodyBlock {
   public:
     BodyBlock() = default;
@@ -19,8 +21,14 @@ class BodyBlock {
     bool isThere() const { return data_ != nullptr; }
 
   private:
+    static constexpr std::size_t SMALL = 72;
+
+    void takeFrom(BodyBlock& other) noexcept;
+    void free() noexcept;
+
     char* data_ = nullptr;
     std::size_t capacity_ = 0;
+    std::array<char, SMALL> small_;
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -53,8 +53,11 @@ std::string StringUtils::trim(std::string_view text) {
 
 bool StringUtils::scanInteger(std::string_view& text, int& value) {
     std::string_view rest = text;
-    skipWhiteSpace(rest);
-    const bool negative = takeSign(rest);
+    bool negative = false;
+    if (!rest.empty() && !isDigit(rest.front())) {
+        skipWhiteSpace(rest);
+        negative = takeSign(rest);
+    }
     if (rest.empty() || !isDigit(rest.front())) return false;
 
     // Magnitudes grow in 64 bits and stop growing past the limit of int, so nothing overflows.

@@ -34,6 +34,31 @@ void logLine(std::string_view line) {
     }
 }
 
+/// The lines of a block with the empty one after them, if they are among these bytes and none needs a closer look: all
+/// are ASCII, and each is a header. Otherwise nothing.
+std::string_view plainBlockOf(std::string_view bytes) {
+    std::size_t next = 0;
+    for (bool isLast = false; !isLast;) {
+        const std::size_t end = bytes.find('\n', next);
+        if (end == std::string_view::npos) return {};
+        isLast = end == next || (end == next + 1 && bytes[next] == '\r');
+        next = end + 1;
+        const bool isContinued = next < bytes.size() && BLANKS.find(bytes[next]) != std::string_view::npos;
+        if (isContinued && !isLast) return {};
+    }
+    const std::string_view block = bytes.substr(0, next);
+    return HeaderBlock::Utf8String::isAscii(block) ? block : std::string_view();
+}
+
+/// Removes the first line, which has an end, and gives it without that.
+std::string_view takeLine(std::string_view& bytes) {
+    const std::size_t end = bytes.find('\n');
+    std::string_view line = bytes.substr(0, end);
+    bytes.remove_prefix(end + 1);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    return line;
+}
+
 /// By their bytes without regard to case: less than 0, 0 or more, as memcmp.
 int compare(std::string_view left, std::string_view right) {
     const std::size_t shorter = std::min(left.size(), right.size());
@@ -54,13 +79,12 @@ HeaderBlock::HeaderBlock() {
 }
 
 /// Of the header with this key, or where it would be.
-HeaderBlock::Records::iterator HeaderBlock::placeOf(std::string_view key) {
-    return std::find_if(records_.begin(), records_.end(),
-                        [&](const HeaderRecord& record) { return compare(record.getKey(), key) >= 0; });
-}
-
-bool HeaderBlock::isAt(Records::iterator place, std::string_view key) const {
-    return place != records_.end() && compare(place->getKey(), key) == 0;
+HeaderBlock::Place HeaderBlock::placeOf(std::string_view key) {
+    for (auto record = records_.begin(); record != records_.end(); ++record) {
+        const int difference = compare(record->getKey(), key);
+        if (difference >= 0) return {record, difference == 0};
+    }
+    return {records_.end(), false};
 }
 
 const HeaderRecord* HeaderBlock::recordOf(std::string_view name) const {
@@ -121,29 +145,35 @@ std::vector<std::string> HeaderBlock::getHeaderNames() const {
 }
 
 void HeaderBlock::addHeader(std::string_view name, std::string_view value) {
-    const std::string_view key = trimmed(name);
-    const auto place = placeOf(key);
-    if (isAt(place, key)) {
-        place->addValues(value, memory_);
+    const Place place = placeOf(trimmed(name));
+    if (place.isTaken) {
+        place.record->addValues(value, memory_);
     } else {
-        records_.insert(place, HeaderRecord(name, value, memory_));
+        records_.insert(place.record, HeaderRecord(name, value, memory_));
+    }
+}
+
+void HeaderBlock::addPlainHeader(std::string_view name, std::string_view value) {
+    const Place place = placeOf(name);
+    if (place.isTaken) {
+        place.record->addValues(value, memory_);
+    } else {
+        records_.insert(place.record, HeaderRecord::ofPlain(name, value, memory_));
     }
 }
 
 void HeaderBlock::setHeader(std::string_view name, std::string_view value) {
-    const std::string_view key = trimmed(name);
-    const auto place = placeOf(key);
-    if (isAt(place, key)) {
-        *place = HeaderRecord(name, value, memory_);
+    const Place place = placeOf(trimmed(name));
+    if (place.isTaken) {
+        *place.record = HeaderRecord(name, value, memory_);
     } else {
-        records_.insert(place, HeaderRecord(name, value, memory_));
+        records_.insert(place.record, HeaderRecord(name, value, memory_));
     }
 }
 
 void HeaderBlock::removeHeader(std::string_view name) {
-    const std::string_view key = trimmed(name);
-    const auto place = placeOf(key);
-    if (isAt(place, key)) records_.erase(place);
+    const Place place = placeOf(trimmed(name));
+    if (place.isTaken) records_.erase(place.record);
 }
 
 void HeaderBlock::write(std::string& out, const Utf8String& converter) const {
@@ -151,6 +181,31 @@ void HeaderBlock::write(std::string& out, const Utf8String& converter) const {
 }
 
 void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
+    try {
+        const std::string_view block = plainBlockOf(StreamUtil::unread(in));
+        if (block.empty()) {
+            readLines(in, converter);
+        } else {
+            StreamUtil::skip(in, block.size());
+            readPlainBlock(block);
+        }
+    } catch (...) {
+        sortOutWhatThereIs();
+        throw;
+    }
+    sortOut();
+}
+
+/// The usual way: all lines are there, and none of them needs a closer look.
+void HeaderBlock::readPlainBlock(std::string_view block) {
+    std::string_view rest = HeaderRecord::keep(block, memory_);
+    for (std::string_view line = takeLine(rest); !line.empty(); line = takeLine(rest)) {
+        logLine(line);
+        records_.push_back(HeaderRecord::ofLine(line, memory_));
+    }
+}
+
+void HeaderBlock::readLines(std::istream& in, const Utf8String& converter) {
     std::size_t complete = records_.size();
     try {
         std::string room;
@@ -162,10 +217,8 @@ void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
         }
     } catch (...) {
         records_.resize(complete);
-        sortOutWhatThereIs();
         throw;
     }
-    sortOut();
 }
 
 /// After a failure, which matters more than one of its own.
@@ -182,7 +235,7 @@ void HeaderBlock::readHeader(std::istream& in, std::string_view line, const Utf8
     const std::size_t colon = std::min(line.find(':'), line.size());
     const std::string_view first = line.substr(std::min(colon + 1, line.size()));
     if (!isContinued(in) && Utf8String::isAscii(first)) {
-        records_.push_back(HeaderRecord::ofLine(line, colon, memory_));
+        records_.push_back(HeaderRecord::ofLine(HeaderRecord::keep(line, memory_), memory_));
         return;
     }
     const std::string name(line.substr(0, colon));  // the next line may come to where this one is

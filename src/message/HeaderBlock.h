@@ -27,6 +27,8 @@ class HeaderBlock {
     std::vector<std::string> getHeaderNames() const;
 
     void addHeader(std::string_view name, std::string_view value);
+    /// The same for a name and a single value that are plain, and without white space at their ends.
+    void addPlainHeader(std::string_view name, std::string_view value);
     void setHeader(std::string_view name, std::string_view value);
     void removeHeader(std::string_view name);
 
@@ -45,12 +47,18 @@ class HeaderBlock {
     HeaderBlock(const HeaderBlock&) = delete;
     HeaderBlock& operator=(const HeaderBlock&) = delete;
 
-    Records::iterator placeOf(std::string_view key);
-    bool isAt(Records::iterator place, std::string_view key) const;
+    struct Place {
+        Records::iterator record;
+        bool isTaken;
+    };
+
+    Place placeOf(std::string_view key);
     const HeaderRecord* recordOf(std::string_view name) const;
     void sortOut();
     void joinThoseOfOneName();
     void sortOutWhatThereIs() noexcept;
+    void readPlainBlock(std::string_view block);
+    void readLines(std::istream& in, const Utf8String& converter);
     void readHeader(std::istream& in, std::string_view line, const Utf8String& converter);
 
     // Messages have few headers: these need no memory of their own. More of them come from the heap, whatever resource

@@ -3,6 +3,7 @@
 #include "common/WireSyntax.h"
 #include "message/HeaderText.h"
 
+#include <algorithm>
 #include <new>
 
 namespace Quovane::Internal::Qvtp {
@@ -15,14 +16,6 @@ constexpr std::string_view AFTER_NAME = ": ";
 
 char* room(std::size_t size, HeaderRecord::Memory& memory) {
     return static_cast<char*>(memory.allocate(size, 1));
-}
-
-/// A copy.
-std::string_view keep(std::string_view text, HeaderRecord::Memory& memory) {
-    if (text.empty()) return {};
-    char* const copy = room(text.size(), memory);
-    text.copy(copy, text.size());
-    return {copy, text.size()};
 }
 
 /// The line of a header, with its end.
@@ -46,12 +39,27 @@ HeaderRecord::HeaderRecord(std::string_view name, std::string_view valueText, Me
     if (isWhole && Utf8String::isPlain(first_.text)) whole_ = line;
 }
 
-HeaderRecord HeaderRecord::ofLine(std::string_view line, std::size_t colon, Memory& memory) {
-    const std::string_view kept = keep(line, memory);
+HeaderRecord HeaderRecord::ofLine(std::string_view kept, Memory& memory) {
+    const std::size_t colon = std::min(kept.find(':'), kept.size());
     HeaderRecord record;
     record.setName(kept.substr(0, colon));
     if (colon < kept.size()) record.splitValues(kept.substr(colon + 1), memory);
     return record;
+}
+
+HeaderRecord HeaderRecord::ofPlain(std::string_view name, std::string_view value, Memory& memory) {
+    HeaderRecord record;
+    record.whole_ = keepLine(name, value, memory);
+    record.key_ = record.name_ = record.whole_.substr(0, name.size());
+    record.first_.text = record.whole_.substr(name.size() + AFTER_NAME.size(), value.size());
+    return record;
+}
+
+std::string_view HeaderRecord::keep(std::string_view text, Memory& memory) {
+    if (text.empty()) return {};
+    char* const copy = room(text.size(), memory);
+    text.copy(copy, text.size());
+    return {copy, text.size()};
 }
 
 void HeaderRecord::setName(std::string_view kept) {

@@ -19,8 +19,13 @@ class HeaderRecord {
     HeaderRecord() = default;
     /// Copies the texts.
     HeaderRecord(std::string_view name, std::string_view valueText, Memory& memory);
-    /// From a line of a head, without its end. The name ends at `colon`, the values begin after it.
-    static HeaderRecord ofLine(std::string_view line, std::size_t colon, Memory& memory);
+    /// From a line of a head, without its end, which lies in the memory already. The name ends at the first colon, the
+    /// values begin after it.
+    static HeaderRecord ofLine(std::string_view kept, Memory& memory);
+    /// With a single value. Both texts are plain, and without white space at their ends. Copies them.
+    static HeaderRecord ofPlain(std::string_view name, std::string_view value, Memory& memory);
+    /// Copies a text into the memory.
+    static std::string_view keep(std::string_view text, Memory& memory);
 
     /// What the name is compared by, without regard to case.
     std::string_view getKey() const { return key_; }

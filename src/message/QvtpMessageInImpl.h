@@ -20,7 +20,7 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
   public:
     using Utf8String = Quovane::Soa::Common::Xml::Utf8String;
 
-    /// Neither stream nor converter is owned. `label`: one of DirectionLabel.
+    /// Neither stream nor converter is owned. `label`: one of DirectionLabel, not a copy.
     QvtpMessageInImpl(std::istream* pipeStream, int bufferSize, const std::string& label, Utf8String* converter);
     ~QvtpMessageInImpl() override;
 
@@ -49,7 +49,7 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
     HeaderBlock headers_;
     std::istream* pipeStream_;  // not owned
     int bufferSize_;
-    std::string label_;
+    const std::string& label_;
     bool headAsked_ = false;
     std::string startLine_;                    // empty while there is no head
     std::optional<int> announcedLength_;       // of the body, if its headers have one

@@ -51,7 +51,7 @@ void QvtpMessageOutImpl::setBody(const char* data, size_t length) {
     std::copy_n(data, length, body.get());
     body.get()[length] = '\0';
     // Added, not set: a second call leaves both lengths in the header, and peers read the first.
-    addHeader(HEADER_CONTENT_LENGTH, std::to_string(length));
+    headers_.addPlainHeader(HEADER_CONTENT_LENGTH, std::to_string(length));
     body_ = std::move(body);
     bodyLength_ = length;
 }

@@ -29,7 +29,7 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     /// Room for most heads. A start line that has it becomes the head without being copied.
     static constexpr std::size_t USUAL_HEAD_LENGTH = 256;
 
-    /// Neither owner nor converter is owned. `label`: one of DirectionLabel.
+    /// Neither owner nor converter is owned. `label`: one of DirectionLabel, not a copy.
     QvtpMessageOutImpl(QvtpMessageOut* owner, const std::string& label, Utf8String* converter);
     ~QvtpMessageOutImpl() noexcept override;
 
@@ -69,7 +69,7 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     void writeRest(MessageSink& sink, const Head& head, std::size_t sent) const;
 
     QvtpMessageOut* owner_;  // not owned
-    std::string label_;
+    const std::string& label_;
     HeaderBlock headers_;
     bool committed_ = false;
     BodyBlock body_;

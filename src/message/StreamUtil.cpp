@@ -21,7 +21,6 @@ constexpr std::size_t INITIAL_CAPACITY = 40960;
 /// What a stream has in its buffer. The members that show it are protected, and the same for every kind of buffer.
 class Area : private std::streambuf {
   public:
-    /// Nothing of a stream that formatted or unformatted input would not read from as it is.
     static std::string_view unread(const std::istream& in) {
         const std::streambuf* const buffer = in.rdbuf();
         if (!in.good() || in.tie() != nullptr || buffer == nullptr) return {};
@@ -125,6 +124,14 @@ std::istream::int_type StreamUtil::peek(std::istream& in) {
     const std::string_view there = Area::unread(in);
     if (!there.empty()) return Traits::to_int_type(there.front());
     return in.bad() ? Traits::eof() : in.peek();
+}
+
+std::string_view StreamUtil::unread(const std::istream& in) {
+    return Area::unread(in);
+}
+
+void StreamUtil::skip(std::istream& in, std::size_t count) {
+    Area::skip(in, count);
 }
 
 void StreamUtil::readLength(std::istream& in, char** out, long length) {

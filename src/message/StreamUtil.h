@@ -20,6 +20,11 @@ class StreamUtil {
     static std::string_view readLine(std::istream& in, std::string& room);
     /// The next character, which stays there, or the end. It leaves the last line where it is.
     static std::istream::int_type peek(std::istream& in);
+    /// What the stream has in its buffer: nothing of one that formatted or unformatted input would not read from as it
+    /// is. Until the next reading from the stream.
+    static std::string_view unread(const std::istream& in);
+    /// Takes so much of that out of the stream, where it stays until then.
+    static void skip(std::istream& in, std::size_t count);
     /// Reads exactly `length` bytes into a new block, with a zero byte after them, which the caller frees with
     /// delete[]. 0 and less give an empty block. Throws QvPipeException if the stream ends first (logged at WARN) or if
     /// there is no memory for so much (logged at ERROR).

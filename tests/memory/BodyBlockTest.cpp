@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -19,6 +20,7 @@ namespace {
 using Quovane::Internal::Qvtp::BodyBlock;
 
 constexpr std::size_t KIB = 1024;
+constexpr std::size_t SMALL = 72;  // in the object itself
 constexpr std::size_t SMALLEST_KEPT = 128 * KIB;
 constexpr std::size_t MOST_KEPT = 4096 * KIB;
 
@@ -91,7 +93,7 @@ TEST_F(KeptBlock, KeepsItsWholeSizeThroughASmallerBody) {
 TEST_F(KeptBlock, IsLarge) {
     { const BodyBlock small(SMALLEST_KEPT - 1); }
     EXPECT_TRUE(isNew(SMALLEST_KEPT - 1));
-    EXPECT_EQ(keptOf(1, 1), 0);
+    EXPECT_EQ(keptOf(1, 1000), 0);
     EXPECT_EQ(keptOf(1, SMALLEST_KEPT), 1);
 }
 
@@ -123,6 +125,28 @@ TEST_F(KeptBlock, MovesWithItsOwner) {
     EXPECT_EQ(assigned.get(), memory);
     assigned = BodyBlock();
     EXPECT_EQ(BodyBlock(SMALLEST_KEPT).get(), memory);
+}
+
+TEST_F(KeptBlock, TakesNoMemoryForASmallBody) {
+    EXPECT_FALSE(isNew(0));
+    EXPECT_FALSE(isNew(SMALL));
+    EXPECT_TRUE(isNew(SMALL + 1));
+}
+
+TEST_F(KeptBlock, MovesWhatIsInASmallBody) {
+    BodyBlock block(SMALL);
+    std::memset(block.get(), 'x', SMALL);
+    BodyBlock moved(std::move(block));
+    EXPECT_FALSE(block.isThere());  // NOLINT(bugprone-use-after-move): the state of what was moved from
+    EXPECT_EQ(std::string(moved.get(), SMALL), std::string(SMALL, 'x'));
+    BodyBlock assigned(SMALLEST_KEPT);
+    const char* const large = assigned.get();
+    assigned = std::move(moved);
+    EXPECT_FALSE(moved.isThere());  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(std::string(assigned.get(), SMALL), std::string(SMALL, 'x'));
+    EXPECT_EQ(BodyBlock(SMALLEST_KEPT).get(), large);
+    assigned = BodyBlock(SMALLEST_KEPT);
+    EXPECT_EQ(assigned.get(), large);
 }
 
 TEST_F(KeptBlock, IsThereAlsoForNoByte) {

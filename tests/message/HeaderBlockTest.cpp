@@ -281,22 +281,31 @@ TEST_F(HeaderBlockReading, ReadsLinesOfAnyLength) {
     EXPECT_EQ(block_.getHeader("X"), value);
 }
 
-TEST_F(HeaderBlockReading, ReadsTheSameWhereverTheLinesAreCut) {
-    const std::string lines = "A-name: a,\r\n b\r\n\tc\r\nOther: \xE4\r\n\r\nrest";
-    read(lines);
-    const std::string expected = written();
+/// Reads the lines, cut at every place, and expects the same text and the same rest.
+void expectTheSameWhereverItIsCut(const std::string& lines, const std::string& expected) {
+    const Utf8String converter;
     for (std::size_t cut = 0; cut <= lines.size(); ++cut) {
         for (const std::size_t step : {std::size_t{1}, std::size_t{7}, ChoppedStreamBuf::NEVER}) {
             ChoppedStreamBuf chopped(lines, cut, step);
             std::istream in(&chopped);
             HeaderBlock block;
-            block.read(in, converter_);
+            block.read(in, converter);
             std::string text;
-            block.write(text, converter_);
+            block.write(text, converter);
             EXPECT_EQ(text, expected) << cut << " " << step;
             EXPECT_EQ(chopped.left(), "rest") << cut << " " << step;
         }
     }
+}
+
+TEST_F(HeaderBlockReading, ReadsTheSameWhereverTheLinesAreCut) {
+    expectTheSameWhereverItIsCut("A-name: a,\r\n b\r\n\tc\r\nOther: \xE4\r\n\r\nrest",
+                                 "A-name: a,b c\r\nOther: \xC3\xA4\r\n");
+    expectTheSameWhereverItIsCut("B: 2 , 3\nA: 1\r\nb:4\r\n\r\nrest", "A: 1\r\nB: 2,3,4\r\n");
+    expectTheSameWhereverItIsCut("\r\nrest", "");
+    expectTheSameWhereverItIsCut("\nrest", "");
+    expectTheSameWhereverItIsCut("\r\r\n\tC\nA\xE4: 1\n\nrest", ": C\r\nA\xE4: 1\r\n");
+    expectTheSameWhereverItIsCut(" A: 1\n\r\nrest", "A: 1\r\n");
 }
 
 TEST_F(HeaderBlockReading, ThrowsWhenTheStreamEndsBeforeTheEmptyLine) {
