@@ -27,7 +27,8 @@ class OpenHandles {
 
 /// What is different on each system. The routines of PipePlatform.h and ServerPipePlatform.h are written once over
 /// these functions. They return what the routine of that name returns, for an object that a running call has entered,
-/// and log what happens to the operation. They may throw std::bad_alloc; the routine reports it.
+/// and log what happens to the operation. connect, createInstance and accept may throw std::bad_alloc, and the routine
+/// reports it; the others report a lack of memory themselves where they take any.
 namespace BackEnd {
 
 /// How long an accept takes to fail for a reason that lasts, so that its caller's loop does not spin.

@@ -39,10 +39,6 @@ constexpr std::size_t WHOLE_SIZE = 32768;
 // To copy so much costs less than the system's call for two blocks.
 constexpr std::size_t JOINED_SIZE = 1024;
 
-bool wouldBlock(int error) {
-    return error == EAGAIN || error == EWOULDBLOCK;
-}
-
 // ---- Reading ----
 
 /// One read.
@@ -174,7 +170,7 @@ class Writing {
             const int error = errno;
             if (count > 0) return advance(static_cast<std::size_t>(count));
             if (count < 0 && error == EINTR) continue;
-            if (count < 0 && !wouldBlock(error)) return end(error);
+            if (count < 0 && error != EAGAIN) return end(error);
             const std::optional<int> result = complete(waitForRoom());
             if (result) return result;
         }

@@ -6,11 +6,13 @@
 #include "platform/PipeLog.h"
 #include "platform/PipeObject_win32.h"
 #include "platform/Steps.h"
+#include "platform/SystemError.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -322,17 +324,21 @@ int connect(const std::string& path, bool readable, bool writable, int timeoutMs
     return ConnectResult::CONNECTED;
 }
 
-int read(PipeObject& object, char* buffer, std::size_t length, int timeoutMs) {
+int read(PipeObject& object, char* buffer, std::size_t length, int timeoutMs) try {
     return Reading(object, buffer, length).run(timeoutMs);
+} catch (const std::bad_alloc&) {
+    return PipeFailure::refuseRead(SystemError::NOT_ENOUGH_MEMORY);
 }
 
-int write(PipeObject& object, const char* data, std::size_t length) {
+int write(PipeObject& object, const char* data, std::size_t length) try {
     return Writing(object, data, length).run();
+} catch (const std::bad_alloc&) {
+    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
 }
 
 /// A named pipe has no gathered write: small blocks are joined, large ones leave one after another.
 int writeBoth(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
-              std::size_t secondLength) {
+              std::size_t secondLength) try {
     if (firstLength + secondLength <= GATHERED_SIZE) {
         std::string joined(first, firstLength);
         joined.append(second, secondLength);
@@ -345,11 +351,13 @@ int writeBoth(PipeObject& object, const char* first, std::size_t firstLength, co
         done += size;
     }
     return result;
+} catch (const std::bad_alloc&) {
+    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
 }
 
 /// One call of the system for what fits into the pipe, from one block: a named pipe has no gathered write.
 int writeSome(PipeObject& object, const char* first, std::size_t firstLength, const char* second,
-              std::size_t secondLength, std::size_t& written) {
+              std::size_t secondLength, std::size_t& written) try {
     const std::size_t size = firstLength + secondLength <= GATHERED_SIZE ? GATHERED_SIZE : platformBlockSize();
     std::string joined(first, std::min(firstLength, size));
     joined.append(second, std::min(secondLength, size - joined.size()));
@@ -357,12 +365,16 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
     const int result = writing.runOnce();
     written = joined.size() - writing.left();
     return result;
+} catch (const std::bad_alloc&) {
+    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
 }
 
 /// Reading is a call of its own here, and every wait has the event.
-int takeInput(PipeObject& object, char*, std::size_t, int timeoutMs, bool, int&) {
+int takeInput(PipeObject& object, char*, std::size_t, int timeoutMs, bool, int&) try {
     const InputWake::Scope<PipeObject> scope(object);
     return scope.hasBegun() ? InputWait(object).run(timeoutMs) : InputResult::WOKEN;
+} catch (const std::bad_alloc&) {
+    return InputResult::INPUT;  // the read reports it
 }
 
 void wake(PipeObject& object) {
@@ -378,7 +390,8 @@ std::size_t available(PipeObject& object) {
 /// A named pipe has no half that could be closed: the caller looks at what is available and leaves.
 void endReading(PipeObject&) {}
 
-/// The end shows only when nothing is left before it.
+/// The end shows only when nothing is left before it. What cannot be dropped for want of memory is reported by the
+/// read.
 bool peerHasClosed(PipeObject& object) {
     DWORD count = 0;
     while (::PeekNamedPipe(object.pipe(), nullptr, 0, nullptr, &count, nullptr)) {

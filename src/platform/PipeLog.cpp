@@ -54,20 +54,8 @@ void writeFailed(Number error) {
     logError([&] { return text("WriteFile failed: ", error); });
 }
 
-void writeWasAborted() {
-    logInfo("WriteFile aborted.");
-}
-
 void writeFoundBrokenPipe() {
     logDebug("WriteFile broken pipe");
-}
-
-void writeTookNothing() {
-    logDebug("WriteFile succeeded but wrote no bytes.");
-}
-
-void pendingWriteTookNothing() {
-    logDebug("writePipe: woke up without completing I/O");
 }
 
 void createFailed(Number error) {

@@ -42,8 +42,10 @@ void writeTimedOut();
 void writeRefused(Number error);
 /// The write failed after it had begun to wait.
 void writeFailed(Number error);
-void writeWasAborted();
 void writeFoundBrokenPipe();
+
+// Of Windows alone, in PipeLog_win32.cpp: elsewhere no write ends like this.
+void writeWasAborted();
 void writeTookNothing();
 void pendingWriteTookNothing();
 

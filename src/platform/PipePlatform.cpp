@@ -31,53 +31,43 @@ int platformConnect(const std::string& path, bool readable, bool writable, int t
     return result;
 }
 
-int platformRead(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs) try {
+int platformRead(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs) {
     const PipeCall call(pipeHandle);
     if (!call) return PipeFailure::refuseRead(SystemError::INVALID_HANDLE);
     return BackEnd::read(call.object(), buffer, length > 0 ? static_cast<std::size_t>(length) : 0, timeoutMs);
-} catch (const std::bad_alloc&) {
-    return PipeFailure::refuseRead(SystemError::NOT_ENOUGH_MEMORY);
 }
 
-int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int length) try {
+int platformWrite(NativeHandle pipeHandle, NativeHandle, const char* data, int length) {
     if (length <= 0) return WriteResult::WRITTEN;
     const PipeCall call(pipeHandle);
     if (!call) return PipeFailure::refuseWrite(SystemError::INVALID_HANDLE);
     return BackEnd::write(call.object(), data, static_cast<std::size_t>(length));
-} catch (const std::bad_alloc&) {
-    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
 }
 
 int platformWriteSome(NativeHandle pipeHandle, NativeHandle, const char* first, std::size_t firstLength,
-                      const char* second, std::size_t secondLength, std::size_t& written) try {
+                      const char* second, std::size_t secondLength, std::size_t& written) {
     written = 0;
     if (firstLength + secondLength == 0) return WriteResult::WRITTEN;
     const PipeCall call(pipeHandle);
     if (!call) return PipeFailure::refuseWrite(SystemError::INVALID_HANDLE);
     return BackEnd::writeSome(call.object(), first, firstLength, second, secondLength, written);
-} catch (const std::bad_alloc&) {
-    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
 }
 
 int platformWriteBoth(NativeHandle pipeHandle, NativeHandle, const char* first, std::size_t firstLength,
-                      const char* second, std::size_t secondLength) try {
+                      const char* second, std::size_t secondLength) {
     const PipeCall call(pipeHandle);
     if (!call) return PipeFailure::refuseWrite(SystemError::INVALID_HANDLE);
     if (firstLength + secondLength == 0) return WriteResult::WRITTEN;
     return BackEnd::writeBoth(call.object(), first, firstLength, second, secondLength);
-} catch (const std::bad_alloc&) {
-    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
 }
 
 int platformTakeInput(NativeHandle pipeHandle, NativeHandle, char* buffer, int length, int timeoutMs, bool wakeable,
-                      int& taken) try {
+                      int& taken) {
     taken = 0;
     const PipeCall call(pipeHandle);
     if (!call) return InputResult::FAILED;
     const auto size = length > 0 ? static_cast<std::size_t>(length) : 0;
     return BackEnd::takeInput(call.object(), buffer, size, timeoutMs, wakeable, taken);
-} catch (const std::bad_alloc&) {
-    return InputResult::INPUT;  // the read reports it
 }
 
 void platformWake(NativeHandle pipeHandle) {
@@ -95,13 +85,9 @@ void platformEndReading(NativeHandle pipeHandle) {
     if (call) BackEnd::endReading(call.object());
 }
 
-bool platformPeerHasClosed(NativeHandle pipeHandle) try {
+bool platformPeerHasClosed(NativeHandle pipeHandle) {
     const PipeCall call(pipeHandle);
     return !call || BackEnd::peerHasClosed(call.object());
-} catch (const std::bad_alloc&) {
-    // What the peer left could not be dropped, and its end shows only after that.
-    PipeLog::readRefused(SystemError::NOT_ENOUGH_MEMORY);
-    return false;
 }
 
 PeerIds platformPeer(NativeHandle pipeHandle) {

@@ -27,7 +27,7 @@ constexpr std::size_t LARGEST_REFILL = 8192;
 }  // namespace
 
 bool Receiving::mustWait() const {
-    return count_ < 0 && (error_ == EAGAIN || error_ == EWOULDBLOCK);
+    return count_ < 0 && error_ == EAGAIN;
 }
 
 bool Receiving::isRefill() const {

@@ -90,7 +90,7 @@ class Accepting {
             if (fd >= 0) return enterConnection(Descriptor(fd));
             const int error = errno;
             object_.accepting = false;
-            const bool isEmpty = error == EAGAIN || error == EWOULDBLOCK;
+            const bool isEmpty = error == EAGAIN;
             if (isFormer && isEmpty && leave(queue)) return takeClient();
             if (isEmpty || object_.isClosed()) return SystemError::IO_PENDING;
             if (error != EINTR && error != ECONNABORTED) return SystemError::fromErrno(error);
