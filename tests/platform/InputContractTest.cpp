@@ -349,5 +349,25 @@ TEST_F(GatheredWriteContract, FailsOnAClosedHandle) {
     EXPECT_THAT(log.messages(), ElementsAre("ERROR WriteFile error: 6"));
 }
 
+TEST_F(InputContract, FindsNothingBeforeThereIsAClient) {
+    const std::string other = name + "-other";
+    End waiting, late;
+    ASSERT_EQ(createNamed(waiting, other), 0);
+    EXPECT_EQ(platform::platformAvailable(waiting.pipe), 0U);
+    platform::platformEndReading(waiting.pipe);
+    EXPECT_LE(platform::platformPeer(waiting.pipe).processId, 0);
+    ASSERT_EQ(connectNamed(late, other, 2000), 0);
+    ASSERT_EQ(accept(waiting), 0);
+    ASSERT_EQ(write(late, "there"), 0);
+    EXPECT_EQ(readText(waiting), "there");
+}
+
+TEST_F(GatheredWriteContract, WritesNothingOfTwoEmptyBlocksAndFailsOnAStaleHandle) {
+    EXPECT_EQ(platform::platformWriteBoth(client.pipe, client.event, "", 0, "", 0), WriteResult::WRITTEN);
+    const End stale = std::move(client);
+    platform::platformClose(stale.pipe, stale.event);
+    EXPECT_EQ(platform::platformWriteBoth(stale.pipe, stale.event, "a", 1, "b", 1), WriteResult::FAILED);
+}
+
 }  // namespace
 }  // namespace qvtp_test

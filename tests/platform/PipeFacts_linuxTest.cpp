@@ -118,5 +118,37 @@ TEST_F(PipeFactsOfFiles, ShowALongDirectoryThatOthersMayEnter) {
                                                 directory + ").");
 }
 
+TEST_F(PipeFactsOfFiles, ShowADirectoryThatIsMissingAtTheTop) {
+    use("/qvtp-there-is-no-such-directory");
+    const auto facts = findPipeFacts(name);
+    EXPECT_EQ(facts.state, State::NO_DIRECTORY);
+    EXPECT_EQ(facts.reason.rfind("There is no pipe directory " + directory, 0), 0U) << facts.reason;
+}
+
+TEST_F(PipeFactsOfFiles, ShowADirectoryWhosePathIsTooLong) {
+    use(root + "/" + std::string(5000, 'd'));
+    EXPECT_EQ(reason(State::BAD_DIRECTORY),
+              "The pipe directory " + directory +
+                  " cannot be looked at: File name too long. Let this user enter the directories above it, or name "
+                  "another one in QVTP_PIPE_DIR.");
+}
+
+TEST_F(PipeFactsOfFiles, ShowALockFileThatIsALink) {
+    const std::string lock = directory + "/linked.lock";
+    ASSERT_EQ(::symlink("/dev/null", lock.c_str()), 0);
+    name = "linked";
+    const std::string found = reason(State::BAD_DIRECTORY);
+    EXPECT_EQ(found.rfind("The lock file " + lock + " is no regular file that this user may open: ", 0), 0U) << found;
+}
+
+TEST_F(PipeFactsOfFiles, ShowANameAsFreeWhoseLockNobodyCanBeAskedAbout) {
+    End server;
+    ASSERT_EQ(create(server), 0);
+    EXPECT_EQ(findPipeFacts(name).state, State::SERVED);
+    const CallFailure failure(CallFailure::Call::FCNTL, EINVAL);
+    EXPECT_EQ(findPipeFacts(name).state, State::FREE);
+    EXPECT_TRUE(failure.hasHappened());
+}
+
 }  // namespace
 }  // namespace qvtp_test

@@ -1,6 +1,7 @@
 #include <qvtp/platform/StopSignal.h>
 
 #include "support/Child.h"
+#include "support/FailingCall_linux.h"
 
 #include <gtest/gtest.h>
 
@@ -8,9 +9,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <future>
 #include <memory>
 #include <optional>
+#include <string>
+#include <system_error>
 #include <thread>
 
 namespace qvtp_test {
@@ -216,6 +220,39 @@ TEST_F(StopSignals, CanBeUsedInAChildThatIsForkedWhileAnotherThreadUsesThem) {
         if (HasFailure()) break;
     }
     isDone = true;
+}
+
+TEST_F(StopSignals, AreNotWatchedWithoutAnEvent) {
+    for (int n = 0; n < 2; ++n) {
+        const CallFailure failure(CallFailure::Call::EVENTFD, EMFILE, 1, n);
+        std::string thrown;
+        try {
+            const StopSignal stop;
+        } catch (const std::system_error& e) {
+            thrown = e.what();
+        }
+        if (!failure.hasHappened()) break;  // the event of all objects is kept
+        EXPECT_EQ(thrown, "no event for signals: Too many open files");
+        EXPECT_EQ(actionOf(SIGINT).sa_handler, handle);
+    }
+    StopSignal stop;
+    ::raise(SIGTERM);
+    EXPECT_EQ(stop.wait(20000), SIGTERM);
+}
+
+TEST_F(StopSignals, EndTheWaitAlsoAfterAnInterruption) {
+    StopSignal stop;
+    ::raise(SIGINT);
+    const CallFailure failure(CallFailure::Call::POLL, EINTR, 3);
+    EXPECT_EQ(stop.wait(20000), SIGINT);
+    EXPECT_TRUE(failure.hasHappened());
+}
+
+TEST_F(StopSignals, EndNoWaitThatTheSystemRefuses) {
+    StopSignal stop;
+    const CallFailure failure(CallFailure::Call::POLL, ENOMEM);
+    EXPECT_EQ(stop.wait(20000), 0);
+    EXPECT_TRUE(failure.hasHappened());
 }
 
 }  // namespace

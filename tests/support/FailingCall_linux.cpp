@@ -8,13 +8,18 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <vector>
 
 namespace qvtp_test {
@@ -267,6 +272,80 @@ pid_t getpid() noexcept {
 int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
     static const auto real = hidden<int (*)(int, int, int, const void*, socklen_t)>("setsockopt");
     return isToFail(Call::SETSOCKOPT) ? -1 : real(fd, level, option, value, length);
+}
+
+int connect(int fd, const sockaddr* address, socklen_t length) {
+    static const auto real = hidden<int (*)(int, const sockaddr*, socklen_t)>("connect");
+    return isToFail(Call::CONNECT) ? -1 : real(fd, address, length);
+}
+
+int eventfd(unsigned count, int flags) noexcept {
+    static const auto real = hidden<int (*)(unsigned, int)>("eventfd");
+    return isToFail(Call::EVENTFD) ? -1 : real(count, flags);
+}
+
+int fstat(int fd, struct stat* status) noexcept {
+    static const auto real = hidden<int (*)(int, struct stat*)>("fstat");
+    return isToFail(Call::FSTAT) ? -1 : real(fd, status);
+}
+
+int fstat64(int fd, struct stat64* status) noexcept {
+    static const auto real = hidden<int (*)(int, struct stat64*)>("fstat64");
+    return isToFail(Call::FSTAT) ? -1 : real(fd, status);
+}
+
+int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept {
+    static const auto real = hidden<int (*)(int, const char*, struct stat*, int)>("fstatat");
+    return isToFail(Call::FSTAT) ? -1 : real(directory, path, status, flags);
+}
+
+int fstatat64(int directory, const char* path, struct stat64* status, int flags) noexcept {
+    static const auto real = hidden<int (*)(int, const char*, struct stat64*, int)>("fstatat64");
+    return isToFail(Call::FSTAT) ? -1 : real(directory, path, status, flags);
+}
+
+int getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
+    static const auto real = hidden<int (*)(int, int, int, void*, socklen_t*)>("getsockopt");
+    return isToFail(Call::GETSOCKOPT) ? -1 : real(fd, level, option, value, length);
+}
+
+int ioctl(int fd, unsigned long request, ...) noexcept {
+    static const auto real = hidden<int (*)(int, unsigned long, ...)>("ioctl");
+    va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return isToFail(Call::IOCTL) ? -1 : real(fd, request, argument);
+}
+
+int poll(pollfd* descriptors, nfds_t count, int timeout) {
+    static const auto real = hidden<int (*)(pollfd*, nfds_t, int)>("poll");
+    return isToFail(Call::POLL) ? -1 : real(descriptors, count, timeout);
+}
+
+int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* signals) {
+    static const auto real = hidden<int (*)(pollfd*, nfds_t, const timespec*, const sigset_t*)>("ppoll");
+    return isToFail(Call::POLL) ? -1 : real(descriptors, count, timeout, signals);
+}
+
+ssize_t recv(int fd, void* data, size_t size, int flags) {
+    static const auto real = hidden<ssize_t (*)(int, void*, size_t, int)>("recv");
+    return isToFail(Call::RECEIVE) ? -1 : real(fd, data, size, flags);
+}
+
+ssize_t recvmsg(int fd, msghdr* message, int flags) {
+    static const auto real = hidden<ssize_t (*)(int, msghdr*, int)>("recvmsg");
+    return isToFail(Call::RECEIVE) ? -1 : real(fd, message, flags);
+}
+
+int renameat(int fromDirectory, const char* from, int toDirectory, const char* to) noexcept {
+    static const auto real = hidden<int (*)(int, const char*, int, const char*)>("renameat");
+    return isToFail(Call::RENAME) ? -1 : real(fromDirectory, from, toDirectory, to);
+}
+
+int socket(int domain, int type, int protocol) noexcept {
+    static const auto real = hidden<int (*)(int, int, int)>("socket");
+    return isToFail(Call::SOCKET) ? -1 : real(domain, type, protocol);
 }
 
 }  // extern "C"

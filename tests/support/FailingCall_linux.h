@@ -12,7 +12,29 @@ namespace qvtp_test {
 /// library.
 class CallFailure {
   public:
-    enum class Call { ACCEPT, FCNTL, FTRUNCATE, GETPID, INOTIFY, LISTEN, OPEN, PREAD, PWRITE, SEND, SETSOCKOPT, WRITE };
+    enum class Call {
+        ACCEPT,
+        CONNECT,
+        EVENTFD,
+        FCNTL,
+        FSTAT,  // and fstatat
+        FTRUNCATE,
+        GETPID,
+        GETSOCKOPT,
+        INOTIFY,
+        IOCTL,
+        LISTEN,
+        OPEN,
+        POLL,
+        PREAD,
+        PWRITE,
+        RECEIVE,
+        RENAME,
+        SEND,
+        SETSOCKOPT,
+        SOCKET,
+        WRITE
+    };
 
     CallFailure(Call call, int error, int times = 1, int after = 0);
     ~CallFailure();
