@@ -379,5 +379,37 @@ TEST_F(PipePool, LendsNoPipeToTwoThreadsAtOnce) {
     acceptor.join();
 }
 
+TEST_F(PipePool, TellsNamesAndModesOfTheSameLengthApart) {
+    const std::string longer = name + "x";
+    RawServer second(longer);
+    RawServer third(name.substr(0, name.size() - 1) + "~x");
+    QvPipe* const writer = connect("w");
+    QvPipe* const first = manager.getPipe(longer, "w");
+    manager.returnPipe(writer);
+    manager.returnPipe(first);
+    QvPipe* const both = connect("rw");  // as long as the key of the longer name
+    EXPECT_NE(both, first);
+    QvPipe* const reader = connect("r");  // as long as that of the writer
+    EXPECT_NE(reader, writer);
+    QvPipe* const other = manager.getPipe(name.substr(0, name.size() - 1) + "~x", "w");
+    EXPECT_NE(other, first);
+    EXPECT_EQ(manager.getPipe(longer, "w"), first);
+    EXPECT_EQ(get("w"), writer);
+}
+
+TEST_F(PipePool, ForgetsNamesWithoutIdlePipesWhenThereAreMany) {
+    constexpr std::size_t NAMES = 20;
+    std::vector<std::unique_ptr<RawServer>> servers;
+    for (std::size_t i = 0; i < NAMES; ++i) servers.push_back(std::make_unique<RawServer>(name + std::to_string(i)));
+    for (int round = 0; round < 2; ++round) {
+        std::vector<QvPipe*> pipes;
+        for (std::size_t i = 0; i < NAMES; ++i) pipes.push_back(manager.getPipe(name + std::to_string(i), "rw"));
+        for (QvPipe* pipe : pipes) manager.returnPipe(pipe);
+        for (std::size_t i = 0; i < NAMES; ++i)
+            EXPECT_EQ(manager.getPipe(name + std::to_string(i), "rw"), pipes[i]) << i;
+        for (QvPipe* pipe : pipes) manager.returnPipe(pipe);
+    }
+}
+
 }  // namespace
 }  // namespace qvtp_test

@@ -95,4 +95,13 @@ TEST_F(WriterBuffer, LetsFailuresOfTheWriterReachAStreamThatThrows) {
     EXPECT_TRUE(stream_.bad());
 }
 
+TEST_F(WriterBuffer, TakesAnEndForNothingToWrite) {
+    struct Open : OStreamBuffer<char> {
+        using OStreamBuffer::OStreamBuffer;
+        using OStreamBuffer::overflow;
+    } buffer(&writer_);
+    EXPECT_NE(buffer.overflow(std::streambuf::traits_type::eof()), std::streambuf::traits_type::eof());
+    EXPECT_EQ(writer_.calls, Calls());
+}
+
 }  // namespace

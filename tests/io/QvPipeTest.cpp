@@ -373,5 +373,21 @@ TEST_F(ConnectedPipe, ClosesInItsDestructorWithOneLine) {
     EXPECT_THAT(log.messages(), ::testing::ElementsAre(::testing::StartsWith("DEBUG Close Handles: handle=0xffff")));
 }
 
+TEST(QvPipe, StaysAsItIsWhenItIsAssignedToItself) {
+    const std::string name = uniquePipeName();
+    ServerQvPipe server(name, true, true);
+    const ServerQvPipe& sameServer = server;
+    server = sameServer;
+    QvPipe pipe(name, true, true);
+    const QvPipe& same = pipe;
+    pipe = same;
+    QvPipe peer;
+    server.accept(peer);
+    pipe.writePipe("x", 0, 1);
+    char byte = 0;
+    EXPECT_EQ(peer.readPipe(&byte, 0, 1, 20000), 1);
+    EXPECT_EQ(byte, 'x');
+}
+
 }  // namespace
 }  // namespace qvtp_test

@@ -4,6 +4,7 @@
 #include <qvtp/io/QvPipeException.h>
 #include <qvtp/message/QvtpMessage.h>
 
+#include "logging/LogStep.h"
 #include "support/LogCapture.h"
 #include "support/PipeName.h"
 #include "support/Thrown.h"
@@ -14,6 +15,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
+#include <new>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -172,6 +175,12 @@ TEST(LogErrorAndThrow, GivesTheExceptionItsCode) {
 TEST(LogErrorAndThrow, ThrowsWithTheLogOff) {
     using Quovane::Io::QvPipeException;
     EXPECT_EQ(thrownBy([] { logErrorAndThrow<QvPipeException>("No."); }), "QvPipeException: No.");
+}
+
+TEST(LogStep, DropsWhatThereIsNoMemoryFor) {
+    EXPECT_TRUE(logStep([] {}));
+    EXPECT_FALSE(logStep([] { throw std::bad_alloc(); }));
+    EXPECT_FALSE(logStep([] { throw std::length_error("a text that is longer than any can be"); }));
 }
 
 }  // namespace

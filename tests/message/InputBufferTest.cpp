@@ -412,4 +412,20 @@ TEST(InputBufferArrival, IsThereWithASizeLineThatIsInvalid) {
     EXPECT_TRUE(body.input().hasArrived("1\r\na\r\n" + std::string(20, '0')));
 }
 
+TEST(InputBufferChunked, HasNoSizeLineOnAStreamThatHasFailed) {
+    LogCapture log;
+    Body body(CHUNKED, HELLO);
+    body.stream().setstate(std::ios_base::badbit);
+    EXPECT_EQ(body.read(10), "");
+    EXPECT_THAT(log.messages(), ElementsAre("ERROR InputBuffer::read(): invalid chunksize line"));
+}
+
+TEST(InputBufferLog, CountsFromTheEndWhereTheLevelWasOffAtTheBeginning) {
+    Body body(7, "abcdefg");
+    EXPECT_EQ(body.read(3), "abc");
+    LogCapture log;
+    EXPECT_EQ(body.read(10), "defg");
+    EXPECT_THAT(log.messages(), ElementsAre(HasForm("DEBUG Read 7 bytes from the QvPipe \\([0-9]+ Mbps\\)\\.")));
+}
+
 }  // namespace
