@@ -1,3 +1,5 @@
+#include "config/ParserModule.h"
+
 #include "config/ConfigProbe.h"
 #include "support/Process.h"
 
@@ -52,6 +54,12 @@ TEST(ParserModuleOfALinkedLibrary, IsFoundBesideTheLibraryThatTheLinkNames) {
         ElementsAre("INFO Found qvtp configuration file: " + file, "client 60000 2 40960 QvtpClient", DEFAULT_SERVER));
     unsetEnvironment("LD_LIBRARY_PATH");
     unsetEnvironment("QvtpConfigurationFile");
+}
+
+TEST(ParserModuleOfAMereName, IsNotSearchedFor) {
+    const auto module = Quovane::Internal::Qvtp::loadParser("libqvtp-config.so.1");
+    EXPECT_EQ(module.functions, nullptr);
+    EXPECT_EQ(module.failure, "the library's own path is not known");
 }
 
 }  // namespace

@@ -389,5 +389,19 @@ TEST(QvPipe, StaysAsItIsWhenItIsAssignedToItself) {
     EXPECT_EQ(byte, 'x');
 }
 
+TEST(QvPipe, WritesWithTheStreamOfThePipeThatIsAssigned) {
+    const std::string name = uniquePipeName();
+    ServerQvPipe server(name, true, true);
+    QvPipe first(name, true, true);
+    QvPipe firstPeer, secondPeer;
+    server.accept(firstPeer);
+    QvPipe second(name, true, true);
+    server.accept(secondPeer);
+    first.getOutputStream();
+    std::ostream* const out = second.getOutputStream();
+    first = second;
+    EXPECT_EQ(first.getOutputStream(), out);
+}
+
 }  // namespace
 }  // namespace qvtp_test

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <fstream>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 namespace qvtp_test {
@@ -217,7 +218,54 @@ TEST_F(MovedParent, IsALossOfTheSocketWhereNobodyCanSeeTheDirectory) {
     expectLoss(directory + "/served.sock");
 }
 
+TEST_F(FailedCalls, LeaveANameToTheNextAcceptWhereAFileIsLookedAt) {
+    for (int n = 0;; ++n) {
+        End server, client;
+        ASSERT_EQ(create(server), 0);
+        ASSERT_EQ(::unlink((directory + "/served.sock").c_str()), 0);
+        bool isLast = false;
+        {
+            const CallFailure failure(Call::FSTAT, EIO, 1, n);
+            EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT) << n;
+            isLast = !failure.hasHappened();
+        }
+        EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT) << n;
+        EXPECT_EQ(connect(client), 0) << n;
+        EXPECT_EQ(accept(server), 0) << n;
+        if (isLast) return;
+    }
+}
+
+TEST_F(FailedCalls, EndAnAcceptAlsoAfterItHasWaited) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    LogCapture log;
+    auto accepting = std::async(std::launch::async, [&] {
+        const CallFailure failure(Call::ACCEPT, EACCES, 1, 1);
+        return accept(server, 0);
+    });
+    ASSERT_TRUE(eventuallyAccepts(log));
+    ASSERT_EQ(connect(client), 0);
+    EXPECT_EQ(accepting.get(), AcceptResult::CONNECT_ERROR);
+    EXPECT_TRUE(log.contains("ERROR Connect error: 5"));
+    EXPECT_EQ(accept(server), 0);
+}
+
 // ---- Connecting ----
+
+TEST_F(FailedCalls, FailAConnect) {
+    End server;
+    ASSERT_EQ(create(server), 0);
+    const std::string line = "ERROR Could not open pipe. GLE=";
+    for (const auto& [call, error, text] :
+         {std::tuple(Call::SOCKET, EMFILE, line + "4"), std::tuple(Call::CONNECT, EPROTO, line + "31")}) {
+        End client;
+        LogCapture log(LogCapture::LoggingLevel::ERROR);
+        const CallFailure failure(call, error);
+        EXPECT_EQ(connect(client), ConnectResult::CANNOT_OPEN);
+        EXPECT_THAT(log.messages(), ElementsAre(text));
+    }
+}
 
 TEST_F(FailedCalls, DenyAClientWhoMayNotUseTheSocket) {
     End server, client;
@@ -310,9 +358,25 @@ TEST_F(FailedTransfer, IsNoneOfAWriteThatCannotSeeWhatItsReaderHasTaken) {
         const int result = write(client, block);
         return std::make_pair(result, failure.hasHappened());
     });
-    std::this_thread::sleep_for(20ms);  // until it waits for room
+    std::this_thread::sleep_for(150ms);  // a write that waits looks every 100 ms
     EXPECT_EQ(readAll(server, block.size()), block);
     EXPECT_EQ(writing.get(), std::make_pair(static_cast<int>(WriteResult::WRITTEN), true));
+}
+
+TEST_F(FailedTransfer, CountsNothingWhereTheSystemDoesNot) {
+    ASSERT_EQ(write(client, "there"), 0);
+    {
+        const CallFailure failure(Call::IOCTL, EINVAL);
+        EXPECT_EQ(platform::platformAvailable(server.pipe), 0U);
+        EXPECT_TRUE(failure.hasHappened());
+    }
+    EXPECT_EQ(platform::platformAvailable(server.pipe), 5U);
+}
+
+TEST_F(FailedTransfer, IsNoEndOfAnInstanceThatWaits) {
+    End waiting;
+    ASSERT_EQ(createNext(waiting), 0);
+    EXPECT_FALSE(platform::platformPeerHasClosed(waiting.pipe));
 }
 
 TEST_F(FailedTransfer, KnowsNobodyWhereTheSystemDoesNotSay) {

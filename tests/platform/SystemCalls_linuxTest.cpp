@@ -52,8 +52,8 @@ TEST_P(InterruptedCall, IsMadeAgain) {
 }
 
 INSTANTIATE_TEST_SUITE_P(OfFilesAndSockets, InterruptedCall,
-                         ::testing::Values(Call::ACCEPT, Call::FCNTL, Call::FTRUNCATE, Call::OPEN, Call::PREAD,
-                                           Call::PWRITE, Call::SEND));
+                         ::testing::Values(Call::ACCEPT, Call::CONNECT, Call::FCNTL, Call::FTRUNCATE, Call::OPEN,
+                                           Call::PREAD, Call::PWRITE, Call::RECEIVE, Call::SEND));
 
 TEST_F(SystemCalls, FailAConnectWhoseWaitCouldHaveNoLimit) {
     for (const Call call : {Call::SETSOCKOPT, Call::FCNTL}) {

@@ -3,6 +3,7 @@
 #include <qvtp/io/QvPipeException.h>
 #include <qvtp/io/TimeoutException.h>
 
+#include "message/InputBuffer.h"
 #include "support/PipeName.h"
 #include "support/RawServer.h"
 #include "support/Thrown.h"
@@ -189,6 +190,15 @@ TEST_F(Limited, EndsLateToo) {
     std::this_thread::sleep_for(3ms);
     EXPECT_EQ(readAll(), "ab");
     EXPECT_EQ(thrown, "nothing");
+}
+
+TEST_F(Limited, GivesABodyInBlocksAndThenTheEnd) {
+    over("abc", timed(0, 60000));
+    Quovane::Internal::Qvtp::InputBuffer body(3, &*input);
+    EXPECT_TRUE(input->endHead(body));
+    char block[] = "????";
+    EXPECT_EQ(input->rdbuf()->sgetn(block, 4), 3);
+    EXPECT_EQ(std::string(block), "abc?");
 }
 
 }  // namespace
