@@ -6,7 +6,6 @@
 #include "platform/PipeLog.h"
 #include "platform/PipeObject_win32.h"
 #include "platform/Steps.h"
-#include "platform/SystemError.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -327,13 +326,13 @@ int connect(const std::string& path, bool readable, bool writable, int timeoutMs
 int read(PipeObject& object, char* buffer, std::size_t length, int timeoutMs) try {
     return Reading(object, buffer, length).run(timeoutMs);
 } catch (const std::bad_alloc&) {
-    return PipeFailure::refuseRead(SystemError::NOT_ENOUGH_MEMORY);
+    return PipeFailure::refuseRead(ERROR_NOT_ENOUGH_MEMORY);
 }
 
 int write(PipeObject& object, const char* data, std::size_t length) try {
     return Writing(object, data, length).run();
 } catch (const std::bad_alloc&) {
-    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
+    return PipeFailure::refuseWrite(ERROR_NOT_ENOUGH_MEMORY);
 }
 
 /// A named pipe has no gathered write: small blocks are joined, large ones leave one after another.
@@ -352,7 +351,7 @@ int writeBoth(PipeObject& object, const char* first, std::size_t firstLength, co
     }
     return result;
 } catch (const std::bad_alloc&) {
-    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
+    return PipeFailure::refuseWrite(ERROR_NOT_ENOUGH_MEMORY);
 }
 
 /// One call of the system for what fits into the pipe, from one block: a named pipe has no gathered write.
@@ -366,7 +365,7 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
     written = joined.size() - writing.left();
     return result;
 } catch (const std::bad_alloc&) {
-    return PipeFailure::refuseWrite(SystemError::NOT_ENOUGH_MEMORY);
+    return PipeFailure::refuseWrite(ERROR_NOT_ENOUGH_MEMORY);
 }
 
 /// Reading is a call of its own here, and every wait has the event.
