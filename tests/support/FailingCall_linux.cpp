@@ -349,3 +349,55 @@ int socket(int domain, int type, int protocol) noexcept {
 }
 
 }  // extern "C"
+
+namespace {
+
+/// Each of them looks for the function that it hides at its first call, under a lock that a forked child must not
+/// inherit from another thread. So each is called before there are threads, with what it refuses.
+const struct FirstCalls {
+    FirstCalls() {
+        pollfd* const none = nullptr;
+        const timespec now{};
+        struct stat status {};
+        struct stat64 largeStatus {};
+        msghdr message{};
+        char byte = 0;
+        const long results[] = {::accept4(-1, nullptr, nullptr, 0),
+                                ::connect(-1, nullptr, 0),
+                                ::close(::eventfd(0, 0)),
+                                ::fcntl(-1, F_GETFD, nullptr),
+                                ::fcntl64(-1, F_GETFD, nullptr),
+                                ::fstat(-1, &status),
+                                ::fstat64(-1, &largeStatus),
+                                ::fstatat(-1, "", &status, 0),
+                                ::fstatat64(-1, "", &largeStatus, 0),
+                                ::ftruncate(-1, 0),
+                                ::ftruncate64(-1, 0),
+                                ::getpid(),
+                                ::getsockopt(-1, 0, 0, nullptr, nullptr),
+                                ::close(::inotify_init1(0)),
+                                ::ioctl(-1, 0, nullptr),
+                                ::listen(-1, 0),
+                                ::open("", O_RDONLY),
+                                ::open64("", O_RDONLY),
+                                ::openat(-1, "", O_RDONLY),
+                                ::openat64(-1, "", O_RDONLY),
+                                ::poll(none, 0, 0),
+                                ::ppoll(none, 0, &now, nullptr),
+                                ::pread(-1, &byte, 1, 0),
+                                ::pread64(-1, &byte, 1, 0),
+                                ::pwrite(-1, &byte, 1, 0),
+                                ::pwrite64(-1, &byte, 1, 0),
+                                ::recv(-1, &byte, 1, 0),
+                                ::recvmsg(-1, &message, 0),
+                                ::renameat(-1, "", -1, ""),
+                                ::send(-1, &byte, 1, 0),
+                                ::sendmsg(-1, &message, 0),
+                                ::setsockopt(-1, 0, 0, nullptr, 0),
+                                ::socket(-1, 0, 0),
+                                ::write(-1, &byte, 1)};
+        static_cast<void>(results);
+    }
+} firstCalls;
+
+}  // namespace
