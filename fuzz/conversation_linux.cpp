@@ -1,33 +1,38 @@
-// A client writes whatever it likes to a server, in pieces, and ends. The server answers in whole responses, and ends.
+// A client writes whatever it likes to a worker of a server, in pieces, and ends. The worker answers in whole
+// responses, and ends.
 
 #include <qvtp/client/QvtpClient.h>
 #include <qvtp/client/QvtpResponse.h>
-#include <qvtp/io/QvPipeException.h>
+#include <qvtp/io/QvPipe.h>
+#include <qvtp/io/ServerQvPipe.h>
 #include <qvtp/server/QvtpServer.h>
 #include <qvtp/server/QvtpServerRequest.h>
 #include <qvtp/server/QvtpServerResponse.h>
 
 #include "examples/BodyOf.h"
+#include "fuzz/Waits_linux.h"
+#include "server/RequestWorker.h"
+#include "server/ThreadUse.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
+#include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
+#include <utility>
 
 namespace {
 
 using namespace Quovane::Qvtp;
+using Quovane::Internal::Qvtp::RequestWorker;
+using Quovane::Internal::Qvtp::ThreadUse;
 
 constexpr std::size_t LARGEST_BODY = 1 << 20;  // a larger one is not read as a block
 const std::string NAME = "conversation-" + std::to_string(::getpid());
@@ -49,38 +54,103 @@ class Echo : public QvtpHandler {
     }
 };
 
-/// Serves for as long as the process lives.
-std::string startServer() {
-    ::setenv("QVTP_PIPE_DIR", "/tmp/qvtp-fuzz-pipes", 0);  // scripts/fuzz has one that it removes
-    const std::string directory = std::getenv("QVTP_PIPE_DIR");
-    static Echo handler;
-    static QvtpServer server(NAME, 1);
-    server.setHandler(&handler);
-    server.setUnhandledExceptionPolicy(QvtpServer::CLOSE);
-    std::thread([] { server.run(); }).detach();
-    while (!server.isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return directory + "/" + NAME + ".sock";
+void require(bool condition) {
+    if (!condition) std::abort();
 }
 
-/// A socket of the system, since it can end writing and still read.
-int connectTo(const std::string& path) {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) std::abort();
-    return fd;
-}
-
-std::string readToEnd(int fd) {
-    std::string all;
-    char piece[4096];
-    for (;;) {
-        const ssize_t count = ::recv(fd, piece, sizeof piece, 0);
-        if (count <= 0) return all;
-        all.append(piece, static_cast<std::size_t>(count));
+/// A client with a socket of the system, since it can end writing and still read. Whenever its server waits, it reads
+/// all that there is and writes its next piece. In the end it ends writing.
+class Writer : public Waits::Peer {
+  public:
+    /// `most`: the size of all pieces; 0 for one piece.
+    Writer(const std::string& path, const std::uint8_t* data, std::size_t size, std::size_t most)
+        : data_(data), size_(size), most_(most == 0 ? size : most) {
+        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+        require(::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0);
     }
-}
+    ~Writer() override { ::close(fd_); }
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
+
+    bool act() override {
+        const bool hasRead = read();
+        return write() || hasRead;
+    }
+
+    /// All that the server has sent.
+    const std::string& answer() {
+        read();
+        return answer_;
+    }
+
+  private:
+    bool read() {
+        const std::size_t before = answer_.size();
+        char piece[4096];
+        for (;;) {
+            const ssize_t count = ::recv(fd_, piece, sizeof piece, MSG_DONTWAIT);
+            if (count <= 0) return answer_.size() > before;
+            answer_.append(piece, static_cast<std::size_t>(count));
+        }
+    }
+
+    bool write() {
+        if (hasEnded_) return false;
+        const std::size_t length = std::min(most_, size_ - sent_);
+        const ssize_t count = length > 0 ? ::send(fd_, data_ + sent_, length, MSG_NOSIGNAL | MSG_DONTWAIT) : 0;
+        if (count > 0) {
+            sent_ += static_cast<std::size_t>(count);
+        } else if (length == 0 || errno == EPIPE) {  // all is out, or the server has hung up
+            ::shutdown(fd_, SHUT_WR);
+            hasEnded_ = true;
+        }
+        return count > 0 || hasEnded_;
+    }
+
+    int fd_ = -1;
+    const std::uint8_t* const data_;
+    const std::size_t size_;
+    const std::size_t most_;
+    std::size_t sent_ = 0;
+    bool hasEnded_ = false;
+    std::string answer_;
+};
+
+/// A server of one connection after another, all on the caller's thread: what it does with each is a worker's.
+class Server {
+  public:
+    Server() : directory_(directory()), server_(NAME, 1), pipe_(NAME + "-connections", true, true) {
+        server_.setHandler(&handler_);
+        server_.setUnhandledExceptionPolicy(QvtpServer::CLOSE);
+        pipe_.setAcceptTimeout(1000);
+    }
+
+    std::string path() const { return directory_ + "/" + NAME + "-connections.sock"; }
+
+    /// To the end of the connection.
+    void serveOne() {
+        auto connection = std::make_unique<Quovane::Io::QvPipe>();
+        pipe_.accept(*connection);
+        threads_->begin();
+        RequestWorker(std::move(connection), &server_, "Worker-1", threads_).run();
+    }
+
+  private:
+    static std::string directory() {
+        ::setenv("QVTP_PIPE_DIR", "/tmp/qvtp-fuzz-pipes", 0);  // scripts/fuzz has one that it removes
+        ::setenv("QVTP_SPIN", "0", 0);                         // nothing comes while the only thread tries
+        return std::getenv("QVTP_PIPE_DIR");
+    }
+
+    const std::string directory_;
+    Echo handler_;
+    QvtpServer server_;
+    Quovane::Io::ServerQvPipe pipe_;
+    const std::shared_ptr<ThreadUse> threads_ = std::make_shared<ThreadUse>(3);
+};
 
 /// Each response is whole and right.
 void checkResponses(const std::string& bytes) {
@@ -96,21 +166,12 @@ void checkResponses(const std::string& bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const std::string path = startServer();
+    static Server server;
     if (size == 0) return 0;
-    const std::size_t cut = data[0];  // the size of all pieces; 0 for one piece
-    ++data;
-    --size;
-    const int fd = connectTo(path);
-    const std::size_t most = cut == 0 ? std::max<std::size_t>(size, 1) : cut;
-    for (std::size_t sent = 0; sent < size;) {
-        const ssize_t count = ::send(fd, data + sent, std::min(most, size - sent), MSG_NOSIGNAL);
-        if (count <= 0) break;  // the server has hung up
-        sent += static_cast<std::size_t>(count);
-    }
-    ::shutdown(fd, SHUT_WR);
-    const std::string answer = readToEnd(fd);
-    ::close(fd);
-    checkResponses(answer);
+    Writer writer(server.path(), data + 1, size - 1, data[0]);
+    Waits::setPeer(&writer);
+    server.serveOne();
+    Waits::setPeer(nullptr);
+    checkResponses(writer.answer());
     return 0;
 }

@@ -10,6 +10,7 @@
 #include <qvtp/io/QvPipeException.h>
 
 #include "examples/BodyOf.h"
+#include "fuzz/Waits_linux.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,20 +18,21 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ios>
+#include <iterator>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
 
 using namespace Quovane::Qvtp;
 
-constexpr std::size_t MOST = 8;                // exchanges
+constexpr std::size_t MOST = 5;                // exchanges
 constexpr std::size_t LARGEST_BODY = 1 << 20;  // a larger one is not read as a block
 constexpr int TIMEOUT_MS = 5;
 constexpr char FIRST_MARK = 0x10;  // and the seven after it; they come through every conversion of texts as they are
@@ -75,68 +77,85 @@ bool isOf(std::size_t number, const std::string& text) {
     });
 }
 
-/// A server of sockets, without the protocol. It sends each answer in one piece: what it sent later would reach the
-/// client at any time.
-class Peer {
+/// A server of sockets, without the protocol. It sends each answer in one piece, when its client waits for something
+/// or has ended an exchange: what it sent later would reach the client at any time.
+class Peer : public Waits::Peer {
   public:
     Peer() {
         ::setenv("QVTP_PIPE_DIR", "/tmp/qvtp-fuzz-pipes", 0);  // scripts/fuzz has one that it removes
+        ::setenv("QVTP_SPIN", "0", 0);                         // nothing comes while the only thread tries
         const std::string directory = std::getenv("QVTP_PIPE_DIR");
         ::mkdir(directory.c_str(), S_IRWXU);
         const std::string path = directory + "/" + name + ".sock";
-        listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         require(path.size() < sizeof address.sun_path);
         std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
         require(::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0);
         require(::listen(listener_, 16) == 0);
-        std::thread([this] { serve(); }).detach();
     }
 
-    void set(const std::vector<Exchange>& exchanges) {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        exchanges_ = exchanges;
+    void begin(const std::vector<Exchange>& exchanges) { exchanges_ = &exchanges; }
+
+    /// The clients have gone.
+    void end() {
+        act();
+        require(connections_.empty());
+        exchanges_ = nullptr;
+    }
+
+    bool act() override {
+        bool hasActed = false;
+        for (int fd = acceptOne(); fd >= 0; fd = acceptOne()) {
+            connections_.push_back({fd, ""});
+            hasActed = true;
+        }
+        for (auto one = connections_.begin(); one != connections_.end();) {
+            const Step step = serve(*one);
+            hasActed = hasActed || step != Step::NOTHING;
+            if (step == Step::END) ::close(one->fd);
+            one = step == Step::END ? connections_.erase(one) : std::next(one);
+        }
+        return hasActed;
     }
 
     const std::string name = "exchanges-" + std::to_string(::getpid());
 
   private:
-    [[noreturn]] void serve() {
-        for (;;) {
-            const int fd = ::accept(listener_, nullptr, nullptr);
-            require(fd >= 0);
-            std::thread([this, fd] {  // the client may have a pooled one of each mode
-                while (answerRequest(fd)) {
-                }
-                ::close(fd);
-            })
-                .detach();
-        }
+    enum class Step { NOTHING, ANSWER, END };
+    struct Connection {
+        int fd;
+        std::string request;  // what has come of it
+    };
+
+    int acceptOne() const { return ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC); }
+
+    Step serve(Connection& one) const {
+        char piece[4096];
+        const ssize_t count = ::recv(one.fd, piece, sizeof piece, MSG_DONTWAIT);
+        if (count < 0 && errno == EAGAIN) return Step::NOTHING;
+        if (count <= 0) return Step::END;
+        one.request.append(piece, static_cast<std::size_t>(count));
+        return answer(one);
     }
 
     /// A request is "POST /3 QVTP/1.0", headers, and the body "B".
-    bool answerRequest(int fd) {
-        std::string request;
-        while (request.size() < 5 || request.compare(request.size() - 5, 5, "\r\n\r\nB") != 0) {
-            char piece[1000];
-            const ssize_t count = ::recv(fd, piece, sizeof piece, 0);
-            if (count <= 0) return false;
-            request.append(piece, static_cast<std::size_t>(count));
+    Step answer(Connection& one) const {
+        if (one.request.size() < 5 || one.request.compare(one.request.size() - 5, 5, "\r\n\r\nB") != 0) {
+            return Step::ANSWER;  // the rest is still to come
         }
-        const auto number = static_cast<std::size_t>(std::atoi(request.c_str() + request.find('/') + 1));
-        Exchange exchange;
-        {
-            const std::lock_guard<std::mutex> guard(mutex_);
-            if (number < exchanges_.size()) exchange = exchanges_[number];
-        }
-        ::send(fd, exchange.answer.data(), exchange.answer.size(), MSG_NOSIGNAL);
-        return !exchange.hangsUp();
+        const std::size_t number = std::strtoull(one.request.c_str() + one.request.find('/') + 1, nullptr, 10);
+        one.request.clear();
+        require(number < exchanges_->size());
+        const Exchange& exchange = (*exchanges_)[number];
+        ::send(one.fd, exchange.answer.data(), exchange.answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        return exchange.hangsUp() ? Step::END : Step::ANSWER;
     }
 
     int listener_ = -1;
-    std::mutex mutex_;
-    std::vector<Exchange> exchanges_;
+    std::vector<Connection> connections_;
+    const std::vector<Exchange>* exchanges_ = nullptr;  // not owned
 };
 
 void checkResponse(std::size_t number, const Exchange& exchange, QvtpResponse& response) {
@@ -172,18 +191,23 @@ void perform(QvtpClient& client, const std::string& name, std::size_t number, co
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static auto* const peer = new Peer;  // it serves to the end
+    static Peer peer;
     const std::vector<Exchange> exchanges = exchangesOf(data, size);
-    peer->set(exchanges);
-    QvtpClient client;
-    client.setResponseTimeout(TIMEOUT_MS);
-    for (std::size_t i = 0; i < exchanges.size(); ++i) {
-        try {
-            perform(client, peer->name, i, exchanges[i]);
-        } catch (Quovane::Io::QvPipeException&) {
-        } catch (const Quovane::Io::IllegalStateException&) {  // the peer hung up
-        } catch (const std::ios_base::failure&) {              // a stream after its exception
+    peer.begin(exchanges);
+    Waits::setPeer(&peer);
+    {
+        QvtpClient client;
+        client.setResponseTimeout(TIMEOUT_MS);
+        for (std::size_t i = 0; i < exchanges.size(); ++i) {
+            try {
+                perform(client, peer.name, i, exchanges[i]);
+            } catch (Quovane::Io::QvPipeException&) {
+            } catch (const Quovane::Io::IllegalStateException&) {  // the peer hung up
+            } catch (const std::ios_base::failure&) {              // a stream after its exception
+            }
+            peer.act();
         }
     }
+    peer.end();
     return 0;
 }
