@@ -32,8 +32,8 @@ namespace {
 
 using namespace Quovane::Qvtp;
 
-constexpr std::size_t MOST = 5;                // exchanges
-constexpr std::size_t LARGEST_BODY = 1 << 20;  // a larger one is not read as a block
+constexpr std::size_t MOST = 5;              // exchanges
+constexpr long long LARGEST_BODY = 1 << 20;  // a larger one is not read as a block
 constexpr int TIMEOUT_MS = 5;
 constexpr char FIRST_MARK = 0x10;  // and the seven after it; they come through every conversion of texts as they are
 
@@ -165,7 +165,7 @@ void checkResponse(std::size_t number, const Exchange& exchange, QvtpResponse& r
         for (const std::string& value : response.getHeaders(header)) require(isOf(number, value));
     }
     const std::string length = response.getHeader(QvtpMessage::HEADER_CONTENT_LENGTH);
-    if (exchange.reading() == 0 && std::strtoull(length.c_str(), nullptr, 10) < LARGEST_BODY) {
+    if (exchange.reading() == 0 && std::strtoll(length.c_str(), nullptr, 10) < LARGEST_BODY) {
         require(isOf(number, example::bodyOf(response)));
     } else if (exchange.reading() != 1) {  // a part
         char part[8] = {};
