@@ -139,6 +139,19 @@ TEST_F(PipePool, KeepsModesApart) {
     EXPECT_EQ(get("w"), writer);
 }
 
+TEST_F(PipePool, KeepsTheIdlePipesOfAsManyNamesAsThereAre) {
+    constexpr int NAMES = 20;
+    std::vector<std::unique_ptr<RawServer>> servers;
+    std::vector<QvPipe*> pipes;
+    const auto nameOf = [&](int i) { return name + "-" + std::to_string(i); };
+    for (int i = 0; i < NAMES; ++i) {
+        servers.push_back(std::make_unique<RawServer>(nameOf(i)));
+        pipes.push_back(manager.getPipe(nameOf(i), "rw"));
+    }
+    for (QvPipe* const pipe : pipes) manager.returnPipe(pipe);
+    for (int i = 0; i < NAMES; ++i) EXPECT_EQ(manager.getPipe(nameOf(i), "rw"), pipes[static_cast<std::size_t>(i)]);
+}
+
 TEST_F(PipePool, ClosesStalePipesWhenOneIsAskedFor) {
     DefaultConnectionManager quick(2000, 40);
     QvPipe* const first = quick.getPipe(name, "rw");

@@ -126,6 +126,15 @@ TEST_F(Requests, NeedABodyBeforeAnyPipeIsTaken) {
     EXPECT_THAT(log.messages(), ElementsAre(std::string("ERROR ") + NO_BODY, std::string("ERROR ") + NO_BODY));
 }
 
+TEST_F(Requests, NeedABodyBeforeItMattersThatTheyWereSent) {
+    std::istringstream body("x");
+    NotifyRequest request(&client, name, "/r");
+    request.setBodyStream(&body);
+    request.execute();
+    request.setBodyStream(nullptr);
+    EXPECT_EQ(thrownBy([&] { request.execute(); }), std::string("IllegalStateException: ") + NO_BODY);
+}
+
 TEST_F(Requests, TakeOneBodyOnly) {
     std::istringstream body("x");
     PostRequest post(&client, name, "/r");

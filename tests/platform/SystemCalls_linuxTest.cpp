@@ -1,5 +1,7 @@
+#include "platform/NameLock_linux.h"
 #include "platform/PipeAddress_linux.h"
 #include "platform/PipeContract.h"
+#include "platform/SystemError_linux.h"
 #include "support/FailingCall_linux.h"
 
 #include <fcntl.h>
@@ -181,6 +183,38 @@ TEST_F(EndAfterAMessage, IsOneDuringTheWaitForItsAnswer) {
 TEST_F(EndAfterAMessage, IsThereBeforeAServerReadsOn) {
     const End server = send(Sender::SERVER, "head", "body");
     EXPECT_EQ(read(server), ReadResult::FAILED);
+}
+
+TEST_F(SystemCalls, FailAServerThatTheSystemGivesNoLock) {
+    const auto outcome = [this](int error) {
+        const CallFailure failure(Call::FCNTL, error, 1000);
+        End server;
+        return create(server);
+    };
+    EXPECT_EQ(outcome(ENOLCK), platform::SystemError::GENERAL_FAILURE);
+    // These say that another one has it. It has it no more.
+    EXPECT_EQ(outcome(EAGAIN), platform::SystemError::ACCESS_DENIED);
+    EXPECT_EQ(outcome(EACCES), platform::SystemError::ACCESS_DENIED);
+    End server;
+    EXPECT_EQ(create(server), 0);
+}
+
+TEST_F(SystemCalls, HoldALockUntilItIsGivenBack) {
+    End server;
+    ASSERT_EQ(create(server), 0);  // makes the directory
+    platform::PipeAddress address;
+    ASSERT_EQ(address.resolve(path() + "-lock", platform::PipeAddress::Directory::MUST_EXIST), 0);
+    platform::NameLock lock, other;
+    ASSERT_EQ(lock.take(address, '3'), platform::NameLock::Result::HELD);
+    EXPECT_EQ(other.take(address, '3'), platform::NameLock::Result::HELD_BY_ANOTHER);
+    lock.giveBack();
+    EXPECT_FALSE(lock.isHeld());
+    ASSERT_EQ(other.take(address, '3'), platform::NameLock::Result::HELD);
+    lock.giveBack();  // once more: what the other one has is left alone
+    char direction = 0;
+    EXPECT_EQ(::pread(address.openLockFile(O_RDONLY).get(), &direction, 1, 0), 1);
+    EXPECT_EQ(direction, '3');
+    other.giveBack();
 }
 
 TEST_F(SystemCalls, FailAWriteForWhichTheSystemHasNoMemory) {
