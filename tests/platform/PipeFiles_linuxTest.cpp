@@ -77,6 +77,15 @@ TEST_F(PipeFiles, HashLongNames) {
     EXPECT_EQ(hashed->size(), 24U + 1 + 32 + 5);
 }
 
+TEST_F(PipeFiles, BeginALongNameWithItsFirst24Characters) {
+    End server;
+    ASSERT_EQ(createNamed(server, "abcdefghijklmnopqrstuvwxyz" + std::string(40, '-')), 0);
+    const std::vector<std::string> all = files();
+    EXPECT_TRUE(std::any_of(all.begin(), all.end(), [](const std::string& file) {
+        return file.compare(0, 25, "abcdefghijklmnopqrstuvwx~") == 0;
+    }));
+}
+
 TEST_F(PipeFiles, HashByAPublishedFunction) {
     // FNV-1a with 128 bits of 61 times "a", as any other implementation computes it.
     __extension__ using Wide = unsigned __int128;

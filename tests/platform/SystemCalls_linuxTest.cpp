@@ -185,6 +185,15 @@ TEST_F(EndAfterAMessage, IsThereBeforeAServerReadsOn) {
     EXPECT_EQ(read(server), ReadResult::FAILED);
 }
 
+TEST_F(SystemCalls, EndAReadInTimeWithoutALimitOfTheSocket) {
+    End server, client;
+    pair(server, client);
+    const CallFailure failure(Call::SETSOCKOPT, EINVAL, 1000);
+    std::string data;
+    EXPECT_EQ(read(client, data, 1, 550), ReadResult::TIMED_OUT);  // so long that it would like to have one
+    EXPECT_TRUE(failure.hasHappened());
+}
+
 TEST_F(SystemCalls, FailAServerThatTheSystemGivesNoLock) {
     const auto outcome = [this](int error) {
         const CallFailure failure(Call::FCNTL, error, 1000);
