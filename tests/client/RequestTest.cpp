@@ -101,6 +101,18 @@ TEST_F(Requests, CarryTheirHeadersAndOneUserAgent) {
               "POST /r QVTP/1.0\r\nAccept: x\r\nContent-Length: 0\r\nUser-Agent: Teller\r\nX-Ids: a,b,c\r\n\r\n");
 }
 
+TEST_F(Requests, CarryTheHeadersOfANotification) {
+    NotifyRequest request(&client, name, "/r");
+    request.addHeader("X-Ids", "a");
+    request.addHeader("X-Ids", "b");
+    request.addHeader("Gone", "1");
+    request.removeHeader("Gone");
+    request.setHeader("Accept", "x");
+    request.setBody("", 0);
+    EXPECT_EQ(notify(request, "\r\n\r\n"),
+              "NOTIFY /r QVTP/1.0\r\nAccept: x\r\nContent-Length: 0\r\nUser-Agent: QvtpClient\r\nX-Ids: a,b\r\n\r\n");
+}
+
 TEST_F(Requests, KeepBothLengthsOfTwoWholeBodies) {
     NotifyRequest request(&client, name, "/r");
     request.setBody("hello", 5);

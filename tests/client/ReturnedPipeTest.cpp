@@ -1,5 +1,7 @@
 #include "client/Requests.h"
+#include "support/LogCapture.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -79,6 +81,13 @@ TEST_F(ReturnedPipe, IsGivenUpWhenTheRestDoesNotComeInTime) {
 }
 
 /// A byte every 30 ms, each in time for a read of its own: what a request waits for them is limited all the same.
+TEST_F(ReturnedPipe, IsGivenUpWithoutALineWhenAChunkDoesNotComeInTime) {
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n");
+    EXPECT_THAT(log.messages(), ::testing::IsEmpty());
+    EXPECT_FALSE(isReused());
+}
+
 TEST_F(ReturnedPipe, IsGivenUpInTimeWhenTheRestDrips) {
     const std::string chunked = "QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
     for (const std::string& answer :

@@ -62,5 +62,21 @@ TEST(ParserModuleOfAMereName, IsNotSearchedFor) {
     EXPECT_EQ(module.failure, "the library's own path is not known");
 }
 
+TEST(ParserModuleOfALinkedLibrary, IsMissedBesideTheLinkWhenItIsNowhere) {
+    const std::filesystem::path real = makeTestDirectory();
+    const std::filesystem::path directory = makeTestDirectory();
+    std::filesystem::copy_file(QVTP_LIBRARY, real / QVTP_LIBRARY_NAME);
+    std::filesystem::create_symlink(real / QVTP_LIBRARY_NAME, directory / QVTP_LIBRARY_NAME);
+    const std::string file = (directory / "settings.xml").string();
+    writeFile(file, "<root/>");
+    setEnvironment("LD_LIBRARY_PATH", directory.string());
+    setEnvironment("QvtpConfigurationFile", file);
+    EXPECT_THAT(runProbe(QVTP_CONFIG_PROBE, {"F", "C"}, directory.string()),
+                ::testing::Contains("ERROR Cannot load the parser of the qvtp Configuration file: " +
+                                    (directory / QVTP_PARSER_PATH).string() + ": " QVTP_REASON_OF_A_MISSING_FILE));
+    unsetEnvironment("LD_LIBRARY_PATH");
+    unsetEnvironment("QvtpConfigurationFile");
+}
+
 }  // namespace
 }  // namespace qvtp_test

@@ -113,6 +113,14 @@ TEST_F(KeptBlock, IsOneOfSixteen) {
     EXPECT_EQ(keptOf(20, SMALLEST_KEPT), 16);
 }
 
+TEST_F(KeptBlock, IsFreedWhenThereIsNoRoomForIt) {
+    const long before = OutOfMemory::liveBlocks();
+    keptOf(20, SMALLEST_KEPT);
+    EXPECT_EQ(OutOfMemory::liveBlocks() - before, 16);
+    keptOf(1, MOST_KEPT);
+    EXPECT_EQ(OutOfMemory::liveBlocks() - before, 16);
+}
+
 TEST_F(KeptBlock, MovesWithItsOwner) {
     BodyBlock block(SMALLEST_KEPT);
     char* const memory = block.get();

@@ -1,6 +1,11 @@
 #include "platform/LocalSocket_linux.h"
 
+#include "support/Process.h"
+#include "support/Watchdog.h"
+
 #include <gtest/gtest.h>
+
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <string>
@@ -23,6 +28,19 @@ TEST(LocalSocket, RefusesAPathThatDoesNotFitIntoAnAddress) {
     EXPECT_FALSE(LocalSocket::connect(socket.get(), path));
     EXPECT_EQ(errno, ENAMETOOLONG);
     EXPECT_EQ(LocalSocket::connectBefore(socket.get(), path, Deadline::after(1)), LocalSocket::QueueResult::FAILED);
+}
+
+TEST(LocalSocket, WaitsNoMoreForAQueueWhenTheTimeIsOver) {
+    const std::string path = makeTestDirectory() + "/full.sock";
+    const Descriptor listener = LocalSocket::create();
+    const Descriptor first = LocalSocket::create();
+    const Descriptor second = LocalSocket::create();
+    ASSERT_TRUE(LocalSocket::bind(listener.get(), path));
+    ASSERT_EQ(::listen(listener.get(), 0), 0);
+    ASSERT_TRUE(LocalSocket::connect(first.get(), path));
+    const Deadline deadline = Deadline::after(1);
+    ASSERT_TRUE(eventually([&] { return deadline.isOver(); }));
+    EXPECT_EQ(LocalSocket::connectBefore(second.get(), path, deadline), LocalSocket::QueueResult::NOT_CONNECTED);
 }
 
 TEST(LocalSocket, KnowsNothingOfWhatIsUnreadWhereThereIsNone) {

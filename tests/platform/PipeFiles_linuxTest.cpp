@@ -145,6 +145,15 @@ TEST_F(UnsafeDirectory, IsRefusedWhenItBelongsToAnother) {
     expectRefusal("belongs to user 12345, and this process is of user 0. Use a directory of its own.");
 }
 
+TEST_F(UnsafeDirectory, IsRefusedToAClientBelowAFile) {
+    std::ofstream(directory) << "x";
+    for (const std::string& below : {directory + "/a", directory + "/" + std::string(100, 'a')}) {
+        use(below);
+        End client;
+        EXPECT_EQ(connect(client), ConnectResult::ACCESS_DENIED) << below;
+    }
+}
+
 TEST_F(PipeFiles, AreRefusedWithAReasonWhereTheDirectoryCannotBeMade) {
     use(root + "/missing/directory");
     End server, client;

@@ -67,6 +67,10 @@ TEST_F(SpinWaitOfSeveral, BearsOneThatDidNotPayAmongFourThatDid) {
     EXPECT_NE(answers(repeated(50, "w-w+w+w+")).find('0'), std::string::npos);
 }
 
+TEST_F(SpinWaitOfSeveral, GoesOnWithTheLeastScore) {
+    EXPECT_EQ(answers("w+----" + repeated(200, "w")), repeated(201, "1"));
+}
+
 TEST_F(SpinWaitOfSeveral, LetsOneWaitOf64LookWhetherTriesPayAgain) {
     const std::string stopped = "w----";
     EXPECT_EQ(answers(stopped + repeated(200, "w")), "1" + repeated(3, repeated(63, "0") + "1") + repeated(8, "0"));
@@ -119,6 +123,10 @@ TEST_F(SpinWaitOfSeveral, IsNotDisturbedByThreadsThatWaitForHours) {
     EXPECT_EQ(answers("w" + repeated(1000, "b") + repeated(50, "bn") + "w"), "11");
     // One of them ends.
     EXPECT_EQ(answers("wb" + repeated(10000, "bn") + "ew"), "11");
+}
+
+TEST_F(SpinWaitOfSeveral, StopsWithTheNextLookOnceOneProcessorIsAllowed) {
+    EXPECT_EQ(answers("ws" + repeated(300, "w")), "1" + repeated(63, "1") + repeated(237, "0"));
 }
 
 TEST_F(SpinWait, NeverTriesOnOneProcessor) {

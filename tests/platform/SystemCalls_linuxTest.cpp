@@ -131,6 +131,69 @@ TEST_F(SystemCalls, SetTheLengthOfTheQueueOnlyWhenItChanges) {
     EXPECT_EQ(connect(busy, 20), ConnectResult::TIMED_OUT);
 }
 
+TEST_F(SystemCalls, ShortenTheQueueWhenAnInstanceEnds) {
+    End server, second, client, busy;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(createNext(second), 0);
+    second.close();
+    EXPECT_EQ(connect(client), 0);
+    EXPECT_EQ(connect(busy, 20), ConnectResult::TIMED_OUT);
+}
+
+TEST_F(SystemCalls, MayGiveAClientTheDescriptorZero) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    const int input = ::dup(0);
+    ::close(0);
+    EXPECT_EQ(accept(server), 0);
+    EXPECT_NE(::fcntl(0, F_GETFD), -1);  // it has it
+    EXPECT_EQ(write(client, "there"), 0);
+    EXPECT_EQ(readText(server), "there");
+    server.close();
+    EXPECT_EQ(::fcntl(0, F_GETFD), -1);
+    if (input >= 0) ::dup2(input, 0);
+    ::close(input);
+}
+
+TEST_F(SystemCalls, PauseAnAcceptWhateverTheStandardInputIs) {
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    ::close(ends[1]);
+    const int input = ::dup(0);
+    ::dup2(ends[0], 0);  // at its end, which every poll reports
+    ::close(ends[0]);
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    {
+        const CallFailure failure(Call::ACCEPT, EACCES);
+        EXPECT_GE(elapsed([&] { EXPECT_EQ(accept(server, 0), AcceptResult::CONNECT_ERROR); }), 95ms);
+    }
+    ::close(0);
+    if (input >= 0) ::dup2(input, 0);
+    ::close(input);
+}
+
+TEST_F(SystemCalls, LetAMessageOf32KiBLeaveAsAWhole) {
+    for (const std::size_t size : {std::size_t{32768}, std::size_t{32769}}) {
+        const std::string data(size, 'x');
+        name = uniquePipeName();
+        End server, client;
+        pair(server, client);
+        std::size_t written = 0;
+        ASSERT_EQ(platform::platformWriteSome(client.pipe, client.event, data.data(), size, nullptr, 0, written), 0);
+        EXPECT_EQ(written == size, size == 32768) << written;
+    }
+}
+
+TEST_F(SystemCalls, FindNothingOnAHandleThatDoesNotRead) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client, 2000, false, true), 0);
+    EXPECT_EQ(platform::platformAvailable(client.pipe), 0U);
+}
+
 TEST_F(SystemCalls, SignalNoEventForWhichNobodyWaits) {
     End server, client;
     pair(server, client);

@@ -296,6 +296,19 @@ TEST_F(Limits, EndAHeadThatDrips) {
     expectOnly("The head takes longer than 150 ms.");
 }
 
+TEST_F(Limits, AnswerAHeadThatStopsLongBeforeTheIdleTimeout) {
+    limits.headMs = 50;
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 14000);
+    startWith(limits);
+    EXPECT_LT(elapsed([&] { EXPECT_EQ(refusal("POST /s"), answer("408 Request Timeout")); }), 10s);
+}
+
+TEST_F(Limits, MayBeOfOneByte) {
+    limits.bodyBytes = 1;
+    startWith(limits);
+    EXPECT_THAT(refusal(POST_HELLO), ::testing::StartsWith("QVTP/1.0 413 "));
+}
+
 TEST_F(Limits, AnswerAHeadThatStops) {
     limits.headMs = 100;
     startWith(limits);

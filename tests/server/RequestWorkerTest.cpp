@@ -345,6 +345,16 @@ TEST_F(UnreadBody, EndsTheConnectionAfterTheResponseBeyondThat) {
     EXPECT_THAT(log.messages(), ::testing::IsEmpty());
 }
 
+TEST_F(UnreadBody, LetsNoFurtherRequestComeAfterTooMuch) {
+    RawClient client(server.name);
+    try {
+        client.write(post(std::string(256 * 1024 + 1, 'x')) + post("x"));
+    } catch (Quovane::Io::BrokenPipeException&) {
+        // As above.
+    }
+    EXPECT_EQ(client.readToEnd(), HELLO_BACK);
+}
+
 TEST_F(UnreadBody, EndsTheConnectionWhenItIsMalformed) {
     RawClient client(server.name);
     client.write("POST /s QVTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabcXX");

@@ -1,5 +1,7 @@
 #include "server/Worker.h"
 
+#include <Poco/Thread.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -46,6 +48,16 @@ TEST_F(WorkerThreads, GrowWithoutLimitWhenNoneIsSet) {
     occupy(12);
     EXPECT_EQ(server.server.totalRequestProcessors(), 12);
     EXPECT_EQ(server.server.idleRequestProcessors(), 1);  // 5, and 2 more each time all were busy
+}
+
+TEST_F(WorkerThreads, AreNamedAfterTheirWorkers) {
+    std::promise<std::string> name;
+    server.handler.onNotify = [&](QvtpServerRequest&) { name.set_value(Poco::Thread::current()->getName()); };
+    server.start();
+    RawClient client(server.name);
+    client.write("NOTIFY /n QVTP/1.0\r\nContent-Length: 0\r\n\r\n");
+    EXPECT_THAT(name.get_future().get(), ::testing::StartsWith(full() + " ("));
+    server.stop();
 }
 
 TEST_F(WorkerThreads, AreAtLeastThree) {
