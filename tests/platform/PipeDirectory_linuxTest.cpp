@@ -78,6 +78,28 @@ TEST_F(ReplacedDirectory, EndsTheWaitOfAClientForAServerInTheOtherOne) {
     ::close(lock);
 }
 
+TEST_F(ReplacedDirectory, IsNotEnteredByAClientThatWaitsForAServerInTheOtherOne) {
+    const int lock = ::open((directory + "/a.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    struct flock request {};
+    request.l_type = F_WRLCK;
+    ASSERT_EQ(::fcntl(lock, F_OFD_SETLK, &request), 0);  // a server that does not listen yet
+    const std::string fresh = root + "/fresh";
+    ASSERT_EQ(::mkdir(fresh.c_str(), 0755), 0);
+    const std::string former = std::exchange(directory, fresh);
+    const int other = listenAs("a.sock");
+    directory = former;
+    LogCapture log;
+    auto waiting = std::async(std::launch::async, [&] {
+        End client;
+        return connectNamed(client, "a", 20000);
+    });
+    ASSERT_TRUE(eventually([&] { return log.contains("DEBUG Waiting for named pipe."); }));
+    ASSERT_EQ(::renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, directory.c_str(), RENAME_EXCHANGE), 0);
+    EXPECT_EQ(waiting.get(), ConnectResult::TIMED_OUT);
+    ::close(lock);
+    ::close(other);
+}
+
 TEST_F(PipeFiles, AreLookedUpAgainForAServerThatWasRestarted) {
     for (const auto& [readable, writable] : {std::pair(true, true), std::pair(true, false), std::pair(false, true)}) {
         End server, client;

@@ -66,6 +66,12 @@ TEST_F(PipeFiles, EncodeNamesByByte) {
     EXPECT_TRUE(exists("%2eab_c-9.x%20%5c%c3.sock"));
 }
 
+TEST_F(PipeFiles, HaveNamesOfLettersAndDigitsAsTheyAre) {
+    End server;
+    ASSERT_EQ(createNamed(server, "az09"), 0);
+    EXPECT_TRUE(exists("az09.sock"));
+}
+
 TEST_F(PipeFiles, HashLongNames) {
     End server, other;
     ASSERT_EQ(createNamed(server, std::string(60, 'x')), 0);

@@ -5,11 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <future>
 #include <memory>
 #include <optional>
@@ -71,6 +73,32 @@ TEST_F(StopSignals, OfThePastAreForgottenWithTheLastObject) {
     }
     StopSignal stop;
     EXPECT_EQ(stop.wait(1), 0);
+}
+
+TEST_F(StopSignals, AreWaitedForWhateverOtherSignalsCome) {
+    struct sigaction action {};
+    action.sa_handler = handle;
+    struct sigaction before {};
+    ::sigaction(SIGUSR1, &action, &before);
+    {
+        StopSignal stop;
+        const pthread_t waiter = ::pthread_self();
+        const auto begin = std::chrono::steady_clock::now();
+        std::atomic<bool> isOver{false};
+        std::thread sender([&] {
+            // Most of them come while it waits.
+            while (!isOver) {
+                ::pthread_kill(waiter, SIGUSR1);
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+        });
+        EXPECT_EQ(stop.wait(60), 0);
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(59));
+        isOver = true;
+        sender.join();
+    }
+    EXPECT_GT(handled, 0);
+    ::sigaction(SIGUSR1, &before, nullptr);
 }
 
 TEST_F(StopSignals, AreHandledAsBeforeAfterTheLastObject) {

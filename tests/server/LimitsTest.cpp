@@ -303,6 +303,39 @@ TEST_F(Limits, AnswerAHeadThatStopsLongBeforeTheIdleTimeout) {
     EXPECT_LT(elapsed([&] { EXPECT_EQ(refusal("POST /s"), answer("408 Request Timeout")); }), 10s);
 }
 
+TEST_F(Limits, OfTheHeadsTimeLeaveTheBodyItsOwn) {
+    std::promise<void> begun;
+    server.handler.onPost = [&](QvtpServerRequest& request, QvtpServerResponse& response) {
+        begun.set_value();
+        const std::string body = bodyOf(request);
+        response.setStatusCode(200);
+        response.setBody(body.data(), body.size());
+        response.send();
+    };
+    limits.headMs = 300;
+    startWith(limits);
+    RawClient client(server.name);
+    const std::string request = POST_HELLO;
+    client.write(request.substr(0, 10));
+    std::this_thread::sleep_for(10ms);  // the rest of the head comes while the worker waits for it
+    client.write(request.substr(10, request.size() - 15));
+    begun.get_future().wait();
+    std::this_thread::sleep_for(350ms);  // the time of the head itself is what this is about
+    client.write("hello");
+    EXPECT_EQ(client.read(std::string(HELLO_BACK).size()), HELLO_BACK);
+}
+
+TEST_F(Limits, OfTheWholeRequestsTimeGoForTheHeadToo) {
+    limits.requestMs = 10000;
+    startWith(limits);
+    RawClient client(server.name);
+    const std::string request = POST_HELLO;
+    client.write(request.substr(0, 10));
+    std::this_thread::sleep_for(10ms);  // as above
+    client.write(request.substr(10));
+    EXPECT_EQ(client.read(std::string(HELLO_BACK).size()), HELLO_BACK);
+}
+
 TEST_F(Limits, MayBeOfOneByte) {
     limits.bodyBytes = 1;
     startWith(limits);
