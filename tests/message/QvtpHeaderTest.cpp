@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -106,6 +107,12 @@ TEST(QvtpHeaderValues, AreHandedOutAsACopy) {
     std::vector<std::string> values = header.getValues();
     values.emplace_back("b");
     EXPECT_THAT(header.getValues(), ElementsAre("a"));
+}
+
+TEST(QvtpHeader, HasNoValuesWhereItIsMadeOfANameAlone) {
+    const QvtpHeader header(std::string_view("X"));
+    EXPECT_EQ(header.getName(), "X");
+    EXPECT_TRUE(header.getValues().empty());
 }
 
 }  // namespace
