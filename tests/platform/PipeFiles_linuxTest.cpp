@@ -66,6 +66,16 @@ TEST_F(PipeFiles, EncodeNamesByByte) {
     EXPECT_TRUE(exists("%2eab_c-9.x%20%5c%c3.sock"));
 }
 
+TEST_F(PipeFiles, OfASocketGoWithTheLastConnection) {
+    End server, client;
+    ASSERT_EQ(createNamed(server, "a"), 0);
+    ASSERT_EQ(connectNamed(client, "a", 2000), 0);
+    ASSERT_EQ(accept(server), 0);
+    EXPECT_TRUE(exists("a.sock"));
+    server.close();
+    EXPECT_THAT(files(), ElementsAre("a.lock"));
+}
+
 TEST_F(PipeFiles, HaveNamesOfLettersAndDigitsAsTheyAre) {
     End server;
     ASSERT_EQ(createNamed(server, "az09"), 0);
