@@ -1,0 +1,176 @@
+// What a POST and its answer over a bare socket take when the same calls of the system are made as over this library,
+// one after the other, and none of its work is done: how far it could go. Both processes share one core. Each line is
+// one such call more, as a ratio to the bare socket without any in the same round.
+//
+//     floor SIZE [ROUNDS]
+
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t HEAD = 63;  // bytes of a usual head
+constexpr int EXCHANGES = 3000;   // in a turn
+
+struct Form {
+    const char* name;
+    bool hasHead;     // before each body
+    bool isGathered;  // head and body are two blocks
+    bool tries;       // the server tries before it waits
+    bool hasTimeout;  // the server's waits have one
+};
+
+constexpr std::array<Form, 6> FORMS{{
+    {"bare socket", false, false, false, false},
+    {"a head", true, false, false, false},
+    {"a head as a block of its own", true, true, false, false},
+    {"a try before the server's wait", false, false, true, false},
+    {"a time-out of the server's wait", false, false, false, true},
+    {"head, try and time-out", true, false, true, true},
+}};
+
+[[noreturn]] void fail(const char* what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+void allowOneCore() {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<unsigned>(::sched_getcpu()), &one);
+    if (::sched_setaffinity(0, sizeof one, &one) != 0) fail("sched_setaffinity");
+}
+
+/// Of this process, in microseconds.
+double processorTime() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const auto of = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_usec);
+    };
+    return of(usage.ru_utime) + of(usage.ru_stime);
+}
+
+/// One end of the connection.
+class End {
+  public:
+    End(int fd, const Form& form, std::size_t size, bool isServer)
+        : fd_(fd), form_(form), block_((form.hasHead ? HEAD : 0) + size), tries_(isServer && form.tries) {
+        if (!isServer || !form.hasTimeout) return;
+        const timeval limit{9, 0};
+        if (::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) fail("setsockopt");
+    }
+
+    void send() {
+        ssize_t sent = 0;
+        if (form_.isGathered) {
+            iovec blocks[] = {{block_.data(), HEAD}, {block_.data() + HEAD, block_.size() - HEAD}};
+            msghdr message{};
+            message.msg_iov = blocks;
+            message.msg_iovlen = 2;
+            sent = ::sendmsg(fd_, &message, MSG_NOSIGNAL);
+        } else {
+            sent = ::send(fd_, block_.data(), block_.size(), MSG_NOSIGNAL);
+        }
+        if (sent != static_cast<ssize_t>(block_.size())) fail("send");
+    }
+
+    /// False at the end.
+    bool receive() {
+        for (std::size_t filled = 0; filled < block_.size();) {
+            char* const target = block_.data() + filled;
+            const std::size_t wanted = block_.size() - filled;
+            ssize_t count = tries_ ? ::recv(fd_, target, wanted, MSG_DONTWAIT) : -1;
+            if (count < 0) count = ::recv(fd_, target, wanted, 0);
+            if (count <= 0) return false;
+            filled += static_cast<std::size_t>(count);
+        }
+        return true;
+    }
+
+  private:
+    const int fd_;
+    const Form& form_;
+    std::vector<char> block_;
+    const bool tries_;
+};
+
+double serve(int fd, const Form& form, std::size_t size) {
+    End end(fd, form, size, true);
+    const double before = processorTime();
+    while (end.receive()) end.send();
+    return processorTime() - before;
+}
+
+/// The processor time of one exchange in both processes.
+double turn(const Form& form, std::size_t size) {
+    int ends[2];
+    int report[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || ::pipe(report) != 0) fail("socketpair");
+    const pid_t server = ::fork();
+    if (server < 0) fail("fork");
+    if (server == 0) {
+        ::close(ends[0]);
+        const double time = serve(ends[1], form, size);
+        ::_exit(::write(report[1], &time, sizeof time) == sizeof time ? 0 : 1);
+    }
+    ::close(ends[1]);
+    double own = 0;
+    {
+        End end(ends[0], form, size, false);
+        const double before = processorTime();
+        for (int i = 0; i < EXCHANGES; ++i) {
+            end.send();
+            if (!end.receive()) fail("recv");
+        }
+        own = processorTime() - before;
+    }
+    ::close(ends[0]);
+    double others = 0;
+    if (::read(report[0], &others, sizeof others) != sizeof others) fail("read");
+    ::waitpid(server, nullptr, 0);
+    ::close(report[0]);
+    ::close(report[1]);
+    return (own + others) / EXCHANGES;
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    if (argc < 2) return 2;
+    const std::size_t size = std::strtoul(argv[1], nullptr, 10);
+    const int rounds = argc > 2 ? std::atoi(argv[2]) : 40;
+    allowOneCore();
+    std::array<std::vector<double>, FORMS.size()> ratios;
+    std::array<std::vector<double>, FORMS.size()> times;
+    for (int round = 0; round < rounds; ++round) {
+        for (std::size_t i = 0; i < FORMS.size(); ++i) {
+            times[i].push_back(turn(FORMS[i], size));
+            ratios[i].push_back(times[i].back() / times[0].back());
+        }
+    }
+    for (std::size_t i = 0; i < FORMS.size(); ++i) {
+        std::printf("%6zu bytes  %-32s %5.3f %7.2f us\n", size, FORMS[i].name, median(ratios[i]), median(times[i]));
+    }
+    return 0;
+} catch (const std::system_error& e) {
+    std::fprintf(stderr, "floor: %s\n", e.what());
+    return 1;
+}
