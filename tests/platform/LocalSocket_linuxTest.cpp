@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <cerrno>
+#include <chrono>
 #include <string>
 #include <utility>
 
@@ -41,6 +43,21 @@ TEST(LocalSocket, WaitsNoMoreForAQueueWhenTheTimeIsOver) {
     const Deadline deadline = Deadline::after(1);
     ASSERT_TRUE(eventually([&] { return deadline.isOver(); }));
     EXPECT_EQ(LocalSocket::connectBefore(second.get(), path, deadline), LocalSocket::QueueResult::NOT_CONNECTED);
+}
+
+TEST(LocalSocket, LimitsAReceiveToWholeSecondsAndPartsOfThem) {
+    const Descriptor socket = LocalSocket::create();
+    for (const auto limit :
+         {std::chrono::microseconds(1), std::chrono::microseconds(1000000), std::chrono::microseconds(2500000)}) {
+        ASSERT_TRUE(LocalSocket::setReceiveTimeout(socket.get(), limit));
+        timeval found{};
+        socklen_t size = sizeof found;
+        ASSERT_EQ(::getsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &found, &size), 0);
+        // The system rounds up, to the steps of its clock.
+        const auto set = std::chrono::seconds(found.tv_sec) + std::chrono::microseconds(found.tv_usec);
+        EXPECT_GE(set, limit);
+        EXPECT_LT(set, limit + std::chrono::milliseconds(20));
+    }
 }
 
 TEST(LocalSocket, KnowsNothingOfWhatIsUnreadWhereThereIsNone) {
