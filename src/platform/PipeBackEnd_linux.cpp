@@ -58,9 +58,6 @@ class Reading {
     std::optional<int> begin() {
         const int refused = object_.accessError(object_.readable);
         if (refused != SystemError::NONE) return PipeFailure::refuseRead(refused);
-        // The connection stood when the message left. It takes its peer a while to answer or to end, so there is
-        // nothing yet, and an end is one that came during the wait.
-        if (std::exchange(object_.answerAwaited, false) && object_.ahead.size() == 0) return std::nullopt;
         receiving_.attempt();
         if (receiving_.count() > 0) return delivered();
         const bool isAtEnd = receiving_.count() == 0;
@@ -308,7 +305,6 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
     Writing writing(object, first, firstLength, second, secondLength);
     const int result = writing.runOnce();
     written = firstLength + secondLength - writing.left();
-    object.answerAwaited = object.served == nullptr && writing.left() == 0;
     return result;
 }
 

@@ -67,7 +67,6 @@ class PipeObject {
     int writeTimeoutMs = WRITE_TIMEOUT_MS;
     bool awaitedBefore = false;  // a wait for input has ended without any; its thread waits on
     bool endAwaited = false;     // the end came during a wait for input; for the thread that reads
-    bool answerAwaited = false;  // a client's message has just left as a whole; for the thread of its exchange
 
     // A wait for input, which another thread may end without closing (InputWake.h).
     /// False if the wait was woken before it began.

@@ -212,43 +212,6 @@ TEST_F(SystemCalls, NeedNoDescriptorOfTheDirectoryForAConnection) {
     EXPECT_FALSE(second.hasHappened());
 }
 
-/// The two ends of a pipe after one of them has written a whole message and the other one has gone.
-class EndAfterAMessage : public SystemCalls {
-  protected:
-    enum class Sender { CLIENT, SERVER };
-
-    End send(Sender sender, const std::string& first, const std::string& second) {
-        End server, client;
-        pair(server, client);
-        End& own = sender == Sender::CLIENT ? client : server;
-        End& peer = sender == Sender::CLIENT ? server : client;
-        std::size_t written = 0;
-        EXPECT_EQ(platform::platformWriteSome(own.pipe, own.event, first.data(), first.size(), second.data(),
-                                              second.size(), written),
-                  WriteResult::WRITTEN);
-        EXPECT_EQ(written, first.size() + second.size());
-        EXPECT_EQ(readText(peer), first + second);
-        peer.close();
-        return std::move(own);
-    }
-
-    static int read(const End& end) {
-        char c = 0;
-        return platform::platformRead(end.pipe, end.event, &c, 1, 5000);
-    }
-};
-
-TEST_F(EndAfterAMessage, IsOneDuringTheWaitForItsAnswer) {
-    const End client = send(Sender::CLIENT, "head", "body");
-    EXPECT_EQ(read(client), 0);
-    EXPECT_EQ(read(client), ReadResult::FAILED);  // now it is there before
-}
-
-TEST_F(EndAfterAMessage, IsThereBeforeAServerReadsOn) {
-    const End server = send(Sender::SERVER, "head", "body");
-    EXPECT_EQ(read(server), ReadResult::FAILED);
-}
-
 TEST_F(SystemCalls, EndAReadInTimeWithoutALimitOfTheSocket) {
     End server, client;
     pair(server, client);
