@@ -29,7 +29,7 @@ struct Form {
     const char* name;
     bool hasHead;     // before each body
     bool isGathered;  // head and body are two blocks
-    bool tries;       // the server tries before it waits
+    bool tries;       // each side tries before it waits
     bool hasTimeout;  // the server's waits have one
 };
 
@@ -37,7 +37,7 @@ constexpr std::array<Form, 6> FORMS{{
     {"bare socket", false, false, false, false},
     {"a head", true, false, false, false},
     {"a head as a block of its own", true, true, false, false},
-    {"a try before the server's wait", false, false, true, false},
+    {"a try before each wait", false, false, true, false},
     {"a time-out of the server's wait", false, false, false, true},
     {"head, try and time-out", true, false, true, true},
 }};
@@ -67,7 +67,7 @@ double processorTime() {
 class End {
   public:
     End(int fd, const Form& form, std::size_t size, bool isServer)
-        : fd_(fd), form_(form), block_((form.hasHead ? HEAD : 0) + size), tries_(isServer && form.tries) {
+        : fd_(fd), form_(form), block_((form.hasHead ? HEAD : 0) + size), tries_(form.tries) {
         if (!isServer || !form.hasTimeout) return;
         const timeval limit{9, 0};
         if (::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) fail("setsockopt");
