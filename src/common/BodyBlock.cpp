@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <cstring>
 #include <type_traits>
 #include <utility>
 
@@ -94,18 +95,18 @@ BodyBlock::BodyBlock(BodyBlock&& other) noexcept {
 
 BodyBlock& BodyBlock::operator=(BodyBlock&& other) noexcept {
     if (this == &other) return *this;
-    free();
+    release();
     takeFrom(other);
     return *this;
 }
 
 BodyBlock::~BodyBlock() {
-    free();
+    release();
 }
 
 void BodyBlock::takeFrom(BodyBlock& other) noexcept {
     if (other.data_ == other.small_.data()) {
-        small_ = other.small_;
+        std::memcpy(small_.data(), other.small_.data(), other.capacity_);
         other.data_ = nullptr;
         data_ = small_.data();
     } else {
@@ -114,7 +115,7 @@ void BodyBlock::takeFrom(BodyBlock& other) noexcept {
     capacity_ = std::exchange(other.capacity_, 0);
 }
 
-void BodyBlock::free() noexcept {
+void BodyBlock::release() noexcept {
     if (data_ == small_.data()) return;
     const bool isLarge = capacity_ >= SMALLEST_KEPT;
     if (!isLarge || !spareBlocks.keep(data_, capacity_)) delete[] data_;

@@ -24,7 +24,7 @@ class BodyBlock {
     static constexpr std::size_t SMALL = 72;
 
     void takeFrom(BodyBlock& other) noexcept;
-    void free() noexcept;
+    void release() noexcept;
 
     char* data_ = nullptr;
     std::size_t capacity_ = 0;

@@ -34,8 +34,8 @@ void logLine(std::string_view line) {
     }
 }
 
-/// The lines of a block with the empty one after them, if they are among these bytes and none needs a closer look: all
-/// are ASCII, and each is a header. Otherwise nothing.
+/// The lines of a block with the empty one after them, if all of them are among these bytes, are ASCII, and none
+/// continues the one before. Otherwise nothing.
 std::string_view plainBlockOf(std::string_view bytes) {
     std::size_t next = 0;
     for (bool isLast = false; !isLast;) {
@@ -196,7 +196,7 @@ void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
     sortOut();
 }
 
-/// The usual way: all lines are there, and none of them needs a closer look.
+/// The usual way, for what plainBlockOf() gives.
 void HeaderBlock::readPlainBlock(std::string_view block) {
     std::string_view rest = HeaderRecord::keep(block, memory_);
     for (std::string_view line = takeLine(rest); !line.empty(); line = takeLine(rest)) {

@@ -27,7 +27,7 @@ class HeaderBlock {
     std::vector<std::string> getHeaderNames() const;
 
     void addHeader(std::string_view name, std::string_view value);
-    /// The same for a name and a single value that are plain, and without white space at their ends.
+    /// The same for a name and a single value that are plain, without commas and without white space at their ends.
     void addPlainHeader(std::string_view name, std::string_view value);
     void setHeader(std::string_view name, std::string_view value);
     void removeHeader(std::string_view name);

@@ -22,7 +22,8 @@ class HeaderRecord {
     /// From a line of a head, without its end, which lies in the memory already. The name ends at the first colon, the
     /// values begin after it.
     static HeaderRecord ofLine(std::string_view kept, Memory& memory);
-    /// With a single value. Both texts are plain, and without white space at their ends. Copies them.
+    /// With a single value. Both texts are plain, without commas and without white space at their ends. Copies
+    /// them.
     static HeaderRecord ofPlain(std::string_view name, std::string_view value, Memory& memory);
     /// Copies a text into the memory.
     static std::string_view keep(std::string_view text, Memory& memory);

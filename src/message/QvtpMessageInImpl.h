@@ -20,7 +20,7 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
   public:
     using Utf8String = Quovane::Soa::Common::Xml::Utf8String;
 
-    /// Neither stream nor converter is owned. `label`: one of DirectionLabel, not a copy.
+    /// Neither stream nor converter is owned. `label`: one of DirectionLabel, which it refers to.
     QvtpMessageInImpl(std::istream* pipeStream, int bufferSize, const std::string& label, Utf8String* converter);
     ~QvtpMessageInImpl() override;
 

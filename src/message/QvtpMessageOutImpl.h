@@ -29,7 +29,7 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     /// Room for most heads. A start line that has it becomes the head without being copied.
     static constexpr std::size_t USUAL_HEAD_LENGTH = 256;
 
-    /// Neither owner nor converter is owned. `label`: one of DirectionLabel, not a copy.
+    /// Neither owner nor converter is owned. `label`: one of DirectionLabel, which it refers to.
     QvtpMessageOutImpl(QvtpMessageOut* owner, const std::string& label, Utf8String* converter);
     ~QvtpMessageOutImpl() noexcept override;
 

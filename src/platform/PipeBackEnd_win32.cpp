@@ -389,8 +389,8 @@ std::size_t available(PipeObject& object) {
 /// A named pipe has no half that could be closed: the caller looks at what is available and leaves.
 void endReading(PipeObject&) {}
 
-/// The end shows only when nothing is left before it. What cannot be dropped for want of memory is reported by the
-/// read.
+/// The end shows only when nothing is left before it. What cannot be dropped without the memory for it is reported by
+/// the read.
 bool peerHasClosed(PipeObject& object) {
     DWORD count = 0;
     while (::PeekNamedPipe(object.pipe(), nullptr, 0, nullptr, &count, nullptr)) {

@@ -6,7 +6,9 @@
 #include <pthread.h>
 #include <sys/socket.h>
 
+#include <cstddef>
 #include <mutex>
+#include <new>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -83,7 +85,8 @@ void unlockAll() {
 }
 
 PipeTable* makeTable() {
-    auto* const table = new PipeTable;
+    alignas(PipeTable) static std::byte room[sizeof(PipeTable)];  // a call that comes first has no memory to ask for
+    auto* const table = ::new (room) PipeTable;
     // A forked child has one thread. Were another one within the locks, they would stay locked there.
     ::pthread_atfork(lockAll, unlockAll, unlockAll);
     return table;

@@ -83,7 +83,10 @@ Wait::~Wait() {
 }
 
 bool isWorthwhile() {
-    if (isCrowded()) return false;
+    if (isCrowded()) {
+        if (isTimeToLook()) isPossible();  // there may be more processors by now
+        return false;
+    }
     const int now = score.load(std::memory_order_relaxed);
     if (now > 0 && !isTimeToLook()) return true;
     if (now == UNKNOWN) {

@@ -7,8 +7,9 @@
 /// It costs processor time when nothing comes, so the process keeps a score of the tries that paid, and stops trying
 /// while they do not. From then on only a few waits try, to see whether that has changed.
 ///
-/// Nor does a wait try where several threads of the process exchange messages at once, so that they and their peers are
-/// more than the processors. A thread that tries would keep another from running.
+/// Nor does a wait try while several threads of the process exchange messages, if there are more of them and of their
+/// peers than processors. A thread that tries would keep another from running. The peers are taken to be other
+/// processes: a process that talks to itself counts twice what it has.
 ///
 /// Never where the process may use one processor only. The environment variable QVTP_SPIN=0, read once, switches it
 /// off.

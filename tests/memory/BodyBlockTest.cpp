@@ -157,6 +157,17 @@ TEST_F(KeptBlock, MovesWhatIsInASmallBody) {
     EXPECT_EQ(assigned.get(), large);
 }
 
+TEST_F(KeptBlock, StaysWhatItIsWhenItIsMovedOntoItself) {
+    for (const std::size_t size : {SMALL, SMALLEST_KEPT}) {
+        BodyBlock block(size);
+        std::memset(block.get(), 'x', size);
+        BodyBlock& same = block;
+        block = std::move(same);
+        ASSERT_TRUE(block.isThere());
+        EXPECT_EQ(std::string(block.get(), size), std::string(size, 'x'));
+    }
+}
+
 TEST_F(KeptBlock, IsThereAlsoForNoByte) {
     EXPECT_TRUE(BodyBlock(0).isThere());
     EXPECT_FALSE(BodyBlock().isThere());

@@ -317,9 +317,14 @@ TEST_F(HeaderBlockReading, ThrowsWhenTheStreamEndsBeforeTheEmptyLine) {
 }
 
 TEST_F(HeaderBlockReading, RecordsEveryLineAsReadInTheCommunicationLog) {
+    {
+        const LogCapture log(LogCapture::LoggingLevel::OFF, LogCapture::CommunicationLevel::INPUT);
+        read("X:  a \r\n\tcontinued\r\nno colon\nY: \xE4\r\n\r\n");
+        EXPECT_EQ(log.communication(), "X:  a \n\tcontinued\nno colon\nY: \xE4\n");
+    }
     const LogCapture log(LogCapture::LoggingLevel::OFF, LogCapture::CommunicationLevel::INPUT);
-    read("X:  a \r\n\tcontinued\r\nno colon\nY: \xE4\r\n\r\n");
-    EXPECT_EQ(log.communication(), "X:  a \n\tcontinued\nno colon\nY: \xE4\n");
+    read("B:  a , b\r\nno colon\nA: c\r\n\r\n");  // as a whole
+    EXPECT_EQ(log.communication(), "B:  a , b\nno colon\nA: c\n");
 }
 
 TEST_F(HeaderBlockReading, RecordsNothingWhenOnlyOutputIsRecorded) {

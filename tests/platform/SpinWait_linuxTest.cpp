@@ -106,7 +106,7 @@ TEST_F(SpinWaitOfSeveral, LooksNoMoreOnceOneProcessorIsAllowed) {
 
 /// So many threads that wait in turn, and an answer after it.
 std::string crowdOf(int threads) {
-    return repeated(threads, "b") + repeated(50, "eb") + "w" + repeated(threads, "e");
+    return repeated(threads, "b") + repeated(200 + threads, "eb") + "w" + repeated(threads, "e");
 }
 
 TEST_F(SpinWaitOfSeveral, TriesWhileThreadsAndTheirPeersHaveAProcessorEach) {
@@ -116,7 +116,7 @@ TEST_F(SpinWaitOfSeveral, TriesWhileThreadsAndTheirPeersHaveAProcessorEach) {
 }
 
 TEST_F(SpinWaitOfSeveral, TriesAgainWhenTheOtherThreadsAreGone) {
-    EXPECT_EQ(answers("w" + crowdOf(1000) + repeated(50, "be") + "w"), "101");
+    EXPECT_EQ(answers("w" + crowdOf(1000) + repeated(500, "be") + "w"), "101");
 }
 
 TEST_F(SpinWaitOfSeveral, IsNotDisturbedByThreadsThatWaitForHours) {
