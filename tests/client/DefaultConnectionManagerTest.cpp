@@ -410,7 +410,7 @@ TEST_F(PipePool, TellsNamesAndModesOfTheSameLengthApart) {
     EXPECT_EQ(get("w"), writer);
 }
 
-TEST_F(PipePool, ForgetsNamesWithoutIdlePipesWhenThereAreMany) {
+TEST_F(PipePool, KeepsTheIdlePipesOfMoreNamesThanItKeepsWithoutThem) {
     constexpr std::size_t NAMES = 20;
     std::vector<std::unique_ptr<RawServer>> servers;
     for (std::size_t i = 0; i < NAMES; ++i) servers.push_back(std::make_unique<RawServer>(name + std::to_string(i)));

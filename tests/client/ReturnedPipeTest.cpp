@@ -80,7 +80,6 @@ TEST_F(ReturnedPipe, IsGivenUpWhenTheRestDoesNotComeInTime) {
     EXPECT_FALSE(isReused());
 }
 
-/// A byte every 30 ms, each in time for a read of its own: what a request waits for them is limited all the same.
 TEST_F(ReturnedPipe, IsGivenUpWithoutALineWhenAChunkDoesNotComeInTime) {
     LogCapture log(LogCapture::LoggingLevel::ERROR);
     post("QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n");
@@ -88,6 +87,7 @@ TEST_F(ReturnedPipe, IsGivenUpWithoutALineWhenAChunkDoesNotComeInTime) {
     EXPECT_FALSE(isReused());
 }
 
+/// A byte every 30 ms, each in time for a read of its own: what a request waits for them is limited all the same.
 TEST_F(ReturnedPipe, IsGivenUpInTimeWhenTheRestDrips) {
     const std::string chunked = "QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
     for (const std::string& answer :

@@ -312,15 +312,15 @@ TEST_F(Limits, OfTheHeadsTimeLeaveTheBodyItsOwn) {
         response.setBody(body.data(), body.size());
         response.send();
     };
-    limits.headMs = 300;
+    limits.headMs = 1000;
     startWith(limits);
     RawClient client(server.name);
     const std::string request = POST_HELLO;
     client.write(request.substr(0, 10));
     std::this_thread::sleep_for(10ms);  // the rest of the head comes while the worker waits for it
     client.write(request.substr(10, request.size() - 15));
-    begun.get_future().wait();
-    std::this_thread::sleep_for(350ms);  // the time of the head itself is what this is about
+    ASSERT_EQ(begun.get_future().wait_for(10s), std::future_status::ready);
+    std::this_thread::sleep_for(1050ms);  // the time of the head itself is what this is about
     client.write("hello");
     EXPECT_EQ(client.read(std::string(HELLO_BACK).size()), HELLO_BACK);
 }
