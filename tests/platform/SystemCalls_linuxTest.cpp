@@ -253,6 +253,12 @@ TEST_F(SystemCalls, HoldALockUntilItIsGivenBack) {
     other.giveBack();
 }
 
+TEST_F(SystemCalls, KnowNobodyBeforeThereIsAClient) {
+    End server;
+    ASSERT_EQ(create(server), 0);
+    EXPECT_EQ(platform::platformPeer(server.pipe).processId, -1);
+}
+
 TEST_F(SystemCalls, FailAWriteForWhichTheSystemHasNoMemory) {
     End server, client;
     pair(server, client);
