@@ -91,6 +91,7 @@ TEST_F(EasyOnLinux, IsDeniedToAServerWithoutADescriptor) {
 
 TEST_F(EasyOnLinux, RunsUntilASignal) {
     for (int signal : {SIGINT, SIGTERM}) {
+        ::signal(signal, SIG_DFL);  // a shell ignores SIGINT for what it starts in the background
         auto run = std::async(std::launch::async, [&] { return server.runUntilSignal(); });
         ASSERT_TRUE(eventually([&] { return server.isRunning(); }));
         EXPECT_EQ(client.post("/echo", "x").body(), "x");

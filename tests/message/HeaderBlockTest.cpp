@@ -306,6 +306,7 @@ TEST_F(HeaderBlockReading, ReadsTheSameWhereverTheLinesAreCut) {
     expectTheSameWhereverItIsCut("\nrest", "");
     expectTheSameWhereverItIsCut("\r\r\n\tC\nA\xE4: 1\n\nrest", ": C\r\nA\xE4: 1\r\n");
     expectTheSameWhereverItIsCut(" A: 1\n\r\nrest", "A: 1\r\n");
+    expectTheSameWhereverItIsCut("x\n\nrest", "x: \r\n");
 }
 
 TEST_F(HeaderBlockReading, ThrowsWhenTheStreamEndsBeforeTheEmptyLine) {
