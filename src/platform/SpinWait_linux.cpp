@@ -45,18 +45,18 @@ bool isSwitchedOff() {
     return known != 0;
 }
 
-/// On how many the calling thread may run.
-int countProcessors() {
+/// On how many the calling thread may run. It is noted for all.
+int lookAtProcessors() {
     cpu_set_t allowed;
     // A set that is too small for the machine means that it has many.
-    return ::sched_getaffinity(0, sizeof allowed, &allowed) == 0 ? CPU_COUNT(&allowed) : CPU_SETSIZE;
+    const int count = ::sched_getaffinity(0, sizeof allowed, &allowed) == 0 ? CPU_COUNT(&allowed) : CPU_SETSIZE;
+    processors.store(count, std::memory_order_relaxed);
+    return count;
 }
 
 /// Where only one processor is allowed, a thread that tries keeps its peer from answering.
 bool isPossible() {
-    const int count = countProcessors();
-    processors.store(count, std::memory_order_relaxed);
-    return !isSwitchedOff() && count > 1;
+    return lookAtProcessors() > 1 && !isSwitchedOff();
 }
 
 /// Each thread that exchanges messages has a peer, which needs a processor too.
@@ -84,7 +84,7 @@ Wait::~Wait() {
 
 bool isWorthwhile() {
     if (isCrowded()) {
-        if (isTimeToLook()) isPossible();  // there may be more processors by now
+        if (isTimeToLook()) lookAtProcessors();  // there may be more processors by now
         return false;
     }
     const int now = score.load(std::memory_order_relaxed);
