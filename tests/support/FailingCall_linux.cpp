@@ -17,9 +17,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace qvtp_test {
@@ -38,6 +42,7 @@ struct Plan {
     int after;
 };
 thread_local Plan plan{};
+std::atomic<int> failures{0};
 
 bool isToFail(Call call) {
     if (!plan.active || plan.call != call) return false;
@@ -48,6 +53,7 @@ bool isToFail(Call call) {
     if (plan.times == 0) return false;
     --plan.times;
     plan.happened = true;
+    ++failures;
     errno = plan.error;
     return true;
 }
@@ -77,6 +83,41 @@ ssize_t countSent(ssize_t count) {
     return count;
 }
 
+struct Removal {
+    const char* ending;
+    SlowRemoval::Look look;
+};
+thread_local Removal removal{};
+
+bool isRemoved(SlowRemoval::Look look, std::string_view path) {
+    if (removal.ending == nullptr || removal.look != look) return false;
+    const std::string_view ending = removal.ending;
+    if (path.size() < ending.size() || path.substr(path.size() - ending.size()) != ending) return false;
+    removal.ending = nullptr;
+    return true;
+}
+
+template <typename Status>
+int lookAtName(int result, int directory, const char* path, Status* status) {
+    if (result != 0 || !isRemoved(SlowRemoval::Look::AT_NAME, path)) return result;
+    status->st_nlink = 0;
+    return ::unlinkat(directory, path, 0);
+}
+
+template <typename Status>
+int lookAtOpenFile(int result, int fd, Status* status) {
+    if (result != 0 || removal.ending == nullptr) return result;
+    char path[4096];
+    const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path - 1);
+    if (length <= 0) return result;
+    path[length] = '\0';
+    if (!isRemoved(SlowRemoval::Look::AT_OPEN_FILE, path)) return result;
+    status->st_nlink = 0;
+    return ::unlink(path);
+}
+thread_local WaitHold* hold = nullptr;  // not owned
+thread_local WaitHold* signalHold = nullptr;
+
 /// The function that this one hides.
 template <typename Function>
 Function hidden(const char* name) {
@@ -93,8 +134,20 @@ CallFailure::~CallFailure() {
     plan.active = false;
 }
 
+int CallFailure::total() {
+    return failures;
+}
+
 bool CallFailure::hasHappened() const {
     return plan.happened;
+}
+
+SlowRemoval::SlowRemoval(const char* ending, Look look) {
+    removal = {ending, look};
+}
+
+SlowRemoval::~SlowRemoval() {
+    removal = {};
 }
 
 SendCut::SendCut(std::size_t bytes, int error) {
@@ -109,13 +162,38 @@ bool SendCut::hasHappened() const {
     return cut.happened;
 }
 
+void WaitHold::arm() {
+    hold = this;
+}
+
+void WaitHold::armSignal() {
+    signalHold = this;
+}
+
+void WaitHold::letGo() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    isLetGo_ = true;
+    changed_.notify_all();
+}
+
+void WaitHold::end() {
+    ended_ = true;
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return isLetGo_; });
+}
+
 }  // namespace qvtp_test
 
 using qvtp_test::Call;
 using qvtp_test::countSent;
 using qvtp_test::hidden;
+using qvtp_test::hold;
 using qvtp_test::isToFail;
 using qvtp_test::limitSend;
+using qvtp_test::lookAtName;
+using qvtp_test::lookAtOpenFile;
+using qvtp_test::signalHold;
+using qvtp_test::WaitHold;
 
 namespace {
 
@@ -251,6 +329,10 @@ ssize_t sendmsg(int fd, const msghdr* message, int flags) {
 
 ssize_t write(int fd, const void* data, size_t size) {
     static const auto real = hidden<ssize_t (*)(int, const void*, size_t)>("write");
+    if (WaitHold* const holder = std::exchange(signalHold, nullptr)) {
+        holder->begin();
+        holder->end();
+    }
     return isToFail(Call::WRITE) ? -1 : real(fd, data, size);
 }
 
@@ -286,22 +368,22 @@ int eventfd(unsigned count, int flags) noexcept {
 
 int fstat(int fd, struct stat* status) noexcept {
     static const auto real = hidden<int (*)(int, struct stat*)>("fstat");
-    return isToFail(Call::FSTAT) ? -1 : real(fd, status);
+    return isToFail(Call::FSTAT) ? -1 : lookAtOpenFile(real(fd, status), fd, status);
 }
 
 int fstat64(int fd, struct stat64* status) noexcept {
     static const auto real = hidden<int (*)(int, struct stat64*)>("fstat64");
-    return isToFail(Call::FSTAT) ? -1 : real(fd, status);
+    return isToFail(Call::FSTAT) ? -1 : lookAtOpenFile(real(fd, status), fd, status);
 }
 
 int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept {
     static const auto real = hidden<int (*)(int, const char*, struct stat*, int)>("fstatat");
-    return isToFail(Call::FSTAT) ? -1 : real(directory, path, status, flags);
+    return isToFail(Call::FSTAT) ? -1 : lookAtName(real(directory, path, status, flags), directory, path, status);
 }
 
 int fstatat64(int directory, const char* path, struct stat64* status, int flags) noexcept {
     static const auto real = hidden<int (*)(int, const char*, struct stat64*, int)>("fstatat64");
-    return isToFail(Call::FSTAT) ? -1 : real(directory, path, status, flags);
+    return isToFail(Call::FSTAT) ? -1 : lookAtName(real(directory, path, status, flags), directory, path, status);
 }
 
 int getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
@@ -325,7 +407,15 @@ int poll(pollfd* descriptors, nfds_t count, int timeout) {
 
 int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* signals) {
     static const auto real = hidden<int (*)(pollfd*, nfds_t, const timespec*, const sigset_t*)>("ppoll");
-    return isToFail(Call::POLL) ? -1 : real(descriptors, count, timeout, signals);
+    if (isToFail(Call::POLL)) return -1;
+    WaitHold* const holder = std::exchange(hold, nullptr);
+    if (holder == nullptr) return real(descriptors, count, timeout, signals);
+    holder->begin();
+    const int result = real(descriptors, count, timeout, signals);
+    const int error = errno;
+    holder->end();
+    errno = error;
+    return result;
 }
 
 ssize_t recv(int fd, void* data, size_t size, int flags) {
