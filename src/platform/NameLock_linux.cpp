@@ -26,6 +26,10 @@ NameLock::Result NameLock::take(const PipeAddress& address, char direction) {
     Descriptor file = address.openLockFile(O_RDWR | O_CREAT);
     struct stat status {};
     if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return Result::FAILED;
+    if (status.st_nlink == 0) {  // it is just being removed, and may be the one that this process has locked
+        errno = ENOENT;
+        return Result::FAILED;
+    }
     struct flock request = wholeFile(F_WRLCK);
     if (uninterrupted([&] { return ::fcntl(file.get(), F_OFD_SETLK, &request); }) != 0) {
         if (errno != EAGAIN && errno != EACCES) return Result::FAILED;

@@ -146,10 +146,12 @@ bool PipeAddress::identify(const std::string& file, FileId& id) const {
     return true;
 }
 
+/// Linux reports a removal a moment before the name is gone. Then the file can still be found by it, and has no more
+/// names.
 bool PipeAddress::hasLost(const std::string& file, const FileId& id) const {
-    FileId found;
-    if (identify(file, found)) return !(found == id);
-    return errno == ENOENT;
+    struct stat status {};
+    if (::fstatat(directory_.get(), file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
+    return status.st_nlink == 0 || !(FileId(status) == id);
 }
 
 bool PipeAddress::hasLostDirectory() const {

@@ -37,6 +37,12 @@ class RemovedFiles : public PipeFiles {
         ASSERT_EQ(std::rename(directory.c_str(), removed.c_str()), 0);
         ASSERT_GT(std::filesystem::remove_all(removed), 0U);
     }
+    void createWithoutWatch() {
+        server.close();
+        const CallFailure failure(CallFailure::Call::INOTIFY, EMFILE, 100);
+        ASSERT_EQ(create(server), 0);
+        EXPECT_TRUE(failure.hasHappened());
+    }
     void moveDirectory() const { ASSERT_EQ(std::rename(directory.c_str(), (root + "/moved").c_str()), 0); }
 
     static std::string takenAnew(const std::string& path) {
@@ -158,16 +164,33 @@ TEST_F(RemovedFiles, AreNoticedByTheNextAccept) {
 }
 
 TEST_F(RemovedFiles, AreNoticedByTheNextAcceptWhereTheSystemGrantsNoWatch) {
-    server.close();
-    {
-        const CallFailure failure(CallFailure::Call::INOTIFY, EMFILE, 100);
-        ASSERT_EQ(create(server), 0);
-        EXPECT_TRUE(failure.hasHappened());
-    }
+    createWithoutWatch();
     LogCapture log(LogCapture::LoggingLevel::ERROR);
     removeDirectory();
     EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT);
     EXPECT_THAT(log.messages(), ElementsAre(takenAnew(directory)));
+    acceptClients(1);
+}
+
+TEST_F(RemovedFiles, AreGoneWhenTheyCanStillBeFoundAndHaveLostTheirLastName) {
+    createWithoutWatch();
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    const SlowRemoval removal(".sock", SlowRemoval::Look::AT_NAME);
+    EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT);
+    EXPECT_THAT(log.messages(), ElementsAre(takenAnew(file(".sock"))));
+    acceptClients(1);
+}
+
+TEST_F(RemovedFiles, AreNotLockedOnceTheyHaveNoName) {
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    remove(".lock");
+    {
+        const SlowRemoval removal(".lock", SlowRemoval::Look::AT_OPEN_FILE);
+        EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT);
+    }
+    EXPECT_THAT(log.messages(), ElementsAre(lost(file(".lock"), 2)));
+    EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT);
+    EXPECT_TRUE(exists("served.lock"));
     acceptClients(1);
 }
 
@@ -326,6 +349,19 @@ TEST_F(RemovedFiles, AreLeftToAServerThatWasFaster) {
     EXPECT_EQ(resultOf(child), 0);
     ::close(ready[0]);
     ::close(ready[1]);
+}
+
+TEST_F(RemovedFiles, AreLeftToAServerThatWasFasterAlsoWhenThatHasGone) {
+    remove(".lock");
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    const int lock = ::open(file(".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(::fcntl(lock, F_OFD_SETLK, &whole), 0);
+    LogCapture log(LogCapture::LoggingLevel::INFO);
+    EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT);
+    ::close(lock);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT);
+    EXPECT_THAT(log.messages(), ElementsAre(lost(file(".lock"), 5)));
 }
 
 TEST_F(RemovedFiles, AreTriedAgainWhenTheLockWasRefusedAndNobodyHasIt) {
