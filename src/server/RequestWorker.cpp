@@ -116,7 +116,7 @@ void RequestWorker::run() {
         serveRequests();
     } catch (...) {
         if (handlerFailed_) {
-            noteLeft(drain_ && hasInput());
+            noteLeft(isDraining() && hasInput());
             deserted_ = true;
             throw;
         }
@@ -150,7 +150,7 @@ void RequestWorker::serveRequests() {
         switch (next) {
             case Next::REQUEST:
                 if (!serveRequest(in, idleTimeoutMs_)) {
-                    noteLeft(drain_ && hasInput());
+                    noteLeft(isDraining() && hasInput());
                     return;
                 }
                 break;
@@ -240,7 +240,7 @@ void RequestWorker::giveUp() {
     if (alive) {
         serveRest();
     } else {
-        noteLeft(drain_ && hasInput());
+        noteLeft(isDraining() && hasInput());
     }
     if (drain_) {
         logDebug([&] { return "Drained " + fullName_ + "."; });
@@ -278,11 +278,14 @@ void RequestWorker::serveRest() {
     while (alive && !stop_ && !rest.unread().empty()) alive = serveRequest(rest, receiveTimeoutMs_, &rest);
 }
 
+/// From the moment on at which the drain begins, which is before it comes to this worker.
+bool RequestWorker::isDraining() const {
+    return !stop_ && server_->settings_->drain.hasBegun();  // when it is stopped, the server may be gone
+}
+
 /// A request that had begun to arrive is not served.
 void RequestWorker::noteCutOff() {
-    if (stop_) return;  // the server may be gone
-    Drain& drain = server_->settings_->drain;
-    if (drain.hasBegun()) drain.noteCutOff();
+    if (isDraining()) server_->settings_->drain.noteCutOff();
 }
 
 /// The connection ends with a request, and `hasMore` is whether there is more to read. What is left of the body of that

@@ -114,6 +114,7 @@ class RequestWorker : public Poco::Runnable {
     bool staysSilent();
     void giveUp();
     void serveRest();
+    bool isDraining() const;
     void noteCutOff();
     void noteLeft(bool hasMore);
     std::string takeRest();

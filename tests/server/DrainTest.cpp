@@ -61,12 +61,6 @@ class Drain : public Worker {
     static bool isPending(const std::future<bool>& draining) {
         return draining.wait_for(50ms) == std::future_status::timeout;
     }
-    std::unique_ptr<RawClient> clientWithWorker() {
-        const int before = server.server.totalRequestProcessors();
-        auto client = std::make_unique<RawClient>(server.name);
-        EXPECT_TRUE(eventually([&] { return server.server.totalRequestProcessors() > before; }));
-        return client;
-    }
 
     LogCapture log;
     std::promise<void> release;

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -64,6 +65,13 @@ class Worker : public ::testing::Test {
     }
     bool eventuallyLogs(const LogCapture& log, const std::string& message) {
         return eventually([&] { return log.contains(message); });
+    }
+    /// A client that has a worker, which waits for its first request.
+    std::unique_ptr<RawClient> clientWithWorker() {
+        const int before = server.server.totalRequestProcessors();
+        auto client = std::make_unique<RawClient>(server.name);
+        EXPECT_TRUE(eventually([&] { return server.server.totalRequestProcessors() > before; }));
+        return client;
     }
     /// Makes the server look for finished workers.
     void reap() { RawClient(server.name).exchange(POST_HELLO, HELLO_BACK); }
