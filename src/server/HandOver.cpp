@@ -56,8 +56,8 @@ QvtpServer::HandOver::StartResult QvtpServer::HandOver::tryToStart() {
     bool counted = false;
     try {
         if (pool.available() == 0 && server_.maxRequestProcessors_ == 0) {
+            threads_.grow(GROWTH);  // first: the pool has grown also when it throws afterwards
             pool.addCapacity(GROWTH);
-            threads_.grow(GROWTH);
         }
         if (pool.available() < 1) return StartResult::NO_THREAD;
         PipeControl::giveAway(*server_.serverPipe_);

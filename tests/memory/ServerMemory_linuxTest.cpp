@@ -1,13 +1,18 @@
 #include "server/Worker.h"
 #include "support/Holdings.h"
+#include "support/LogHook_linux.h"
 #include "support/OutOfMemory.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -108,6 +113,98 @@ TEST(ServerWithoutMemory, HasAllItsThreadsAgain) {
         failed = server.stop();
     }
     EXPECT_GT(n, 20);
+}
+
+std::chrono::microseconds processorTime() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+}
+
+TEST(ServerWithoutMemory, PausesBetweenItsTries) {
+    TestHandler handler;
+    for (long n = 1;; ++n) {  // until the first allocation that fails is one of the accept loop
+        QvtpServer server(uniquePipeName("short"), 1);
+        server.setHandler(&handler);
+        std::atomic<bool> ended{false};
+        std::thread accepting([&] {
+            {
+                const OutOfMemory memory(n);
+                server.run();
+            }
+            ended = true;
+        });
+        EXPECT_TRUE(eventually([&] { return server.isRunning() || ended; }));
+        const bool isAccepting = !ended;
+        const auto before = processorTime();
+        if (isAccepting) std::this_thread::sleep_for(150ms);
+        const auto used = processorTime() - before;
+        EXPECT_TRUE(eventually([&] {
+            server.shutdown();
+            return ended.load();
+        }));
+        accepting.join();
+        if (!isAccepting) continue;
+        EXPECT_LT(used, 50ms);
+        break;
+    }
+}
+
+/// Lets the accept thread of a server that has as many threads as it needs lack memory once, for its nth allocation
+/// after all five of its first threads are busy. False when it did not need that many.
+bool growsInSpiteOf(long n, int attempts = 20) {
+    TestServer server;
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 0);
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 600000);
+    std::atomic<bool> isShort{false};
+    std::atomic<bool> hasFailed{false};
+    std::atomic<bool> isDone{false};
+    std::atomic<bool> hasGivenWay{false};  // a worker that was slow to come back to its wait
+    std::optional<OutOfMemory> memory;     // of the hook, which one line at a time enters
+    std::thread::id accepting;
+    std::vector<std::unique_ptr<RawClient>> clients;
+    {
+        const LogHook hook(LogHook::LoggingLevel::DEBUG, [&](std::string_view line) {
+            const auto has = [&](const char* text) { return line.find(text) != std::string_view::npos; };
+            if (has("Give up ")) hasGivenWay = true;
+            if (has("has accepted a QvPipe connection.") && isShort.exchange(false)) {
+                accepting = std::this_thread::get_id();
+                memory.emplace(n, OutOfMemory::ONCE);
+            } else if (memory && std::this_thread::get_id() == accepting &&
+                       (memory->hasFailed() || has("Activated worker thread"))) {
+                hasFailed = memory->hasFailed();
+                memory.reset();
+                isDone = true;
+            }
+        });
+        server.start();
+        for (int tries = 0; clients.size() < 6 && tries < 8; ++tries) {
+            const std::size_t before = clients.size();
+            if (before == 5) {
+                std::this_thread::sleep_for(50ms);  // all five wait: none of them gives way
+                isShort = tries == 5;
+                server.server.setOption(QvtpServer::IDLE_TIMEOUT, 2000);  // a step of the wait is a tenth of it
+            }
+            const auto connect = [&] {
+                clients.push_back(std::make_unique<RawClient>(server.name));
+                if (clients.back()->exchange(POST_HELLO, HELLO_BACK) != HELLO_BACK) clients.pop_back();
+            };
+            if (thrownBy(connect) != "nothing") clients.resize(before);  // it met the failure
+        }
+        EXPECT_TRUE(eventually([&] { return isDone && (hasGivenWay || server.server.totalRequestProcessors() == 6); }))
+            << n;
+    }
+    if (hasGivenWay && attempts > 0) return growsInSpiteOf(n, attempts - 1);
+    EXPECT_EQ(server.server.idleRequestProcessors(), 1) << n;
+    EXPECT_TRUE(server.server.drain(20000)) << n;
+    return hasFailed;
+}
+
+TEST(ServerWithoutMemory, CountsItsThreadsAlsoWhenItLacksSomeWhileItGrows) {
+    long n = 1;
+    while (growsInSpiteOf(n)) ++n;
+    EXPECT_GT(n, 5);
 }
 
 }  // namespace
