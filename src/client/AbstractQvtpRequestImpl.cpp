@@ -154,7 +154,6 @@ std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::
 }
 
 void AbstractQvtpRequestImpl::prepare() {
-    bodyOut_.reset();
     dropPipe();
     checkBodyPresent();  // again: the manager, which may be the application's, has been called
     pipe_ = client_->getManager()->getPipe(pipeName_, mode_);
@@ -165,18 +164,18 @@ void AbstractQvtpRequestImpl::prepare() {
 
 /// Head, flush, body in pieces of the buffer size, flush.
 void AbstractQvtpRequestImpl::sendThroughStream() {
-    bodyOut_ = std::make_unique<QvtpOStream>(client_->getIntegerOption(QvtpClient::BUFFER_SIZE), bodyStream_ != nullptr,
-                                             pipe_->getOutputStream(), nullptr);
+    QvtpOStream bodyOut(client_->getIntegerOption(QvtpClient::BUFFER_SIZE), bodyStream_ != nullptr,
+                        pipe_->getOutputStream(), nullptr);
     message_.writeHeaders(pipe_->getOutputStream());
     if (bodyStream_ != nullptr) {
-        copyBodyStream();
+        copyBodyStream(bodyOut);
     } else {
-        message_.writeBody(bodyOut_.get());
+        message_.writeBody(&bodyOut);
     }
-    bodyOut_->send();
+    bodyOut.send();
 }
 
-void AbstractQvtpRequestImpl::copyBodyStream() {
+void AbstractQvtpRequestImpl::copyBodyStream(QvtpOStream& bodyOut) {
     std::vector<char> buffer(static_cast<std::size_t>(std::max(client_->getIntegerOption(QvtpClient::BUFFER_SIZE), 1)));
     while (!bodyStream_->eof()) {
         bodyStream_->read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
@@ -185,7 +184,7 @@ void AbstractQvtpRequestImpl::copyBodyStream() {
             dropPipe();
             throw QvPipeException("The body stream failed before its end.");
         }
-        bodyOut_->write(buffer.data(), bodyStream_->gcount());
+        bodyOut.write(buffer.data(), bodyStream_->gcount());
     }
 }
 

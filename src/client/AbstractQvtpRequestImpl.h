@@ -57,7 +57,7 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     void prepare();
     void sendThroughStream();
     std::unique_ptr<QvtpResponse> beginResponse();
-    void copyBodyStream();
+    void copyBodyStream(QvtpOStream& bodyOut);
     void handleBrokenPipe(Quovane::Io::BrokenPipeException& e);
     void dropPipe();
     void releasePipe();
@@ -71,7 +71,6 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     std::string method_;
     std::string resource_;
     std::string mode_;
-    std::unique_ptr<QvtpOStream> bodyOut_;
     std::istream* bodyStream_ = nullptr;  // not owned
     Quovane::Soa::Common::Xml::Utf8String encoder_;
     QvtpMessageOutImpl message_;

@@ -110,7 +110,6 @@ std::string_view StreamUtil::readLine(std::istream& in, std::string& room) {
     peek(in);                                             // has the stream fill its buffer
     std::string_view line;
     if (!takeLine(in, line)) {
-        room.clear();
         if (!in.bad()) std::getline(in, room);  // a bad stream may throw again at every use
         if (in.eof() || in.fail()) throw Io::InterruptedException(NO_LINE);
         line = room;

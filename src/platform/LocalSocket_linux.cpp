@@ -54,9 +54,9 @@ Descriptor create() {
     return Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
-bool setBlocking(int fd, bool blocking) {
+bool makeBlocking(int fd) {
     // A socket of its own has no other flag that could be changed.
-    return uninterrupted([&] { return ::fcntl(fd, F_SETFL, blocking ? 0 : O_NONBLOCK); }) == 0;
+    return uninterrupted([&] { return ::fcntl(fd, F_SETFL, 0); }) == 0;
 }
 
 bool setReceiveTimeout(int fd, std::chrono::nanoseconds limit) {
@@ -86,7 +86,7 @@ bool connect(int fd, const std::string& path) {
 
 QueueResult connectBefore(int fd, const std::string& path, const Deadline& deadline) {
     sockaddr_un address{};
-    if (!fillAddress(path, address) || !setBlocking(fd, true)) return QueueResult::FAILED;
+    if (!fillAddress(path, address) || !makeBlocking(fd)) return QueueResult::FAILED;
     int result = -1;
     int error = EINTR;
     while (result != 0 && error == EINTR) {
@@ -98,14 +98,13 @@ QueueResult connectBefore(int fd, const std::string& path, const Deadline& deadl
     // Writing asks not to wait each time, so it does no harm if this fails.
     const timeval unlimited{};
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &unlimited, sizeof unlimited);
-    if (result != 0) setBlocking(fd, false);  // for the next attempt
     return result == 0 ? QueueResult::CONNECTED : QueueResult::NOT_CONNECTED;
 }
 
 WaitResult wait(int fd, short events, int event, const Deadline& deadline, int watch) {
     for (;;) {
-        pollfd descriptors[] = {{event, POLLIN, 0}, {fd, events, 0}, {watch, POLLIN, 0}};
-        const int ready = pollOnce(descriptors, watch >= 0 ? 3 : 2, deadline);
+        pollfd descriptors[] = {{event, POLLIN, 0}, {fd, events, 0}, {watch, POLLIN, 0}};  // -1 is taken no notice of
+        const int ready = pollOnce(descriptors, 3, deadline);
         if (ready > 0 && descriptors[0].revents != 0) return WaitResult::SIGNALLED;
         if (ready > 0) return descriptors[1].revents != 0 ? WaitResult::READY : WaitResult::NOTICED;
         if (deadline.isOver()) return WaitResult::TIMED_OUT;

@@ -13,7 +13,7 @@ namespace Quovane::Internal::Qvtp::LocalSocket {
 Descriptor create();
 
 /// A socket that is connected blocks where a call does not say otherwise.
-bool setBlocking(int fd, bool blocking);
+bool makeBlocking(int fd);
 
 /// The longest time that a blocking receive waits: more than 0.
 bool setReceiveTimeout(int fd, std::chrono::nanoseconds limit);

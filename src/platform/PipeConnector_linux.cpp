@@ -85,7 +85,7 @@ PipeConnector::Attempt PipeConnector::attempt() {
 
 PipeConnector::Attempt PipeConnector::attemptConnect(bool foreign) {
     const bool connected = LocalSocket::connect(socket_.get(), address_.socketPath(address_.socketFile()));
-    if (connected && LocalSocket::setBlocking(socket_.get(), true)) return Attempt::CONNECTED;
+    if (connected && LocalSocket::makeBlocking(socket_.get())) return Attempt::CONNECTED;
     const int error = errno;
     switch (error) {
         case EAGAIN:
