@@ -74,7 +74,7 @@ class Serve(CliTest):
     def test_takes_a_signal_from_its_first_line_on(self):
         for arguments in ([], ["--exec", "cat"]):
             for pause in range(25):
-                server = self.serve("demo", "--drain", "0.1", *arguments)
+                server = self.serve("demo", "--drain", "10", *arguments)
                 end = time.monotonic() + pause * 0.0001  # to meet every moment of its start
                 while time.monotonic() < end:
                     pass

@@ -8,6 +8,8 @@
 
 #include <csignal>
 #include <cstdint>
+#include <string>
+#include <thread>
 
 namespace qvtp_test {
 namespace {
@@ -35,6 +37,25 @@ TEST(SystemProcessId, IsThatOfAChildThatTheCLibraryKnowsNothingOf) {
     int status = -1;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+}
+
+/// Uses the text of its thread when that has gone already.
+struct LateUse {
+    std::string* seen = nullptr;
+    ~LateUse() {
+        System::setThreadText(std::string(1000, 'b'));
+        *seen = System::threadText();
+    }
+};
+
+TEST(SystemThreadText, IsNotUsedAnyMoreWhenTheThreadHasTornItDown) {
+    std::string seen = "not asked";
+    std::thread([&] {
+        thread_local LateUse late;  // is made before the text, and so goes after it
+        late.seen = &seen;
+        System::setThreadText(std::string(100, 'a'));
+    }).join();
+    EXPECT_EQ(seen, "");
 }
 
 }  // namespace

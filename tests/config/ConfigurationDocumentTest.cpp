@@ -60,5 +60,15 @@ TEST_F(DocumentOfAConfiguration, HasNothingOfAFileThatIsCutOff) {
     EXPECT_EQ(log.messages().size(), 1U);
 }
 
+/// The parser has classes of its own for what is wrong with a file, and for what is wrong with a node.
+TEST_F(DocumentOfAConfiguration, HasNothingOfAFileWithAnAttributeThatNoNodeCanHave) {
+    write("<!DOCTYPE c [<!ELEMENT c ANY><!ATTLIST c :a CDATA 'x'>]><c/>");
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    ConfigurationDocument document;
+    document.load();
+    EXPECT_FALSE(document.isRead());
+    EXPECT_THAT(log.messages(), ::testing::ElementsAre(::testing::HasSubstr("namespaces")));
+}
+
 }  // namespace
 }  // namespace qvtp_test

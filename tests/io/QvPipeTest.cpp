@@ -339,6 +339,29 @@ TEST_F(ConnectedPipe, KeepsItsStreamWhenACopyIsAssignedBack) {
     EXPECT_EQ(in->get(), 'x');
 }
 
+TEST_F(ConnectedPipe, KeepsWhatItsOutputStreamHoldsWhenACopyIsAssignedBack) {
+    char area[16];
+    std::ostream* const out = client.getOutputStream();
+    out->rdbuf()->pubsetbuf(area, sizeof area);
+    *out << 'x';
+    const QvPipe copy(client);
+    client = copy;
+    out->flush();
+    accepted.setReadTimeout(5000);
+    EXPECT_EQ(accepted.getInputStream()->get(), 'x');
+}
+
+TEST_F(ConnectedPipe, WritesNothingIntoAnAreaThatItsOwnerFreed) {
+    auto original = std::make_unique<QvPipe>(client);
+    char area[16] = {};
+    std::ostream* const out = original->getOutputStream();
+    out->rdbuf()->pubsetbuf(area, sizeof area);
+    const QvPipe copy(*original);
+    original.reset();
+    EXPECT_NE(thrownBy([&] { out->put('x'); }), "nothing");
+    EXPECT_EQ(area[0], 0);
+}
+
 /// Copies that have used their streams, and end on two threads at once.
 TEST_F(ConnectedPipe, EndsWithItsLastCopyOnWhateverThreads) {
     for (int round = 0; round < 300; ++round) {

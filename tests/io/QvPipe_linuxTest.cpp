@@ -1,15 +1,19 @@
 #include <qvtp/io/QvPipe.h>
 
 #include "support/FailingCall_linux.h"
+#include "support/LogCapture.h"
 #include "support/PipeName.h"
 #include "support/RawServer.h"
 #include "support/Thrown.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <istream>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace qvtp_test {
 namespace {
@@ -30,6 +34,31 @@ TEST(QvPipeWithoutAnEvent, IsClosedByItsConstructor) {
     char byte = 0;
     EXPECT_EQ(thrownBy([&] { server.accept()->readPipe(&byte, 0, 1, 20000); }), "QvPipeException: QvPipe read failed.")
         << "the connection has ended";
+}
+
+TEST(QvPipeWithoutABuffer, TakesASingleByteWithEachRead) {
+    const std::string name = uniquePipeName();
+    RawServer server(name);
+    QvPipe pipe(name, true, true);
+    RawServer::write(*server.accept(), "abcdef");
+    std::istream& in = *pipe.getInputStream();
+    EXPECT_EQ(in.get(), 'a');
+    char bytes[5] = {};
+    const CallFailure failure(CallFailure::Call::RECEIVE, EIO, 1, 3);
+    EXPECT_NE(thrownBy([&] { in.read(bytes, 5); }), "nothing");
+    EXPECT_TRUE(failure.hasHappened());
+    EXPECT_EQ(in.gcount(), 0);
+}
+
+TEST(ServerQvPipeWhoseWaitFails, SaysSoInItsLineAndInItsException) {
+    const std::string name = uniquePipeName();
+    ServerQvPipe server(name, true, true);
+    LogCapture log(LogCapture::LoggingLevel::ERROR);
+    const CallFailure failure(CallFailure::Call::POLL, ENOMEM);
+    QvPipe accepted;
+    EXPECT_EQ(thrownBy([&] { server.accept(accepted); }), "QvPipeException: QvPipe wait failed in accept");
+    const std::vector<std::string> lines = log.messages();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "ERROR Wait failed in Accept."), 1);
 }
 
 TEST(ServerQvPipeWithoutAnEvent, LeavesTheNameFree) {

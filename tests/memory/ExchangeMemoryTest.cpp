@@ -60,32 +60,39 @@ class ExchangeWithoutMemory : public ::testing::Test {
     }
 
     /// Lets each allocation of an exchange fail in turn, with a new client and with one that has an idle pipe. What it
-    /// throws is what can be caught, and the client is as good as before.
+    /// throws is what can be caught, and the client is as good as before. Some handles come late, to a thread or to a
+    /// lock; none of them comes each time.
     void expectHarmless(const std::function<void(QvtpClient&)>& exchange) {
-        const int handlesBefore = settledHandles();
-        for (const bool hasPipe : {false, true}) {
-            long n = 1;
-            for (bool failed = true; failed; ++n) {
-                QvtpClient client;
-                if (hasPipe) exchange(client);
-                const std::string thrown = thrownBy([&] {
-                    const OutOfMemory memory(n, OutOfMemory::ONCE);
-                    failed = true;
-                    exchange(client);
-                    failed = memory.hasFailed();
-                });
-                const bool mayFail = backend::needsMemoryToTransfer();
-                const bool isKnown = (mayFail && thrown == "QvPipeException: Pipe write failed") ||
-                                     (mayFail && thrown == "QvPipeException: QvPipe read failed.") ||
-                                     thrown == "nothing" || thrown == "std::exception: std::bad_alloc" ||
-                                     thrown == "QvPipeException: Could not connect to pipe." ||
-                                     thrown.find("QvPipeException: Not enough memory") == 0;
-                EXPECT_TRUE(isKnown) << n << ": " << thrown;
-                EXPECT_EQ(post(client, server.name, "after"), "after") << n;
-            }
-            EXPECT_GT(n, 3);  // a few have failed, even of what needs the least
+        const int rounds = Holdings::LATE_HANDLES > 0 ? 5 : 1;
+        bool isBack = false;
+        for (int round = 0; round < rounds && !isBack; ++round) {
+            const int before = settledHandles();
+            for (const bool hasPipe : {false, true}) failEachAllocation(exchange, hasPipe);
+            isBack = settledHandles() <= before;
         }
-        EXPECT_TRUE(eventually([&] { return Holdings::now().handles <= handlesBefore + Holdings::LATE_HANDLES; }));
+        EXPECT_TRUE(isBack);
+    }
+    void failEachAllocation(const std::function<void(QvtpClient&)>& exchange, bool hasPipe) {
+        long n = 1;
+        for (bool failed = true; failed; ++n) {
+            QvtpClient client;
+            if (hasPipe) exchange(client);
+            const std::string thrown = thrownBy([&] {
+                const OutOfMemory memory(n, OutOfMemory::ONCE);
+                failed = true;
+                exchange(client);
+                failed = memory.hasFailed();
+            });
+            const bool mayFail = backend::needsMemoryToTransfer();
+            const bool isKnown = (mayFail && thrown == "QvPipeException: Pipe write failed") ||
+                                 (mayFail && thrown == "QvPipeException: QvPipe read failed.") || thrown == "nothing" ||
+                                 thrown == "std::exception: std::bad_alloc" ||
+                                 thrown == "QvPipeException: Could not connect to pipe." ||
+                                 thrown.find("QvPipeException: Not enough memory") == 0;
+            EXPECT_TRUE(isKnown) << n << ": " << thrown;
+            EXPECT_EQ(post(client, server.name, "after"), "after") << n;
+        }
+        EXPECT_GT(n, 3);  // a few have failed, even of what needs the least
     }
 
     const std::string body = std::string(5000, 'b');

@@ -340,25 +340,28 @@ TEST_F(FailedTransfer, IsLeftToTheReadByAWaitForInput) {
 }
 
 TEST_F(FailedTransfer, IsNoneWhereALongWaitCanHaveNoLimit) {
+    const int failed = CallFailure::total();
     auto reading = std::async(std::launch::async, [&] {
         const CallFailure failure(Call::SETSOCKOPT, ENOMEM, 1000);
         std::string data;
         const int count = read(server, data, 100, 20000);
         return std::make_pair(count, failure.hasHappened());
     });
-    std::this_thread::sleep_for(20ms);  // long enough for a wait that nothing ends at once
+    ASSERT_TRUE(eventually([&] { return CallFailure::total() > failed; }));
     ASSERT_EQ(write(client, "there"), 0);
     EXPECT_EQ(reading.get(), std::make_pair(5, true));
 }
 
 TEST_F(FailedTransfer, IsNoneOfAWriteThatCannotSeeWhatItsReaderHasTaken) {
+    const int failed = CallFailure::total();
     const std::string block(1 << 20, 'b');
     auto writing = std::async(std::launch::async, [&] {
         const CallFailure failure(Call::IOCTL, EINVAL, 1000000);
         const int result = write(client, block);
         return std::make_pair(result, failure.hasHappened());
     });
-    std::this_thread::sleep_for(150ms);  // a write that waits looks every 100 ms
+    // Some come before it waits, and one with each look while it does.
+    ASSERT_TRUE(eventually([&] { return CallFailure::total() > failed + 8; }));
     EXPECT_EQ(readAll(server, block.size()), block);
     EXPECT_EQ(writing.get(), std::make_pair(static_cast<int>(WriteResult::WRITTEN), true));
 }

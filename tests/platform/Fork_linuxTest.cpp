@@ -56,6 +56,19 @@ TEST_F(ForkedChild, ServesANameOfItsOwn) {
     EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
 }
 
+TEST_F(ForkedChild, LeavesAnInheritedNameToItsParentWhenItForgetsIt) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    EXPECT_EQ(resultInChild([&] {
+                  server.close();
+                  End own;
+                  return createNamed(own, name + "-child");  // looks through the names that it has inherited
+              }),
+              0);
+    EXPECT_EQ(connect(client), 0);
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+}
+
 TEST_F(ForkedChild, HasAServerPipeThatDoesNoHarmToTheParents) {
     ServerQvPipe server(name, true, true);
     server.setAcceptTimeout(2000);

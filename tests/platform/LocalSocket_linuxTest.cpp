@@ -60,6 +60,16 @@ TEST(LocalSocket, LimitsAReceiveToWholeSecondsAndPartsOfThem) {
     }
 }
 
+TEST(LocalSocket, LimitsAReceiveToASecondExactly) {
+    const Descriptor socket = LocalSocket::create();
+    ASSERT_TRUE(LocalSocket::setReceiveTimeout(socket.get(), std::chrono::seconds(1)));
+    timeval found{};
+    socklen_t size = sizeof found;
+    ASSERT_EQ(::getsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &found, &size), 0);
+    EXPECT_EQ(found.tv_sec, 1);
+    EXPECT_EQ(found.tv_usec, 0);  // a second is a whole number of steps of any clock
+}
+
 TEST(LocalSocket, KnowsNothingOfWhatIsUnreadWhereThereIsNone) {
     EXPECT_EQ(LocalSocket::unreadMemory(-1), -1);
 }

@@ -2,7 +2,10 @@
 #include "platform/PipeContract.h"
 #include "platform/PipeObject_linux.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <thread>
 
 namespace qvtp_test {
@@ -13,11 +16,15 @@ class SlowReader : public PipeContract {
   protected:
     static constexpr auto TIMEOUT = 300ms;
 
-    void SetUp() override {
+    void SetUp() override { open(); }
+    void TearDown() override { close(); }
+
+    void open() {
         pair(server, client);
         platform::pipeTable().enter(client.pipe)->writeTimeoutMs = static_cast<int>(TIMEOUT.count());
+        done = false;
     }
-    void TearDown() override {
+    void close() {
         platform::platformClose(client.pipe, client.event);
         if (writer.joinable()) writer.join();
         client.forget();  // not before: the writer still looks at it
@@ -40,13 +47,31 @@ class SlowReader : public PipeContract {
     /// Takes so many bytes every so often for several time-outs; false if the write ends meanwhile.
     bool survives(int bytes, std::chrono::milliseconds pause) {
         const auto end = std::chrono::steady_clock::now() + 4 * TIMEOUT;
-        while (std::chrono::steady_clock::now() < end) {
+        longestPause = 0ms;
+        while (lastRead < end) {
             std::this_thread::sleep_for(pause);
+            const auto now = std::chrono::steady_clock::now();
+            longestPause = std::max<std::chrono::nanoseconds>(longestPause, now - lastRead);
+            lastRead = now;
             if (done) return false;
             std::string data;
             EXPECT_EQ(read(server, data, bytes), bytes);
         }
         return true;
+    }
+    /// The same for what `begin` writes. A busy machine may keep the reader itself from being steady: then once more.
+    void expectSurvival(const std::function<void()>& begin, int bytes, std::chrono::milliseconds pause) {
+        for (int attempt = 0; attempt < 10; ++attempt) {
+            lastRead = std::chrono::steady_clock::now();
+            begin();
+            waitForFullBuffers();
+            if (survives(bytes, pause)) return;
+            ASSERT_GT(longestPause, TIMEOUT * 9 / 10);
+            close();
+            server = End();
+            open();
+        }
+        FAIL() << "This machine has no time for a steady reader.";
     }
 
     void takeBlock(int size) const {
@@ -63,6 +88,8 @@ class SlowReader : public PipeContract {
     std::thread writer;
     std::atomic<bool> done{false};
     std::atomic<int> result{0};
+    std::chrono::steady_clock::time_point lastRead;  // just before it
+    std::chrono::nanoseconds longestPause{0};
 };
 
 struct Blocks {
@@ -78,16 +105,12 @@ class SteadyReader : public SlowReader, public ::testing::WithParamInterface<Blo
 
 // 4096 bytes in 6 of 10 seconds.
 TEST_P(SteadyReader, IsNeverCutOff) {
-    writeBlocks(GetParam().size, GetParam().count);
-    waitForFullBuffers();
-    EXPECT_TRUE(survives(4096, TIMEOUT * 6 / 10));
+    expectSurvival([&] { writeBlocks(GetParam().size, GetParam().count); }, 4096, TIMEOUT * 6 / 10);
 }
 
 // 20 kB a second.
 TEST_P(SteadyReader, IsNeverCutOffAtAHigherPace) {
-    writeBlocks(GetParam().size, GetParam().count);
-    waitForFullBuffers();
-    EXPECT_TRUE(survives(8192, TIMEOUT / 25));
+    expectSurvival([&] { writeBlocks(GetParam().size, GetParam().count); }, 8192, TIMEOUT / 25);
 }
 
 INSTANTIATE_TEST_SUITE_P(OfBlocks, SteadyReader,
@@ -96,28 +119,29 @@ INSTANTIATE_TEST_SUITE_P(OfBlocks, SteadyReader,
                          nameOf);
 
 TEST_F(SlowReader, IsNeverCutOffBehindManySmallMessages) {
-    for (int i = 0; i < 20; ++i) {
-        ASSERT_EQ(write(client, std::string(300, 'x')), 0);
-        ASSERT_EQ(write(client, std::string(4096, 'x')), 0);
-    }
-    writeBlocks(1 << 20, 1);
-    waitForFullBuffers();
-    EXPECT_TRUE(survives(4096, TIMEOUT * 6 / 10));
+    const auto begin = [&] {
+        for (int i = 0; i < 20; ++i) {
+            ASSERT_EQ(write(client, std::string(300, 'x')), 0);
+            ASSERT_EQ(write(client, std::string(4096, 'x')), 0);
+        }
+        writeBlocks(1 << 20, 1);
+    };
+    expectSurvival(begin, 4096, TIMEOUT * 6 / 10);
 }
 
 TEST_F(SlowReader, IsCutOffOnceItTakesNothing) {
-    writeBlocks(1 << 20, 1);
-    waitForFullBuffers();
-    ASSERT_TRUE(survives(4096, TIMEOUT * 6 / 10));
-    const auto patience = elapsed([&] { EXPECT_TRUE(eventually([&] { return done.load(); })); });
-    EXPECT_GE(patience, TIMEOUT - 5ms);
-    EXPECT_LT(patience, TIMEOUT * 8 / 5);
+    expectSurvival([&] { writeBlocks(1 << 20, 1); }, 4096, TIMEOUT * 6 / 10);
+    EXPECT_TRUE(eventually([&] { return done.load(); }));
+    const auto patience = std::chrono::steady_clock::now() - lastRead;
+    EXPECT_GE(patience, TIMEOUT);
+    EXPECT_LT(patience, 5s);  // the usual time-out is ten
     EXPECT_EQ(result, WriteResult::TIMED_OUT);
 }
 
 TEST_F(SlowReader, IsCutOffWhenItTakesLessThanAPieceInAWholeTimeout) {
     writeBlocks(1 << 20, 1);
     waitForFullBuffers();
+    lastRead = std::chrono::steady_clock::now();
     EXPECT_FALSE(survives(300, TIMEOUT / 8));
     EXPECT_EQ(result, WriteResult::TIMED_OUT);
 }

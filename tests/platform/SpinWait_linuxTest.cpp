@@ -115,6 +115,19 @@ TEST_F(SpinWaitOfSeveral, TriesWhileThreadsAndTheirPeersHaveAProcessorEach) {
     EXPECT_EQ(answers("w" + crowdOf(1000)), "10");
 }
 
+TEST_F(SpinWait, TriesOnFourProcessorsForTwoThreadsAndNotForThree) {
+    unsetEnvironment("QVTP_SPIN");
+    EXPECT_EQ(answers("4w" + crowdOf(2)), "11");
+    EXPECT_EQ(answers("4w" + crowdOf(3)), "10");
+}
+
+TEST_F(SpinWait, LooksFromTimeToTimeWhetherTriesPayWhenThereAreMoreProcessorsAgain) {
+    unsetEnvironment("QVTP_SPIN");
+    const std::string oneAllowed = "4w1" + repeated(64, "w") + "4";
+    EXPECT_EQ(answers(oneAllowed + repeated(128, "w")),
+              "1" + repeated(63, "1") + "0" + repeated(2, repeated(63, "0") + "1"));
+}
+
 TEST_F(SpinWaitOfSeveral, TriesAgainWhenTheOtherThreadsAreGone) {
     EXPECT_EQ(answers("w" + crowdOf(1000) + repeated(500, "be") + "w"), "101");
 }

@@ -57,6 +57,41 @@ INSTANTIATE_TEST_SUITE_P(OfFilesAndSockets, InterruptedCall,
                          ::testing::Values(Call::ACCEPT, Call::CONNECT, Call::FCNTL, Call::FTRUNCATE, Call::OPEN,
                                            Call::PREAD, Call::PWRITE, Call::RECEIVE, Call::SEND));
 
+TEST_F(SystemCalls, AreSavedByAReaderOfMessagesThatAreALittleLongerThanItsBuffer) {
+    End server, client;
+    pair(server, client);
+    std::string data;
+    ASSERT_EQ(write(client, std::string(4096, 'a')), 0);
+    ASSERT_EQ(read(server, data, 4096), 4096);
+    ASSERT_EQ(write(client, std::string(4100, 'b')), 0);
+    ASSERT_EQ(read(server, data, 4096), 4096);
+    const CallFailure failure(Call::RECEIVE, EIO, 1000);
+    EXPECT_EQ(read(server, data, 4), 4);
+    EXPECT_EQ(data, "bbbb");
+    EXPECT_FALSE(failure.hasHappened());
+}
+
+TEST_F(SystemCalls, FailTheNextInstanceWhoseEventCannotBeMade) {
+    End server, next;
+    ASSERT_EQ(create(server), 0);
+    const CallFailure failure(Call::EVENTFD, EMFILE);
+    EXPECT_EQ(platform::platformCreateNextInstance(server.pipe, path(), true, true, next.pipe, next.event),
+              platform::SystemError::TOO_MANY_OPEN_FILES);
+    EXPECT_TRUE(failure.hasHappened());
+    EXPECT_FALSE(next.isOpen());
+}
+
+TEST_F(SystemCalls, DoNotWaitWhereSomebodyOnlyLooksForAClient) {
+    End server;
+    ASSERT_EQ(create(server), 0);
+    // A busy machine may keep it from running, but not each time.
+    EXPECT_TRUE(eventually([&] {
+        return elapsed([&] {
+                   for (int i = 0; i < 300; ++i) EXPECT_FALSE(platform::platformHasClient(server.pipe));
+               }) < std::chrono::milliseconds(200);
+    }));
+}
+
 TEST_F(SystemCalls, FailAConnectWhoseWaitCouldHaveNoLimit) {
     for (const Call call : {Call::SETSOCKOPT, Call::FCNTL}) {
         End server, first, second;

@@ -52,6 +52,16 @@ TEST_F(ReadContract, GivesAllThatIsThereInPiecesOfAnySize) {
     EXPECT_EQ(readText(server), "-3");
 }
 
+TEST_F(ReadContract, FindsDataWithLengthZeroAlsoAmongWhatItHadTakenBefore) {
+    std::string data;
+    ASSERT_EQ(write(client, std::string(4096, 'a')), 0);
+    ASSERT_EQ(read(server, data, 4096), 4096);
+    ASSERT_EQ(write(client, std::string(4100, 'b')), 0);
+    ASSERT_EQ(read(server, data, 4096), 4096);
+    EXPECT_EQ(read(server, data, 0), 0);
+    EXPECT_EQ(readText(server), "bbbb");
+}
+
 TEST_F(ReadContract, FindsTheEndAfterWhatItHadTakenBefore) {
     std::string data;
     ASSERT_EQ(write(client, std::string(4096, 'a')), 0);

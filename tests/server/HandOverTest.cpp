@@ -6,6 +6,8 @@
 #include <qvtp/client/QvtpClient.h>
 #include <qvtp/client/QvtpResponse.h>
 
+#include <Poco/ErrorHandler.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -89,6 +91,40 @@ TEST_F(HandOver, ComesAsSoonAsAHandlersExceptionFreesAThread) {
     EXPECT_LT(elapsed([&] { EXPECT_EQ(fourth->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK); }), 10s);
 }
 
+/// Holds a thread of the pool that a handler's exception has left, before the pool has it back.
+class HeldThread : public Poco::ErrorHandler {
+  public:
+    HeldThread() : before_(Poco::ErrorHandler::set(this)) {}
+    ~HeldThread() override { Poco::ErrorHandler::set(before_); }
+    HeldThread(const HeldThread&) = delete;
+    HeldThread& operator=(const HeldThread&) = delete;
+
+    void exception() override {
+        isHeld = true;
+        letGo.get_future().wait();
+    }
+
+    std::atomic<bool> isHeld{false};
+    std::promise<void> letGo;
+
+  private:
+    Poco::ErrorHandler* const before_;
+};
+
+TEST_F(HandOver, ComesToAThreadThatIsOnItsWayBackToThePool) {
+    HeldThread held;
+    server.handler.onNotify = [](QvtpServerRequest&) { throw 1; };
+    server.start();
+    occupy(3);
+    clients[1]->write(notify(""));
+    ASSERT_TRUE(eventually([&] { return held.isHeld.load(); }));
+    const auto fourth = connectAndWait(4);
+    std::this_thread::sleep_for(20ms);  // it waits
+    held.letGo.set_value();
+    EXPECT_LT(elapsed([&] { EXPECT_EQ(fourth->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK); }), 10s);
+    server.stop();  // before the thread's keeper goes
+}
+
 TEST_F(HandOver, ServesRequestsThatHaveArrivedAlready) {
     std::promise<void> release;
     countNotifications(release.get_future().share());
@@ -120,6 +156,54 @@ TEST_F(HandOver, ServesARequestThatHasArrivedInPartWhenTheRestComes) {
     clients[0]->write(second.substr(20));
     EXPECT_EQ(clients[0]->readToEnd(), "");
     EXPECT_THAT(notifications(), ::testing::ElementsAre("first", "second"));
+}
+
+TEST_F(HandOver, ComesFromTheNextWorkerThatEndsARequestIfTheFirstServesOn) {
+    std::promise<void> letFirst, letOther, letSecond;
+    std::atomic<int> begun{0};
+    server.handler.onNotify = [&](QvtpServerRequest& request) {
+        const std::string body = bodyOf(request);
+        ++begun;
+        (body == "first" ? letFirst : body == "other" ? letOther : letSecond).get_future().wait();
+    };
+    server.start();
+    occupy(3);
+    clients[0]->write(notify("first"));
+    clients[1]->write(notify("other"));
+    ASSERT_TRUE(eventually([&] { return begun == 2; }));
+    const auto fourth = connectAndWait(4);
+    clients[0]->write(notify("second"));
+    std::this_thread::sleep_for(5ms);  // it is asked for
+    letFirst.set_value();
+    ASSERT_TRUE(eventually([&] { return begun == 3; }));
+    letOther.set_value();
+    EXPECT_LT(elapsed([&] { EXPECT_EQ(fourth->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK); }), 10s);
+    letSecond.set_value();
+    server.stop();  // before what the handlers wait for goes
+}
+
+TEST_F(HandOver, WaitsForTheRestOfARequestThatFollowsALargeOne) {
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
+    std::atomic<int> served{0};
+    server.handler.onNotify = [&](QvtpServerRequest& request) {
+        const std::string body = bodyOf(request);
+        if (body == "first") released.wait();
+        if (body.size() > 16384) std::this_thread::sleep_for(8ms);  // longer than small requests are served on
+        ++served;
+    };
+    server.start();
+    occupy(3);
+    clients[0]->write(notify("first"));
+    const auto fourth = connectAndWait(4);
+    const std::string third = notify("third");
+    clients[0]->write(notify(std::string(20000, 'x')) + third.substr(0, 20));
+    release.set_value();
+    ASSERT_TRUE(eventually([&] { return served == 2; }));
+    std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(thrownBy([&] { clients[0]->write(third.substr(20)); }), "nothing");
+    EXPECT_EQ(clients[0]->readToEnd(), "");
+    EXPECT_EQ(served, 3);
 }
 
 TEST_F(HandOver, DropsARequestThatCannotBecomeWholeAnyMore) {

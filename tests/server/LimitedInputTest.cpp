@@ -202,5 +202,15 @@ TEST_F(Limited, GivesABodyInBlocksAndThenTheEnd) {
     EXPECT_EQ(std::string(block), "abc?");
 }
 
+TEST_F(Limited, GivesALargeBodyFromItsSourceAndNotFromThePipe) {
+    const std::string bytes(5000, 'x');
+    over(bytes, timed(0, 60000));
+    Quovane::Internal::Qvtp::InputBuffer body(5000, &*input);
+    EXPECT_TRUE(input->endHead(body));
+    std::string block(5000, '?');
+    EXPECT_EQ(input->rdbuf()->sgetn(&block[0], 5000), 5000);
+    EXPECT_EQ(block, bytes);
+}
+
 }  // namespace
 }  // namespace qvtp_test

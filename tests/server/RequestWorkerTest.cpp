@@ -126,6 +126,14 @@ TEST_F(Worker, ReadsTheHeadUnderTheIdleTimeoutAndTheBodyUnderTheReceiveTimeout) 
                                             "ERROR Could not process the /slow request. The pipe will be closed."));
 }
 
+TEST_F(Worker, ReadsTheFirstHeadUnderTheIdleTimeoutToo) {
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 80);
+    server.start();
+    RawClient client(server.name);
+    client.write("POST /slow QVTP/1.0\r\nContent-");
+    EXPECT_EQ(client.readToEnd(), "");
+}
+
 TEST_F(Worker, WaitsForEveryRequestUnderTheIdleTimeout) {
     server.server.setOption(QvtpServer::RECEIVE_TIMEOUT, 60);
     server.start();
@@ -367,6 +375,17 @@ TEST_F(UnreadBody, EndsTheConnectionWhenItDoesNotCome) {
     quick.handler.onPost = server.handler.onPost;
     quick.start();
     RawClient client(quick.name);
+    client.write("POST /s QVTP/1.0\r\nContent-Length: 5\r\n\r\nab");
+    EXPECT_EQ(client.readToEnd(), HELLO_BACK);
+}
+
+TEST_F(UnreadBody, ThatDoesNotComeIsNotWaitedForUntilTheIdleTimeout) {
+    TestServer patient;
+    patient.server.setOption(QvtpServer::RECEIVE_TIMEOUT, 50);
+    patient.server.setOption(QvtpServer::IDLE_TIMEOUT, 600000);
+    patient.handler.onPost = server.handler.onPost;
+    patient.start();
+    RawClient client(patient.name);
     client.write("POST /s QVTP/1.0\r\nContent-Length: 5\r\n\r\nab");
     EXPECT_EQ(client.readToEnd(), HELLO_BACK);
 }

@@ -50,6 +50,13 @@ TEST_F(WorkerThreads, GrowWithoutLimitWhenNoneIsSet) {
     EXPECT_EQ(server.server.idleRequestProcessors(), 1);  // 5, and 2 more each time all were busy
 }
 
+TEST_F(WorkerThreads, GrowNoSoonerThanAllAreBusy) {
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 0);
+    server.start();
+    occupy(5);
+    EXPECT_EQ(server.server.idleRequestProcessors(), 0);
+}
+
 TEST_F(WorkerThreads, AreNamedAfterTheirWorkers) {
     std::promise<std::string> name;
     server.handler.onNotify = [&](QvtpServerRequest&) { name.set_value(Poco::Thread::current()->getName()); };
@@ -192,6 +199,7 @@ TEST(StuckHandler, IsLeftAloneWhenTheServerStopsAndComesBackLater) {
             [&] { return log.contains("DEBUG Begin processing of POST request (" + server.name + "/Worker-1)."); }));
         EXPECT_GE(elapsed([&] { server.stop(); }), 13500ms);  // ten of the pool's, and forty steps of 100 ms
         EXPECT_TRUE(log.contains("INFO ************* Worker thread not deleted: Worker-1"));
+        EXPECT_EQ(server.server.idleRequestProcessors(), 5);  // its thread does not count any more
     }
     release.set_value();
     EXPECT_EQ(outcome.get_future().get(), "QvPipeException: Pipe write failed");
