@@ -260,6 +260,7 @@ TEST_F(HandOver, BreaksTheNextWriteOfTheClientWhichSendsAgainUnseen) {
         return bodyOf(*response);
     };
     EXPECT_EQ(post(), "hello");
+    ASSERT_TRUE(eventually([&] { return server.server.totalRequestProcessors() == 1; }));  // it may answer before
     occupy(2);
     const auto waiting = connectAndWait(4);
     EXPECT_EQ(post(), "hello");  // gives its thread up
