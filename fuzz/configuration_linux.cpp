@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -41,10 +42,18 @@ bool refersOrDefines(std::string text) {
     return false;
 }
 
-/// Whether it is in UTF-8, as far as that can be seen.
+bool isAscii(char c) {
+    return static_cast<unsigned char>(c) < 0x80;
+}
+
+/// Whether it is in UTF-8, as far as that can be seen, and a character more stands for itself: of a sequence that the
+/// end of a file cuts off the parser takes no notice, whatever is in it.
 bool isPlain(const std::string& text) {
-    const bool hasMark = !text.empty() && static_cast<unsigned char>(text[0]) >= 0x80;
-    return !hasMark && text.find('\0') == text.npos && text.find("encoding") == text.npos;
+    constexpr std::size_t LONGEST_SEQUENCE = 6;
+    const bool hasMark = !text.empty() && !isAscii(text[0]);
+    const auto end = text.end() - static_cast<std::ptrdiff_t>(std::min(text.size(), LONGEST_SEQUENCE));
+    return !hasMark && std::all_of(end, text.end(), isAscii) && text.find('\0') == text.npos &&
+           text.find("encoding") == text.npos;
 }
 
 /// A file in memory.
