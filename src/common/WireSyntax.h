@@ -23,6 +23,10 @@ inline constexpr std::string_view trimmed(std::string_view text) {
     while (!text.empty() && isWhiteSpace(text.back())) text.remove_suffix(1);
     return text;
 }
+/// Names match without regard to case. Independent of the locale: bytes above 127 stay as they are.
+inline constexpr char upperCase(char c) {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
 /// Separates the values of a header.
 inline constexpr char DELIMITER = ',';
 

@@ -47,6 +47,12 @@ std::size_t PipeControl::available(const QvPipe& pipe) {
     return platformAvailable(pipe.pipeHandle_);
 }
 
+std::string PipeControl::peek(const QvPipe& pipe) {
+    std::string bytes(available(pipe), '\0');
+    bytes.resize(platformPeek(pipe.pipeHandle_, bytes.data(), bytes.size()));
+    return bytes;
+}
+
 void PipeControl::endReading(const QvPipe& pipe) {
     platformEndReading(pipe.pipeHandle_);
 }

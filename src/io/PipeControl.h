@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -44,6 +45,8 @@ class PipeControl {
     /// How many bytes can be read without waiting, besides those that the input stream holds already. For the thread
     /// that reads.
     static std::size_t available(const QvPipe& pipe);
+    /// These bytes, which stay there.
+    static std::string peek(const QvPipe& pipe);
     /// Breaks the peer's next write. What it wrote before can still be read, and answers still arrive. On Windows it
     /// has no effect.
     static void endReading(const QvPipe& pipe);

@@ -17,11 +17,6 @@ namespace {
 
 using namespace WireSyntax;
 
-/// Independent of the locale: bytes above 127 stay as they are.
-char upperCase(char c) {
-    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-}
-
 /// Whether the next line belongs to the one before.
 bool isContinued(std::istream& in) {
     const int next = StreamUtil::peek(in);

@@ -118,15 +118,28 @@ bool InputBuffer::isComplete() const {
 }
 
 bool InputBuffer::hasArrived(std::string_view bytes) const {
-    if (!chunked_) return remaining_ <= bytes.size();
+    return removeWhole(chunked_ ? CHUNKED : remaining_, bytes);
+}
+
+bool InputBuffer::removeWhole(std::uint64_t length, std::string_view& bytes) {
+    if (length != CHUNKED) {
+        if (bytes.size() < length) return false;
+        bytes.remove_prefix(length);
+        return true;
+    }
     for (;;) {
         const std::size_t lineEnd = bytes.find('\n');
-        if (lineEnd == std::string_view::npos) return bytes.size() >= SIZE_LINE_CAPACITY;
+        const bool isLineWhole = lineEnd != std::string_view::npos;
+        if (!isLineWhole && bytes.size() < SIZE_LINE_CAPACITY) return false;
         std::uint32_t size = 0;
-        if (!StringUtils::scanHexadecimal(bytes.substr(0, lineEnd), size)) return true;
+        if (!isLineWhole || !StringUtils::scanHexadecimal(bytes.substr(0, lineEnd), size)) {
+            bytes = {};
+            return true;
+        }
         bytes.remove_prefix(lineEnd + 1);
-        if (bytes.size() < std::uint64_t{size} + WireSyntax::LINE_END.size()) return false;
-        bytes.remove_prefix(size + WireSyntax::LINE_END.size());
+        const std::uint64_t whole = std::uint64_t{size} + WireSyntax::LINE_END.size();
+        if (bytes.size() < whole) return false;
+        bytes.remove_prefix(whole);
         if (size == 0) return true;
     }
 }

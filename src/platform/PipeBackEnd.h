@@ -53,6 +53,7 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
 int takeInput(PipeObject& object, char* buffer, std::size_t length, int timeoutMs, bool wakeable, int& taken);
 void wake(PipeObject& object);
 std::size_t available(PipeObject& object);
+std::size_t peek(PipeObject& object, char* buffer, std::size_t length);
 void endReading(PipeObject& object);
 bool peerHasClosed(PipeObject& object);
 PeerIds peer(PipeObject& object);

@@ -329,6 +329,13 @@ std::size_t available(PipeObject& object) {
     return object.ahead.size() + (isKnown ? static_cast<std::size_t>(count) : 0);
 }
 
+std::size_t peek(PipeObject& object, char* buffer, std::size_t length) {
+    if (object.accessError(object.readable) != SystemError::NONE) return 0;
+    const std::size_t ahead = object.ahead.copy(buffer, length);
+    const ssize_t there = ::recv(object.socket.get(), buffer + ahead, length - ahead, MSG_PEEK | MSG_DONTWAIT);
+    return ahead + static_cast<std::size_t>(std::max<ssize_t>(there, 0));
+}
+
 void endReading(PipeObject& object) {
     if (object.accessError(object.readable) == SystemError::NONE) ::shutdown(object.socket.get(), SHUT_RD);
 }

@@ -386,6 +386,14 @@ std::size_t available(PipeObject& object) {
     return object.unread.size() + (known ? count : 0);
 }
 
+std::size_t peek(PipeObject& object, char* buffer, std::size_t length) {
+    const std::size_t unread = object.unread.copy(buffer, length);
+    const DWORD wanted = static_cast<DWORD>(std::min<std::size_t>(length - unread, MAXDWORD));
+    DWORD there = 0;
+    const BOOL known = ::PeekNamedPipe(object.pipe(), buffer + unread, wanted, &there, nullptr, nullptr);
+    return unread + (known ? there : 0);
+}
+
 /// A named pipe has no half that could be closed: the caller looks at what is available and leaves.
 void endReading(PipeObject&) {}
 

@@ -80,6 +80,11 @@ std::size_t platformAvailable(NativeHandle pipeHandle) {
     return call ? BackEnd::available(call.object()) : 0;
 }
 
+std::size_t platformPeek(NativeHandle pipeHandle, char* buffer, std::size_t length) {
+    const PipeCall call(pipeHandle);
+    return call ? BackEnd::peek(call.object(), buffer, length) : 0;
+}
+
 void platformEndReading(NativeHandle pipeHandle) {
     const PipeCall call(pipeHandle);
     if (call) BackEnd::endReading(call.object());

@@ -146,6 +146,9 @@ void platformWake(NativeHandle pipeHandle);
 /// How many bytes a read would find without waiting. 0 also at the end, and for a handle that cannot be read.
 std::size_t platformAvailable(NativeHandle pipeHandle);
 
+/// Copies at most `length` of these bytes, the first ones, and leaves them there. Returns how many.
+std::size_t platformPeek(NativeHandle pipeHandle, char* buffer, std::size_t length);
+
 /// From now on the peer's writes fail as broken. What it wrote before can still be read, and what is written here still
 /// arrives. On Windows a pipe has no half: there the call has no effect.
 void platformEndReading(NativeHandle pipeHandle);

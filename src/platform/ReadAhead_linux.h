@@ -21,10 +21,15 @@ class ReadAhead {
     /// Whether there was nothing after it when it came.
     bool wasLast() const { return end_ < CAPACITY; }
 
-    /// Moves out at most `length` bytes.
-    std::size_t take(char* buffer, std::size_t length) {
+    /// Copies at most `length` bytes, the first ones.
+    std::size_t copy(char* buffer, std::size_t length) const {
         const std::size_t count = std::min(length, size());
         std::memcpy(buffer, bytes_.data() + begin_, count);
+        return count;
+    }
+    /// The same, and drops them.
+    std::size_t take(char* buffer, std::size_t length) {
+        const std::size_t count = copy(buffer, length);
         begin_ += count;
         return count;
     }

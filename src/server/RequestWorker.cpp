@@ -7,6 +7,8 @@
 #include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "message/InputBuffer.h"
+#include "message/MessageBounds.h"
+#include "message/StreamUtil.h"
 #include "server/LimitedInput.h"
 #include "server/ServerSettings.h"
 
@@ -27,9 +29,8 @@ using Quovane::Io::QvPipeException;
 
 namespace {
 
-constexpr std::uint64_t SMALL_BODY = 16384;  // with its head, less than what leaves a client in one piece
-constexpr int REST_TIMEOUT_MS = 1000;        // for bytes that are there already
-constexpr auto TURN = 5ms;                   // the least that a client has of a worker while others wait
+constexpr int REST_TIMEOUT_MS = 1000;  // for bytes that are there already
+constexpr auto TURN = 5ms;             // the least that a client has of a worker while others wait
 
 /// Whole milliseconds up to a moment, at least one.
 int millisecondsUntil(RequestWorker::Clock::time_point end, RequestWorker::Clock::time_point now) {
@@ -222,19 +223,25 @@ bool RequestWorker::hasInput() const {
     return pipe_->getInputStream()->rdbuf()->in_avail() > 0 || PipeControl::available(*pipe_) > 0;
 }
 
+/// Whether what has come and not been read ends with a request.
+bool RequestWorker::hasWholeRequests() const {
+    std::string bytes(StreamUtil::unread(*pipe_->getInputStream()));
+    bytes += PipeControl::peek(*pipe_);
+    return MessageBounds::areWholeMessages(bytes);
+}
+
 /// Serves what has begun to arrive, for at most one step of the server's wait: a client that floods must not keep the
-/// thread. A flood of small requests is cut after another turn already: each of them arrives in one piece, so that the
-/// end of reading cannot fall into one.
+/// thread. After another turn it parts as soon as no request has arrived in part, so that the end of reading does not
+/// fall into one.
 void RequestWorker::giveUp() {
     const auto begin = Clock::now();
     const auto end = begin + std::chrono::milliseconds(std::max(idleTimeoutMs_ / 10, 1));
     std::istream& in = *pipe_->getInputStream();
     bool alive = true;
-    bool small = true;
     while (alive && !readingEnded_ && !stop_ && hasInput()) {
-        if (Clock::now() >= (small ? std::min(begin + TURN, end) : end)) break;
-        alive = serveRequest(in, millisecondsUntil(end, Clock::now()));
-        small = small && body_ != nullptr && body_->isSmallerThan(SMALL_BODY);
+        const auto now = Clock::now();
+        if (now >= end || (now >= begin + TURN && hasWholeRequests())) break;
+        alive = serveRequest(in, millisecondsUntil(end, now));
     }
     endReading();
     if (alive) {

@@ -111,6 +111,7 @@ class RequestWorker : public Poco::Runnable {
     bool isAskedToGiveUp(bool requestEnded);
     Clock::time_point endOfWait(Clock::time_point idleEnd) const;
     bool hasInput() const;
+    bool hasWholeRequests() const;
     bool staysSilent();
     void giveUp();
     void serveRest();

@@ -376,6 +376,18 @@ TEST_F(FailedTransfer, CountsNothingWhereTheSystemDoesNot) {
     EXPECT_EQ(platform::platformAvailable(server.pipe), 5U);
 }
 
+TEST_F(FailedTransfer, ShowsNothingWhereTheSystemDoesNot) {
+    ASSERT_EQ(write(client, "there"), 0);
+    std::string seen(5, '\0');
+    {
+        const CallFailure failure(Call::RECEIVE, EINVAL);
+        EXPECT_EQ(platform::platformPeek(server.pipe, seen.data(), seen.size()), 0U);
+        EXPECT_TRUE(failure.hasHappened());
+    }
+    EXPECT_EQ(platform::platformPeek(server.pipe, seen.data(), seen.size()), 5U);
+    EXPECT_EQ(seen, "there");
+}
+
 TEST_F(FailedTransfer, IsNoEndOfAnInstanceThatWaits) {
     End waiting;
     ASSERT_EQ(createNext(waiting), 0);

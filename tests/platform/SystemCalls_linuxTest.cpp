@@ -228,6 +228,10 @@ TEST_F(SystemCalls, FindNothingOnAHandleThatDoesNotRead) {
     ASSERT_EQ(create(server), 0);
     ASSERT_EQ(connect(client, 2000, false, true), 0);
     EXPECT_EQ(platform::platformAvailable(client.pipe), 0U);
+    char byte = 0;
+    EXPECT_EQ(platform::platformPeek(client.pipe, &byte, 1), 0U);
+    client.close();
+    EXPECT_EQ(platform::platformPeek(client.pipe, &byte, 1), 0U);
 }
 
 TEST_F(SystemCalls, SignalNoEventForWhichNobodyWaits) {

@@ -15,7 +15,15 @@ class TransferContract : public PipeContract {
     End client;
 };
 
-class ReadContract : public TransferContract {};
+class ReadContract : public TransferContract {
+  protected:
+    /// What the server's end shows of what has come for it.
+    std::string peek(std::size_t length) const {
+        std::string bytes(length, '\0');
+        bytes.resize(platform::platformPeek(server.pipe, bytes.data(), length));
+        return bytes;
+    }
+};
 
 TEST_F(ReadContract, GivesAtMostWhatIsAskedForAndKeepsTheRest) {
     ASSERT_EQ(write(server, "0123456789"), 0);
@@ -40,6 +48,8 @@ TEST_F(ReadContract, GivesAllThatIsThereInPiecesOfAnySize) {
                 ASSERT_EQ(write(client, sent), 0);
                 for (std::size_t left = size; left > 0; left -= data.size()) {
                     ASSERT_EQ(platform::platformAvailable(server.pipe), left);
+                    ASSERT_EQ(peek(left + 1), sent.substr(size - left)) << size << " " << length;
+                    ASSERT_EQ(peek(left / 2), sent.substr(size - left, left / 2)) << size << " " << length;
                     ASSERT_EQ(PipeContract::awaitInput(server.pipe, server.event, 1000), 0);
                     ASSERT_EQ(read(server, data, length), std::min(static_cast<int>(left), length));
                     ASSERT_EQ(data, sent.substr(size - left, data.size())) << size << " " << length;
@@ -70,8 +80,10 @@ TEST_F(ReadContract, FindsTheEndAfterWhatItHadTakenBefore) {
     ASSERT_EQ(read(server, data, 4096), 4096);
     client.close();
     EXPECT_EQ(platform::platformAvailable(server.pipe), 404U);
+    EXPECT_EQ(peek(1000), std::string(404, 'b'));
     ASSERT_EQ(read(server, data, 4096), 404);
     EXPECT_EQ(data, std::string(404, 'b'));
+    EXPECT_EQ(peek(1000), "");
     EXPECT_EQ(readText(server), "-3");
 }
 
