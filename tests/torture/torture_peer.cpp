@@ -72,9 +72,10 @@ class Handler : public QvtpHandler {
         std::string client;
         long number = 0;
         words >> client >> number;
+        const bool isWhole = isSealed(body);
         const std::lock_guard<std::mutex> guard(mutex_);
         Received& received = received_[client];
-        if (!isSealed(body)) {
+        if (!isWhole) {
             ++received.broken;
         } else {
             received.add(number);
