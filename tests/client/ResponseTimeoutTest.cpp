@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <memory>
 #include <string>
@@ -13,6 +14,7 @@ namespace qvtp_test {
 namespace {
 
 constexpr char TIMED_OUT[] = "TimeoutException: QvPipe read timeout.";
+constexpr int PAUSE_MS = 500;  // a server on a busy machine answers within that
 
 /// How long a POST waits for its response.
 class ResponseTimeout : public Requests {
@@ -60,7 +62,7 @@ TEST_F(ResponseTimeout, ClosesThePipeAtOnceAndNotWithItsRequest) {
 }
 
 TEST_F(ResponseTimeout, EndsAHeadThatStops) {
-    client.setResponseTimeout(100);
+    client.setResponseTimeout(PAUSE_MS);
     const auto request = begin("/slow");
     RawServer::write(*pipe, "QVTP/1.0 200 OK\r\nContent-Le");
     EXPECT_EQ(executing.get(), TIMED_OUT);
@@ -80,7 +82,7 @@ TEST_F(ResponseTimeout, IsForEachPauseAndNotForTheWholeResponse) {
 
 TEST_F(ResponseTimeout, EndsABodyThatStopsAndItsPipe) {
     for (const bool whole : {true, false}) {
-        client.setResponseTimeout(100);
+        client.setResponseTimeout(PAUSE_MS);
         pipe.reset();
         auto request = begin("/slow");
         RawServer::write(*pipe, "QVTP/1.0 200 OK\r\nContent-Length: 20000\r\n\r\nhalf");
@@ -103,7 +105,7 @@ TEST_F(ResponseTimeout, EndsABodyThatStopsAndItsPipe) {
 }
 
 TEST_F(ResponseTimeout, DoesNotStayOnAPipeThatIsUsedAgain) {
-    client.setResponseTimeout(100);
+    client.setResponseTimeout(PAUSE_MS);
     auto request = begin("/quick");
     RawServer::write(*pipe, OK_RESPONSE);
     EXPECT_EQ(executing.get(), "nothing");
@@ -113,7 +115,7 @@ TEST_F(ResponseTimeout, DoesNotStayOnAPipeThatIsUsedAgain) {
 
     client.setResponseTimeout(0);
     request = begin("/slow");  // on the same pipe, or nobody would read it
-    EXPECT_EQ(executing.wait_for(300ms), std::future_status::timeout);
+    EXPECT_EQ(executing.wait_for(std::chrono::milliseconds(PAUSE_MS + 200)), std::future_status::timeout);
     RawServer::write(*pipe, OK_RESPONSE);
     EXPECT_EQ(executing.get(), "nothing");
     response.reset();
