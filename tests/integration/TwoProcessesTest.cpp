@@ -82,11 +82,13 @@ TEST_F(TwoProcesses, CostTheServerOneWorkerUntilItsTimeoutForAKilledClient) {
     server.server.setOption(QvtpServer::RECEIVE_TIMEOUT, 60000);
     server.start();
     LogCapture log;
+    const int idle = server.server.idleRequestProcessors();
     const auto hung = start({"hang", server.name});
     ASSERT_TRUE(eventually([&] { return server.server.totalRequestProcessors() == 1; }));
     hung->kill();
     hung->wait();
     EXPECT_TRUE(eventually([&] { return log.contains("DEBUG Closing QvPipe (" + server.name + "/Worker-1). "); }));
+    EXPECT_TRUE(eventually([&] { return server.server.idleRequestProcessors() == idle; }));  // it has ended
     const auto other = start({"post", server.name, "5"});
     EXPECT_EQ(other->wait(), 0);
     EXPECT_TRUE(log.contains("DEBUG Deleting idle worker " + server.name + "/Worker-1."));
