@@ -171,10 +171,11 @@ void RequestWorker::serveRequests() {
 RequestWorker::Next RequestWorker::awaitNext() {
     asked_ = false;
     candidate_ = served_ && isConnectionWaiting();
+    const auto now = Clock::now();
+    waitBegin_ = now;
     if (isAskedToGiveUp(true)) return Next::GIVE_UP;
     if (pipe_->getInputStream()->rdbuf()->in_avail() > 0) return Next::REQUEST;
     const bool unlimited = idleTimeoutMs_ <= 0;  // below 0 it is a time that nobody waits for the end of
-    const auto now = Clock::now();
     const auto idleEnd = unlimited ? Clock::time_point::max() : now + std::chrono::milliseconds(idleTimeoutMs_);
     if (makesRoom_ && served_) silentSince_ = now;
     wait_ = candidate_ ? Wait::RESTING : Wait::PLAIN;
@@ -223,6 +224,14 @@ bool RequestWorker::hasInput() const {
     return pipe_->getInputStream()->rdbuf()->in_avail() > 0 || PipeControl::available(*pipe_) > 0;
 }
 
+/// Soon after a request a busy client begins its next one: the end of reading is not to fall into that. False if the
+/// connection has failed.
+bool RequestWorker::awaitBusyClient(Clock::time_point now) {
+    const auto end = waitBegin_ + TURN;
+    if (readingEnded_ || now >= end || hasInput()) return true;
+    return tryRead([&] { PipeControl::awaitInput(*pipe_, millisecondsUntil(end, now), false); });
+}
+
 /// Whether what has come and not been read ends with a request.
 bool RequestWorker::hasWholeRequests() const {
     std::string bytes(StreamUtil::unread(*pipe_->getInputStream()));
@@ -237,7 +246,7 @@ void RequestWorker::giveUp() {
     const auto begin = Clock::now();
     const auto end = begin + std::chrono::milliseconds(std::max(idleTimeoutMs_ / 10, 1));
     std::istream& in = *pipe_->getInputStream();
-    bool alive = true;
+    bool alive = awaitBusyClient(begin);
     while (alive && !readingEnded_ && !stop_ && hasInput()) {
         const auto now = Clock::now();
         if (now >= end || (now >= begin + TURN && hasWholeRequests())) break;

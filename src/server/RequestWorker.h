@@ -111,6 +111,7 @@ class RequestWorker : public Poco::Runnable {
     bool isAskedToGiveUp(bool requestEnded);
     Clock::time_point endOfWait(Clock::time_point idleEnd) const;
     bool hasInput() const;
+    bool awaitBusyClient(Clock::time_point now);
     bool hasWholeRequests() const;
     bool staysSilent();
     void giveUp();
@@ -183,12 +184,13 @@ class RequestWorker : public Poco::Runnable {
     std::shared_ptr<InputBuffer> body_;     // of the current request
     int idleTimeoutMs_ = 0;
     int receiveTimeoutMs_ = 0;
-    bool served_ = false;         // a request has ended
-    bool candidate_ = false;      // it ended while a connection waited
-    bool makesRoom_ = false;      // can be asked for its thread whenever its client is silent
-    bool readingEnded_ = false;   // the client's next write breaks
-    bool handlerFailed_ = false;  // with an exception that is not the library's, which leaves run()
-    bool mustClose_ = false;      // the same, but the connection is to be closed
+    Clock::time_point waitBegin_;  // since when the next request is waited for
+    bool served_ = false;          // a request has ended
+    bool candidate_ = false;       // it ended while a connection waited
+    bool makesRoom_ = false;       // can be asked for its thread whenever its client is silent
+    bool readingEnded_ = false;    // the client's next write breaks
+    bool handlerFailed_ = false;   // with an exception that is not the library's, which leaves run()
+    bool mustClose_ = false;       // the same, but the connection is to be closed
     QvtpServer::Limits limits_;
     bool hasLimits_ = false;
     LimitedInput* limited_ = nullptr;  // what the current request is read from, if there are limits; not owned

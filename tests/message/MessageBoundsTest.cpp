@@ -11,7 +11,8 @@ namespace {
 using Quovane::Internal::Qvtp::MessageBounds::areWholeMessages;
 
 const std::string KNOWN = "NOTIFY /n QVTP/1.0\r\nContent-Length: 5\r\n\r\nhello";
-const std::string CHUNKED = "POST /p QVTP/1.0\nTRANSFER-encoding : chunked\n\n5\r\nhello\r\nA\r\n0123456789\r\n0\r\n\r\n";
+const std::string CHUNKED =
+    "POST /p QVTP/1.0\nTRANSFER-encoding : chunked\n\n5\r\nhello\r\nA\r\n0123456789\r\n0\r\n\r\n";
 const std::string EMPTY = "NOTIFY /n QVTP/1.0\r\nUser-Agent: a\r\nContent-Length: 0\r\nX: y\r\n\r\n";
 
 TEST(MessageBounds, AreFoundWhereverTheLastMessageIsCut) {

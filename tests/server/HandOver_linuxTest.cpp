@@ -173,6 +173,39 @@ TEST_F(HeldWorker, IsTheOnlyOneAskedAlsoIfAnyWasDuringAnEarlierWait) {
         1);
 }
 
+/// A busy client writes its next request just when its worker has answered. If that is large, an end of reading could
+/// fall into it.
+TEST_F(HeldWorker, GivesABusyClientAMomentForItsNextRequest) {
+    std::promise<void> release;
+    int posts = 0;
+    server.handler.onPost = [&, released = release.get_future().share()](QvtpServerRequest& request,
+                                                                         QvtpServerResponse& response) {
+        const std::string body = bodyOf(request);
+        response.setStatusCode(200);
+        response.setBody(body.data(), body.size());
+        response.send();
+        if (++posts > 1) return;
+        released.wait();
+        asked.arm();
+    };
+    server.start();
+    for (int i = 0; i < 3; ++i) clients.push_back(clientWithWorker());
+    EXPECT_EQ(clients[0]->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
+    const LogCapture log;
+    RawClient fourth(server.name);
+    ASSERT_TRUE(eventuallyLogs(log, "DEBUG Still waiting for thread to process QvPipe worker " + full(4)));
+    std::this_thread::sleep_for(6ms);  // its turn is over, and everybody is asked
+    release.set_value();
+    ASSERT_TRUE(eventually([&] { return asked.hasBegun(); }));
+    const std::string next = POST_HELLO;
+    EXPECT_EQ(thrownBy([&] { clients[0]->write(next.substr(0, 10)); }), "nothing");
+    asked.letGo();
+    EXPECT_EQ(thrownBy([&] { clients[0]->write(next.substr(10)); }), "nothing");
+    EXPECT_EQ(clients[0]->readToEnd(), HELLO_BACK);
+    EXPECT_EQ(log.count(giveUpLine(1)), 1);
+    EXPECT_EQ(fourth.exchange("NOTIFY /n QVTP/1.0\r\nContent-Length: 0\r\n\r\n", ""), "");
+}
+
 /// What the waits of this process have cost so far.
 struct Cost {
     std::chrono::microseconds processorTime;
