@@ -345,7 +345,7 @@ TEST_F(PipePool, CreatesPipesOneAtATimeInTheWholeProcess) {
     LogCapture log;
     auto blocked = std::async(std::launch::async, [&] { return thrownBy([&] { get(); }); });
     ASSERT_TRUE(eventually([&] { return log.contains("DEBUG Waiting for named pipe."); }));
-    auto second = std::async(std::launch::async, [&] { return thrownBy([&] { other.getPipe(otherName, "rw"); }); });
+    auto second = inBackground([&] { return thrownBy([&] { other.getPipe(otherName, "rw"); }); });
     EXPECT_EQ(second.wait_for(PENDING), std::future_status::timeout);
     server.accept();
     EXPECT_EQ(blocked.get(), "nothing");

@@ -321,7 +321,7 @@ TEST_F(EasyClient, HasAConnectTimeoutOfItsOwn) {
 
 TEST_F(EasyClient, DoesNotWaitForServersInOneThreadForThoseOfAnother) {
     const Quovane::Io::QvPipe first(name, true, true);
-    auto waiting = std::async(std::launch::async, [&] { return kindOf([&] { Client(name, 5s).post("/echo"); }); });
+    auto waiting = inBackground([&] { return kindOf([&] { Client(name, 5s).post("/echo"); }); });
     Server other(uniquePipeName());
     other.onPost("/", [](const Request&) { return Reply("at once"); });
     other.start();
@@ -342,7 +342,7 @@ TEST_F(EasyClient, TriesAgainWhatWasNotSent) {
     server.start();
     stubborn.post("/echo", "x");
     server.stop();
-    auto reply = std::async(std::launch::async, [&] { return stubborn.post("/echo", "again").body(); });
+    auto reply = inBackground([&] { return stubborn.post("/echo", "again").body(); });
     EXPECT_EQ(reply.wait_for(PENDING), std::future_status::timeout);
     server.start();
     EXPECT_EQ(reply.get(), "again");

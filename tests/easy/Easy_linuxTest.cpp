@@ -104,7 +104,7 @@ TEST_F(EasyOnLinux, RunsUntilASignal) {
 TEST_F(EasyOnLinux, ServesWhatHasBegunWhenASignalComes) {
     std::promise<void> release;
     server.onPost("/block", [&](const Request&) { return release.get_future().wait(), Reply("done"); });
-    auto run = std::async(std::launch::async, [&] { return server.runUntilSignal(); });
+    auto run = inBackground([&] { return server.runUntilSignal(); });
     auto body = std::async(std::launch::async, [&] { return client.post("/block").body(); });
     ASSERT_TRUE(eventually([&] { return server.counters().inHandlers == 1; }));
     ::kill(::getpid(), SIGTERM);
@@ -127,7 +127,7 @@ TEST_F(EasyOnLinux, IsEndedByASecondSignalAsEver) {
     });
     Client poster(name + "child", 20s);
     ASSERT_TRUE(eventually([&] { return kindOf([&] { poster.post("/nothing"); }) == "nothing"; }));
-    auto post = std::async(std::launch::async, [&] { return kindOf([&] { poster.post("/block"); }); });
+    auto post = inBackground([&] { return kindOf([&] { poster.post("/block"); }); });
     EXPECT_EQ(post.wait_for(PENDING), std::future_status::timeout);
     ::kill(child, SIGTERM);
     // The drain has begun when the name is given up.

@@ -227,7 +227,7 @@ TEST_F(EasyServer, LetsSilentClientsMakeRoom) {
 // ---- Starting and stopping, in whatever order ----
 
 TEST_F(EasyServer, LetsClientsWaitUntilItStarts) {
-    auto reply = std::async(std::launch::async, [&] { return client.post("/echo", "early").body(); });
+    auto reply = inBackground([&] { return client.post("/echo", "early").body(); });
     EXPECT_EQ(reply.wait_for(PENDING), std::future_status::timeout);
     server.start();
     EXPECT_EQ(reply.get(), "early");
@@ -258,7 +258,7 @@ TEST_F(EasyServer, DrainsWhatHasBegun) {
     addBlocking();
     server.start();
     auto body = postBlocking();
-    auto drained = std::async(std::launch::async, [&] { return server.stop(20s); });
+    auto drained = inBackground([&] { return server.stop(20s); });
     EXPECT_EQ(drained.wait_for(PENDING), std::future_status::timeout);
     release.set_value();
     EXPECT_EQ(body.get(), "done");
@@ -279,7 +279,7 @@ TEST_F(EasyServer, EndsADrainByAStopThatDoesNotWait) {
     addBlocking();
     server.start();
     auto body = postBlocking();
-    auto drained = std::async(std::launch::async, [&] { return server.stop(0ms); });
+    auto drained = inBackground([&] { return server.stop(0ms); });
     EXPECT_EQ(drained.wait_for(PENDING), std::future_status::timeout);
     auto stopped = std::async(std::launch::async, [&] { return server.stop(); });
     EXPECT_EQ(body.get(), "unknown_outcome");

@@ -207,7 +207,7 @@ TEST_F(PipeBuffer, GivesBytesAbove127AsUnsignedValues) {
 
 TEST_F(PipeBuffer, EndsWhenThePeerClosesDuringARead) {
     Buffer buffer(&client, Buffer::INPUT_MODE);
-    auto reading = std::async(std::launch::async, [&] { return buffer.sgetc(); });
+    auto reading = inBackground([&] { return buffer.sgetc(); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     accepted.close();
     EXPECT_EQ(reading.get(), END_OF_FILE);

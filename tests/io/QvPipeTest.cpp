@@ -149,7 +149,7 @@ TEST_F(ConnectedPipe, TimesOutReading) {
 }
 
 TEST_F(ConnectedPipe, ReturnsMinusOneWhenThePeerClosesDuringTheRead) {
-    auto reading = std::async(std::launch::async, [&] { return readFrom(client, 10, 0); });
+    auto reading = inBackground([&] { return readFrom(client, 10, 0); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     accepted.close();
     EXPECT_EQ(reading.get(), "-1");
@@ -178,7 +178,7 @@ TEST_F(ConnectedPipe, WritesNothingWithoutTouchingThePipe) {
 }
 
 TEST_F(ConnectedPipe, InterruptsAReadThatIsPendingWhenItCloses) {
-    auto reading = std::async(std::launch::async, [&] { return thrownBy([&] { readFrom(client, 10, 0); }); });
+    auto reading = inBackground([&] { return thrownBy([&] { readFrom(client, 10, 0); }); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     client.close();
     EXPECT_EQ(reading.get(), "InterruptedException: QvPipe read aborted.");

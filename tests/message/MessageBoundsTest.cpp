@@ -35,7 +35,20 @@ TEST(MessageBounds, AreInDoubtIfAHeadAnnouncesNoLength) {
     EXPECT_FALSE(areWholeMessages(message("Transfer-Encoding: gzip\r\n")));
     EXPECT_FALSE(areWholeMessages(message("Content-Length: 0\r\nContent-Length: 0\r\n")));
     EXPECT_FALSE(areWholeMessages(message("Content-Length: 0\r\nTransfer-Encoding: chunked\r\n")));
+    EXPECT_FALSE(areWholeMessages(message("Content-Length: -1\r\nContent-Length: 0\r\n")));
+    EXPECT_FALSE(areWholeMessages(message("Content-Length: ,5\r\nContent-Length: 0\r\n")));
+    EXPECT_FALSE(areWholeMessages(message("Content-Length: abc\r\nTransfer-Encoding: chunked\r\n") + "0\r\n\r\n"));
+    EXPECT_FALSE(areWholeMessages(message("Content-Length:\r\n 100\r\nX: y\r\n Content-Length: 0\r\n")));
+    EXPECT_FALSE(areWholeMessages(message("X: y\r\n\tContent-Length: 0\r\n")));
+    EXPECT_FALSE(areWholeMessages("Content-Length: 0\r\nX: y\r\n\r\n"));  // that is a start line
     EXPECT_TRUE(areWholeMessages(message("Content-Length: 0\r\n")));
+}
+
+TEST(MessageBounds, DoNotDependOnEmptyLinesBeforeAMessage) {
+    EXPECT_TRUE(areWholeMessages("\r\n\n" + KNOWN + "\r\n" + EMPTY + "\n"));
+    EXPECT_TRUE(areWholeMessages("\r\n\r"));
+    EXPECT_FALSE(areWholeMessages("\r\n" + KNOWN + "\r\nP"));
+    EXPECT_FALSE(areWholeMessages("\r\n" + KNOWN.substr(0, KNOWN.size() - 1)));
 }
 
 /// Its connection ends there.
@@ -44,6 +57,7 @@ TEST(MessageBounds, EndWithChunksThatCannotBeRead) {
     EXPECT_TRUE(areWholeMessages(head + "123456789\r\n" + KNOWN.substr(0, 3)));
     EXPECT_FALSE(areWholeMessages(head + std::string(19, '0')));
     EXPECT_TRUE(areWholeMessages(head + std::string(20, '0')));
+    EXPECT_TRUE(areWholeMessages(head + std::string(19, '0') + "5\r\n"));
 }
 
 }  // namespace

@@ -214,7 +214,7 @@ TEST_F(AcceptContract, EndsThePendingReadOfAClientThatWasNeverAccepted) {
     End server, client;
     ASSERT_EQ(create(server), 0);
     ASSERT_EQ(connect(client), 0);
-    auto reading = std::async(std::launch::async, [&] { return readText(client); });
+    auto reading = inBackground([&] { return readText(client); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     server.close();
     EXPECT_EQ(reading.get(), "0");

@@ -18,7 +18,7 @@ TEST_F(CloseContract, AbortsAPendingReadWithoutALine) {
     LogCapture log(LogCapture::LoggingLevel::DEBUG);
     std::vector<std::string> messages;
     std::string data;
-    auto reading = std::async(std::launch::async, [&] {
+    auto reading = inBackground([&] {
         const int result = read(client, data, 100, 0);
         messages = log.messagesOfThisThread();
         return result;

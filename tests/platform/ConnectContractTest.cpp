@@ -60,7 +60,7 @@ TEST_F(ConnectContract, WaitsWithoutLimitUntilTheServerAccepts) {
     ASSERT_EQ(create(server), 0);
     ASSERT_EQ(connect(first), 0);
     LogCapture log;
-    auto waiting = std::async(std::launch::async, [&] { return connect(second, 0); });
+    auto waiting = inBackground([&] { return connect(second, 0); });
     ASSERT_TRUE(eventually([&] { return log.contains("DEBUG Waiting for named pipe."); }));
     EXPECT_EQ(waiting.wait_for(PENDING), std::future_status::timeout);
     ASSERT_EQ(accept(server), 0);
@@ -86,7 +86,7 @@ TEST_F(ConnectContract, TakesANegativeTimeoutAsPracticallyUnlimited) {
     ASSERT_EQ(create(server), 0);
     ASSERT_EQ(connect(first), 0);
     LogCapture log;
-    auto waiting = std::async(std::launch::async, [&] { return connect(second, -5); });
+    auto waiting = inBackground([&] { return connect(second, -5); });
     ASSERT_TRUE(eventually([&] { return log.contains("DEBUG Waiting for named pipe."); }));
     EXPECT_EQ(waiting.wait_for(PENDING), std::future_status::timeout);
     ASSERT_EQ(accept(server), 0);

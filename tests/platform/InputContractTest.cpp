@@ -17,7 +17,7 @@ class InputContract : public PipeContract {
         return PipeContract::awaitInput(end.pipe, end.event, timeoutMs);
     }
     std::future<int> awaitInputInBackground(int timeoutMs = 20000) {
-        return std::async(std::launch::async, [this, timeoutMs] { return awaitInput(server, timeoutMs); });
+        return inBackground([this, timeoutMs] { return awaitInput(server, timeoutMs); });
     }
     static std::string takeInput(const End& end, int length, bool wakeable = true) {
         std::string data(static_cast<std::size_t>(length), '\0');
@@ -130,7 +130,7 @@ TEST_F(InputContract, TakesWhatHasComeAndNoMoreThanItWasAskedFor) {
     ASSERT_EQ(write(client, "hello"), 0);
     EXPECT_EQ(takeOrRead(server, 3), "hel");
     EXPECT_EQ(takeOrRead(server, 100), "lo");
-    auto waiting = std::async(std::launch::async, [this] { return takeOrRead(server, 100); });
+    auto waiting = inBackground([this] { return takeOrRead(server, 100); });
     EXPECT_TRUE(waiting.wait_for(PENDING) == std::future_status::timeout);
     ASSERT_EQ(write(client, "again"), 0);
     EXPECT_EQ(waiting.get(), "again");
@@ -142,7 +142,7 @@ TEST_F(InputContract, TakesNothingFromAnEndAndTheNextReadFindsIt) {
         End otherClient;
         name = uniquePipeName();
         pair(other, otherClient);
-        auto waiting = std::async(std::launch::async, [&] { return takeInput(other, 100, wakeable); });
+        auto waiting = inBackground([&] { return takeInput(other, 100, wakeable); });
         EXPECT_TRUE(waiting.wait_for(PENDING) == std::future_status::timeout);
         otherClient.close();
         EXPECT_EQ(waiting.get(), "");

@@ -78,7 +78,7 @@ TEST_F(Overlapped, ReadThatWaitsSurvivesTheThreadThatTimedOut) {
         leave.get_future().wait();
     });
     timedOut.get_future().wait();
-    auto reading = std::async(std::launch::async, [&] { return readText(server); });
+    auto reading = inBackground([&] { return readText(server); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     leave.set_value();
     first.join();
@@ -120,7 +120,7 @@ TEST_F(Overlapped, ReadIsNotEndedByAWriteThatCompletes) {
     End server, client;
     pair(server, client);
     ASSERT_EQ(write(server, std::string(200000, 'x')), WriteResult::TIMED_OUT);
-    auto reading = std::async(std::launch::async, [&] { return readText(server); });
+    auto reading = inBackground([&] { return readText(server); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     EXPECT_EQ(readAll(client, 200000).size(), 200000U);  // the write completes now, and signals the event
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);

@@ -20,7 +20,7 @@ TEST(StopSignal, WaitsAsLongAsItIsTold) {
 
 TEST(StopSignal, IsWokenByAnotherThread) {
     StopSignal stop, other;
-    auto signal = std::async(std::launch::async, [&] { return stop.wait(0); });
+    auto signal = inBackground([&] { return stop.wait(0); });
     other.wake();
     EXPECT_EQ(signal.wait_for(PENDING), std::future_status::timeout) << "the other one was woken";
     stop.wake();

@@ -88,14 +88,14 @@ TEST_F(ReadContract, FindsTheEndAfterWhatItHadTakenBefore) {
 }
 
 TEST_F(ReadContract, EndsAPendingReadWithFewerBytesThanAskedFor) {
-    auto reading = std::async(std::launch::async, [&] { return readText(server); });
+    auto reading = inBackground([&] { return readText(server); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     ASSERT_EQ(write(client, "abc"), 0);
     EXPECT_EQ(reading.get(), "abc");
 }
 
 TEST_F(ReadContract, LeavesWhatAPendingReadDidNotAskFor) {
-    auto reading = std::async(std::launch::async, [&] { return readText(server, 4); });
+    auto reading = inBackground([&] { return readText(server, 4); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     ASSERT_EQ(write(client, "0123456789"), 0);
     EXPECT_EQ(reading.get(), "0123");
@@ -118,7 +118,7 @@ TEST_F(ReadContract, KeepsBytesThatComeAfterATimeout) {
 
 TEST_F(ReadContract, WaitsForDataAlsoWithLengthZero) {
     std::string data;
-    auto reading = std::async(std::launch::async, [&] { return read(server, data, 0, 0); });
+    auto reading = inBackground([&] { return read(server, data, 0, 0); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     ASSERT_EQ(write(client, "x"), 0);
     EXPECT_EQ(reading.get(), 0);
@@ -133,7 +133,7 @@ TEST_F(ReadContract, IsNotEndedByAWriteOfNothing) {
 
 TEST_F(ReadContract, ReportsTheEndAsZeroIfThePeerClosesWhileItWaits) {
     LogCapture log(LogCapture::LoggingLevel::INFO);
-    auto reading = std::async(std::launch::async, [&] { return readText(server); });
+    auto reading = inBackground([&] { return readText(server); });
     EXPECT_EQ(reading.wait_for(PENDING), std::future_status::timeout);
     client.close();
     EXPECT_EQ(reading.get(), "0");

@@ -3,13 +3,29 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <future>
+#include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace qvtp_test {
 
-/// How long a test looks whether a call in the background is waiting: long enough for a busy machine to have begun it.
+/// How long a test looks whether a call in the background is waiting: long enough for a busy machine to have come to
+/// its wait.
 constexpr std::chrono::milliseconds PENDING{250};
+
+/// Does the work on a thread of its own, which has begun when this returns: a busy machine may need longer than that.
+template <typename Work>
+auto inBackground(Work work) {
+    const auto begun = std::make_shared<std::promise<void>>();
+    auto outcome = std::async(std::launch::async, [begun, work = std::move(work)]() mutable {
+        begun->set_value();
+        return work();
+    });
+    begun->get_future().wait();
+    return outcome;
+}
 
 /// Ends the process with a message if a test takes longer than this, so that a hang names its test.
 class Watchdog {
