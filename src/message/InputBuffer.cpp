@@ -128,7 +128,7 @@ bool InputBuffer::removeWhole(std::uint64_t length, std::string_view& bytes) {
         return true;
     }
     for (;;) {
-        const std::size_t lineEnd = bytes.find('\n');
+        const std::size_t lineEnd = bytes.substr(0, SIZE_LINE_CAPACITY).find('\n');
         const bool isLineWhole = lineEnd != std::string_view::npos;
         if (!isLineWhole && bytes.size() < SIZE_LINE_CAPACITY) return false;
         std::uint32_t size = 0;

@@ -35,8 +35,8 @@ class InputBuffer {
     /// Whether the whole body is among these bytes, which are the next of the stream. Framing that cannot be read
     /// counts as whole: reading it reports why.
     bool hasArrived(std::string_view bytes) const;
-    /// The same for a body that nothing was read of, of this length or CHUNKED. It is removed from the bytes: of one
-    /// that cannot be read they are all.
+    /// The same for a body of which nothing was read, of this length or CHUNKED. If so, removes it from the bytes:
+    /// all of them if the framing cannot be read.
     static bool removeWhole(std::uint64_t length, std::string_view& bytes);
 
     /// Whether the body came whole and was not longer than this.

@@ -226,27 +226,34 @@ bool RequestWorker::hasInput() const {
 
 /// Soon after a request a busy client begins its next one: the end of reading is not to fall into that. False if the
 /// connection has failed.
-bool RequestWorker::awaitBusyClient(Clock::time_point now) {
+bool RequestWorker::awaitBusyClient() {
     const auto end = waitBegin_ + TURN;
-    if (readingEnded_ || now >= end || hasInput()) return true;
-    return tryRead([&] { PipeControl::awaitInput(*pipe_, millisecondsUntil(end, now), false); });
+    const auto await = [&] {
+        auto input = PipeControl::Input::WOKEN;  // by what has been said already
+        for (auto now = Clock::now(); input == PipeControl::Input::WOKEN && now < end; now = Clock::now()) {
+            input = PipeControl::awaitInput(*pipe_, millisecondsUntil(end, now), true);
+        }
+    };
+    return readingEnded_ || hasInput() || tryRead(await);
 }
 
-/// Whether what has come and not been read ends with a request.
-bool RequestWorker::hasWholeRequests() const {
+/// Whether what has come and not been read ends with a request. False also without the memory to look.
+bool RequestWorker::hasWholeRequests() const try {
     std::string bytes(StreamUtil::unread(*pipe_->getInputStream()));
     bytes += PipeControl::peek(*pipe_);
     return MessageBounds::areWholeMessages(bytes);
+} catch (const std::bad_alloc&) {
+    return false;
 }
 
-/// Serves what has begun to arrive, for at most one step of the server's wait: a client that floods must not keep the
-/// thread. After another turn it parts as soon as no request has arrived in part, so that the end of reading does not
-/// fall into one.
+/// Serves what has begun to arrive, and begins with none of it after one step of the server's wait: a client that
+/// floods must not keep the thread. After another turn it parts as soon as no request has arrived in part, so that the
+/// end of reading does not fall into one.
 void RequestWorker::giveUp() {
+    bool alive = awaitBusyClient();
     const auto begin = Clock::now();
     const auto end = begin + std::chrono::milliseconds(std::max(idleTimeoutMs_ / 10, 1));
     std::istream& in = *pipe_->getInputStream();
-    bool alive = awaitBusyClient(begin);
     while (alive && !readingEnded_ && !stop_ && hasInput()) {
         const auto now = Clock::now();
         if (now >= end || (now >= begin + TURN && hasWholeRequests())) break;

@@ -111,7 +111,7 @@ class RequestWorker : public Poco::Runnable {
     bool isAskedToGiveUp(bool requestEnded);
     Clock::time_point endOfWait(Clock::time_point idleEnd) const;
     bool hasInput() const;
-    bool awaitBusyClient(Clock::time_point now);
+    bool awaitBusyClient();
     bool hasWholeRequests() const;
     bool staysSilent();
     void giveUp();
