@@ -433,7 +433,7 @@ TEST_F(Limits, LetALibraryClientReadWhyItWasRefused) {
     limits.bodyBytes = 1000;
     startWith(limits);
     QvtpClient caller;
-    const std::string body(2000000, 'x');  // more than a pipe holds: the server has to take it
+    const std::string body(500000, 'x');  // more than a pipe holds: the server has to take it
     PostRequest request(&caller, server.name, "/p");
     request.setBody(body.data(), body.size());
     const std::unique_ptr<QvtpResponse> response(request.execute());
