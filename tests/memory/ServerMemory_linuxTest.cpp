@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -205,6 +206,49 @@ TEST(ServerWithoutMemory, CountsItsThreadsAlsoWhenItLacksSomeWhileItGrows) {
     long n = 1;
     while (growsInSpiteOf(n)) ++n;
     EXPECT_GT(n, 5);
+}
+
+/// A worker that parts from its client lacks memory just when it looks whether what has come is whole.
+TEST(ServerWithoutMemory, ServesWhatHasComeThoughItCannotLookAtIt) {
+    const std::string notification = "NOTIFY /n QVTP/1.0\r\nContent-Length: 0\r\n\r\n";
+    std::promise<void> release;
+    std::optional<OutOfMemory> memory;  // of the worker's thread
+    std::atomic<bool> hasFailed{false};
+    std::atomic<int> served{0};
+    TestServer server;
+    server.server.setOption(QvtpServer::MAX_REQUEST_PROCESSORS, 3);
+    server.server.setOption(QvtpServer::IDLE_TIMEOUT, 600000);
+    server.handler.onNotify = [&](QvtpServerRequest&) {
+        const int number = served + 1;
+        if (number == 1) release.get_future().wait();
+        if (number == 2) {
+            std::this_thread::sleep_for(8ms);  // for 5 it would not look
+            memory.emplace(1, OutOfMemory::ONCE);
+        } else if (number == 3) {
+            hasFailed = memory->hasFailed();
+            memory.reset();
+        }
+        ++served;
+    };
+    server.start();
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int i = 1; i <= 3; ++i) {
+        clients.push_back(std::make_unique<RawClient>(server.name));
+        ASSERT_TRUE(eventually([&] { return server.server.totalRequestProcessors() == i; }));
+    }
+    clients[0]->write(notification);
+    LogCapture log(LogCapture::LoggingLevel::INFO);
+    RawClient fourth(server.name);
+    EXPECT_TRUE(eventually(
+        [&] { return log.contains("INFO Waiting for thread to process QvPipe worker " + server.name + "/Worker-4"); }));
+    std::this_thread::sleep_for(6ms);  // it is asked for its thread
+    clients[0]->write(notification + notification);
+    release.set_value();
+    EXPECT_EQ(clients[0]->readToEnd(), "");
+    EXPECT_EQ(served, 3);
+    EXPECT_TRUE(hasFailed);
+    EXPECT_EQ(log.text().find("ERROR"), std::string::npos) << log.text();
+    server.stop();
 }
 
 }  // namespace
