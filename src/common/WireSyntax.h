@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string_view>
 
 /// The characters that structure messages (docs/wire-format.md).
@@ -26,6 +28,15 @@ inline constexpr std::string_view trimmed(std::string_view text) {
 /// Names match without regard to case. Independent of the locale: bytes above 127 stay as they are.
 inline constexpr char upperCase(char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+/// Removes the first line, if its end has come, and gives it without that end.
+inline constexpr std::optional<std::string_view> takeLine(std::string_view& bytes) {
+    const std::size_t end = bytes.find('\n');
+    if (end == std::string_view::npos) return std::nullopt;
+    std::string_view line = bytes.substr(0, end);
+    bytes.remove_prefix(end + 1);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    return line;
 }
 /// Separates the values of a header.
 inline constexpr char DELIMITER = ',';

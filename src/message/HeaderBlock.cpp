@@ -45,15 +45,6 @@ std::string_view plainBlockOf(std::string_view bytes) {
     return HeaderBlock::Utf8String::isAscii(block) ? block : std::string_view();
 }
 
-/// Removes the first line, which has an end, and gives it without that.
-std::string_view takeLine(std::string_view& bytes) {
-    const std::size_t end = bytes.find('\n');
-    std::string_view line = bytes.substr(0, end);
-    bytes.remove_prefix(end + 1);
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    return line;
-}
-
 /// By their bytes without regard to case: less than 0, 0 or more, as memcmp.
 int compare(std::string_view left, std::string_view right) {
     const std::size_t shorter = std::min(left.size(), right.size());
@@ -194,9 +185,9 @@ void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
 /// The usual way, for what plainBlockOf() gives.
 void HeaderBlock::readPlainBlock(std::string_view block) {
     std::string_view rest = HeaderRecord::keep(block, memory_);
-    for (std::string_view line = takeLine(rest); !line.empty(); line = takeLine(rest)) {
-        logLine(line);
-        records_.push_back(HeaderRecord::ofLine(line, memory_));
+    for (auto line = takeLine(rest); line && !line->empty(); line = takeLine(rest)) {
+        logLine(*line);
+        records_.push_back(HeaderRecord::ofLine(*line, memory_));
     }
 }
 

@@ -18,16 +18,6 @@ using Quovane::Soa::Internal::Common::StringUtils;
 
 namespace {
 
-/// Removes the first line, if its end has come. Without that end.
-std::optional<std::string_view> takeLine(std::string_view& bytes) {
-    const std::size_t end = bytes.find('\n');
-    if (end == std::string_view::npos) return std::nullopt;
-    std::string_view line = bytes.substr(0, end);
-    bytes.remove_prefix(end + 1);
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    return line;
-}
-
 bool isName(std::string_view name, std::string_view other) {
     return std::equal(name.begin(), name.end(), other.begin(), other.end(),
                       [](char a, char b) { return WireSyntax::upperCase(a) == WireSyntax::upperCase(b); });
@@ -66,7 +56,7 @@ std::optional<std::uint64_t> lengthOf(const Header& header) {
 std::optional<std::uint64_t> takeHeaders(std::string_view& bytes) {
     std::optional<std::uint64_t> length;
     for (;;) {
-        const auto line = takeLine(bytes);
+        const auto line = WireSyntax::takeLine(bytes);
         if (!line) return std::nullopt;
         if (line->empty()) return length;
         const Header header = headerOf(*line);
@@ -81,7 +71,7 @@ std::optional<std::uint64_t> takeHeaders(std::string_view& bytes) {
 /// Removes the empty lines before a message and its start line. False if that has not come.
 bool takeStartLine(std::string_view& bytes) {
     for (;;) {
-        const auto line = takeLine(bytes);
+        const auto line = WireSyntax::takeLine(bytes);
         if (!line) return false;
         if (!line->empty()) return true;
     }
