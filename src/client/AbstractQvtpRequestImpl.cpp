@@ -5,11 +5,13 @@
 #include <qvtp/io/TimeoutException.h>
 
 #include "client/DeadlineBuffer.h"
+#include "common/Early.h"
 #include "common/System.h"
 #include "common/WireSyntax.h"
 #include "io/PipeControl.h"
 #include "logging/Log.h"
 #include "message/DirectionLabel.h"
+#include "message/QvtpMessageInImpl.h"
 
 #include <algorithm>
 #include <exception>
@@ -31,6 +33,9 @@ constexpr int MAX_SKIP_MS = 100;
 constexpr std::uint64_t DIRECT_READ = 4096;
 
 }  // namespace
+
+QVTP_EARLY const std::string AbstractQvtpRequestImpl::ONE_WAY = "w";
+QVTP_EARLY const std::string AbstractQvtpRequestImpl::TWO_WAY = "rw";
 
 AbstractQvtpRequestImpl::AbstractQvtpRequestImpl(const std::string& method, const std::string& resource,
                                                  QvtpClient* client, const std::string& pipeName,
@@ -202,7 +207,7 @@ void AbstractQvtpRequestImpl::handleBrokenPipe(BrokenPipeException& e) {
 std::unique_ptr<AbstractQvtpRequestImpl::QvtpResponse> AbstractQvtpRequestImpl::receive(
     std::unique_ptr<QvtpResponse> response) {
     try {
-        response->getStartLine();
+        response->reader_->startLine();
     } catch (TimeoutException&) {
         response.reset();                // it reads from the pipe
         if (responseTimed_) dropPipe();  // now: nobody is going to wait for this answer
@@ -259,10 +264,6 @@ bool AbstractQvtpRequestImpl::nothingIsLeft() const {
     if (pipe_->getInputStream()->rdbuf()->in_avail() > 0) return false;
     const bool isSmall = responseBody_ == nullptr || responseBody_->isSmallerThan(DIRECT_READ);
     return isSmall || PipeControl::available(*pipe_) == 0;
-}
-
-bool AbstractQvtpRequestImpl::isAnswered() const {
-    return mode_.find('r') != std::string::npos;
 }
 
 }  // namespace Quovane::Internal::Qvtp

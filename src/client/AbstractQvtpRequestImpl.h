@@ -28,7 +28,11 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     using QvtpClient = Quovane::Qvtp::QvtpClient;
     using QvtpResponse = Quovane::Qvtp::QvtpResponse;
 
-    /// `mode`: "w" or "rw", as the connection manager has it. The client is not owned.
+    // Modes as the connection manager has them.
+    static const std::string ONE_WAY;
+    static const std::string TWO_WAY;
+
+    /// `mode`: one of those above, which it refers to. The client is not owned.
     AbstractQvtpRequestImpl(const std::string& method, const std::string& resource, QvtpClient* client,
                             const std::string& pipeName, const std::string& mode);
     /// Lets an exception of returnPipe() out, unless another one is on its way already.
@@ -63,14 +67,14 @@ class AbstractQvtpRequestImpl : public Quovane::Qvtp::AbstractQvtpRequest {
     void releasePipe();
     bool finishResponse();
     bool nothingIsLeft() const;
-    bool isAnswered() const;
+    bool isAnswered() const { return &mode_ == &TWO_WAY; }
 
     Quovane::Io::QvPipe* pipe_ = nullptr;  // not owned: the manager's
     QvtpClient* client_;                   // not owned
     std::string pipeName_;
     std::string method_;
     std::string resource_;
-    std::string mode_;
+    const std::string& mode_;
     std::istream* bodyStream_ = nullptr;  // not owned
     Quovane::Soa::Common::Xml::Utf8String encoder_;
     QvtpMessageOutImpl message_;

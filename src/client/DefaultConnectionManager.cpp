@@ -11,6 +11,7 @@
 #include <iterator>
 #include <mutex>
 #include <new>
+#include <string_view>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -45,9 +46,10 @@ std::string keyOf(const std::string& pipeName, const std::string& mode) {
     return pipeName + KEY_DELIMITER + mode;
 }
 
-bool isKeyOf(const std::string& key, const std::string& pipeName, const std::string& mode) {
-    return key.size() == pipeName.size() + 1 + mode.size() && key[pipeName.size()] == KEY_DELIMITER &&
-           key.compare(0, pipeName.size(), pipeName) == 0 && key.compare(pipeName.size() + 1, mode.size(), mode) == 0;
+bool isKeyOf(std::string_view key, std::string_view pipeName, std::string_view mode) {
+    const std::size_t length = pipeName.size();
+    return key.size() == length + 1 + mode.size() && key[length] == KEY_DELIMITER &&
+           key.substr(0, length) == pipeName && key.substr(length + 1) == mode;
 }
 
 // The missing blanks in these texts are part of the interface: log readers match them.

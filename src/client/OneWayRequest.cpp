@@ -9,7 +9,7 @@ using Internal::Qvtp::AbstractQvtpRequestImpl;
 
 OneWayRequest::OneWayRequest(const std::string& method, const std::string& resource, QvtpClient* client,
                              const std::string& pipeName)
-    : impl_(new AbstractQvtpRequestImpl(method, resource, client, pipeName, "w")) {}
+    : impl_(new AbstractQvtpRequestImpl(method, resource, client, pipeName, AbstractQvtpRequestImpl::ONE_WAY)) {}
 
 OneWayRequest::~OneWayRequest() noexcept(false) {
     delete impl_;

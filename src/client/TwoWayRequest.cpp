@@ -9,7 +9,7 @@ using Internal::Qvtp::AbstractQvtpRequestImpl;
 
 TwoWayRequest::TwoWayRequest(const std::string& method, const std::string& resource, QvtpClient* client,
                              const std::string& pipeName)
-    : impl_(new AbstractQvtpRequestImpl(method, resource, client, pipeName, "rw")) {}
+    : impl_(new AbstractQvtpRequestImpl(method, resource, client, pipeName, AbstractQvtpRequestImpl::TWO_WAY)) {}
 
 TwoWayRequest::~TwoWayRequest() noexcept(false) {
     delete impl_;

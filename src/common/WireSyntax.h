@@ -25,6 +25,9 @@ inline constexpr std::string_view trimmed(std::string_view text) {
     while (!text.empty() && isWhiteSpace(text.back())) text.remove_suffix(1);
     return text;
 }
+inline constexpr bool isTrimmed(std::string_view text) {
+    return text.empty() || (!isWhiteSpace(text.front()) && !isWhiteSpace(text.back()));
+}
 /// Names match without regard to case. Independent of the locale: bytes above 127 stay as they are.
 inline constexpr char upperCase(char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;

@@ -139,13 +139,14 @@ void HeaderBlock::addHeader(std::string_view name, std::string_view value) {
     }
 }
 
-void HeaderBlock::addPlainHeader(std::string_view name, std::string_view value) {
+bool HeaderBlock::addPlainHeader(std::string_view name, std::string_view value) {
     const Place place = placeOf(name);
     if (place.isTaken) {
         place.record->addValues(value, memory_);
     } else {
         records_.insert(place.record, HeaderRecord::ofPlain(name, value, memory_));
     }
+    return !place.isTaken;
 }
 
 void HeaderBlock::setHeader(std::string_view name, std::string_view value) {

@@ -28,7 +28,8 @@ class HeaderBlock {
 
     void addHeader(std::string_view name, std::string_view value);
     /// The same for a name and a single value that are plain, without commas and without white space at their ends.
-    void addPlainHeader(std::string_view name, std::string_view value);
+    /// False if there was a header of that name.
+    bool addPlainHeader(std::string_view name, std::string_view value);
     void setHeader(std::string_view name, std::string_view value);
     void removeHeader(std::string_view name);
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -32,11 +33,13 @@ std::string_view keepLine(std::string_view name, std::string_view valueText, Hea
 }  // namespace
 
 HeaderRecord::HeaderRecord(std::string_view name, std::string_view valueText, Memory& memory) {
-    const std::string_view line = keepLine(name, valueText, memory);
-    setName(line.substr(0, name.size()));
-    splitValues(line.substr(name.size() + AFTER_NAME.size(), valueText.size()), memory);
-    const bool isWhole = name_.size() == name.size() && first_.text.size() == valueText.size();
-    if (isWhole && Utf8String::isPlain(first_.text)) whole_ = line;
+    whole_ = keepLine(name, valueText, memory);
+    setName(whole_.substr(0, name.size()));
+    first_.text = whole_.substr(name.size() + AFTER_NAME.size(), valueText.size());
+    const bool isOneValue = isTrimmed(first_.text) && first_.text.find(DELIMITER) == std::string_view::npos;
+    if (isOneValue && name_.size() == name.size() && Utf8String::isPlain(first_.text)) return;
+    whole_ = {};
+    splitValues(std::exchange(first_.text, {}), memory);
 }
 
 HeaderRecord HeaderRecord::ofLine(std::string_view kept, Memory& memory) {

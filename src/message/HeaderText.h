@@ -14,9 +14,7 @@ inline constexpr std::string_view ALL_WHITE_SPACE = " \t\r\n\v\f";
 /// The name to keep. Looked at from both ends first, since most names are trimmed.
 inline std::string_view nameOf(std::string_view name) {
     using Quovane::Soa::Internal::Common::StringUtils;
-    const bool isTrimmed =
-        name.empty() || (!WireSyntax::isWhiteSpace(name.front()) && !WireSyntax::isWhiteSpace(name.back()));
-    return isTrimmed ? name : StringUtils::trim(name, ALL_WHITE_SPACE);
+    return WireSyntax::isTrimmed(name) ? name : StringUtils::trim(name, ALL_WHITE_SPACE);
 }
 
 /// Splits the text at its commas and calls `action` with each piece that is not empty once it is trimmed.

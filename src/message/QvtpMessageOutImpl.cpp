@@ -4,12 +4,15 @@
 
 #include "common/MessageSink.h"
 #include "common/StringUtils.h"
+#include "common/Text.h"
 #include "common/WireSyntax.h"
 #include "logging/Log.h"
 #include "message/BodyRecord.h"
 
 #include <algorithm>
+#include <charconv>
 #include <limits>
+#include <string_view>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -32,14 +35,17 @@ std::string QvtpMessageOutImpl::getStartLine() {
 }
 
 void QvtpMessageOutImpl::addHeader(const std::string& name, const std::string& value) {
+    lengthIsSure_ = false;
     headers_.addHeader(name, value);
 }
 
 void QvtpMessageOutImpl::setHeader(const std::string& name, const std::string& value) {
+    lengthIsSure_ = false;
     headers_.setHeader(name, value);
 }
 
 void QvtpMessageOutImpl::removeHeader(const std::string& name) {
+    lengthIsSure_ = false;
     headers_.removeHeader(name);
 }
 
@@ -50,8 +56,11 @@ void QvtpMessageOutImpl::setBody(const char* data, size_t length) {
     BodyBlock body(length + 1);
     std::copy_n(data, length, body.get());
     body.get()[length] = '\0';
+    char digits[NUMBER_ROOM];
+    const char* const end = std::to_chars(digits, digits + sizeof digits, length).ptr;
+    const std::string_view number(digits, static_cast<std::size_t>(end - digits));
     // Added, not set: a second call leaves both lengths in the header, and peers read the first.
-    headers_.addPlainHeader(HEADER_CONTENT_LENGTH, std::to_string(length));
+    lengthIsSure_ = headers_.addPlainHeader(HEADER_CONTENT_LENGTH, number);
     body_ = std::move(body);
     bodyLength_ = length;
 }
@@ -65,6 +74,7 @@ std::uint64_t QvtpMessageOutImpl::getBodyLength() const {
 }
 
 bool QvtpMessageOutImpl::announcesBody(bool chunked) const {
+    if (lengthIsSure_ && !chunked) return true;
     // As the receiver has it: the length comes first.
     const std::string_view length = headers_.firstValue(HEADER_CONTENT_LENGTH);
     if (chunked) {

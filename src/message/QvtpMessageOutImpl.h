@@ -74,7 +74,8 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     bool committed_ = false;
     BodyBlock body_;
     std::size_t bodyLength_ = 0;
-    Utf8String* converter_;  // not owned
+    bool lengthIsSure_ = false;  // the headers have that length, and no other
+    Utf8String* converter_;      // not owned
 };
 
 }  // namespace Quovane::Internal::Qvtp

@@ -184,4 +184,20 @@ TEST(QvtpMessageOutImplBody, IsAnnouncedByTheFirstLengthOrInChunks) {
     EXPECT_FALSE(message->announcesBody(true));
 }
 
+TEST(QvtpMessageOutImplBody, IsNoLongerAnnouncedOnceItsLengthIsChangedOrTakenAway) {
+    OutgoingMessage changed;
+    changed.setBody("hello");
+    changed.setHeader("content-length", "4");
+    EXPECT_FALSE(changed->announcesBody(false));
+    OutgoingMessage removed;
+    removed.setBody("hello");
+    removed.removeHeader("CONTENT-LENGTH");
+    EXPECT_FALSE(removed->announcesBody(false));
+    OutgoingMessage added;
+    added.setBody("hello");
+    added.addHeader("X-Other", "1");
+    added.addHeader("Content-Length", "4");
+    EXPECT_TRUE(added->announcesBody(false));
+}
+
 }  // namespace
