@@ -145,8 +145,7 @@ class Writing {
     Writing(PipeObject& object, const char* first, std::size_t firstLength, const char* second = nullptr,
             std::size_t secondLength = 0)
         : object_(object),
-          blocks_{{const_cast<char*>(first), firstLength}, {const_cast<char*>(second), secondLength}},
-          deadline_(Deadline::after(object.writeTimeoutMs)) {}
+          blocks_{{const_cast<char*>(first), firstLength}, {const_cast<char*>(second), secondLength}} {}
 
     int run() {
         return untilResult([this] { return step(ReaderPace::PIECE); });
@@ -197,6 +196,7 @@ class Writing {
     /// succeeds as soon as any is.
     WaitResult waitForRoom() {
         pending_ = true;
+        if (!deadline_) restartClock();
         if (unread_ < 0) unread_ = LocalSocket::unreadMemory(object_.socket.get());
         return object_.wait(POLLOUT, Deadline::after(std::max(object_.writeTimeoutMs / LOOKS, 1)));
     }
@@ -208,8 +208,8 @@ class Writing {
         if (waited == WaitResult::FAILED) System::sleepMs(1);  // tried again, but not spun on
         object_.pace.stalled();
         // What the peer has taken may not make room enough yet, and is progress all the same.
-        if (hasBeenRead()) deadline_ = Deadline::after(object_.writeTimeoutMs);
-        if (!deadline_.isOver()) return std::nullopt;
+        if (hasBeenRead()) restartClock();
+        if (!deadline_->isOver()) return std::nullopt;
         PipeLog::writeTimedOut();
         return WriteResult::TIMED_OUT;
     }
@@ -235,10 +235,12 @@ class Writing {
         if (left() == 0) return WriteResult::WRITTEN;
         if (progress_ >= ReaderPace::PIECE) {
             progress_ = 0;
-            deadline_ = Deadline::after(object_.writeTimeoutMs);
+            deadline_.reset();
         }
         return std::nullopt;
     }
+
+    void restartClock() { deadline_ = Deadline::after(object_.writeTimeoutMs); }
 
     /// The system takes nothing more.
     int end(int error) const {
@@ -254,8 +256,8 @@ class Writing {
     PipeObject& object_;
     iovec blocks_[2];  // what is left of them
     std::size_t progress_ = 0;
-    int unread_ = -1;  // memory of what the peer has left, as of the last look since the last send
-    Deadline deadline_;
+    int unread_ = -1;                   // memory of what the peer has left, as of the last look since the last send
+    std::optional<Deadline> deadline_;  // from the first wait on: most writes have none
     bool pending_ = false;
 };
 
@@ -310,8 +312,8 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
 
 int takeInput(PipeObject& object, char* buffer, std::size_t length, int timeoutMs, bool wakeable, int& taken) {
     if (object.accessError(object.readable) != SystemError::NONE) return InputResult::FAILED;
-    const InputWake::Scope<PipeObject> scope(object);
-    if (!scope.hasBegun()) return InputResult::WOKEN;
+    std::optional<InputWake::Scope<PipeObject>> scope;
+    if (wakeable && !scope.emplace(object).hasBegun()) return InputResult::WOKEN;
     InputWait wait(object, buffer, length, wakeable ? Receiving::Wake::POSSIBLE : Receiving::Wake::NEVER);
     const int result = wait.run(timeoutMs);
     taken = wait.taken();

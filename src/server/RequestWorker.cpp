@@ -169,7 +169,7 @@ void RequestWorker::serveRequests() {
 /// worker whose request ended while a connection waited can be asked for its thread until its client's next request; a
 /// client that was silent before anybody waited is not cut off.
 RequestWorker::Next RequestWorker::awaitNext() {
-    asked_ = false;
+    if (asked_) asked_ = false;  // a store that others see at once costs more than the look
     candidate_ = served_ && isConnectionWaiting();
     const auto now = Clock::now();
     waitBegin_ = now;

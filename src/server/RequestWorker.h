@@ -140,7 +140,7 @@ class RequestWorker : public Poco::Runnable {
     void callHandler(QvtpServerResponse* response, const Call& call);
     void handleUnknownException(int policy, QvtpServerResponse* response);
     void answerError(int code);
-    bool skipBody(QvtpServerRequest& request);
+    bool skipBody();
     void endReading();
     bool hasFailedStream() const;
     void logFailure(const char* kind, const std::string& message, QvtpServerRequest& request) const;

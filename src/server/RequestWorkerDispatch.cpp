@@ -97,7 +97,7 @@ bool RequestWorker::serveWithBody(QvtpServerRequest& request, const RestInput* r
     pipe_->setReadTimeout(receiveTimeoutMs_);
     if (!handle(request) || hasFailedStream()) return false;
     served_ = true;
-    return skipBody(request);
+    return skipBody();
 }
 
 /// Has the first byte brought into the stream's buffer. False if there is none, with which most connections end:
@@ -187,7 +187,7 @@ void RequestWorker::handlePost(QvtpServerRequest& request) {
     ++server_->totalPosts_;
     callHandler(&response, [&](QvtpHandler& handler) { handler.handlePost(&request, &response); });
     if (mustClose_) {
-        if (!isOverLimit()) skipBody(request);  // the client reads the answer only when its request is written
+        if (!isOverLimit()) skipBody();  // the client reads the answer only when its request is written
         return;
     }
     logDebug([&] { return "Complete processing of POST request (" + fullName_ + ")."; });
@@ -222,9 +222,9 @@ void RequestWorker::answerError(int code) {
 }
 
 /// Moves the stream to the next message, over what the handler left of this one. False if that is too much or fails.
-bool RequestWorker::skipBody(QvtpServerRequest& request) {
+bool RequestWorker::skipBody() {
     try {
-        return request.bodyReader()->skipRest(MAX_SKIPPED_BYTES);
+        return body_->skipRest(MAX_SKIPPED_BYTES);
     } catch (QvPipeException&) {
         return false;  // the client has gone or fallen silent; its request was handled
     }
