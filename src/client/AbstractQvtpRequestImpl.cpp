@@ -29,8 +29,6 @@ namespace {
 // What a request does for a response that was not read to its end, before it gives up the connection.
 constexpr std::uint64_t MAX_SKIPPED_BYTES = std::uint64_t{64} * 1024;
 constexpr int MAX_SKIP_MS = 100;
-// A body below the size of the stream's area comes through it.
-constexpr std::uint64_t DIRECT_READ = 4096;
 
 }  // namespace
 
@@ -257,13 +255,9 @@ bool AbstractQvtpRequestImpl::finishResponse() {
     }
 }
 
-/// Bytes that came with the response but do not belong to it would be taken for the beginning of the next one. With a
-/// small body they are in the stream's buffer, and it costs no system call to see them. A large one is read past that.
+/// Bytes that came with the response but do not belong to it would be taken for the beginning of the next one.
 bool AbstractQvtpRequestImpl::nothingIsLeft() const {
-    if (!isAnswered()) return true;
-    if (pipe_->getInputStream()->rdbuf()->in_avail() > 0) return false;
-    const bool isSmall = responseBody_ == nullptr || responseBody_->isSmallerThan(DIRECT_READ);
-    return isSmall || PipeControl::available(*pipe_) == 0;
+    return !isAnswered() || !PipeControl::hasUnread(*pipe_);
 }
 
 }  // namespace Quovane::Internal::Qvtp

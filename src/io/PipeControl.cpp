@@ -47,6 +47,12 @@ std::size_t PipeControl::available(const QvPipe& pipe) {
     return platformAvailable(pipe.pipeHandle_);
 }
 
+bool PipeControl::hasUnread(const QvPipe& pipe) {
+    const auto& stream = static_cast<const QvPipe::InputStream&>(*pipe.inputStream_);
+    if (stream.rdbuf()->in_avail() > 0) return true;
+    return !stream.hasTakenAll() && available(pipe) > 0;
+}
+
 std::string PipeControl::peek(const QvPipe& pipe) {
     std::string bytes(available(pipe), '\0');
     bytes.resize(platformPeek(pipe.pipeHandle_, bytes.data(), bytes.size()));

@@ -47,6 +47,9 @@ class PipeControl {
     static std::size_t available(const QvPipe& pipe);
     /// These bytes, which stay there.
     static std::string peek(const QvPipe& pipe);
+    /// Whether more has come than was read from the input stream. That takes a call of the system only where the last
+    /// read may have left something there. For the thread that reads.
+    static bool hasUnread(const QvPipe& pipe);
     /// Breaks the peer's next write. What it wrote before can still be read, and answers still arrive. On Windows it
     /// has no effect.
     static void endReading(const QvPipe& pipe);

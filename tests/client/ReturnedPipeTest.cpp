@@ -148,6 +148,22 @@ TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseOfAnySizeThatWasRead) {
     }
 }
 
+/// One read brings 4096 bytes into the stream, and another 1024 may come with it.
+TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseThatEndsWhereAReadDoes) {
+    const std::string head = "QVTP/1.0 200 OK\r\nContent-Length: 4000\r\n\r\n";
+    for (const std::size_t whole : {4095U, 4096U, 4097U, 5119U, 5120U, 5121U, 8192U}) {
+        const std::size_t size = whole - head.size();
+        std::string answer = head + std::string(size, 'b');
+        answer.replace(answer.find("4000"), 4, std::to_string(size));
+        for (int round = 0; round < 3; ++round) {
+            post(answer + OK_RESPONSE, [&] { EXPECT_EQ(bodyOfResponse().size(), size); });
+            EXPECT_FALSE(isReused()) << whole;
+            post(answer, [&] { bodyOfResponse(); });
+            EXPECT_TRUE(isReused()) << whole;
+        }
+    }
+}
+
 TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseThatWasSkipped) {
     post(OK_RESPONSE + std::string(OK_RESPONSE));
     EXPECT_FALSE(isReused());
