@@ -70,10 +70,10 @@ TEST_F(ResponseTimeout, EndsAHeadThatStops) {
 }
 
 TEST_F(ResponseTimeout, IsForEachPauseAndNotForTheWholeResponse) {
-    client.setResponseTimeout(1000);
+    client.setResponseTimeout(3000);
     const auto request = begin("/steady");
     for (const char* piece : {"QVTP/1.0 200 OK\r\n", "Content-Length: 2\r\n", "\r\n", "hi"}) {
-        std::this_thread::sleep_for(300ms);  // the pauses are what is tested: more than the time-out in all
+        std::this_thread::sleep_for(800ms);  // the pauses are what is tested: more than the time-out in all
         RawServer::write(*pipe, piece);
     }
     EXPECT_EQ(executing.get(), "nothing");
