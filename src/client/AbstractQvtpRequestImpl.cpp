@@ -29,6 +29,8 @@ namespace {
 // What a request does for a response that was not read to its end, before it gives up the connection.
 constexpr std::uint64_t MAX_SKIPPED_BYTES = std::uint64_t{64} * 1024;
 constexpr int MAX_SKIP_MS = 100;
+// After so much, or chunks, it is worth a call of the system to see what has come in the meantime.
+constexpr std::uint64_t LARGE_BODY = 4096;
 
 }  // namespace
 
@@ -255,9 +257,13 @@ bool AbstractQvtpRequestImpl::finishResponse() {
     }
 }
 
-/// Bytes that came with the response but do not belong to it would be taken for the beginning of the next one.
+/// Bytes that came with the response but do not belong to it would be taken for the beginning of the next one. With a
+/// small body they are in the stream's buffer, unless that is full, and it costs no call of the system to see them.
 bool AbstractQvtpRequestImpl::nothingIsLeft() const {
-    return !isAnswered() || !PipeControl::hasUnread(*pipe_);
+    if (!isAnswered()) return true;
+    if (pipe_->getInputStream()->rdbuf()->in_avail() > 0) return false;
+    const bool isSmall = responseBody_ == nullptr || responseBody_->isSmallerThan(LARGE_BODY);
+    return (isSmall && PipeControl::hadRoomForMore(*pipe_)) || PipeControl::available(*pipe_) == 0;
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -90,7 +90,7 @@ std::uint32_t currentThreadId() {
 }
 
 const void* currentThreadMark() {
-    // A number here, of the threads that live. A thread_local of a shared library takes longer to find.
+    // No two threads that live have the same. The address of a thread_local takes longer to find in a shared library.
     return reinterpret_cast<const void*>(::pthread_self());
 }
 

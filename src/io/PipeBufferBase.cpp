@@ -118,7 +118,7 @@ std::streamsize PipeBufferBase<CharT, Traits>::xsgetn(CharT* s, std::streamsize 
     const std::streamsize there = std::min<std::streamsize>(n, this->egptr() - this->gptr());
     std::streamsize got = there > 0 ? Base::xsgetn(s, there) : 0;
     while (bufferSize_ > 1 && n - got >= bufferSize_) {
-        this->setg(buffer_, buffer_, buffer_);  // what is there was read before this
+        this->setg(buffer_, buffer_, buffer_);  // what is in it no longer shows how much the last read brought
         const int count = pipe_->readPipe(s + got, 0, clampToInt(n - got), pipe_->getReadTimeout());
         if (count == -1) return got;
         got += count;

@@ -47,10 +47,8 @@ std::size_t PipeControl::available(const QvPipe& pipe) {
     return platformAvailable(pipe.pipeHandle_);
 }
 
-bool PipeControl::hasUnread(const QvPipe& pipe) {
-    const auto& stream = static_cast<const QvPipe::InputStream&>(*pipe.inputStream_);
-    if (stream.rdbuf()->in_avail() > 0) return true;
-    return !stream.hasTakenAll() && available(pipe) > 0;
+bool PipeControl::hadRoomForMore(const QvPipe& pipe) {
+    return static_cast<const QvPipe::InputStream&>(*pipe.inputStream_).hadRoomForMore();
 }
 
 std::string PipeControl::peek(const QvPipe& pipe) {

@@ -14,8 +14,8 @@ class MessageSink;
 /// What a read throws that ends because its pipe was closed from this side.
 inline constexpr char READ_ABORTED[] = "QvPipe read aborted.";
 
-/// What the server needs of its end of a connection beyond reading and writing: to wait for a client without taking
-/// anything from it, and to part from it without losing anything. Nothing here touches the pipe's streams.
+/// What server and client need of their ends of a connection beyond reading and writing: to wait for a client without
+/// taking anything from it, to part from it without losing anything, and to see what a response has left.
 class PipeControl {
   public:
     using QvPipe = Quovane::Io::QvPipe;
@@ -47,9 +47,9 @@ class PipeControl {
     static std::size_t available(const QvPipe& pipe);
     /// These bytes, which stay there.
     static std::string peek(const QvPipe& pipe);
-    /// Whether more has come than was read from the input stream. That takes a call of the system only where the last
-    /// read may have left something there. For the thread that reads.
-    static bool hasUnread(const QvPipe& pipe);
+    /// Whether the input stream's area had room for more than the last read brought: then that was all that had come by
+    /// that time. False also after a read past the area. For the thread that reads.
+    static bool hadRoomForMore(const QvPipe& pipe);
     /// Breaks the peer's next write. What it wrote before can still be read, and answers still arrive. On Windows it
     /// has no effect.
     static void endReading(const QvPipe& pipe);

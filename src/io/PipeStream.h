@@ -68,9 +68,8 @@ class QvPipe::InputStream : public PipeStream<std::istream> {
     /// Whether what a wait for input takes can go into the stream's area: it is there, empty, and nobody has put a
     /// buffer of their own before it.
     bool hasRoom() const { return rdbuf() == &buffer_ && buffer_.bufferSize_ > 1 && buffer_.gptr() == buffer_.egptr(); }
-    /// Whether the last read left nothing in the system's hands: it brought less into the area than there was room for.
-    /// Not after one past the area, which asks for no more than it needs.
-    bool hasTakenAll() const {
+    /// As PipeControl has it.
+    bool hadRoomForMore() const {
         const auto count = buffer_.egptr() - buffer_.eback();
         return rdbuf() == &buffer_ && count > 0 && count < buffer_.bufferSize_;
     }

@@ -39,6 +39,11 @@ class InputBuffer {
     /// all of them if the framing cannot be read.
     static bool removeWhole(std::uint64_t length, std::string_view& bytes);
 
+    /// Whether the body came whole and was not longer than this.
+    bool isSmallerThan(std::uint64_t size) const {
+        return !chunked_ && remaining_ + static_cast<std::uint64_t>(bytes_) < size;
+    }
+
     /// Reads what is there of the rest of the body, or waits for one more byte, and drops it. False if that is more
     /// than `budget`, which it reduces, or if the body ended too early.
     bool skipSome(std::uint64_t& budget);

@@ -35,8 +35,7 @@ std::string QvtpMessageOutImpl::getStartLine() {
 }
 
 void QvtpMessageOutImpl::addHeader(const std::string& name, const std::string& value) {
-    lengthIsSure_ = false;
-    headers_.addHeader(name, value);
+    headers_.addHeader(name, value);  // of a header that is there already the first value stays
 }
 
 void QvtpMessageOutImpl::setHeader(const std::string& name, const std::string& value) {

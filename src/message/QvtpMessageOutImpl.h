@@ -74,7 +74,7 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
     bool committed_ = false;
     BodyBlock body_;
     std::size_t bodyLength_ = 0;
-    bool lengthIsSure_ = false;  // the headers have that length, and no other
+    bool lengthIsSure_ = false;  // the headers begin with that length
     Utf8String* converter_;      // not owned
 };
 

@@ -2,6 +2,7 @@
 
 #include <qvtp/client/NotifyRequest.h>
 #include <qvtp/client/PostRequest.h>
+#include <qvtp/client/QvtpConnectionManager.h>
 #include <qvtp/client/QvtpResponse.h>
 
 #include "examples/BodyOf.h"
@@ -23,6 +24,25 @@ using Quovane::Io::QvPipe;
 using namespace std::chrono_literals;
 
 inline constexpr char OK_RESPONSE[] = "QVTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nhi";
+
+/// Has one pipe, with small areas and a read time-out of its own.
+class OwnPipe : public QvtpConnectionManager {
+  public:
+    explicit OwnPipe(const std::string& name) : pipe(name, true, true) {
+        pipe.setReadTimeout(5000);
+        pipe.getInputStream()->rdbuf()->pubsetbuf(input, sizeof input);
+        pipe.getOutputStream()->rdbuf()->pubsetbuf(output, sizeof output);
+    }
+    QvPipe* getPipe(const std::string&, const std::string&) override { return &pipe; }
+    void returnPipe(QvPipe*) override { ++returned; }
+    void removePipe(QvPipe*) override { ++removed; }
+
+    char input[100];
+    char output[100];
+    QvPipe pipe;
+    int returned = 0;
+    int removed = 0;
+};
 
 /// A client, and a server of which the test sees the bytes.
 class Requests : public ::testing::Test {

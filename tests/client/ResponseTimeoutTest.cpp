@@ -121,25 +121,6 @@ TEST_F(ResponseTimeout, DoesNotStayOnAPipeThatIsUsedAgain) {
     response.reset();
 }
 
-/// Has one pipe, with a read time-out of its own.
-class OwnPipe : public QvtpConnectionManager {
-  public:
-    explicit OwnPipe(const std::string& name) : pipe(name, true, true) {
-        pipe.setReadTimeout(5000);
-        pipe.getInputStream()->rdbuf()->pubsetbuf(input, sizeof input);
-        pipe.getOutputStream()->rdbuf()->pubsetbuf(output, sizeof output);
-    }
-    QvPipe* getPipe(const std::string&, const std::string&) override { return &pipe; }
-    void returnPipe(QvPipe*) override { ++returned; }
-    void removePipe(QvPipe*) override { ++removed; }
-
-    char input[100];
-    char output[100];
-    QvPipe pipe;
-    int returned = 0;
-    int removed = 0;
-};
-
 TEST_F(ResponseTimeout, GivesTheReadTimeoutOfAManagersPipeBack) {
     OwnPipe manager(name);
     QvtpClient caller(&manager);

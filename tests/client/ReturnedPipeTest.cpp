@@ -164,6 +164,36 @@ TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseThatEndsWhereAReadDoes) {
     }
 }
 
+TEST_F(ReturnedPipe, IsGivenUpWithBytesThatComeLaterAfterALargeBodyOrChunks) {
+    const std::string chunked = "QVTP/1.0 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n";
+    const std::string large = "QVTP/1.0 200 OK\r\nContent-Length: 4096\r\n\r\n" + std::string(4096, 'b');
+    for (const std::string& answer : {chunked, large, large}) {
+        post(answer, [&] {
+            bodyOfResponse();
+            RawServer::write(*pipe, OK_RESPONSE);
+        });
+        EXPECT_FALSE(isReused());
+        post(answer, [&] { bodyOfResponse(); });
+        EXPECT_TRUE(isReused());
+    }
+}
+
+TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterABodyThatDidNotGoThroughTheReadersArea) {
+    OwnPipe manager(name);
+    QvtpClient caller(&manager);
+    pipe = server.accept();
+    {
+        PostRequest request(&caller, name, "/r");
+        request.setBody("x", 1);
+        exchange(request, "x", "QVTP/1.0 200 OK\r\nContent-Length: 1000\r\n\r\n");
+        RawServer::write(*pipe, std::string(1000, 'b') + OK_RESPONSE);
+        EXPECT_EQ(bodyOfResponse().size(), 1000U);
+        response.reset();
+    }
+    EXPECT_EQ(manager.returned, 0);
+    EXPECT_EQ(manager.removed, 1);
+}
+
 TEST_F(ReturnedPipe, IsGivenUpWithBytesAfterAResponseThatWasSkipped) {
     post(OK_RESPONSE + std::string(OK_RESPONSE));
     EXPECT_FALSE(isReused());

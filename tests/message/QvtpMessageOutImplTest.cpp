@@ -187,6 +187,7 @@ TEST(QvtpMessageOutImplBody, IsAnnouncedByTheFirstLengthOrInChunks) {
 TEST(QvtpMessageOutImplBody, IsNoLongerAnnouncedOnceItsLengthIsChangedOrTakenAway) {
     OutgoingMessage changed;
     changed.setBody("hello");
+    EXPECT_FALSE(changed->announcesBody(true));
     changed.setHeader("content-length", "4");
     EXPECT_FALSE(changed->announcesBody(false));
     OutgoingMessage removed;
