@@ -5,10 +5,8 @@ import re
 import signal
 import subprocess
 import time
-import unittest
 
-from cli_case import COMMAND, IS_WINDOWS, LIMIT, PROGRAM, SHELL, SIGNALS, CliTest, eventually, \
-    lets_through_any_signal, linux_only
+from cli_case import COMMAND, EARLY_SIGNALS, IS_WINDOWS, LIMIT, PROGRAM, SHELL, SIGNALS, CliTest, eventually, linux_only
 
 
 class Serve(CliTest):
@@ -73,7 +71,7 @@ class Serve(CliTest):
         self.assertIn("Requests were cut off.", err)
 
     @SIGNALS
-    @unittest.skipUnless(lets_through_any_signal(), "the sanitizer of threads loses a signal that comes this early")
+    @EARLY_SIGNALS
     def test_takes_a_signal_from_its_first_line_on(self):
         for arguments in ([], ["--exec", "cat"]):
             for pause in range(25):
@@ -201,6 +199,8 @@ class List(CliTest):
         self.addCleanup(self.end, watch)
         self.serve("demo")
         self.assertEqual(watch.stdout.readline(), b"demo\n")
+        self.serve("other")  # so it has waited before the signal comes
+        self.assertEqual([watch.stdout.readline() for _ in range(2)], [b"demo\n", b"other\n"])
         watch.send_signal(signal.SIGINT)
         self.assertEqual(watch.wait(LIMIT), 130)
 
