@@ -64,7 +64,6 @@ class Easy : public ::testing::Test {
         });
     }
 
-    Watchdog watchdog;
     const std::string name = uniquePipeName();
     std::promise<std::string> logged;
     std::string errors;

@@ -30,7 +30,7 @@ auto inBackground(Work work) {
 /// Ends the process with a message if a test takes longer than this, so that a hang names its test.
 class Watchdog {
   public:
-    explicit Watchdog(std::chrono::seconds limit = std::chrono::seconds(60));
+    explicit Watchdog(std::chrono::seconds limit);
     ~Watchdog();
 
   private:
