@@ -60,8 +60,10 @@ runtime_dirs() {
 set_environment() {
     export WINEPREFIX=${QVTP_WINEPREFIX:-$(cache_dir)/wine}
     export WINEDEBUG=${WINEDEBUG:--all}
-    # No questions about add-ons while the prefix is filled, and no entries in the desktop's menu.
-    export WINEDLLOVERRIDES="${WINEDLLOVERRIDES:+$WINEDLLOVERRIDES;}mscoree,mshtml=;winemenubuilder.exe=d"
+    # No questions about add-ons while the prefix is filled, and no entries in the desktop's menu. No desktop either: the
+    # first program with a console starts it, and it keeps that program's standard error open. Now and then it never
+    # ends.
+    export WINEDLLOVERRIDES="${WINEDLLOVERRIDES:+$WINEDLLOVERRIDES;}mscoree,mshtml=;winemenubuilder.exe,explorer.exe=d"
     # Programs of ours open no window. Wine takes code page and language from the locale: the same on every machine.
     unset DISPLAY
     export LC_ALL=C.UTF-8
