@@ -41,8 +41,8 @@ cache_dir() {
 }
 
 windows_path() {
-    local path
-    path=$(realpath -m -- "$1")
+    local path=$1
+    [[ $path == /* ]] || path=$PWD/$path
     echo "Z:${path//\//\\}"
 }
 
@@ -54,7 +54,7 @@ runtime_dirs() {
         file=$("$COMPILER" -print-file-name="$dll")
         # Without a directory in front, the compiler did not find the file.
         if [[ $file == /* ]]; then dirname -- "$file"; fi
-    done
+    done | sort -u
 }
 
 set_environment() {
@@ -69,12 +69,29 @@ set_environment() {
     export LC_ALL=C.UTF-8
 }
 
+# The compiler takes longer for its answer than Wine for the start of a program, so the answer is kept, until there is
+# another compiler or one of the directories is gone.
+kept_runtime_dirs() {
+    local kept=$WINEPREFIX.runtime compiler dir is_valid=
+    compiler=$(command -v "$COMPILER") || return 0
+    if [[ $kept -nt $compiler ]]; then
+        is_valid=1
+        while read -r dir; do [[ -d $dir ]] || is_valid=; done <"$kept"
+    fi
+    if [[ -z $is_valid ]]; then
+        mkdir -p "$(dirname -- "$kept")"
+        runtime_dirs >"$kept.$$"
+        mv "$kept.$$" "$kept"
+    fi
+    echo "$(<"$kept")"
+}
+
 set_dll_path() {
     local path dir
     path=$(windows_path "$1/bin")
     while read -r dir; do
         path+=";$(windows_path "$dir")"
-    done < <(runtime_dirs | sort -u)
+    done < <(kept_runtime_dirs)
     export WINEPATH="$path${WINEPATH:+;$WINEPATH}"
 }
 
@@ -157,7 +174,7 @@ main() {
     esac
     [[ $# -gt 0 ]] || die "no program given"
     set_dll_path "$dependencies"
-    ensure_server
+    if [[ ! -e $WINEPREFIX/.filled ]] || ! server_runs; then ensure_server; fi
     # With addresses at random, one start in some thousands fails without a word: a page that Wine 8 needs at a fixed
     # place ("failed to map the shared user data") is taken. Not every container allows this.
     if setarch --addr-no-randomize true 2>/dev/null; then exec setarch --addr-no-randomize wine "$@"; fi
