@@ -48,7 +48,6 @@ windows_path() {
 
 # The directories of the DLLs that come with the compiler. They follow the compiler's version, so it is asked.
 runtime_dirs() {
-    command -v "$COMPILER" >/dev/null || return 0
     local dll file
     for dll in libstdc++-6.dll libwinpthread-1.dll; do
         file=$("$COMPILER" -print-file-name="$dll")
@@ -69,21 +68,19 @@ set_environment() {
     export LC_ALL=C.UTF-8
 }
 
-# The compiler takes longer for its answer than Wine for the start of a program, so the answer is kept, until there is
-# another compiler or one of the directories is gone.
+# The compiler takes longer for its answer than Wine for the start of a program. So the answer is kept, after a line that
+# says which compiler gave it.
 kept_runtime_dirs() {
-    local kept=$WINEPREFIX.runtime compiler dir is_valid=
+    local kept=$WINEPREFIX.runtime compiler identity known=
     compiler=$(command -v "$COMPILER") || return 0
-    if [[ $kept -nt $compiler ]]; then
-        is_valid=1
-        while read -r dir; do [[ -d $dir ]] || is_valid=; done <"$kept"
-    fi
-    if [[ -z $is_valid ]]; then
+    identity=$(stat -Lc '%n %i %s %Z' "$compiler")
+    if [[ -s $kept ]]; then read -r known <"$kept" || true; fi
+    if [[ $known != "$identity" ]]; then
         mkdir -p "$(dirname -- "$kept")"
-        runtime_dirs >"$kept.$$"
+        { echo "$identity" && runtime_dirs; } >"$kept.$$"
         mv "$kept.$$" "$kept"
     fi
-    echo "$(<"$kept")"
+    tail -n +2 "$kept"
 }
 
 set_dll_path() {
@@ -174,7 +171,7 @@ main() {
     esac
     [[ $# -gt 0 ]] || die "no program given"
     set_dll_path "$dependencies"
-    if [[ ! -e $WINEPREFIX/.filled ]] || ! server_runs; then ensure_server; fi
+    ensure_server
     # With addresses at random, one start in some thousands fails without a word: a page that Wine 8 needs at a fixed
     # place ("failed to map the shared user data") is taken. Not every container allows this.
     if setarch --addr-no-randomize true 2>/dev/null; then exec setarch --addr-no-randomize wine "$@"; fi

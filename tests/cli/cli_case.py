@@ -25,7 +25,7 @@ SIGNALS = linux_only("there are no signals")
 SHELL = linux_only("the shell is another one")
 SOCKETS = linux_only("pipes are no sockets there")
 
-# GCC 12's ThreadSanitizer loses a signal that comes while a thread enters its first call that blocks.
+# ThreadSanitizer, GCC 12's at least, loses a signal that comes while a thread enters its first call that blocks.
 with open(PROGRAM, "rb") as program:
     EARLY_SIGNALS = unittest.skipIf(b"__tsan_init" in program.read(), "the sanitizer of threads loses early signals")
 
