@@ -22,24 +22,28 @@
 
 namespace {
 
-constexpr std::size_t HEAD = 63;  // bytes of a usual head
-constexpr int EXCHANGES = 3000;   // in a turn
+constexpr std::size_t HEAD = 63;                   // bytes of a usual head
+constexpr std::size_t MOST_EXCHANGES = 3000;       // in a turn
+constexpr std::size_t BYTES_OF_A_TURN = 64 << 20;  // of bodies, if these are fewer exchanges
 
 struct Form {
     const char* name;
     bool hasHead;     // before each body
     bool isGathered;  // head and body are two blocks
-    bool tries;       // each side tries before it waits
+    bool copies;      // each side copies the body before it sends it: who gave it may change it meanwhile
     bool hasTimeout;  // the server's waits have one
+    bool tries;       // each side tries before it waits
 };
 
-constexpr std::array<Form, 6> FORMS{{
-    {"bare socket", false, false, false, false},
-    {"a head", true, false, false, false},
-    {"a head as a block of its own", true, true, false, false},
-    {"a try before each wait", false, false, true, false},
-    {"a time-out of the server's wait", false, false, false, true},
-    {"head, try and time-out", true, false, true, true},
+constexpr std::array<Form, 8> FORMS{{
+    {"bare socket", false, false, false, false, false},
+    {"a head", true, false, false, false, false},
+    {"a head as a block of its own", true, true, false, false, false},
+    {"a copy of each body", false, false, true, false, false},
+    {"a time-out of the server's wait", false, false, false, true, false},
+    {"a try before each wait", false, false, false, false, true},
+    {"head, copy and time-out", true, false, true, true, false},
+    {"its own block, copy and time-out", true, true, true, true, false},
 }};
 
 [[noreturn]] void fail(const char* what) {
@@ -67,7 +71,7 @@ double processorTime() {
 class End {
   public:
     End(int fd, const Form& form, std::size_t size, bool isServer)
-        : fd_(fd), form_(form), block_((form.hasHead ? HEAD : 0) + size), tries_(form.tries) {
+        : fd_(fd), form_(form), body_(size), block_((form.hasHead ? HEAD : 0) + size), tries_(form.tries) {
         if (!isServer || !form.hasTimeout) return;
         const timeval limit{9, 0};
         if (::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) fail("setsockopt");
@@ -75,6 +79,8 @@ class End {
 
     void send() {
         ssize_t sent = 0;
+        if (form_.copies)
+            std::copy(body_.begin(), body_.end(), block_.end() - static_cast<std::ptrdiff_t>(body_.size()));
         if (form_.isGathered) {
             iovec blocks[] = {{block_.data(), HEAD}, {block_.data() + HEAD, block_.size() - HEAD}};
             msghdr message{};
@@ -103,7 +109,8 @@ class End {
   private:
     const int fd_;
     const Form& form_;
-    std::vector<char> block_;
+    std::vector<char> body_;   // as the application has it
+    std::vector<char> block_;  // what is sent, and what is received
     const bool tries_;
 };
 
@@ -116,6 +123,8 @@ double serve(int fd, const Form& form, std::size_t size) {
 
 /// The processor time of one exchange in both processes.
 double turn(const Form& form, std::size_t size) {
+    const std::size_t exchanges =
+        std::clamp<std::size_t>(BYTES_OF_A_TURN / std::max<std::size_t>(size, 1), 1, MOST_EXCHANGES);
     int ends[2];
     int report[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || ::pipe(report) != 0) fail("socketpair");
@@ -131,7 +140,7 @@ double turn(const Form& form, std::size_t size) {
     {
         End end(ends[0], form, size, false);
         const double before = processorTime();
-        for (int i = 0; i < EXCHANGES; ++i) {
+        for (std::size_t i = 0; i < exchanges; ++i) {
             end.send();
             if (!end.receive()) fail("recv");
         }
@@ -143,7 +152,7 @@ double turn(const Form& form, std::size_t size) {
     ::waitpid(server, nullptr, 0);
     ::close(report[0]);
     ::close(report[1]);
-    return (own + others) / EXCHANGES;
+    return (own + others) / static_cast<double>(exchanges);
 }
 
 double median(std::vector<double> values) {
@@ -167,7 +176,7 @@ int main(int argc, char** argv) try {
         }
     }
     for (std::size_t i = 0; i < FORMS.size(); ++i) {
-        std::printf("%6zu bytes  %-32s %5.3f %7.2f us\n", size, FORMS[i].name, median(ratios[i]), median(times[i]));
+        std::printf("%7zu bytes  %-32s %5.3f %7.2f us\n", size, FORMS[i].name, median(ratios[i]), median(times[i]));
     }
     return 0;
 } catch (const std::system_error& e) {
