@@ -16,6 +16,7 @@ constexpr std::size_t LOOK_EVERY = 65536;
 constexpr std::size_t QUICK_BYTES = 524288;
 constexpr auto WINDOW = 100ms;
 constexpr auto QUICK_FOR = 1s;
+constexpr auto LOOK_AGAIN = 500ms;  // before that is over
 
 }  // namespace
 
@@ -29,6 +30,7 @@ void ReaderPace::sent(int fd, std::size_t count) {
     if (sinceLook_ < LOOK_EVERY) return;
     sinceLook_ = 0;
     const Clock::time_point now = Clock::now();
+    if (quickUntil_ - now > LOOK_AGAIN) return;
     if (now - since_ > WINDOW) {
         since_ = now;
         sent_ = count;

@@ -1,12 +1,14 @@
 #include "platform/ReaderPace_linux.h"
 
 #include "platform/Descriptor_linux.h"
+#include "support/FailingCall_linux.h"
 #include "support/Watchdog.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <thread>
@@ -50,6 +52,26 @@ TEST_F(PaceOfAReader, IsQuickWhenItHasTakenThatMuchInAShortTime) {
     }));
     pace.stalled();
     EXPECT_FALSE(isQuick());
+}
+
+TEST_F(PaceOfAReader, IsNotLookedAtAgainSoon) {
+    EXPECT_TRUE(eventually([&] {
+        for (int i = 0; i < 8; ++i) send(LOOK_EVERY);
+        const CallFailure look(CallFailure::Call::IOCTL, EIO);
+        for (int i = 0; i < 8; ++i) send(LOOK_EVERY);
+        return isQuick() && !look.hasHappened();
+    }));
+}
+
+TEST_F(PaceOfAReader, IsLookedAtAgainBeforeThatIsOver) {
+    EXPECT_TRUE(eventually([&] {
+        for (int i = 0; i < 8; ++i) send(LOOK_EVERY);
+        return isQuick();
+    }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(510));
+    const CallFailure look(CallFailure::Call::IOCTL, EIO);
+    send(LOOK_EVERY);
+    EXPECT_TRUE(look.hasHappened());
 }
 
 TEST_F(PaceOfAReader, IsNotQuickWhenItHasTakenThatMuchInALongTime) {
