@@ -66,6 +66,8 @@ std::string_view HeaderRecord::keep(std::string_view text, Memory& memory) {
 }
 
 void HeaderRecord::setName(std::string_view kept) {
+    key_ = name_ = kept;
+    if (isTrimmed(kept)) return;
     key_ = trimmed(kept);
     name_ = HeaderText::nameOf(kept);
 }

@@ -7,6 +7,7 @@
 #include "common/Text.h"
 #include "common/WireSyntax.h"
 #include "logging/Log.h"
+#include "message/StreamUtil.h"
 #include "message/Throughput.h"
 
 #include <algorithm>
@@ -73,16 +74,16 @@ bool InputBuffer::beginChunk() {
 }
 
 std::size_t InputBuffer::readData(char* buffer, std::size_t size) {
-    const auto wanted = static_cast<std::streamsize>(std::min<std::uint64_t>(size, remaining_));
-    std::streamsize count = 0;
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size, remaining_));
+    std::size_t count = StreamUtil::take(*stream_, buffer, wanted) ? wanted : 0;
     while (count == 0 && stream_->good()) {
-        stream_->read(buffer, wanted);
-        count = stream_->gcount();
+        stream_->read(buffer, static_cast<std::streamsize>(wanted));
+        count = static_cast<std::size_t>(stream_->gcount());
     }
-    remaining_ -= static_cast<std::uint64_t>(count);
-    bytes_ += count;
-    if (count > 0) logCommunication(CommunicationLevel::INPUT, buffer, static_cast<std::size_t>(count), false);
-    return static_cast<std::size_t>(count);
+    remaining_ -= count;
+    bytes_ += static_cast<std::int64_t>(count);
+    if (count > 0) logCommunication(CommunicationLevel::INPUT, buffer, count, false);
+    return count;
 }
 
 /// Reads the line end after a chunk's data.

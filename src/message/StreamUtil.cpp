@@ -7,6 +7,7 @@
 #include "message/BodySource.h"
 
 #include <algorithm>
+#include <limits>
 #include <memory>
 #include <new>
 #include <streambuf>
@@ -17,6 +18,7 @@ namespace Quovane::Internal::Qvtp {
 namespace {
 
 constexpr std::size_t INITIAL_CAPACITY = 40960;
+constexpr std::size_t MOST_SKIPPED = std::numeric_limits<int>::max();  // at once, as stream buffers have it
 
 /// What a stream has in its buffer. The members that show it are protected, and the same for every kind of buffer.
 class Area : private std::streambuf {
@@ -131,6 +133,14 @@ std::string_view StreamUtil::unread(const std::istream& in) {
 
 void StreamUtil::skip(std::istream& in, std::size_t count) {
     Area::skip(in, count);
+}
+
+bool StreamUtil::take(std::istream& in, char* buffer, std::size_t size) {
+    const std::string_view there = Area::unread(in);
+    if (there.size() < size || size > MOST_SKIPPED) return false;
+    there.copy(buffer, size);
+    Area::skip(in, size);
+    return true;
 }
 
 void StreamUtil::readLength(std::istream& in, char** out, long length) {

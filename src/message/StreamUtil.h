@@ -25,6 +25,8 @@ class StreamUtil {
     static std::string_view unread(const std::istream& in);
     /// Takes so much of that out of the stream, where it stays until then.
     static void skip(std::istream& in, std::size_t count);
+    /// Takes so many bytes out of the stream's buffer. False, with nothing done, if there are fewer.
+    static bool take(std::istream& in, char* buffer, std::size_t size);
     /// Reads exactly `length` bytes into a new block, with a zero byte after them, which the caller frees with
     /// delete[]. 0 and less give an empty block. Throws QvPipeException if the stream ends first (logged at WARN) or if
     /// there is no memory for so much (logged at ERROR).

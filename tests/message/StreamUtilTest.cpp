@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <istream>
 #include <iterator>
 #include <memory>
@@ -15,6 +16,7 @@
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -285,6 +287,30 @@ TEST(StreamUtilReadToEnd, ReadsTheSameHoweverTheBytesAreSplit) {
         std::istream in(&chopped);
         EXPECT_EQ(everythingOf(in), numbered(50000) + '\0') << split;
     }
+}
+
+TEST(StreamUtilTake, TakesBytesFromTheBufferOfAStream) {
+    std::istringstream in("abcdef");
+    std::array<char, 6> bytes{};
+    EXPECT_TRUE(StreamUtil::take(in, bytes.data(), 4));
+    EXPECT_EQ(std::string_view(bytes.data(), 4), "abcd");
+    EXPECT_EQ(in.get(), 'e');
+}
+
+TEST(StreamUtilTake, LeavesAStreamWithFewerAlone) {
+    std::istringstream in("abc");
+    std::array<char, 4> bytes{};
+    EXPECT_FALSE(StreamUtil::take(in, bytes.data(), 4));
+    EXPECT_EQ(std::string_view(bytes.data(), 1), std::string_view("\0", 1));
+    EXPECT_TRUE(in.good());
+    EXPECT_EQ(in.get(), 'a');
+}
+
+TEST(StreamUtilTake, LeavesAStreamAloneThatHasFailed) {
+    std::istringstream in("abc");
+    in.setstate(std::ios_base::failbit);
+    char byte = 0;
+    EXPECT_FALSE(StreamUtil::take(in, &byte, 1));
 }
 
 }  // namespace
