@@ -58,6 +58,7 @@ class Reading {
     std::optional<int> begin() {
         const int refused = object_.accessError(object_.readable);
         if (refused != SystemError::NONE) return PipeFailure::refuseRead(refused);
+        if (receiving_.isTooEarly()) return std::nullopt;
         receiving_.attempt();
         if (receiving_.count() > 0) return delivered();
         const bool isAtEnd = receiving_.count() == 0;
@@ -75,7 +76,11 @@ class Reading {
             PipeLog::readTimedOut();
             return ReadResult::TIMED_OUT;
         }
-        if (waited != WaitResult::READY || receiving_.count() == 0) return 0;
+        if (waited != WaitResult::READY) return 0;
+        if (receiving_.count() == 0) {
+            const bool isQuiet = std::exchange(object_.endAwaited, false) || !receiving_.hasFoundEarlierEnd();
+            return isQuiet ? 0 : PipeFailure::refuseRead(SystemError::BROKEN_PIPE);
+        }
         return PipeFailure::failRead(SystemError::fromErrno(receiving_.error()));
     }
 
@@ -105,6 +110,7 @@ class InputWait {
     /// Nothing if it has to wait.
     std::optional<int> begin() {
         const bool waited = std::exchange(object_.awaitedBefore, false);
+        if (receiving_.isTooEarly()) return std::nullopt;
         receiving_.attempt();
         return outcome(waited);
     }
@@ -118,7 +124,7 @@ class InputWait {
                 object_.awaitedBefore = true;
                 return object_.isClosed() ? InputResult::ABORTED : InputResult::WOKEN;
             case WaitResult::READY:
-                return outcome(true).value_or(InputResult::INPUT);
+                return outcome(!receiving_.hasFoundEarlierEnd()).value_or(InputResult::INPUT);
             default:
                 return InputResult::INPUT;  // the read reports why
         }
@@ -307,6 +313,7 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
     Writing writing(object, first, firstLength, second, secondLength);
     const int result = writing.runOnce();
     written = firstLength + secondLength - writing.left();
+    if (writing.left() == 0) object.messageLeft();
     return result;
 }
 
@@ -343,9 +350,7 @@ void endReading(PipeObject& object) {
 }
 
 bool peerHasClosed(PipeObject& object) {
-    if (!object.connected) return false;
-    pollfd descriptor{object.socket.get(), 0, 0};  // an end shows whatever is asked for
-    return ::poll(&descriptor, 1, 0) > 0;
+    return object.connected && object.hasPeerClosed();
 }
 
 /// A process of another namespace has the number 0 here.

@@ -3,6 +3,7 @@
 #include "common/System.h"
 #include "platform/SystemError_linux.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 
@@ -37,6 +38,11 @@ void PipeObject::close() {
 int PipeObject::accessError(bool allowed) const {
     if (!connected) return SystemError::PIPE_LISTENING;
     return allowed ? SystemError::NONE : SystemError::ACCESS_DENIED;
+}
+
+bool PipeObject::hasPeerClosed() const {
+    pollfd descriptor{socket.get(), 0, 0};  // an end shows whatever is asked for
+    return ::poll(&descriptor, 1, 0) > 0;
 }
 
 bool PipeObject::limitReceive(std::chrono::nanoseconds left) {

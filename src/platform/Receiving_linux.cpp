@@ -12,6 +12,7 @@
 namespace Quovane::Internal::Qvtp {
 
 using LocalSocket::WaitResult;
+using Clock = PipeObject::Clock;
 using namespace std::chrono_literals;
 
 namespace {
@@ -24,7 +25,21 @@ constexpr auto LONG_WAIT = 500ms;
 constexpr std::size_t SMALLEST_REFILL = 2048;
 constexpr std::size_t LARGEST_REFILL = 8192;
 
+constexpr auto JUST_NOW = 3us;   // a thread comes from a send to its wait in less
+constexpr auto AT_ONCE = 100us;  // so long a wait may take that finds an end at once
+
 }  // namespace
+
+bool Receiving::isTooEarly() {
+    const auto leftAt = object_.takeMessageTime();
+    if (!leftAt || object_.ahead.size() > 0 || Clock::now() - *leftAt >= JUST_NOW) return false;
+    messageLeftAt_ = leftAt;
+    return true;
+}
+
+bool Receiving::hasFoundEarlierEnd() const {
+    return count_ == 0 && messageLeftAt_ && Clock::now() - *messageLeftAt_ < AT_ONCE && !object_.hasPeerClosed();
+}
 
 bool Receiving::mustWait() const {
     return count_ < 0 && error_ == EAGAIN;
@@ -97,7 +112,6 @@ LocalSocket::WaitResult Receiving::wait(const Deadline& deadline) {
 
 /// False if nothing came.
 bool Receiving::spin() {
-    using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + SpinWait::LIMIT;
     do {
         attempt();

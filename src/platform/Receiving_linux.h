@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <optional>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -19,6 +20,9 @@ class Receiving {
     Receiving(PipeObject& object, char* buffer, std::size_t length, Wake wake)
         : object_(object), buffer_(buffer), length_(length), wake_(wake) {}
 
+    /// Whether to wait without a try: a message has just left, and its answer can hardly be there. That saves a call of
+    /// the system. Once for each message.
+    bool isTooEarly();
     /// Without waiting.
     void attempt();
     /// READY: it was tried again, and that did not have to wait.
@@ -29,6 +33,9 @@ class Receiving {
     ssize_t count() const { return count_; }
     int error() const { return error_; }
     bool mustWait() const;
+    /// Whether a wait without a try has ended at an end that was there when the message left. Then the peer had only
+    /// ended its writing: it cannot have closed by then.
+    bool hasFoundEarlierEnd() const;
 
   private:
     bool isRefill() const;
@@ -42,6 +49,7 @@ class Receiving {
     char* const buffer_;
     const std::size_t length_;
     const Wake wake_;
+    std::optional<PipeObject::Clock::time_point> messageLeftAt_;  // if it waits without a try
     ssize_t count_ = -1;
     int error_ = 0;
 };

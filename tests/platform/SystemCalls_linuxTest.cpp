@@ -8,11 +8,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 
 namespace qvtp_test {
 namespace {
 
 using Call = CallFailure::Call;
+namespace InputResult = platform::InputResult;
 
 /// Calls of the system that fail where no test can bring that about otherwise.
 class SystemCalls : public PipeContract {
@@ -69,6 +71,135 @@ TEST_F(SystemCalls, AreSavedByAReaderOfMessagesThatAreALittleLongerThanItsBuffer
     EXPECT_EQ(read(server, data, 4), 4);
     EXPECT_EQ(data, "bbbb");
     EXPECT_FALSE(failure.hasHappened());
+}
+
+/// A read that tries before it waits is refused by a failure, one that waits at once fails in its wait.
+class WaitAfterAMessage : public SystemCalls {
+  protected:
+    void SetUp() override { pair(server, client); }
+
+    void sendMessage() {
+        std::size_t written = 0;
+        ASSERT_EQ(platform::platformWriteSome(client.pipe, client.event, "message", 7, nullptr, 0, written), 0);
+    }
+    /// The peer takes them: there is room for some hundred.
+    void dropMessages() { EXPECT_NE(readText(server, 10000), ""); }
+    /// What a read logs that follows `action` and fails.
+    template <typename Action>
+    std::string lineOfReadAfter(const Action& action) {
+        const LogCapture log(LogCapture::LoggingLevel::WARN);
+        const CallFailure failure(Call::RECEIVE, EIO);
+        char byte = 0;
+        action();
+        EXPECT_EQ(platform::platformRead(client.pipe, client.event, &byte, 1, 0), ReadResult::FAILED);
+        dropMessages();
+        return log.messages().at(0);
+    }
+
+    /// Whether it is found so ten times in a row, sooner or later: now and then a thread is kept from it.
+    static bool isUsual(const std::function<bool()>& isFound) {
+        constexpr int ROUNDS = 10;
+        return eventually([&] {
+            int found = 0;
+            for (int i = 0; i < ROUNDS; ++i) found += isFound() ? 1 : 0;
+            return found == ROUNDS;
+        });
+    }
+
+    static constexpr const char* TRIED = "WARN ReadFile error: 31";
+    static constexpr const char* WAITED = "ERROR ReadFile failed: 31";
+
+    End server;
+    End client;
+};
+
+TEST_F(WaitAfterAMessage, BeginsWithoutATry) {
+    EXPECT_TRUE(eventually([&] { return lineOfReadAfter([&] { sendMessage(); }) == WAITED; }));
+}
+
+TEST_F(WaitAfterAMessage, BeginsWithATryAfterAPause) {
+    const auto sendAndPause = [&] {
+        sendMessage();
+        spinFor(4us);
+    };
+    EXPECT_EQ(lineOfReadAfter(sendAndPause), TRIED);
+}
+
+TEST_F(WaitAfterAMessage, BeginsWithATryAfterAPlainWrite) {
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(lineOfReadAfter([&] { platform::platformWrite(client.pipe, client.event, "bytes", 5); }), TRIED) << i;
+    }
+}
+
+TEST_F(WaitAfterAMessage, FindsAnEndThatWasThereBefore) {
+    sendMessage();
+    server.close();
+    spinFor(4us);
+    LogCapture log;
+    EXPECT_EQ(readText(client), "-3");
+    EXPECT_THAT(log.messages(), ElementsAre("WARN ReadFile error: 109"));
+}
+
+/// A peer that has only ended its writing gets the message.
+TEST_F(WaitAfterAMessage, FindsAnEndThatWasThereBeforeTheMessage) {
+    platform::platformEndReading(client.pipe);  // looks like that
+    const auto isFound = [&] {
+        sendMessage();
+        const bool found = readText(client) == "-3";
+        dropMessages();
+        return found;
+    };
+    const auto isFoundByAWait = [&] {
+        sendMessage();
+        const bool ended = awaitInput(client.pipe, client.event, 2000) == InputResult::INPUT;
+        const bool found = readText(client) == "-3";
+        dropMessages();
+        return ended && found;
+    };
+    EXPECT_TRUE(isUsual(isFound));
+    EXPECT_TRUE(isUsual(isFoundByAWait));
+}
+
+/// The peer closes within the time in which an end of its writing would count as an earlier one.
+TEST_F(WaitAfterAMessage, FindsAPeerThatClosesSoonAfterTheMessage) {
+    const auto isFoundInTheWait = [&] {
+        name = uniquePipeName();
+        End other, own;
+        pair(other, own);
+        auto closing = inBackground([&] {
+            EXPECT_EQ(readText(other), "message");
+            other.close();
+        });
+        std::size_t written = 0;
+        char byte = 0;
+        EXPECT_EQ(platform::platformWriteSome(own.pipe, own.event, "message", 7, nullptr, 0, written), 0);
+        const int count = platform::platformRead(own.pipe, own.event, &byte, 1, 0);
+        closing.get();
+        return count == 0;
+    };
+    EXPECT_TRUE(isUsual(isFoundInTheWait));
+}
+
+TEST_F(WaitAfterAMessage, FindsAnEndOfWhichAWaitHasToldAlready) {
+    auto waiting = inBackground([this] { return awaitInput(client.pipe, client.event, 20000); });
+    EXPECT_TRUE(waiting.wait_for(PENDING) == std::future_status::timeout);
+    platform::platformEndReading(client.pipe);
+    EXPECT_EQ(waiting.get(), InputResult::INPUT);
+    LogCapture log;
+    sendMessage();
+    EXPECT_EQ(readText(client), "0");
+    EXPECT_THAT(log.messages(), IsEmpty());
+    EXPECT_EQ(readText(client), "-3");
+}
+
+TEST_F(WaitAfterAMessage, ReadsWhatItHasReadAhead) {
+    ASSERT_EQ(write(server, std::string(4096, 'a')), 0);
+    std::string data;
+    ASSERT_EQ(read(client, data, 4096), 4096);
+    ASSERT_EQ(write(server, std::string(4100, 'b')), 0);
+    ASSERT_EQ(read(client, data, 4096), 4096);
+    sendMessage();
+    EXPECT_EQ(readText(client), "bbbb");
 }
 
 TEST_F(SystemCalls, FailTheNextInstanceWhoseEventCannotBeMade) {
