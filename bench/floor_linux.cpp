@@ -30,7 +30,7 @@ struct Form {
     const char* name;
     bool hasHead;     // before each body
     bool isGathered;  // head and body are two blocks
-    bool copies;      // each side copies the body before it sends it: who gave it may change it meanwhile
+    bool copies;      // what is received is the application's, and what it sends is copied, since it may change it
     bool hasTimeout;  // the server's waits have one
     bool tries;       // each side tries before it waits
 };
@@ -71,7 +71,13 @@ double processorTime() {
 class End {
   public:
     End(int fd, const Form& form, std::size_t size, bool isServer)
-        : fd_(fd), form_(form), body_(size), block_((form.hasHead ? HEAD : 0) + size), tries_(form.tries) {
+        : fd_(fd),
+          form_(form),
+          bodySize_(size),
+          block_((form.hasHead ? HEAD : 0) + size),
+          received_(form.copies ? block_.size() : 0),
+          ownBody_(form.copies && !isServer ? size : 0),
+          tries_(form.tries) {
         if (!isServer || !form.hasTimeout) return;
         const timeval limit{9, 0};
         if (::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) fail("setsockopt");
@@ -79,8 +85,11 @@ class End {
 
     void send() {
         ssize_t sent = 0;
-        if (form_.copies)
-            std::copy(body_.begin(), body_.end(), block_.end() - static_cast<std::ptrdiff_t>(body_.size()));
+        if (form_.copies) {
+            const std::vector<char>& body = ownBody_.empty() ? received_ : ownBody_;  // a server sends what it got
+            const auto size = static_cast<std::ptrdiff_t>(bodySize_);
+            std::copy(body.end() - size, body.end(), block_.end() - size);
+        }
         if (form_.isGathered) {
             iovec blocks[] = {{block_.data(), HEAD}, {block_.data() + HEAD, block_.size() - HEAD}};
             msghdr message{};
@@ -95,9 +104,10 @@ class End {
 
     /// False at the end.
     bool receive() {
-        for (std::size_t filled = 0; filled < block_.size();) {
-            char* const target = block_.data() + filled;
-            const std::size_t wanted = block_.size() - filled;
+        std::vector<char>& block = form_.copies ? received_ : block_;
+        for (std::size_t filled = 0; filled < block.size();) {
+            char* const target = block.data() + filled;
+            const std::size_t wanted = block.size() - filled;
             ssize_t count = tries_ ? ::recv(fd_, target, wanted, MSG_DONTWAIT) : -1;
             if (count < 0) count = ::recv(fd_, target, wanted, 0);
             if (count <= 0) return false;
@@ -109,8 +119,10 @@ class End {
   private:
     const int fd_;
     const Form& form_;
-    std::vector<char> body_;   // as the application has it
-    std::vector<char> block_;  // what is sent, and what is received
+    const std::size_t bodySize_;
+    std::vector<char> block_;     // what is sent, and what is received
+    std::vector<char> received_;  // the same, where that is the application's
+    std::vector<char> ownBody_;   // of a client's application
     const bool tries_;
 };
 
