@@ -13,8 +13,7 @@ class Deadline {
     static Deadline after(int milliseconds) {
         Deadline deadline;
         if (milliseconds != 0) {
-            deadline.whole_ = std::chrono::milliseconds(static_cast<std::uint32_t>(milliseconds));
-            deadline.at_ = Clock::now() + deadline.whole_;
+            deadline.at_ = Clock::now() + std::chrono::milliseconds(static_cast<std::uint32_t>(milliseconds));
         }
         return deadline;
     }
@@ -27,15 +26,11 @@ class Deadline {
         return left > Clock::duration::zero() ? left : Clock::duration::zero();
     }
 
-    /// The time that was left at first, which is known without a look at the clock. Only for a limited deadline.
-    std::chrono::nanoseconds whole() const { return whole_; }
-
     bool isOver() const { return at_.has_value() && left() == std::chrono::nanoseconds::zero(); }
 
   private:
     using Clock = std::chrono::steady_clock;
     std::optional<Clock::time_point> at_;
-    std::chrono::milliseconds whole_{0};
 };
 
 }  // namespace Quovane::Internal::Qvtp

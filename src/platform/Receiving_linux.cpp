@@ -122,13 +122,11 @@ bool Receiving::spin() {
 
 /// False if it is time to wait with more care for the clock, or if a limit of an earlier wait has ended this one.
 bool Receiving::block(const Deadline& deadline) {
-    bool isFirst = true;
     do {
         if (!deadline.isUnlimited()) {
-            const auto left = isFirst ? deadline.whole() : deadline.left();
+            const auto left = deadline.left();
             if (left < LONG_WAIT || !object_.limitReceive(left)) return false;
         }
-        isFirst = false;
         receive(0);
     } while (error_ == EINTR);
     return !mustWait();
