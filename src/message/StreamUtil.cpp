@@ -137,7 +137,7 @@ void StreamUtil::skip(std::istream& in, std::size_t count) {
 
 bool StreamUtil::take(std::istream& in, char* buffer, std::size_t size) {
     const std::string_view there = Area::unread(in);
-    if (there.size() < size || size > MOST_SKIPPED) return false;
+    if (there.empty() || there.size() < size || size > MOST_SKIPPED) return false;
     there.copy(buffer, size);
     Area::skip(in, size);
     return true;

@@ -116,8 +116,7 @@ int platformWrite(NativeHandle pipeHandle, NativeHandle eventHandle, const char*
 /// - WRITTEN means at least one byte, as many as one call of the system takes. `written` receives how many.
 ///   platformWrite is for the rest.
 /// - Both lengths are 0: WRITTEN, and nothing happens.
-/// On Linux a small message leaves as a whole or not at all: up to 32 KiB. A read or a wait for input that begins
-/// within 3 microseconds after the last byte counts as begun with it.
+/// On Linux a small message leaves as a whole or not at all: up to 32 KiB.
 int platformWriteSome(NativeHandle pipeHandle, NativeHandle eventHandle, const char* first, std::size_t firstLength,
                       const char* second, std::size_t secondLength, std::size_t& written);
 
