@@ -3,7 +3,6 @@
 #include "common/System.h"
 #include "platform/SystemError_linux.h"
 
-#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 
@@ -40,15 +39,10 @@ int PipeObject::accessError(bool allowed) const {
     return allowed ? SystemError::NONE : SystemError::ACCESS_DENIED;
 }
 
-bool PipeObject::hasPeerClosed() const {
-    pollfd descriptor{socket.get(), 0, 0};  // an end shows whatever is asked for
-    return ::poll(&descriptor, 1, 0) > 0;
-}
-
 bool PipeObject::limitReceive(std::chrono::nanoseconds left) {
-    // Set again only when it no longer fits: most waits have the same time-out as the one before.
-    if (receiveLimit_ <= left && receiveLimit_ >= left / 2) return true;
-    // The kernel's timers are late by up to an eighth of what they are set to: the rest leaves room for that.
+    // The kernel's timers are late by up to an eighth of what they are set to: what is left after them leaves room for
+    // that. Set again only when it no longer fits: most waits have the same time-out as the one before.
+    if (receiveLimit_ <= left * 7 / 8 && receiveLimit_ >= left / 2) return true;
     const std::chrono::nanoseconds limit = left * 3 / 4;
     if (!LocalSocket::setReceiveTimeout(socket.get(), limit)) return false;
     receiveLimit_ = limit;

@@ -28,5 +28,16 @@ TEST(PipeObject, LimitsAReceiveSoThatALateTimerIsStillInTime) {
     EXPECT_GE(receiveTimeoutOf(object.socket), 4s);
 }
 
+TEST(PipeObject, KeepsNoLimitThatWouldBeLate) {
+    PipeObject object;
+    object.socket = LocalSocket::create();
+    ASSERT_TRUE(object.limitReceive(2800ms));
+    const auto limit = receiveTimeoutOf(object.socket);
+    ASSERT_TRUE(object.limitReceive(limit));
+    EXPECT_LE(receiveTimeoutOf(object.socket), limit * 7 / 8);
+    ASSERT_TRUE(object.limitReceive(limit + 1ms));
+    EXPECT_LE(receiveTimeoutOf(object.socket), limit * 7 / 8);
+}
+
 }  // namespace
 }  // namespace qvtp_test
