@@ -109,10 +109,10 @@ class InputWait {
   private:
     /// Nothing if it has to wait.
     std::optional<int> begin() {
-        const bool waited = std::exchange(object_.awaitedBefore, false);
+        waited_ = std::exchange(object_.awaitedBefore, false);
         if (receiving_.isTooEarly()) return std::nullopt;
         receiving_.attempt();
-        return outcome(waited);
+        return outcome(waited_);
     }
 
     int complete(WaitResult waited) {
@@ -124,7 +124,7 @@ class InputWait {
                 object_.awaitedBefore = true;
                 return object_.isClosed() ? InputResult::ABORTED : InputResult::WOKEN;
             case WaitResult::READY:
-                return outcome(!receiving_.hasFoundEarlierEnd()).value_or(InputResult::INPUT);
+                return outcome(waited_ || !receiving_.hasFoundEarlierEnd()).value_or(InputResult::INPUT);
             default:
                 return InputResult::INPUT;  // the read reports why
         }
@@ -141,6 +141,7 @@ class InputWait {
     PipeObject& object_;
     const std::size_t length_;
     Receiving receiving_;
+    bool waited_ = false;  // since an earlier wait
 };
 
 // ---- Writing ----
@@ -350,7 +351,9 @@ void endReading(PipeObject& object) {
 }
 
 bool peerHasClosed(PipeObject& object) {
-    return object.connected && object.hasPeerClosed();
+    if (!object.connected) return false;
+    pollfd descriptor{object.socket.get(), 0, 0};  // an end shows whatever is asked for
+    return ::poll(&descriptor, 1, 0) > 0;
 }
 
 /// A process of another namespace has the number 0 here.

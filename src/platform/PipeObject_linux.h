@@ -55,10 +55,7 @@ class PipeObject {
     /// that reads.
     bool limitReceive(std::chrono::nanoseconds left);
 
-    /// Whether the peer has closed its end, not only ended its writing. Only for a connection.
-    bool hasPeerClosed() const;
-
-    /// A whole message has left: the peer had not closed its end by then.
+    /// A whole message has left.
     void messageLeft() { messageLeftAt_.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed); }
     /// When that was, unless it was asked for since. For the thread that reads.
     std::optional<Clock::time_point> takeMessageTime() {

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -25,20 +26,15 @@ constexpr auto LONG_WAIT = 500ms;
 constexpr std::size_t SMALLEST_REFILL = 2048;
 constexpr std::size_t LARGEST_REFILL = 8192;
 
-constexpr auto JUST_NOW = 3us;   // a thread comes from a send to its wait in less
-constexpr auto AT_ONCE = 100us;  // so long a wait may take that finds an end at once
+// A thread comes from a send to its wait in less. So does a call of the system that does not have to wait.
+constexpr auto AT_ONCE = 3us;
 
 }  // namespace
 
 bool Receiving::isTooEarly() {
     const auto leftAt = object_.takeMessageTime();
-    if (!leftAt || object_.ahead.size() > 0 || Clock::now() - *leftAt >= JUST_NOW) return false;
-    messageLeftAt_ = leftAt;
-    return true;
-}
-
-bool Receiving::hasFoundEarlierEnd() const {
-    return count_ == 0 && messageLeftAt_ && Clock::now() - *messageLeftAt_ < AT_ONCE && !object_.hasPeerClosed();
+    isUntried_ = leftAt && object_.ahead.size() == 0 && Clock::now() - *leftAt < AT_ONCE;
+    return isUntried_;
 }
 
 bool Receiving::mustWait() const {
@@ -102,6 +98,7 @@ LocalSocket::WaitResult Receiving::wait(const Deadline& deadline) {
     const SpinWait::Wait counted;
     if (SpinWait::isWorthwhile() && spin()) return WaitResult::READY;
     if (wake_ == Wake::NEVER && block(deadline)) return WaitResult::READY;
+    if (isUntried_ && tryNow()) return WaitResult::READY;
     for (;;) {
         const WaitResult result = object_.wait(POLLIN, deadline);
         if (result != WaitResult::READY) return result;
@@ -110,14 +107,20 @@ LocalSocket::WaitResult Receiving::wait(const Deadline& deadline) {
     }
 }
 
+/// False if nothing was there.
+bool Receiving::tryNow() {
+    attempt();
+    if (std::exchange(isUntried_, false)) foundEarlierEnd_ = count_ == 0;
+    return !mustWait();
+}
+
 /// False if nothing came.
 bool Receiving::spin() {
     const auto end = Clock::now() + SpinWait::LIMIT;
-    do {
-        attempt();
-    } while (mustWait() && Clock::now() < end);
-    SpinWait::record(!mustWait());
-    return !mustWait();
+    bool came = tryNow();
+    while (!came && Clock::now() < end) came = tryNow();
+    SpinWait::record(came);
+    return came;
 }
 
 /// False if it is time to wait with more care for the clock, or if a limit of an earlier wait has ended this one.
@@ -127,7 +130,10 @@ bool Receiving::block(const Deadline& deadline) {
             const auto left = deadline.left();
             if (left < LONG_WAIT || !object_.limitReceive(left)) return false;
         }
+        const bool isFirst = std::exchange(isUntried_, false);
+        const auto begin = isFirst ? Clock::now() : Clock::time_point();
         receive(0);
+        if (isFirst) foundEarlierEnd_ = count_ == 0 && Clock::now() - begin < AT_ONCE;
     } while (error_ == EINTR);
     return !mustWait();
 }
