@@ -1,6 +1,6 @@
-// What a POST and its answer over a bare socket take when the same calls of the system are made as over this library,
-// one after the other, and none of its work is done: how far it could go. Both processes share one core. Each line is
-// one such call more, as a ratio to the bare socket without any in the same round.
+// What a POST and its answer over a bare socket take when the same calls of the system and the same copies are made as
+// over this library, and none of its work is done: how far it could go. Both processes share one core. Each line adds
+// one thing, the last two lines several, as a ratio to the bare socket without any in the same round.
 //
 //     floor SIZE [ROUNDS]
 
