@@ -7,6 +7,7 @@ namespace {
 constexpr std::size_t SMALL = 5;
 constexpr std::size_t MEDIUM = 5000;
 constexpr std::size_t LARGE = 150000;
+constexpr int DESCRIPTORS_OF_CLIENT = 2;  // of a connection
 const std::string WHOLE = "/whole";
 
 /// Exchanges with a server that is there all the while. Faults are the client's or the server's.
@@ -69,16 +70,18 @@ class Notify : public Exchange {
   public:
     void prepare() override {
         Exchange::prepare();
-        // One of the round before may still be on its way. It has another size.
-        size_ = size_ == MEDIUM ? MEDIUM + 1 : MEDIUM;
+        // One of a round before may still be on its way. It has another size.
+        size_ = MEDIUM + ++round_ % SIZES;
         server_.handler.notifiedSize = size_;
         handledBefore_ = server_.handler.notified;
+        descriptorsBefore_ = openDescriptors();
     }
     std::string afterwards() override {
         const auto handled = [this] { return server_.handler.notified - handledBefore_; };
         // One that was not handled was on a connection that the server has given up. What is written to it before the
-        // server has closed it is lost: a NOTIFY has no answer that could say so.
-        soon([&] { return handled() >= 1; }, 20);
+        // server has closed it is lost: a NOTIFY has no answer that could say so. The descriptors of the client's end
+        // are all that stay.
+        soon([&] { return handled() >= 1 || openDescriptors() <= descriptorsBefore_ + DESCRIPTORS_OF_CLIENT; });
         const std::string result = Exchange::afterwards();
         if (result != RIGHT) return result;
         // Two are certain. The third, that of the fault, may be lost, or on its way.
@@ -90,8 +93,14 @@ class Notify : public Exchange {
   protected:
     std::string exchange() override { return notify(*client_, server_.name, size_); }
     int accessMode() const override { return 0; }
-    int handledBefore_ = 0;
+
+  private:
+    static constexpr std::size_t SIZES = 1000;
+
+    std::size_t round_ = 0;
     std::size_t size_ = MEDIUM;
+    int handledBefore_ = 0;
+    int descriptorsBefore_ = 0;
 };
 
 /// The pooled pipe is one that the server has closed: the request is sent again on a new one.
@@ -108,8 +117,8 @@ class Resend : public Exchange {
     void prepare() override {
         Exchange::prepare();
         postWhole(*client_, server_.name, "/close", SMALL);
-        // The two of the client's end are all that stay.
-        soon([this] { return openDescriptors() <= descriptors_ + 2; });
+        // Those of the client's end are all that stay.
+        soon([this] { return openDescriptors() <= descriptors_ + DESCRIPTORS_OF_CLIENT; });
     }
 
   protected:
