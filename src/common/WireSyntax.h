@@ -15,6 +15,9 @@ inline constexpr std::string_view VERSION = "QVTP/1.0";
 inline constexpr char BLANK = ' ';
 /// Around values, and at the beginning of a line that continues one.
 inline constexpr std::string_view BLANKS = " \t";
+inline constexpr bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
 /// Does not count at the ends of names and values.
 inline constexpr bool isWhiteSpace(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';

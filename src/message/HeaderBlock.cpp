@@ -20,7 +20,7 @@ using namespace WireSyntax;
 /// Whether the next line belongs to the one before.
 bool isContinued(std::istream& in) {
     const int next = StreamUtil::peek(in);
-    return next != std::char_traits<char>::eof() && BLANKS.find(static_cast<char>(next)) != std::string_view::npos;
+    return next != std::char_traits<char>::eof() && isBlank(static_cast<char>(next));
 }
 
 void logLine(std::string_view line) {
@@ -38,8 +38,7 @@ std::string_view plainBlockOf(std::string_view bytes) {
         if (end == std::string_view::npos) return {};
         isLast = end == next || (end == next + 1 && bytes[next] == '\r');
         next = end + 1;
-        const bool isContinued = next < bytes.size() && BLANKS.find(bytes[next]) != std::string_view::npos;
-        if (isContinued && !isLast) return {};
+        if (!isLast && next < bytes.size() && isBlank(bytes[next])) return {};
     }
     const std::string_view block = bytes.substr(0, next);
     return HeaderBlock::Utf8String::isAscii(block) ? block : std::string_view();

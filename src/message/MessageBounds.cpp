@@ -60,7 +60,7 @@ std::optional<std::uint64_t> takeHeaders(std::string_view& bytes) {
         if (!line) return std::nullopt;
         if (line->empty()) return length;
         const Header header = headerOf(*line);
-        const bool isContinuation = WireSyntax::BLANKS.find(line->front()) != std::string_view::npos;
+        const bool isContinuation = WireSyntax::isBlank(line->front());
         if (isContinuation || (length && announcesBody(header))) return std::nullopt;
         if (!announcesBody(header)) continue;
         length = lengthOf(header);
