@@ -79,12 +79,14 @@ Wait::~Wait() {
     const auto most = static_cast<unsigned>(processors.load(std::memory_order_relaxed));
     const int before = crowd.load(std::memory_order_relaxed);
     const int now = static_cast<int>(std::min(others, most)) * ONE_THREAD;
-    if (now != before) crowd.store(before + (now - before) / SHARE, std::memory_order_relaxed);
+    const int change = (now - before) / SHARE;
+    if (change != 0) crowd.store(before + change, std::memory_order_relaxed);
 }
 
 bool isWorthwhile() {
     if (isCrowded()) {
-        if (isTimeToLook()) lookAtProcessors();  // there may be more processors by now
+        // There may be more processors by now. A count of its own would cost threads that take turns more than that.
+        if (endedWaits.load(std::memory_order_relaxed) % PROBE_EVERY == 0) lookAtProcessors();
         return false;
     }
     const int now = score.load(std::memory_order_relaxed);
