@@ -314,7 +314,7 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
     Writing writing(object, first, firstLength, second, secondLength);
     const int result = writing.runOnce();
     written = firstLength + secondLength - writing.left();
-    if (writing.left() == 0) object.messageLeft();
+    if (writing.left() == 0 && object.readable) object.messageLeft();
     return result;
 }
 

@@ -55,7 +55,7 @@ class PipeObject {
     /// that reads.
     bool limitReceive(std::chrono::nanoseconds left);
 
-    /// A whole message has left.
+    /// A whole message has left to which an answer may come.
     void messageLeft() { messageLeftAt_.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed); }
     /// When that was, unless it was asked for since. For the thread that reads.
     std::optional<Clock::time_point> takeMessageTime() {

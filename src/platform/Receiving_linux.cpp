@@ -126,12 +126,12 @@ bool Receiving::spin() {
 /// False if it is time to wait with more care for the clock, or if a limit of an earlier wait has ended this one.
 bool Receiving::block(const Deadline& deadline) {
     do {
+        const auto begin = isUntried_ || !deadline.isUnlimited() ? Clock::now() : Clock::time_point();
         if (!deadline.isUnlimited()) {
-            const auto left = deadline.left();
+            const auto left = deadline.leftAt(begin);
             if (left < LONG_WAIT || !object_.limitReceive(left)) return false;
         }
         const bool isFirst = std::exchange(isUntried_, false);
-        const auto begin = isFirst ? Clock::now() : Clock::time_point();
         receive(0);
         if (isFirst) foundEarlierEnd_ = count_ == 0 && Clock::now() - begin < AT_ONCE;
     } while (error_ == EINTR);
