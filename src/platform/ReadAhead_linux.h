@@ -13,10 +13,20 @@ class ReadAhead {
   public:
     std::size_t size() const { return end_ - begin_; }
 
-    /// Whether the next read should look for more: one of the last reads got all that it asked for. The call for two
-    /// blocks costs a little more, and most readers get whole messages without it.
+    /// Whether the next read should look for more: one of the last reads got all that it asked for, and there was
+    /// little more than that. The call for two blocks costs a little more, and most readers get whole messages without
+    /// it. Those of messages that are far longer need another call all the same.
     bool isWorthwhile() const { return readsLeft_ > 0; }
-    void readEnded(bool gotAll) { readsLeft_ = gotAll ? MEMORY : std::max(readsLeft_ - 1, 0); }
+    void readEnded(bool gotAll) {
+        const bool isFull = size() == CAPACITY;
+        if (!gotAll) {
+            if (isWorthwhile()) --readsLeft_;
+        } else if (isFull) {
+            readsLeft_ = -MEMORY;
+        } else {
+            readsLeft_ = readsLeft_ < 0 ? readsLeft_ + 1 : MEMORY;
+        }
+    }
 
     /// Whether there was nothing after it when it came.
     bool wasLast() const { return end_ < CAPACITY; }
@@ -49,7 +59,7 @@ class ReadAhead {
     std::array<char, CAPACITY> bytes_;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
-    int readsLeft_ = 0;
+    int readsLeft_ = 0;  // less than 0: so many long messages more, until it looks again
 };
 
 }  // namespace Quovane::Internal::Qvtp

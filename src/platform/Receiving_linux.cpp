@@ -55,8 +55,8 @@ void Receiving::attempt() {
     } while (error_ == EINTR);
 }
 
-/// And what is there after it: a reader gets no less, and takes no less from the connection, than without it. Only a
-/// refill is content with what was all when it came.
+/// And what is there after it: a reader gets no less than without it, and a refill takes no less from the connection.
+/// Only a refill is content with what was all when it came.
 void Receiving::takeAhead() {
     error_ = 0;
     count_ = 1;
@@ -64,7 +64,10 @@ void Receiving::takeAhead() {
     const std::size_t taken = object_.ahead.take(buffer_, length_);
     count_ = static_cast<ssize_t>(taken);
     if (taken == length_ || (isRefill() && object_.ahead.wasLast())) return;
-    const ssize_t more = receiveAhead(buffer_ + taken, length_ - taken, MSG_DONTWAIT);
+    char* const rest = buffer_ + taken;
+    const std::size_t room = length_ - taken;
+    const ssize_t more =
+        isRefill() ? receiveAhead(rest, room, MSG_DONTWAIT) : ::recv(object_.socket.get(), rest, room, MSG_DONTWAIT);
     if (more > 0) count_ += more;
 }
 

@@ -73,6 +73,28 @@ TEST_F(SystemCalls, AreSavedByAReaderOfMessagesThatAreALittleLongerThanItsBuffer
     EXPECT_FALSE(failure.hasHappened());
 }
 
+/// They would need another call all the same.
+TEST_F(SystemCalls, AreNotMadeDearerForAReaderOfLongMessages) {
+    End server, client;
+    pair(server, client);
+    std::string data;
+    const auto isSaved = [&] {
+        EXPECT_EQ(write(client, std::string(4100, 'b')), 0);
+        EXPECT_EQ(read(server, data, 4096), 4096);
+        const CallFailure interruption(Call::RECEIVE, EINTR);
+        EXPECT_EQ(read(server, data, 4), 4);
+        return !interruption.hasHappened();
+    };
+    EXPECT_FALSE(isSaved());
+    EXPECT_TRUE(isSaved());
+    ASSERT_EQ(write(client, std::string(20000, 'a')), 0);
+    ASSERT_EQ(read(server, data, 4096), 4096);
+    ASSERT_EQ(read(server, data, 20000), 20000 - 4096);
+    for (int i = 0; i < 10; ++i) EXPECT_FALSE(isSaved()) << i;
+    EXPECT_TRUE(eventually(isSaved));
+    EXPECT_TRUE(isSaved());
+}
+
 /// A read that tries before it waits is refused by a failure, one that waits at once fails in its wait.
 class WaitAfterAMessage : public SystemCalls {
   protected:
