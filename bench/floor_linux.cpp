@@ -42,8 +42,8 @@ constexpr std::array<Form, 8> FORMS{{
     {"a copy of each body", false, false, true, false, false},
     {"a time-out of the server's wait", false, false, false, true, false},
     {"a try before each wait", false, false, false, false, true},
-    {"head, copy and time-out", true, false, true, true, false},
-    {"its own block, copy and time-out", true, true, true, true, false},
+    {"head, copy, time-out and try", true, false, true, true, true},
+    {"the same with the head's block", true, true, true, true, true},
 }};
 
 [[noreturn]] void fail(const char* what) {
@@ -175,8 +175,8 @@ double median(std::vector<double> values) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-    if (argc < 2) return 2;
-    const std::size_t size = std::strtoul(argv[1], nullptr, 10);
+    const std::size_t size = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 0;
+    if (size == 0) return 2;
     const int rounds = argc > 2 ? std::atoi(argv[2]) : 40;
     allowOneCore();
     std::array<std::vector<double>, FORMS.size()> ratios;

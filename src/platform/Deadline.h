@@ -21,10 +21,8 @@ class Deadline {
     bool isUnlimited() const { return !at_.has_value(); }
 
     /// The time left, 0 when it is over. Only for a limited deadline.
-    std::chrono::nanoseconds left() const { return leftAt(Clock::now()); }
-    /// The same at another time than now.
-    std::chrono::nanoseconds leftAt(std::chrono::steady_clock::time_point time) const {
-        const auto left = *at_ - time;
+    std::chrono::nanoseconds left() const {
+        const auto left = *at_ - Clock::now();
         return left > Clock::duration::zero() ? left : Clock::duration::zero();
     }
 

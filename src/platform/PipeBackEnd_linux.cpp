@@ -58,7 +58,6 @@ class Reading {
     std::optional<int> begin() {
         const int refused = object_.accessError(object_.readable);
         if (refused != SystemError::NONE) return PipeFailure::refuseRead(refused);
-        if (receiving_.isTooEarly()) return std::nullopt;
         receiving_.attempt();
         if (receiving_.count() > 0) return delivered();
         const bool isAtEnd = receiving_.count() == 0;
@@ -76,11 +75,7 @@ class Reading {
             PipeLog::readTimedOut();
             return ReadResult::TIMED_OUT;
         }
-        if (waited != WaitResult::READY) return 0;
-        if (receiving_.count() == 0) {
-            const bool isQuiet = std::exchange(object_.endAwaited, false) || !receiving_.hasFoundEarlierEnd();
-            return isQuiet ? 0 : PipeFailure::refuseRead(SystemError::BROKEN_PIPE);
-        }
+        if (waited != WaitResult::READY || receiving_.count() == 0) return 0;
         return PipeFailure::failRead(SystemError::fromErrno(receiving_.error()));
     }
 
@@ -109,10 +104,9 @@ class InputWait {
   private:
     /// Nothing if it has to wait.
     std::optional<int> begin() {
-        waited_ = std::exchange(object_.awaitedBefore, false);
-        if (receiving_.isTooEarly()) return std::nullopt;
+        const bool waited = std::exchange(object_.awaitedBefore, false);
         receiving_.attempt();
-        return outcome(waited_);
+        return outcome(waited);
     }
 
     int complete(WaitResult waited) {
@@ -124,7 +118,7 @@ class InputWait {
                 object_.awaitedBefore = true;
                 return object_.isClosed() ? InputResult::ABORTED : InputResult::WOKEN;
             case WaitResult::READY:
-                return outcome(waited_ || !receiving_.hasFoundEarlierEnd()).value_or(InputResult::INPUT);
+                return outcome(true).value_or(InputResult::INPUT);
             default:
                 return InputResult::INPUT;  // the read reports why
         }
@@ -141,7 +135,6 @@ class InputWait {
     PipeObject& object_;
     const std::size_t length_;
     Receiving receiving_;
-    bool waited_ = false;  // since an earlier wait
 };
 
 // ---- Writing ----
@@ -314,7 +307,6 @@ int writeSome(PipeObject& object, const char* first, std::size_t firstLength, co
     Writing writing(object, first, firstLength, second, secondLength);
     const int result = writing.runOnce();
     written = firstLength + secondLength - writing.left();
-    if (writing.left() == 0 && object.readable) object.messageLeft();
     return result;
 }
 

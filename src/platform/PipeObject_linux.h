@@ -15,7 +15,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <utility>
 
 namespace Quovane::Internal::Qvtp {
@@ -24,8 +23,6 @@ namespace Quovane::Internal::Qvtp {
 /// so a descriptor is closed, and its number can be used again, only when the last of them has left.
 class PipeObject {
   public:
-    using Clock = std::chrono::steady_clock;
-
     PipeObject() = default;
     /// Closes an object that got no handle.
     ~PipeObject();
@@ -55,16 +52,6 @@ class PipeObject {
     /// that reads.
     bool limitReceive(std::chrono::nanoseconds left);
 
-    /// A whole message has left to which an answer may come.
-    void messageLeft() { messageLeftAt_.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed); }
-    /// When that was, unless it was asked for since. For the thread that reads.
-    std::optional<Clock::time_point> takeMessageTime() {
-        const Clock::rep time = messageLeftAt_.load(std::memory_order_relaxed);
-        if (time == 0) return std::nullopt;
-        messageLeftAt_.store(0, std::memory_order_relaxed);
-        return Clock::time_point(Clock::duration(time));
-    }
-
     bool readable = false;
     bool writable = false;
     Descriptor event;                    // signalled for good by a close while a thread waits
@@ -89,7 +76,6 @@ class PipeObject {
 
   private:
     InputWake wake_;
-    std::atomic<Clock::rep> messageLeftAt_{0};
     std::atomic<int> waiters_{0};               // threads that wait on the event or are about to
     std::chrono::nanoseconds receiveLimit_{0};  // 0: none
 };

@@ -59,7 +59,7 @@ class ReadAhead {
     std::array<char, CAPACITY> bytes_;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
-    int readsLeft_ = 0;  // less than 0: so many long messages more, until it looks again
+    int readsLeft_ = 0;  // less than 0: so many full reads more without a look
 };
 
 }  // namespace Quovane::Internal::Qvtp

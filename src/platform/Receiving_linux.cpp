@@ -8,12 +8,10 @@
 
 #include <cerrno>
 #include <chrono>
-#include <utility>
 
 namespace Quovane::Internal::Qvtp {
 
 using LocalSocket::WaitResult;
-using Clock = PipeObject::Clock;
 using namespace std::chrono_literals;
 
 namespace {
@@ -26,16 +24,7 @@ constexpr auto LONG_WAIT = 500ms;
 constexpr std::size_t SMALLEST_REFILL = 2048;
 constexpr std::size_t LARGEST_REFILL = 8192;
 
-// A thread comes from a send to its wait in less. So does a call of the system that does not have to wait.
-constexpr auto AT_ONCE = 3us;
-
 }  // namespace
-
-bool Receiving::isTooEarly() {
-    const auto leftAt = object_.takeMessageTime();
-    isUntried_ = leftAt && object_.ahead.size() == 0 && Clock::now() - *leftAt < AT_ONCE;
-    return isUntried_;
-}
 
 bool Receiving::mustWait() const {
     return count_ < 0 && error_ == EAGAIN;
@@ -101,7 +90,6 @@ LocalSocket::WaitResult Receiving::wait(const Deadline& deadline) {
     const SpinWait::Wait counted;
     if (SpinWait::isWorthwhile() && spin()) return WaitResult::READY;
     if (wake_ == Wake::NEVER && block(deadline)) return WaitResult::READY;
-    if (isUntried_ && tryNow()) return WaitResult::READY;
     for (;;) {
         const WaitResult result = object_.wait(POLLIN, deadline);
         if (result != WaitResult::READY) return result;
@@ -110,33 +98,25 @@ LocalSocket::WaitResult Receiving::wait(const Deadline& deadline) {
     }
 }
 
-/// False if nothing was there.
-bool Receiving::tryNow() {
-    attempt();
-    if (std::exchange(isUntried_, false)) foundEarlierEnd_ = count_ == 0;
-    return !mustWait();
-}
-
 /// False if nothing came.
 bool Receiving::spin() {
+    using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + SpinWait::LIMIT;
-    bool came = tryNow();
-    while (!came && Clock::now() < end) came = tryNow();
-    SpinWait::record(came);
-    return came;
+    do {
+        attempt();
+    } while (mustWait() && Clock::now() < end);
+    SpinWait::record(!mustWait());
+    return !mustWait();
 }
 
 /// False if it is time to wait with more care for the clock, or if a limit of an earlier wait has ended this one.
 bool Receiving::block(const Deadline& deadline) {
     do {
-        const auto begin = isUntried_ || !deadline.isUnlimited() ? Clock::now() : Clock::time_point();
         if (!deadline.isUnlimited()) {
-            const auto left = deadline.leftAt(begin);
+            const auto left = deadline.left();
             if (left < LONG_WAIT || !object_.limitReceive(left)) return false;
         }
-        const bool isFirst = std::exchange(isUntried_, false);
         receive(0);
-        if (isFirst) foundEarlierEnd_ = count_ == 0 && Clock::now() - begin < AT_ONCE;
     } while (error_ == EINTR);
     return !mustWait();
 }

@@ -19,9 +19,6 @@ class Receiving {
     Receiving(PipeObject& object, char* buffer, std::size_t length, Wake wake)
         : object_(object), buffer_(buffer), length_(length), wake_(wake) {}
 
-    /// Whether to wait without a try: a message has just left, and its answer can hardly be there yet. That saves a
-    /// call of the system. Once for each message.
-    bool isTooEarly();
     /// Without waiting.
     void attempt();
     /// READY: it was tried again, and that did not have to wait.
@@ -32,15 +29,12 @@ class Receiving {
     ssize_t count() const { return count_; }
     int error() const { return error_; }
     bool mustWait() const;
-    /// Whether a wait without a try has found the end at once, as the try would have: then it was there before.
-    bool hasFoundEarlierEnd() const { return foundEarlierEnd_; }
 
   private:
     bool isRefill() const;
     void receive(int flags);
     ssize_t receiveAhead(char* buffer, std::size_t length, int flags);
     void takeAhead();
-    bool tryNow();
     bool spin();
     bool block(const Deadline& deadline);
 
@@ -48,8 +42,6 @@ class Receiving {
     char* const buffer_;
     const std::size_t length_;
     const Wake wake_;
-    bool isUntried_ = false;  // it was too early for a try, and nothing has been received since
-    bool foundEarlierEnd_ = false;
     ssize_t count_ = -1;
     int error_ = 0;
 };
