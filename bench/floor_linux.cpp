@@ -135,8 +135,7 @@ double serve(int fd, const Form& form, std::size_t size) {
 
 /// The processor time of one exchange in both processes.
 double turn(const Form& form, std::size_t size) {
-    const std::size_t exchanges =
-        std::clamp<std::size_t>(BYTES_OF_A_TURN / std::max<std::size_t>(size, 1), 1, MOST_EXCHANGES);
+    const std::size_t exchanges = std::clamp<std::size_t>(BYTES_OF_A_TURN / size, 1, MOST_EXCHANGES);
     int ends[2];
     int report[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || ::pipe(report) != 0) fail("socketpair");
