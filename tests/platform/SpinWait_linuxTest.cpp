@@ -121,6 +121,16 @@ TEST_F(SpinWait, TriesOnFourProcessorsForTwoThreadsAndNotForThree) {
     EXPECT_EQ(answers("4w" + crowdOf(3)), "10");
 }
 
+TEST_F(SpinWait, LooksInACrowdFromTimeToTimeWhetherThereAreMoreProcessors) {
+    unsetEnvironment("QVTP_SPIN");
+    const std::string crowd = "4w" + repeated(3, "b") + repeated(200, "eb") + "w";
+    const std::string waits = repeated(64, "web");
+    EXPECT_EQ(answers(crowd + waits), "10" + repeated(64, "0"));
+    const std::string later = answers(crowd + "8" + waits);
+    EXPECT_EQ(later.substr(0, 2), "10");
+    EXPECT_EQ(later.back(), '1');
+}
+
 TEST_F(SpinWait, LooksFromTimeToTimeWhetherTriesPayWhenThereAreMoreProcessorsAgain) {
     unsetEnvironment("QVTP_SPIN");
     const std::string oneAllowed = "4w1" + repeated(64, "w") + "4";
