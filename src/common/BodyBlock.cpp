@@ -86,7 +86,7 @@ BodyBlock::BodyBlock(std::size_t size) : capacity_(size) {
         return;
     }
     if (size >= SMALLEST_KEPT) data_ = spareBlocks.take(size, capacity_);
-    if (data_ == nullptr) data_ = new char[size];
+    if (data_ == nullptr) data_ = new char[ROOM_BEFORE + size] + ROOM_BEFORE;
 }
 
 BodyBlock::BodyBlock(BodyBlock&& other) noexcept {
@@ -104,8 +104,14 @@ BodyBlock::~BodyBlock() {
     release();
 }
 
+const char* BodyBlock::putBefore(std::string_view head) noexcept {
+    if (data_ == nullptr || isSmall() || head.size() > ROOM_BEFORE) return nullptr;
+    head.copy(data_ - head.size(), head.size());
+    return data_ - head.size();
+}
+
 void BodyBlock::takeFrom(BodyBlock& other) noexcept {
-    if (other.data_ == other.small_.data()) {
+    if (other.isSmall()) {
         std::memcpy(small_.data(), other.small_.data(), other.capacity_);
         other.data_ = nullptr;
         data_ = small_.data();
@@ -116,9 +122,9 @@ void BodyBlock::takeFrom(BodyBlock& other) noexcept {
 }
 
 void BodyBlock::release() noexcept {
-    if (data_ == small_.data()) return;
+    if (data_ == nullptr || isSmall()) return;
     const bool isLarge = capacity_ >= SMALLEST_KEPT;
-    if (!isLarge || !spareBlocks.keep(data_, capacity_)) delete[] data_;
+    if (!isLarge || !spareBlocks.keep(data_, capacity_)) delete[](data_ - ROOM_BEFORE);
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <string_view>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -18,11 +19,16 @@ class BodyBlock {
     ~BodyBlock();
 
     char* get() const { return data_; }
+    /// Copies the head of a message to right before its body, so that both are one block. Null if it does not fit: a
+    /// small body has no room there.
+    const char* putBefore(std::string_view head) noexcept;
     bool isThere() const { return data_ != nullptr; }
 
   private:
     static constexpr std::size_t SMALL = 72;
+    static constexpr std::size_t ROOM_BEFORE = 256;  // for most heads; before each block that is not small
 
+    bool isSmall() const { return data_ == small_.data(); }
     void takeFrom(BodyBlock& other) noexcept;
     void release() noexcept;
 

@@ -12,7 +12,7 @@ class MessageSink {
     virtual ~MessageSink();
 
     /// Writes the beginning of both blocks, one after the other: at least one byte, after whatever the stream held
-    /// back. Returns how many.
+    /// back. Returns how many. Quickest where the body lies right after the head.
     virtual std::size_t writeSome(const char* head, std::size_t headLength, const char* body,
                                   std::size_t bodyLength) = 0;
     /// Writes a whole block.

@@ -114,7 +114,7 @@ bool QvtpMessageOutImpl::sendWhole(MessageSink* sink) {
     const Head head = composeHead();
     BodyRecord record;
     record.start();
-    const std::size_t sent = sink->writeSome(head.text.data(), head.text.size(), body_.get(), bodyLength_);
+    const std::size_t sent = writeSome(*sink, head);
     commit(head);
     writeRest(*sink, head, sent);
     record.add(body_.get(), bodyLength_);
@@ -130,11 +130,17 @@ bool QvtpMessageOutImpl::answerWhole(MessageSink* sink, int bufferSize) {
     BodyRecord record;
     record.start();
     commit(head);
-    writeRest(*sink, head, sink->writeSome(head.text.data(), head.text.size(), body_.get(), bodyLength_));
+    writeRest(*sink, head, writeSome(*sink, head));
     record.add(head.text.data(), head.text.size());
     record.add(body_.get(), bodyLength_);
     record.log();
     return true;
+}
+
+/// As one block if the head fits before the body: that saves the system's call for two.
+std::size_t QvtpMessageOutImpl::writeSome(MessageSink& sink, const Head& head) {
+    const char* const before = body_.putBefore(head.text);
+    return sink.writeSome(before != nullptr ? before : head.text.data(), head.text.size(), body_.get(), bodyLength_);
 }
 
 /// What is left after the first `sent` bytes of head and body.

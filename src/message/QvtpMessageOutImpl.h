@@ -66,6 +66,7 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
 
     Head composeHead();
     void commit(const Head& head);
+    std::size_t writeSome(MessageSink& sink, const Head& head);
     void writeRest(MessageSink& sink, const Head& head, std::size_t sent) const;
 
     QvtpMessageOut* owner_;  // not owned

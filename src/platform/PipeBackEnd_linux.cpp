@@ -178,8 +178,9 @@ class Writing {
         iovec blocks[] = {blocks_[0], blocks_[1]};
         blocks[0].iov_len = std::min(blocks[0].iov_len, limit);
         blocks[1].iov_len = std::min(blocks[1].iov_len, limit - blocks[0].iov_len);
-        if (blocks[1].iov_len == 0) return ::send(fd, blocks[0].iov_base, blocks[0].iov_len, FLAGS);
         const std::size_t length = blocks[0].iov_len + blocks[1].iov_len;
+        const bool isOneBlock = static_cast<char*>(blocks[0].iov_base) + blocks[0].iov_len == blocks[1].iov_base;
+        if (isOneBlock || blocks[1].iov_len == 0) return ::send(fd, blocks[0].iov_base, length, FLAGS);
         if (length <= JOINED_SIZE) {
             char joined[JOINED_SIZE];
             std::memcpy(joined, blocks[0].iov_base, blocks[0].iov_len);

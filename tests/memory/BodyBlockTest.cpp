@@ -21,6 +21,7 @@ using Quovane::Internal::Qvtp::BodyBlock;
 
 constexpr std::size_t KIB = 1024;
 constexpr std::size_t SMALL = 72;  // in the object itself
+constexpr std::size_t ROOM_BEFORE = 256;
 constexpr std::size_t SMALLEST_KEPT = 128 * KIB;
 constexpr std::size_t MOST_KEPT = 4096 * KIB;
 
@@ -171,6 +172,31 @@ TEST_F(KeptBlock, StaysWhatItIsWhenItIsMovedOntoItself) {
 TEST_F(KeptBlock, IsThereAlsoForNoByte) {
     EXPECT_TRUE(BodyBlock(0).isThere());
     EXPECT_FALSE(BodyBlock().isThere());
+}
+
+TEST_F(KeptBlock, TakesAHeadRightBeforeTheBody) {
+    for (const std::size_t size : {SMALL + 1, SMALLEST_KEPT}) {
+        BodyBlock block(size);
+        std::memset(block.get(), 'x', size);
+        for (const std::size_t length : {ROOM_BEFORE, std::size_t{1}, std::size_t{0}}) {
+            const std::string head(length, 'h');
+            const char* const before = block.putBefore(head);
+            ASSERT_EQ(before, block.get() - length);
+            EXPECT_EQ(std::string(before, length + size), head + std::string(size, 'x'));
+        }
+        BodyBlock moved(std::move(block));
+        EXPECT_EQ(moved.putBefore("head"), moved.get() - 4);
+    }
+    BodyBlock again(SMALLEST_KEPT);  // the same memory
+    EXPECT_EQ(again.putBefore(std::string(ROOM_BEFORE, 'h')), again.get() - ROOM_BEFORE);
+}
+
+TEST_F(KeptBlock, TakesNoHeadWhereItHasNoRoom) {
+    BodyBlock block(SMALL + 1);
+    EXPECT_EQ(block.putBefore(std::string(ROOM_BEFORE + 1, 'h')), nullptr);
+    BodyBlock small(SMALL);
+    EXPECT_EQ(small.putBefore("h"), nullptr);
+    EXPECT_EQ(BodyBlock().putBefore("h"), nullptr);
 }
 
 TEST_F(KeptBlock, NeedsNoMemoryToBeTakenAgain) {

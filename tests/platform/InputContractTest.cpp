@@ -316,6 +316,22 @@ TEST_F(GatheredWriteContract, WritesTheBeginningOfLargeBlocks) {
     EXPECT_EQ(readAll(server, written), (first + second).substr(0, written));
 }
 
+TEST_F(GatheredWriteContract, WritesBothPartsOfOneBlock) {
+    std::string block(3000000, 'b');
+    for (std::size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>('a' + i % 23);
+    for (const std::size_t first : {std::size_t{1}, std::size_t{100}, std::size_t{300000}}) {
+        for (const std::size_t length : {first, first + 1, first + 40, first + 5000, block.size()}) {
+            std::size_t done = 0;
+            ASSERT_EQ(platform::platformWriteSome(client.pipe, client.event, block.data(), first, block.data() + first,
+                                                  length - first, done),
+                      WriteResult::WRITTEN);
+            ASSERT_GT(done, 0U);
+            ASSERT_LE(done, length);
+            ASSERT_EQ(readAll(server, done), block.substr(0, done)) << first << " of " << length;
+        }
+    }
+}
+
 TEST_F(GatheredWriteContract, WaitsForRoom) {
     std::size_t written = 1;
     while (platform::platformAvailable(server.pipe) < 60000) ASSERT_EQ(write(client, std::string(4000, 'x')), 0);
