@@ -5,6 +5,7 @@
 #include "common/System.h"
 #include "common/Text.h"
 #include "logging/LogStep.h"
+#include "logging/Logger.h"
 
 #include <cstddef>
 #include <string>
@@ -20,8 +21,14 @@ using Quovane::Qvtp::LoggingLevel;
 
 // Log calls test the level themselves. The level and its four tests are for code that prepares more than a message; not
 // all of them have a caller in the library today.
-LoggingLevel loggingLevel();
-bool isEnabled(LoggingLevel level);
+inline LoggingLevel loggingLevel() {
+    return Logger::level();
+}
+
+inline bool isEnabled(LoggingLevel level) {
+    return Logger::isEnabled(level);
+}
+
 void log(LoggingLevel level, const std::string& message);
 /// A literal: no string is built while the level is off.
 void log(LoggingLevel level, const char* message);
@@ -75,11 +82,18 @@ inline bool isDebugEnabled() {
 }
 
 /// Whether the communication log records this direction (INPUT or OUTPUT).
-bool isCommunicationEnabled(CommunicationLevel direction);
+inline bool isCommunicationEnabled(CommunicationLevel direction) {
+    return Logger::isEnabled(direction);
+}
 
 /// Records bytes in the communication log if it records their direction. `header` marks the start of a message.
-void logCommunication(CommunicationLevel direction, const char* data, std::size_t length, bool header);
-void logCommunication(CommunicationLevel direction, const std::string& data, bool header);
+inline void logCommunication(CommunicationLevel direction, const char* data, std::size_t length, bool header) {
+    if (isCommunicationEnabled(direction)) Logger::instance().writeCommunication(direction, data, length, header);
+}
+
+inline void logCommunication(CommunicationLevel direction, const std::string& data, bool header) {
+    logCommunication(direction, data.data(), data.size(), header);
+}
 
 /// Logs the text at ERROR and throws it as an `Exception`, so that the two can never differ.
 template <typename Exception>

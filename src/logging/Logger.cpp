@@ -59,11 +59,6 @@ void Logger::configure(std::FILE* logFile, LoggingLevel level, std::FILE* commFi
     commLevel_.store(commFile != nullptr ? valid(commLevel) : CommunicationLevel::OFF, std::memory_order_relaxed);
 }
 
-bool Logger::isEnabled(CommunicationLevel direction) {
-    const int current = static_cast<int>(commLevel_.load(std::memory_order_relaxed));
-    return (current & static_cast<int>(direction)) != 0;
-}
-
 void Logger::writeLine(LoggingLevel level, const std::string& message) {
     if (!isEnabled(level)) return;
     System::LastErrorGuard lastError;

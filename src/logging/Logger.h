@@ -34,7 +34,10 @@ class Logger {
 
     static LoggingLevel level() { return level_.load(std::memory_order_relaxed); }
     static bool isEnabled(LoggingLevel level) { return Logger::level() >= level; }
-    static bool isEnabled(CommunicationLevel direction);
+    static bool isEnabled(CommunicationLevel direction) {
+        const int current = static_cast<int>(commLevel_.load(std::memory_order_relaxed));
+        return (current & static_cast<int>(direction)) != 0;
+    }
 
     /// Writes one line if the level is on and there is a file. Drops it if there is no memory for it.
     void writeLine(LoggingLevel level, const std::string& message);
