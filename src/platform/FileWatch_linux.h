@@ -11,16 +11,18 @@ namespace Quovane::Internal::Qvtp {
 /// the system grants no watch, nobody is woken.
 class FileWatch {
   public:
-    /// Watches this file from now on, or this directory, not what a link points to.
-    void addFile(const std::string& path);
-    void addDirectory(const std::string& path);
+    /// Watches this file from now on, or this directory, not what a link points to. False if the system refuses.
+    bool addFile(const std::string& path);
+    bool addDirectory(const std::string& path);
     /// Ready to be read after something has happened; -1 while there is no watch. It stays the same once there is one.
     int descriptor() const { return watch_.get(); }
+    /// Whether something has happened.
+    bool hasReported() const;
     /// Takes back what was reported.
     void clear() const;
 
   private:
-    void add(const std::string& path, std::uint32_t changes);
+    bool add(const std::string& path, std::uint32_t changes);
 
     Descriptor watch_;
 };

@@ -148,10 +148,12 @@ bool PipeAddress::identify(const std::string& file, FileId& id) const {
 
 /// Linux reports a removal a moment before the name is gone. Then the file can still be found by it, and has no more
 /// names.
-bool PipeAddress::hasLost(const std::string& file, const FileId& id) const {
+PipeAddress::Look PipeAddress::lookFor(const std::string& file, const FileId& id) const {
     struct stat status {};
-    if (::fstatat(directory_.get(), file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
-    return status.st_nlink == 0 || !(FileId(status) == id);
+    if (::fstatat(directory_.get(), file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT ? Look::LOST : Look::UNKNOWN;
+    }
+    return status.st_nlink > 0 && FileId(status) == id ? Look::THERE : Look::LOST;
 }
 
 bool PipeAddress::hasLostDirectory() const {

@@ -47,8 +47,10 @@ class PipeAddress {
     int directory() const { return directory_.get(); }
     /// Which file has this name in the directory. False with errno set if that cannot be told.
     bool identify(const std::string& file, FileId& id) const;
-    /// Whether the file has lost its name: nothing has it, or another file. What cannot be told is still there.
-    bool hasLost(const std::string& file, const FileId& id) const;
+    /// Whether the file still has its name. LOST: nothing has it, or another file. UNKNOWN: that cannot be told.
+    enum class Look { THERE, LOST, UNKNOWN };
+    Look lookFor(const std::string& file, const FileId& id) const;
+    bool hasLost(const std::string& file, const FileId& id) const { return lookFor(file, id) == Look::LOST; }
     /// Whether clients that look for the directory find nothing, or another one.
     bool hasLostDirectory() const;
     /// The same name in the directory that is there now, which is made if there is none. Returns 0 or the number of a

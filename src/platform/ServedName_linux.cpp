@@ -153,16 +153,27 @@ void ServedName::leaveQueue(const std::shared_ptr<Descriptor>& queue) {
 
 /// It is a hint only: what there is no memory for is not watched.
 void ServedName::watchFiles() try {
-    watch_.addFile(address_.socketPath(address_.lockFile()));
-    watch_.addFile(address_.socketPath(address_.socketFile()));
+    isWatched_ = isQuiet_ = false;
+    isWatched_ = watch_.addFile(address_.socketPath(address_.lockFile())) &&
+                 watch_.addFile(address_.socketPath(address_.socketFile()));
     if (address_.isPathAbsolute()) watch_.addDirectory(address_.directoryPath());
 } catch (const std::bad_alloc&) {
 }
 
-bool ServedName::hasLostFiles(bool thorough) const {
+void ServedName::clearWatch() {
+    watch_.clear();
+    isQuiet_ = false;  // until a look has found what it was
+}
+
+bool ServedName::hasLostFiles(bool thorough) {
+    using Look = PipeAddress::Look;
     if (listener_ == nullptr || hold_ == Hold::LEFT_TO_ANOTHER) return false;
-    return address_.hasLost(address_.socketFile(), socketId_) || address_.hasLost(address_.lockFile(), lock_.id()) ||
-           (thorough && address_.hasLostDirectory());
+    if (!thorough && isQuiet_ && !watch_.hasReported()) return false;
+    const Look socket = address_.lookFor(address_.socketFile(), socketId_);
+    const Look lock = address_.lookFor(address_.lockFile(), lock_.id());
+    const bool isLost = socket == Look::LOST || lock == Look::LOST || (thorough && address_.hasLostDirectory());
+    isQuiet_ = isWatched_ && !isLost && socket == Look::THERE && lock == Look::THERE;
+    return isLost;
 }
 
 std::string ServedName::lostPath() const {

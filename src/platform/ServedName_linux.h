@@ -55,15 +55,18 @@ class ServedName {
     // and this one goes on with the connections that it has.
 
     /// Whether files are gone that were there at the last look. `thorough`: looks at the directory too, which may have
-    /// another path now.
-    bool hasLostFiles(bool thorough) const;
+    /// another path now. Otherwise it looks at nothing if the files were there at the last look and their watch
+    /// has been silent since.
+    bool hasLostFiles(bool thorough);
     /// Takes the name anew if files are gone. Reports each removal once.
     NameNews takeAgain();
     /// Whether the name could not be taken anew and should be tried again.
     bool isToBeTakenAgain() const { return hold_ == Hold::LOST; }
     /// Wakes who waits for clients when hasLostFiles() is to be asked; without a descriptor, that can only be asked
     /// from time to time.
-    const FileWatch& watch() const { return watch_; }
+    int watch() const { return watch_.descriptor(); }
+    /// Takes back what the watch has reported. Then hasLostFiles() looks.
+    void clearWatch();
 
     /// Makes sure that the next instance will have an event, so that running out of descriptors is met before a client
     /// is taken from the queue and not after. Returns 0 or the number of a SystemError.
@@ -104,6 +107,8 @@ class ServedName {
     std::vector<std::shared_ptr<Descriptor>> formerQueues_;  // those of sockets whose files are gone
     Hold hold_ = Hold::WHOLE;
     FileWatch watch_;
+    bool isWatched_ = false;  // both files are
+    bool isQuiet_ = false;    // they were there at the last look, and what the watch reported is older than that
     Descriptor reservedEvent_;
 };
 

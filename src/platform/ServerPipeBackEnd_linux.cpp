@@ -162,7 +162,7 @@ class Accepting {
         bool isLost = false;
         {
             const NamesGuard guard(ServedName::namesMutex());
-            watch = object_.served->watch().descriptor();
+            watch = object_.served->watch();
             isLost = object_.served->isToBeTakenAgain();
         }
         const bool isShortened = isLost && (deadline.isUnlimited() || deadline.left() > RETRY_TIME);
@@ -181,7 +181,7 @@ class Accepting {
         NameNews news;
         {
             NamesGuard guard(ServedName::namesMutex());
-            object_.served->watch().clear();
+            object_.served->clearWatch();
         }
         if (!hasLostFiles(true)) return;
         waitForClose(REMOVAL_MS);
