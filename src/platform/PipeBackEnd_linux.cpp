@@ -30,6 +30,9 @@ namespace {
 
 using LocalSocket::WaitResult;
 
+// How long a wait for input lasts that should be woken and cannot be.
+constexpr int WAKE_STEP_MS = 20;
+
 // A write that waits looks so often in its time-out whether the peer has taken something.
 constexpr int LOOKS = 100;
 
@@ -58,10 +61,10 @@ class Reading {
     std::optional<int> begin() {
         const int refused = object_.accessError(object_.readable);
         if (refused != SystemError::NONE) return PipeFailure::refuseRead(refused);
+        if (std::exchange(object_.endAwaited, false)) return 0;  // nothing comes after an end
         receiving_.attempt();
         if (receiving_.count() > 0) return delivered();
         const bool isAtEnd = receiving_.count() == 0;
-        if (isAtEnd && std::exchange(object_.endAwaited, false)) return 0;
         if (receiving_.mustWait()) return std::nullopt;
         if (object_.isClosed()) return ReadResult::ABORTED;
         return PipeFailure::refuseRead(isAtEnd ? SystemError::BROKEN_PIPE : SystemError::fromErrno(receiving_.error()));
@@ -280,8 +283,8 @@ int connect(const std::string& path, bool readable, bool writable, int timeoutMs
     object->writable = writable;
     object->socket = connector.takeSocket();
     object->owner = System::currentProcessId();
-    object->event = Descriptor::event();
-    const int eventError = object->event.isOpen() ? SystemError::NONE : SystemError::fromErrno(errno);
+    object->wakeEvent = Descriptor::event();
+    const int eventError = object->wakeEvent.isOpen() ? SystemError::NONE : SystemError::fromErrno(errno);
     object->connected = true;
     pipeHandle = pipeTable().add(object);
     PipeLog::connected(path, printable(pipeHandle), SystemError::NONE);
@@ -316,9 +319,11 @@ int takeInput(PipeObject& object, char* buffer, std::size_t length, int timeoutM
     std::optional<InputWake::Scope<PipeObject>> scope;
     if (wakeable && !scope.emplace(object).hasBegun()) return InputResult::WOKEN;
     InputWait wait(object, buffer, length, wakeable ? Receiving::Wake::POSSIBLE : Receiving::Wake::NEVER);
-    const int result = wait.run(timeoutMs);
+    // Without descriptors for the event it looks from time to time whether it was woken.
+    const bool isShortened = wakeable && !object.wakeEvent.isOpen() && (timeoutMs <= 0 || timeoutMs > WAKE_STEP_MS);
+    const int result = wait.run(isShortened ? WAKE_STEP_MS : timeoutMs);
     taken = wait.taken();
-    return result;
+    return isShortened && result == InputResult::TIMED_OUT ? InputResult::WOKEN : result;
 }
 
 void wake(PipeObject& object) {

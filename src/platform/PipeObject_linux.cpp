@@ -29,9 +29,11 @@ void PipeObject::close() {
     } else {
         closed = true;
     }
-    if (connected) ::shutdown(socket.get(), SHUT_RDWR);
-    // Who begins to wait from now on finds the mark.
-    if (waiters_ > 0) event.signal();
+    if (connected) {
+        ::shutdown(socket.get(), SHUT_RDWR);
+    } else if (waiters_ > 0) {
+        event.signal();  // who begins to wait from now on finds the mark
+    }
 }
 
 int PipeObject::accessError(bool allowed) const {
@@ -49,8 +51,8 @@ bool PipeObject::limitReceive(std::chrono::nanoseconds left) {
     return true;
 }
 
-LocalSocket::WaitResult PipeObject::wait(short events, const Deadline& deadline) {
-    return waitOn(socket.get(), events, deadline);
+LocalSocket::WaitResult PipeObject::wait(short events, const Deadline& deadline, int ending) const {
+    return LocalSocket::wait(socket.get(), events, ending, deadline);
 }
 
 LocalSocket::WaitResult PipeObject::waitOn(int fd, short events, const Deadline& deadline, int watch) {
@@ -61,15 +63,17 @@ LocalSocket::WaitResult PipeObject::waitOn(int fd, short events, const Deadline&
     return result;
 }
 
+bool PipeObject::beginInputWait() {
+    if (!wakeEvent.isOpen()) wakeEvent = Descriptor::event();
+    return wake_.begin();
+}
+
 void PipeObject::endInputWait() {
-    wake_.end([this] {
-        event.unsignal();
-        if (closed) event.signal();  // that may have been taken back as well
-    });
+    wake_.end([this] { wakeEvent.unsignal(); });
 }
 
 void PipeObject::wakeInputWait() {
-    wake_.wake([this] { event.signal(); });
+    wake_.wake([this] { wakeEvent.signal(); });
 }
 
 namespace {

@@ -43,10 +43,11 @@ class PipeObject {
 
     /// Whether an operation can start at all whose direction is `allowed`: 0 or the number of a SystemError.
     int accessError(bool allowed) const;
-    /// Waits until the connection is ready for `events` (as in poll) or the event is signalled. After a close it does
-    /// not wait.
-    LocalSocket::WaitResult wait(short events, const Deadline& deadline);
-    /// The same for another descriptor; -1: for the event alone. `watch` as in LocalSocket::wait.
+    /// Waits until the connection is ready for `events` (as in poll): a close makes it so, since that ends it in both
+    /// directions. Or until the event `ending` is signalled.
+    LocalSocket::WaitResult wait(short events, const Deadline& deadline, int ending = -1) const;
+    /// The same for an instance without a client, which waits for another descriptor; -1: for nothing else. A close
+    /// signals its event. `watch` as in LocalSocket::wait.
     LocalSocket::WaitResult waitOn(int fd, short events, const Deadline& deadline, int watch = -1);
     /// Lets receives that block end before `left` is over, but not long before. False if that fails. For the thread
     /// that reads.
@@ -54,8 +55,10 @@ class PipeObject {
 
     bool readable = false;
     bool writable = false;
-    Descriptor event;                    // signalled for good by a close while a thread waits
+    Descriptor event;                    // of an instance without a client: signalled by a close while it waits
     Descriptor socket;                   // the connection; set before `connected`
+    Descriptor wakeEvent;                // of a connection: a client's has it, a server's from its first wait that may
+                                         // be woken on, if there are descriptors
     std::shared_ptr<ServedName> served;  // null for a client's end
     std::atomic<bool> connected{false};  // changed under ServedName::namesMutex() for a server's end
     std::atomic<bool> closed{false};     // the same
@@ -68,9 +71,10 @@ class PipeObject {
     bool awaitedBefore = false;  // a wait for input has ended without any; its thread waits on
     bool endAwaited = false;     // the end came during a wait for input; for the thread that reads
 
-    // A wait for input, which another thread may end without closing (InputWake.h).
+    // A wait for input, which another thread may end without closing (InputWake.h). For the thread that reads, except
+    // for wakeInputWait().
     /// False if the wait was woken before it began.
-    bool beginInputWait() { return wake_.begin(); }
+    bool beginInputWait();
     void endInputWait();
     void wakeInputWait();
 

@@ -91,7 +91,8 @@ LocalSocket::WaitResult Receiving::wait(const Deadline& deadline) {
     if (SpinWait::isWorthwhile() && spin()) return WaitResult::READY;
     if (wake_ == Wake::NEVER && block(deadline)) return WaitResult::READY;
     for (;;) {
-        const WaitResult result = object_.wait(POLLIN, deadline);
+        const WaitResult result =
+            object_.wait(POLLIN, deadline, wake_ == Wake::POSSIBLE ? object_.wakeEvent.get() : -1);
         if (result != WaitResult::READY) return result;
         attempt();
         if (!mustWait()) return result;

@@ -14,8 +14,8 @@ class Receiving {
   public:
     enum class Wake { POSSIBLE, NEVER };
 
-    /// With length 0 nothing is taken: it only looks whether there is anything. `wake`: whether the object's event may
-    /// end a wait. Without that a wait takes fewer calls of the system; a close ends it all the same.
+    /// With length 0 nothing is taken: it only looks whether there is anything. `wake`: whether the object's wake event
+    /// may end a wait. Without that a wait takes fewer calls of the system; a close ends it all the same.
     Receiving(PipeObject& object, char* buffer, std::size_t length, Wake wake)
         : object_(object), buffer_(buffer), length_(length), wake_(wake) {}
 

@@ -203,6 +203,10 @@ int ServedName::renewOrRunShort() try { return renew(); } catch (const std::bad_
     return SystemError::NOT_ENOUGH_MEMORY;
 }
 
+void ServedName::keepEvent(Descriptor event) {
+    if (!reservedEvent_.isOpen()) reservedEvent_ = std::move(event);
+}
+
 int ServedName::reserveEvent() {
     if (!reservedEvent_.isOpen()) reservedEvent_ = Descriptor::event();
     return reservedEvent_.isOpen() ? SystemError::NONE : SystemError::fromErrno(errno);

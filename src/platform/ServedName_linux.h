@@ -71,6 +71,8 @@ class ServedName {
     /// Makes sure that the next instance will have an event, so that running out of descriptors is met before a client
     /// is taken from the queue and not after. Returns 0 or the number of a SystemError.
     int reserveEvent();
+    /// Has the event of an instance for the next one: a connection needs none.
+    void keepEvent(Descriptor event);
 
     /// A waiting instance became a connection.
     void instanceConnected();

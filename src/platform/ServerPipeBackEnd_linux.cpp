@@ -79,8 +79,6 @@ class Accepting {
             const NamesGuard guard(ServedName::namesMutex());
             if (object_.isClosed()) return SystemError::IO_PENDING;  // the wait finds the close at once
             if (object_.connected) return SystemError::PIPE_CONNECTED;
-            const int error = object_.served->reserveEvent();
-            if (error != SystemError::NONE) return error;
             queue = object_.served->queue();
             isFormer = object_.served->isFormer(queue);
         }
@@ -111,6 +109,7 @@ class Accepting {
         if (object_.isClosed()) return SystemError::IO_PENDING;
         object_.socket = std::move(socket);
         object_.connected = true;
+        object_.served->keepEvent(std::move(object_.event));
         object_.served->instanceConnected();
         return SystemError::PIPE_CONNECTED;
     }

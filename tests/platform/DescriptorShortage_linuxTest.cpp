@@ -3,6 +3,7 @@
 
 #include "platform/PipeContract.h"
 #include "support/Child.h"
+#include "support/Holdings.h"
 #include "support/Thrown.h"
 
 #include <sys/resource.h>
@@ -87,10 +88,39 @@ TEST_F(DescriptorShortage, IsNoneForANextInstanceWhoseAcceptFoundTwo) {
     EXPECT_EQ(platform::platformCreateNextInstance(server.pipe, path(), true, true, next.pipe, next.event), 0);
 }
 
+/// The instance's own event becomes the next one's.
+TEST_F(DescriptorShortage, IsNoneForANextInstanceWhoseAcceptFoundOne) {
+    End server, next, client;
+    ASSERT_EQ(create(server), 0);
+    ASSERT_EQ(connect(client), 0);
+    Shortage shortage;
+    shortage.release(1);
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+    EXPECT_EQ(platform::platformCreateNextInstance(server.pipe, path(), true, true, next.pipe, next.event), 0);
+}
+
+TEST_F(DescriptorShortage, ComesAfterOneDescriptorForEachConnectionOfAServer) {
+    End server, client;
+    ASSERT_EQ(create(server), 0);
+    const auto acceptOne = [&](End& accepted) {
+        ASSERT_EQ(connect(client), 0);
+        ASSERT_EQ(accept(server), AcceptResult::CONNECTED);
+        accepted = std::exchange(server, End());
+        ASSERT_EQ(platform::platformCreateNextInstance(accepted.pipe, path(), true, true, server.pipe, server.event),
+                  0);
+        client.close();
+    };
+    std::vector<End> accepted(20);
+    acceptOne(accepted[0]);
+    const int handles = Holdings::now().handles;
+    for (std::size_t i = 1; i < accepted.size(); ++i) acceptOne(accepted[i]);
+    EXPECT_EQ(Holdings::now().handles, handles + 19);
+}
+
 /// A server with few descriptors left, and clients of another process, one after the other. Each stays connected.
 class FewDescriptors : public DescriptorShortage, public ::testing::WithParamInterface<int> {
   protected:
-    static constexpr int CLIENTS = 6;
+    static constexpr int CLIENTS = 10;
 
     void TearDown() override {
         if (child > 0) ::waitpid(child, nullptr, 0);

@@ -322,6 +322,30 @@ TEST_F(FailedTransfer, IsAFailedReadWhereItHasWaited) {
     EXPECT_EQ(readText(server), "there");
 }
 
+TEST_F(FailedTransfer, IsNoneOfAWaitThatCannotBeWoken) {
+    const CallFailure failure(Call::EVENTFD, EMFILE, 1000);
+    EXPECT_EQ(takeInput(server, 5, true), InputResult::TIMED_OUT);
+    EXPECT_TRUE(failure.hasHappened());
+    for (const int timeoutMs : {0, 20000}) {
+        EXPECT_LT(elapsed([&] { EXPECT_EQ(takeInput(server, timeoutMs, true), InputResult::WOKEN); }), 10s)
+            << "it looks from time to time";
+    }
+    platform::platformWake(server.pipe);
+    EXPECT_EQ(takeInput(server, 20000, true), InputResult::WOKEN);
+    ASSERT_EQ(write(client, "x"), 0);
+    EXPECT_EQ(takeInput(server, 20000, true), InputResult::INPUT);
+}
+
+TEST_F(FailedTransfer, IsOverWhenThereIsAnEventForItsWait) {
+    {
+        const CallFailure failure(Call::EVENTFD, EMFILE);
+        EXPECT_EQ(takeInput(server, 5, true), InputResult::TIMED_OUT);
+    }
+    EXPECT_EQ(takeInput(server, 60, true), InputResult::TIMED_OUT) << "longer than from time to time";
+    platform::platformWake(server.pipe);
+    EXPECT_EQ(takeInput(server, 20000, true), InputResult::WOKEN);
+}
+
 TEST_F(FailedTransfer, IsAnEndWhereItCannotWait) {
     LogCapture log(LogCapture::LoggingLevel::WARN);
     std::string data;
