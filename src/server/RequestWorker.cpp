@@ -171,10 +171,12 @@ void RequestWorker::serveRequests() {
 RequestWorker::Next RequestWorker::awaitNext() {
     if (asked_) asked_ = false;  // a store that others see at once costs more than the look
     candidate_ = served_ && isConnectionWaiting();
+    const bool givesUp = isAskedToGiveUp(true);
+    // A look at the clock costs as much as a hundred instructions: not where the next request is there already.
+    if (!givesUp && pipe_->getInputStream()->rdbuf()->in_avail() > 0) return Next::REQUEST;
     const auto now = Clock::now();
     waitBegin_ = now;
-    if (isAskedToGiveUp(true)) return Next::GIVE_UP;
-    if (pipe_->getInputStream()->rdbuf()->in_avail() > 0) return Next::REQUEST;
+    if (givesUp) return Next::GIVE_UP;
     const bool unlimited = idleTimeoutMs_ <= 0;  // below 0 it is a time that nobody waits for the end of
     const auto idleEnd = unlimited ? Clock::time_point::max() : now + std::chrono::milliseconds(idleTimeoutMs_);
     if (makesRoom_ && served_) silentSince_ = now;
@@ -185,7 +187,7 @@ RequestWorker::Next RequestWorker::awaitNext() {
     return drain_ ? Next::GIVE_UP : next;
 }
 
-/// `now`: read a moment ago, since a look at the clock costs as much as a hundred instructions.
+/// `now`: read a moment ago.
 RequestWorker::Next RequestWorker::awaitInput(Clock::time_point idleEnd, Clock::time_point now) {
     for (;; now = Clock::now()) {
         if (isAskedToGiveUp(false)) return Next::GIVE_UP;
