@@ -57,8 +57,9 @@ int ServedName::addInstance(PipeAddress address, char direction, bool first, std
     for (const std::shared_ptr<ServedName>& entry : table) {
         if (!entry->address_.isSame(address)) continue;
         if (first) return SystemError::ACCESS_DENIED;
-        name = entry;
-        return name->addInstance(direction, event);
+        const int error = entry->addInstance(direction, event);
+        if (error == SystemError::NONE) name = entry;
+        return error;
     }
     table.reserve(table.size() + 1);  // entering it is the last step and must not fail
     const auto served = std::make_shared<ServedName>(std::move(address), direction);

@@ -156,6 +156,9 @@ TEST_F(AcceptContract, RefusesANextInstanceOfAnotherDirection) {
     End server, next;
     ASSERT_EQ(create(server), 0);
     EXPECT_EQ(create(next, true, false, false), 5);
+    End client;
+    EXPECT_EQ(connect(client), ConnectResult::CONNECTED) << "the name is served as before";
+    EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
 }
 
 TEST_F(AcceptContract, LogsTheHandlesOfANewInstance) {
