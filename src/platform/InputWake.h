@@ -5,9 +5,9 @@
 
 namespace Quovane::Internal::Qvtp {
 
-/// Lets one thread end another one's wait for input without closing the pipe. The pipe's event is signalled for that
-/// only while such a wait is running, and is reset when it ends: no other call ever finds it so. `signal` and `reset`
-/// are what the system does with the event; they are called under the lock.
+/// Lets one thread end another one's wait for input without closing the pipe. An event of the pipe is signalled for
+/// that only while such a wait is running, and is reset when it ends: no other call ever finds it so. `signal` and
+/// `reset` are what the system does with the event; they are called under the lock.
 class InputWake {
   public:
     /// One wait for input on an object, from its beginInputWait() to its endInputWait().

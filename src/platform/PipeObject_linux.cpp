@@ -69,11 +69,15 @@ bool PipeObject::beginInputWait() {
 }
 
 void PipeObject::endInputWait() {
-    wake_.end([this] { wakeEvent.unsignal(); });
+    wake_.end([this] {
+        if (wakeEvent.isOpen()) wakeEvent.unsignal();
+    });
 }
 
 void PipeObject::wakeInputWait() {
-    wake_.wake([this] { wakeEvent.signal(); });
+    wake_.wake([this] {
+        if (wakeEvent.isOpen()) wakeEvent.signal();
+    });
 }
 
 namespace {

@@ -131,7 +131,8 @@ int platformWriteBoth(NativeHandle pipeHandle, NativeHandle eventHandle, const c
 ///   read gives them.
 /// - The peer closes: INPUT with `taken` 0. The next read finds it as if it had waited itself: an end that came during
 ///   the wait is a count of 0.
-/// - platformWake, also before the wait began: WOKEN.
+/// - platformWake, also before the wait began: WOKEN. On Linux, where descriptors for the event ran out: WOKEN from
+///   time to time, and a wake during a wait of 20 ms or less may be lost.
 /// - Time-out: TIMED_OUT.
 /// - A close while it waits: ABORTED.
 /// - The handle is stale: FAILED. The same for one that does not read, or INPUT where only the read finds that out.

@@ -72,13 +72,14 @@ int ServedName::addInstance(PipeAddress address, char direction, bool first, std
 
 int ServedName::addInstance(char direction, Descriptor& event) {
     if (direction != direction_) return SystemError::ACCESS_DENIED;
-    int error = reserveEvent();
-    if (error == SystemError::NONE && listener_ == nullptr) error = renew();
+    if (!keptEvent_.isOpen()) keptEvent_ = Descriptor::event();
+    if (!keptEvent_.isOpen()) return SystemError::fromErrno(errno);
+    const int error = listener_ == nullptr ? renew() : SystemError::NONE;
     if (error != SystemError::NONE) return error;
     ++ends_;
     ++waiting_;
     updateBacklog();
-    event = std::move(reservedEvent_);
+    event = std::move(keptEvent_);
     return SystemError::NONE;
 }
 
@@ -204,15 +205,6 @@ int ServedName::renewOrRunShort() try { return renew(); } catch (const std::bad_
     return SystemError::NOT_ENOUGH_MEMORY;
 }
 
-void ServedName::keepEvent(Descriptor event) {
-    if (!reservedEvent_.isOpen()) reservedEvent_ = std::move(event);
-}
-
-int ServedName::reserveEvent() {
-    if (!reservedEvent_.isOpen()) reservedEvent_ = Descriptor::event();
-    return reservedEvent_.isOpen() ? SystemError::NONE : SystemError::fromErrno(errno);
-}
-
 /// The kernel admits one connection more than the backlog, so that as many clients are queued as instances wait. With
 /// one instance that waits, or none for a moment, it stays what it is.
 void ServedName::updateBacklog() {
@@ -222,7 +214,8 @@ void ServedName::updateBacklog() {
     backlog_ = backlog;
 }
 
-void ServedName::instanceConnected() {
+void ServedName::instanceConnected(Descriptor event) {
+    if (!keptEvent_.isOpen()) keptEvent_ = std::move(event);
     --waiting_;
     // The socket stays when the last waiting instance was taken: the server creates the next one at once, and clients
     // that come in between wait in the queue instead of being refused.

@@ -68,14 +68,9 @@ class ServedName {
     /// Takes back what the watch has reported. Then hasLostFiles() looks.
     void clearWatch();
 
-    /// Makes sure that the next instance will have an event, so that running out of descriptors is met before a client
-    /// is taken from the queue and not after. Returns 0 or the number of a SystemError.
-    int reserveEvent();
-    /// Has the event of an instance for the next one: a connection needs none.
-    void keepEvent(Descriptor event);
-
-    /// A waiting instance became a connection.
-    void instanceConnected();
+    /// A waiting instance became a connection. That needs no event: the next instance has it, so that no client is
+    /// taken from the queue while there is no descriptor for the next one.
+    void instanceConnected(Descriptor event);
     /// A server end is closed; `waiting`: it was an instance that still waited. Takes no memory.
     void endClosed(bool waiting);
 
@@ -110,8 +105,8 @@ class ServedName {
     Hold hold_ = Hold::WHOLE;
     FileWatch watch_;
     bool isWatched_ = false;  // both files are
-    bool isQuiet_ = false;    // they were there at the last look, and what the watch reported is older than that
-    Descriptor reservedEvent_;
+    bool isQuiet_ = false;    // the last look found both, and nothing was taken back from the watch since
+    Descriptor keptEvent_;    // for the next instance
 };
 
 }  // namespace Quovane::Internal::Qvtp

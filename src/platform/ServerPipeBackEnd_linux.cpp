@@ -109,8 +109,7 @@ class Accepting {
         if (object_.isClosed()) return SystemError::IO_PENDING;
         object_.socket = std::move(socket);
         object_.connected = true;
-        object_.served->keepEvent(std::move(object_.event));
-        object_.served->instanceConnected();
+        object_.served->instanceConnected(std::move(object_.event));
         return SystemError::PIPE_CONNECTED;
     }
 

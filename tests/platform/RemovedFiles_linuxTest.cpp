@@ -172,6 +172,20 @@ TEST_F(RemovedFiles, AreNoticedByTheNextAcceptWhereTheSystemGrantsNoWatch) {
     acceptClients(1);
 }
 
+TEST_F(RemovedFiles, AreNoticedByAnAcceptThatFindsAClient) {
+    for (const bool isWatched : {true, false}) {
+        if (!isWatched) createWithoutWatch();
+        acceptClients(2);  // from now on it has seen its files
+        End client;
+        ASSERT_EQ(connect(client), ConnectResult::CONNECTED);
+        LogCapture log(LogCapture::LoggingLevel::ERROR);
+        remove(".sock");
+        EXPECT_EQ(accept(server), AcceptResult::CONNECTED);
+        EXPECT_THAT(log.messages(), ElementsAre(takenAnew(file(".sock")))) << isWatched;
+        expectExchange(client, server);
+    }
+}
+
 TEST_F(RemovedFiles, AreGoneWhenTheyCanStillBeFoundAndHaveLostTheirLastName) {
     createWithoutWatch();
     LogCapture log(LogCapture::LoggingLevel::ERROR);
