@@ -86,7 +86,9 @@ BodyBlock::BodyBlock(std::size_t size) : capacity_(size) {
         return;
     }
     if (size >= SMALLEST_KEPT) data_ = spareBlocks.take(size, capacity_);
-    if (data_ == nullptr) data_ = new char[ROOM_BEFORE + size] + ROOM_BEFORE;
+    if (data_ != nullptr) return;
+    char* const memory = new char[ROOM_BEFORE + size];
+    data_ = memory + ROOM_BEFORE;
 }
 
 BodyBlock::BodyBlock(BodyBlock&& other) noexcept {
