@@ -14,8 +14,8 @@ bool FileWatch::addFile(const std::string& path) {
     return add(path, IN_ATTRIB | IN_MOVE_SELF);
 }
 
-bool FileWatch::addDirectory(const std::string& path) {
-    return add(path, IN_MOVE_SELF | IN_DELETE_SELF);
+void FileWatch::addDirectory(const std::string& path) {
+    add(path, IN_MOVE_SELF | IN_DELETE_SELF);
 }
 
 bool FileWatch::add(const std::string& path, std::uint32_t changes) {

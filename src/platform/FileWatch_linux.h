@@ -11,9 +11,10 @@ namespace Quovane::Internal::Qvtp {
 /// the system grants no watch, nobody is woken.
 class FileWatch {
   public:
-    /// Watches this file from now on, or this directory, not what a link points to. False if the system refuses.
+    /// Watches this file from now on, not what a link points to. False if the system refuses.
     bool addFile(const std::string& path);
-    bool addDirectory(const std::string& path);
+    /// The same for a directory, if the system grants it.
+    void addDirectory(const std::string& path);
     /// Ready to be read after something has happened; -1 while there is no watch. It stays the same once there is one.
     int descriptor() const { return watch_.get(); }
     /// Whether something has happened.
