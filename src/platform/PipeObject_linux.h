@@ -62,7 +62,8 @@ class PipeObject {
     std::shared_ptr<ServedName> served;  // null for a client's end
     std::atomic<bool> connected{false};  // changed under ServedName::namesMutex() for a server's end
     std::atomic<bool> closed{false};     // the same
-    std::atomic<bool> accepting{false};  // a client is being taken from the queue, or was
+    std::atomic<bool> accepting{false};  // a client is being taken from the queue, or was; or there is none
+    std::mutex taking;                   // held until it is clear which of these
     std::atomic<bool> starved{false};    // an accept found no descriptors left, and none has succeeded since
     std::uint32_t owner = 0;             // process id
     ReaderPace pace;                     // of the peer; only for the thread that writes

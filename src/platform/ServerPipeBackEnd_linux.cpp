@@ -83,16 +83,25 @@ class Accepting {
             isFormer = object_.served->isFormer(queue);
         }
         for (;;) {
-            object_.accepting = true;  // before the queue is empty: see hasClient
-            const int fd = ::accept4(queue->get(), nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd >= 0) return enterConnection(Descriptor(fd));
-            const int error = errno;
-            object_.accepting = false;
+            int error = 0;
+            Descriptor client = takeFrom(*queue, error);
+            if (client.isOpen()) return enterConnection(std::move(client));
             const bool isEmpty = error == EAGAIN;
             if (isFormer && isEmpty && leave(queue)) return takeClient();
             if (isEmpty || object_.isClosed()) return SystemError::IO_PENDING;
             if (error != EINTR && error != ECONNABORTED) return SystemError::fromErrno(error);
         }
+    }
+
+    /// One call of accept4, so that hasClient() sees the client all the time.
+    Descriptor takeFrom(const Descriptor& queue, int& error) {
+        const std::lock_guard lock(object_.taking);
+        object_.accepting = true;  // before the client leaves the queue
+        Descriptor client(::accept4(queue.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (client.isOpen()) return client;
+        error = errno;
+        object_.accepting = false;
+        return client;
     }
 
     /// False after a close.
@@ -277,7 +286,10 @@ bool hasClient(PipeObject& object) {
     if (queue == nullptr) return false;
     pollfd descriptor{queue->get(), POLLIN, 0};
     const bool isQueued = ::poll(&descriptor, 1, 0) > 0 && (descriptor.revents & POLLIN) != 0;
-    return isQueued || object.accepting;  // in this order: a client leaves the queue after the mark is set
+    // In this order: a client leaves the queue after the mark is set. The mark alone may be of a try that finds nobody.
+    if (isQueued || !object.accepting) return isQueued;
+    const std::lock_guard lock(object.taking);
+    return object.accepting;
 }
 
 }  // namespace BackEnd

@@ -1,5 +1,8 @@
 #include "platform/PipeContract.h"
 
+#include <atomic>
+#include <future>
+
 namespace qvtp_test {
 namespace {
 
@@ -37,6 +40,20 @@ TEST_F(AcceptContract, SeesAClientThatWaitsForTheAcceptWhereTheSystemShowsIt) {
     EXPECT_FALSE(platform::platformHasClient(server.pipe));
     ASSERT_EQ(connect(client), 0);
     EXPECT_EQ(platform::platformHasClient(server.pipe), backend::showsWaitingClients());
+}
+
+TEST_F(AcceptContract, ShowsNoClientWhileItLooksForOne) {
+    End server;
+    ASSERT_EQ(create(server), 0);
+    std::atomic<bool> ended{false};
+    auto seen = std::async(std::launch::async, [&] {
+        int count = 0;
+        while (!ended) count += platform::platformHasClient(server.pipe) ? 1 : 0;
+        return count;
+    });
+    for (int i = 0; i < 300; ++i) EXPECT_EQ(accept(server, 1), AcceptResult::TIMED_OUT);
+    ended = true;
+    EXPECT_EQ(seen.get(), 0);
 }
 
 TEST_F(AcceptContract, LeavesTheInstanceWaitingAfterATimeout) {
