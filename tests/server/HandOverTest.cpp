@@ -359,7 +359,7 @@ TEST_F(HandOver, DoesNotCutOffClientsThatWereSilentBefore) {
     server.start();
     occupy(3);
     for (const auto& client : clients) EXPECT_EQ(client->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);
-    std::this_thread::sleep_for(20ms);
+    std::this_thread::sleep_for(SETTLED);
     const auto fourth = connectAndWait(4);
     std::this_thread::sleep_for(PENDING);
     for (int i = 1; i <= 3; ++i) EXPECT_EQ(log.count(giveUpLine(i)), 0);

@@ -57,7 +57,7 @@ TEST_F(MakeRoom, TakesTheClientThatHasBeenSilentForLongest) {
         std::this_thread::sleep_for(20ms);  // what is tested is the order of silences
     }
     EXPECT_EQ(clients[0]->exchange(POST_HELLO, HELLO_BACK), HELLO_BACK);  // the second has been silent for longest now
-    std::this_thread::sleep_for(40ms);
+    std::this_thread::sleep_for(SETTLED);
     addSilentClient();
     EXPECT_EQ(countOfGiveUps(2), 1);
     EXPECT_EQ(countOfGiveUps(1) + countOfGiveUps(3), 0);
@@ -91,7 +91,7 @@ TEST_F(MakeRoom, LeavesClientsAloneThatHaveNotSentARequestYet) {
     ASSERT_TRUE(eventually([&] { return server.server.totalRequestProcessors() == 1; }));
     addSilentClient();
     addSilentClient();
-    std::this_thread::sleep_for(40ms);
+    std::this_thread::sleep_for(SETTLED);
     addSilentClient();
     addSilentClient();
     EXPECT_EQ(countOfGiveUps(1), 0);
@@ -108,7 +108,7 @@ TEST_F(MakeRoom, LeavesClientsAloneWhileNobodyWaits) {
 TEST_F(MakeRoom, TakesOneClientForEachConnectionThatWaits) {
     server.start();
     for (int i = 0; i < 3; ++i) addSilentClient();
-    std::this_thread::sleep_for(40ms);
+    std::this_thread::sleep_for(SETTLED);
     addSilentClient();
     std::this_thread::sleep_for(100ms);
     int gaveUp = 0;
@@ -165,7 +165,7 @@ TEST_F(MakeRoom, IsOffUnlessItIsSet) {
     server.server.setMakeRoom(false);
     server.start();
     for (int i = 0; i < 3; ++i) addSilentClient();
-    std::this_thread::sleep_for(30ms);
+    std::this_thread::sleep_for(SETTLED);
     const RawClient fourth(server.name);
     ASSERT_TRUE(eventuallyLogs(log, "DEBUG Still waiting for thread to process QvPipe worker " + full(4)));
     std::this_thread::sleep_for(100ms);
