@@ -62,7 +62,7 @@ AbstractQvtpRequestImpl::~AbstractQvtpRequestImpl() noexcept(false) {
 
 std::string AbstractQvtpRequestImpl::getStartLine() {
     std::string line;
-    line.reserve(QvtpMessageOutImpl::USUAL_HEAD_LENGTH);
+    line.reserve(method_.size() + resource_.size() + WireSyntax::VERSION.size() + 2);
     line += method_;
     line += WireSyntax::BLANK;
     encoder_.appendEncoded(resource_, line);

@@ -6,7 +6,7 @@
 #include "message/StreamUtil.h"
 
 #include <algorithm>
-#include <new>
+#include <iterator>
 #include <string_view>
 
 namespace Quovane::Internal::Qvtp {
@@ -23,10 +23,12 @@ bool isContinued(std::istream& in) {
     return next != std::char_traits<char>::eof() && isBlank(static_cast<char>(next));
 }
 
-void logLine(std::string_view line) {
-    if (isCommunicationEnabled(CommunicationLevel::INPUT)) {
-        logStep([&] { logCommunication(CommunicationLevel::INPUT, text(line, "\n"), false); });
-    }
+void recordLine(std::string_view line) {
+    logStep([&] { logCommunication(CommunicationLevel::INPUT, text(line, "\n"), false); });
+}
+
+inline void logLine(std::string_view line) {
+    if (isCommunicationEnabled(CommunicationLevel::INPUT)) recordLine(line);
 }
 
 /// The lines of a block with the empty one after them, if all of them are among these bytes, are ASCII, and none
@@ -44,32 +46,34 @@ std::string_view plainBlockOf(std::string_view bytes) {
     return HeaderBlock::Utf8String::isAscii(block) ? block : std::string_view();
 }
 
+int difference(char left, char right) {
+    return static_cast<unsigned char>(upperCase(left)) - static_cast<unsigned char>(upperCase(right));
+}
+
 /// By their bytes without regard to case: less than 0, 0 or more, as memcmp.
 int compare(std::string_view left, std::string_view right) {
-    const std::size_t shorter = std::min(left.size(), right.size());
     if (left == right) return 0;
+    const std::size_t shorter = std::min(left.size(), right.size());
     for (std::size_t i = 0; i < shorter; ++i) {
-        if (left[i] == right[i]) continue;
-        const int difference =
-            static_cast<unsigned char>(upperCase(left[i])) - static_cast<unsigned char>(upperCase(right[i]));
-        if (difference != 0) return difference;
+        const int result = difference(left[i], right[i]);
+        if (result != 0) return result;
     }
     return left.size() < right.size() ? -1 : static_cast<int>(left.size() > right.size());
 }
 
-}  // namespace
-
-HeaderBlock::HeaderBlock() {
-    records_.reserve(USUAL_COUNT);
+bool isBefore(const HeaderRecord& left, const HeaderRecord& right) {
+    return compare(left.getKey(), right.getKey()) < 0;
 }
 
-/// Of the header with this key, or where it would be.
+}  // namespace
+
 HeaderBlock::Place HeaderBlock::placeOf(std::string_view key) {
-    for (auto record = records_.begin(); record != records_.end(); ++record) {
-        const int difference = compare(record->getKey(), key);
-        if (difference >= 0) return {record, difference == 0};
+    auto before = records_.before_begin();
+    for (auto record = records_.begin(); record != records_.end(); before = record++) {
+        const int result = compare(record->getKey(), key);
+        if (result >= 0) return {before, result == 0 ? record : records_.end()};
     }
-    return {records_.end(), false};
+    return {before, records_.end()};
 }
 
 const HeaderRecord* HeaderBlock::recordOf(std::string_view name) const {
@@ -81,34 +85,34 @@ const HeaderRecord* HeaderBlock::recordOf(std::string_view name) const {
     return record != records_.end() ? &*record : nullptr;
 }
 
-/// Brings headers as they were read into order and joins those of one name. A peer may send very many.
-void HeaderBlock::sortOut() {
-    const auto isInOrder = [](const HeaderRecord& left, const HeaderRecord& right) {
-        return compare(left.getKey(), right.getKey()) < 0;
-    };
-    const auto isOutOfOrder = [&](const HeaderRecord& left, const HeaderRecord& right) {
-        return !isInOrder(left, right);
-    };
-    if (std::adjacent_find(records_.begin(), records_.end(), isOutOfOrder) == records_.end()) return;
-    std::stable_sort(records_.begin(), records_.end(), isInOrder);
-    try {
-        joinThoseOfOneName();
-    } catch (const std::bad_alloc&) {
-        records_.clear();  // half of it would be in no order
-        throw;
-    }
+/// What more headers go after.
+HeaderBlock::Records::iterator HeaderBlock::last() {
+    auto last = records_.before_begin();
+    for (auto record = records_.begin(); record != records_.end(); ++record) last = record;
+    return last;
 }
 
-void HeaderBlock::joinThoseOfOneName() {
-    std::size_t last = 0;
-    for (std::size_t i = 1; i < records_.size(); ++i) {
-        if (compare(records_[last].getKey(), records_[i].getKey()) == 0) {
-            records_[i].forEachValue([&](std::string_view value) { records_[last].addValues(value, memory_); });
-        } else if (++last != i) {
-            records_[last] = records_[i];
+/// And each name is there once.
+bool HeaderBlock::isInOrder() const {
+    const auto isOutOfOrder = [](const HeaderRecord& left, const HeaderRecord& right) {
+        return !isBefore(left, right);
+    };
+    return std::adjacent_find(records_.begin(), records_.end(), isOutOfOrder) == records_.end();
+}
+
+/// Brings headers as they were read into order and joins those of one name. A peer may send very many.
+void HeaderBlock::sortOut() noexcept {
+    if (isInOrder()) return;
+    records_.sort(isBefore);
+    for (auto record = records_.begin(); record != records_.end();) {
+        const auto next = std::next(record);
+        if (next != records_.end() && !isBefore(*record, *next)) {
+            joined_.splice_after(joined_.before_begin(), records_, record);
+            record->append(*next);
+        } else {
+            record = next;
         }
     }
-    records_.resize(last + 1);
 }
 
 std::string_view HeaderBlock::firstValue(std::string_view name) const {
@@ -131,39 +135,36 @@ std::vector<std::string> HeaderBlock::getHeaderNames() const {
 
 void HeaderBlock::addHeader(std::string_view name, std::string_view value) {
     const Place place = placeOf(trimmed(name));
-    if (place.isTaken) {
-        place.record->addValues(value, memory_);
+    if (place.record == records_.end()) {
+        records_.emplace_after(place.before, name, value, memory_);
     } else {
-        records_.insert(place.record, HeaderRecord(name, value, memory_));
+        place.record->append(joined_.emplace_front(name, value, memory_));
     }
 }
 
 bool HeaderBlock::addPlainHeader(std::string_view name, std::string_view value) {
     const Place place = placeOf(name);
-    if (place.isTaken) {
-        place.record->addValues(value, memory_);
+    const bool isNew = place.record == records_.end();
+    if (isNew) {
+        records_.emplace_after(place.before, HeaderRecord::Plain{name, value}, memory_);
     } else {
-        records_.insert(place.record, HeaderRecord::ofPlain(name, value, memory_));
+        place.record->append(joined_.emplace_front(HeaderRecord::Plain{name, value}, memory_));
     }
-    return !place.isTaken;
+    return isNew;
 }
 
 void HeaderBlock::setHeader(std::string_view name, std::string_view value) {
     const Place place = placeOf(trimmed(name));
-    if (place.isTaken) {
+    if (place.record != records_.end()) {
         *place.record = HeaderRecord(name, value, memory_);
     } else {
-        records_.insert(place.record, HeaderRecord(name, value, memory_));
+        records_.emplace_after(place.before, name, value, memory_);
     }
 }
 
 void HeaderBlock::removeHeader(std::string_view name) {
     const Place place = placeOf(trimmed(name));
-    if (place.isTaken) records_.erase(place.record);
-}
-
-void HeaderBlock::write(std::string& out, const Utf8String& converter) const {
-    for (const HeaderRecord& record : records_) record.write(out, converter);
+    if (place.record != records_.end()) records_.erase_after(place.before);
 }
 
 void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
@@ -176,7 +177,7 @@ void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
             readPlainBlock(block);
         }
     } catch (...) {
-        sortOutWhatThereIs();
+        sortOut();
         throw;
     }
     sortOut();
@@ -184,45 +185,39 @@ void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
 
 /// The usual way, for what plainBlockOf() gives.
 void HeaderBlock::readPlainBlock(std::string_view block) {
-    std::string_view rest = HeaderRecord::keep(block, memory_);
+    std::string_view rest = keep(block);
+    auto last = this->last();
     for (auto line = takeLine(rest); line && !line->empty(); line = takeLine(rest)) {
         logLine(*line);
-        records_.push_back(HeaderRecord::ofLine(*line, memory_));
+        last = records_.emplace_after(last, *line);
     }
 }
 
 void HeaderBlock::readLines(std::istream& in, const Utf8String& converter) {
-    std::size_t complete = records_.size();
+    auto complete = last();
     try {
         std::string room;
-        for (;;) {
+        for (auto last = complete;;) {
             const std::string_view line = StreamUtil::readLine(in, room);
-            complete = records_.size();  // without the line after it a header does not count
+            complete = last;  // without the line after it a header does not count
             if (line.empty()) break;
-            readHeader(in, line, converter);
+            last = readHeader(last, in, line, converter);
         }
     } catch (...) {
-        records_.resize(complete);
+        records_.erase_after(complete, records_.end());
         throw;
     }
 }
 
-/// After a failure, which matters more than one of its own.
-void HeaderBlock::sortOutWhatThereIs() noexcept {
-    try {
-        sortOut();
-    } catch (const std::bad_alloc&) {  // then there are none
-    }
-}
-
-/// Adds the header that begins on `line`, with the lines that continue it. `line` is as StreamUtil::readLine gave it.
-void HeaderBlock::readHeader(std::istream& in, std::string_view line, const Utf8String& converter) {
+/// Adds the header that begins on `line`, with the lines that continue it, after `last`, and gives its place. `line` is
+/// as StreamUtil::readLine gave it.
+HeaderBlock::Records::iterator HeaderBlock::readHeader(Records::iterator last, std::istream& in, std::string_view line,
+                                                       const Utf8String& converter) {
     logLine(line);
     const std::size_t colon = std::min(line.find(':'), line.size());
     const std::string_view first = line.substr(std::min(colon + 1, line.size()));
     if (!isContinued(in) && Utf8String::isAscii(first)) {
-        records_.push_back(HeaderRecord::ofLine(HeaderRecord::keep(line, memory_), memory_));
-        return;
+        return records_.emplace_after(last, keep(line));
     }
     const std::string name(line.substr(0, colon));  // the next line may come to where this one is
     std::string value(StringUtils::trim(first, BLANKS));
@@ -234,7 +229,7 @@ void HeaderBlock::readHeader(std::istream& in, std::string_view line, const Utf8
         value += StringUtils::trim(next);
     }
     converter.decode(value, value);
-    records_.emplace_back(name, value, memory_);
+    return records_.emplace_after(last, name, value, memory_);
 }
 
 }  // namespace Quovane::Internal::Qvtp

@@ -1,11 +1,11 @@
 #pragma once
 
 #include "common/Utf8String.h"
+#include "message/HeaderMemory.h"
 #include "message/HeaderRecord.h"
 
-#include <cstddef>
+#include <forward_list>
 #include <istream>
-#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,7 +18,7 @@ class HeaderBlock {
   public:
     using Utf8String = Quovane::Soa::Common::Xml::Utf8String;
 
-    HeaderBlock();
+    HeaderBlock() = default;
 
     std::string getHeader(std::string_view name) const { return std::string(firstValue(name)); }
     /// The same, in the block's own memory: until the block changes.
@@ -34,39 +34,42 @@ class HeaderBlock {
     void removeHeader(std::string_view name);
 
     /// Appends the block's lines, without the empty line after it.
-    void write(std::string& out, const Utf8String& converter) const;
+    template <typename Text>
+    void write(Text& out, const Utf8String& converter) const {
+        for (const HeaderRecord& record : records_) record.write(out, converter);
+    }
+    /// Copies a text into the block's memory.
+    std::string_view keep(std::string_view text) { return HeaderRecord::keep(text, memory_); }
+
     /// Adds the headers of all lines up to the empty one, which it consumes, and records the lines in the communication
     /// log. Throws as StreamUtil::readLine.
     void read(std::istream& in, const Utf8String& converter);
 
   private:
-    using Records = std::pmr::vector<HeaderRecord>;
-
-    static constexpr std::size_t USUAL_COUNT = 4;
-    static constexpr std::size_t USUAL_TEXT = 256;  // bytes of their names and values
+    using Records = std::forward_list<HeaderRecord, HeaderAllocator<HeaderRecord>>;
 
     HeaderBlock(const HeaderBlock&) = delete;
     HeaderBlock& operator=(const HeaderBlock&) = delete;
 
+    /// That of a header, or where it would be.
     struct Place {
-        Records::iterator record;
-        bool isTaken;
+        Records::iterator before;
+        Records::iterator record;  // the end, if there is none
     };
 
     Place placeOf(std::string_view key);
     const HeaderRecord* recordOf(std::string_view name) const;
-    void sortOut();
-    void joinThoseOfOneName();
-    void sortOutWhatThereIs() noexcept;
+    Records::iterator last();
+    bool isInOrder() const;
+    void sortOut() noexcept;
     void readPlainBlock(std::string_view block);
     void readLines(std::istream& in, const Utf8String& converter);
-    void readHeader(std::istream& in, std::string_view line, const Utf8String& converter);
+    Records::iterator readHeader(Records::iterator last, std::istream& in, std::string_view line,
+                                 const Utf8String& converter);
 
-    // Messages have few headers: these need no memory of their own. More of them come from the heap, whatever resource
-    // the application has made the default. What a header gives up is free again only with the block.
-    alignas(HeaderRecord) std::byte room_[USUAL_COUNT * sizeof(HeaderRecord) + USUAL_TEXT];
-    std::pmr::monotonic_buffer_resource memory_{room_, sizeof room_, std::pmr::new_delete_resource()};
-    Records records_{&memory_};  // in the order of their upper-cased keys
+    HeaderMemory memory_;
+    Records records_{HeaderAllocator<HeaderRecord>(memory_)};  // in the order of their upper-cased keys
+    Records joined_{HeaderAllocator<HeaderRecord>(memory_)};   // in the chains of those, in no order
 };
 
 }  // namespace Quovane::Internal::Qvtp

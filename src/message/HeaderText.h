@@ -3,6 +3,7 @@
 #include "common/StringUtils.h"
 #include "common/WireSyntax.h"
 
+#include <cstddef>
 #include <string_view>
 
 /// How the texts of a header are read, whoever keeps them.
@@ -17,16 +18,28 @@ inline std::string_view nameOf(std::string_view name) {
     return WireSyntax::isTrimmed(name) ? name : StringUtils::trim(name, ALL_WHITE_SPACE);
 }
 
+/// Removes the text up to its first comma, and gives it without white space at its ends.
+inline std::string_view takeValue(std::string_view& valueText) {
+    const std::size_t end = valueText.find(WireSyntax::DELIMITER);
+    const std::string_view value = WireSyntax::trimmed(valueText.substr(0, end));
+    valueText.remove_prefix(end == std::string_view::npos ? valueText.size() : end + 1);
+    return value;
+}
+
 /// Splits the text at its commas and calls `action` with each piece that is not empty once it is trimmed.
 template <typename Action>
 void forEachValueOf(std::string_view valueText, const Action& action) {
-    for (bool isLast = false; !isLast;) {
-        const std::size_t end = valueText.find(WireSyntax::DELIMITER);
-        isLast = end == std::string_view::npos;
-        const std::string_view value = WireSyntax::trimmed(valueText.substr(0, end));
+    while (!valueText.empty()) {
+        const std::string_view value = takeValue(valueText);
         if (!value.empty()) action(value);
-        if (!isLast) valueText.remove_prefix(end + 1);
     }
+}
+
+/// The first of these pieces, or an empty text.
+inline std::string_view firstValueOf(std::string_view valueText) {
+    std::string_view value;
+    while (value.empty() && !valueText.empty()) value = takeValue(valueText);
+    return value;
 }
 
 }  // namespace Quovane::Internal::Qvtp::HeaderText

@@ -32,13 +32,14 @@ QvtpMessageInImpl::QvtpMessageInImpl(std::istream* pipeStream, int bufferSize, c
 QvtpMessageInImpl::~QvtpMessageInImpl() = default;
 
 std::string QvtpMessageInImpl::getStartLine() {
-    return startLine();
+    return std::string(startLine());
 }
 
-const std::string& QvtpMessageInImpl::startLine() {
+std::string_view QvtpMessageInImpl::startLine() {
     readHead();
-    if (startLine_.empty()) startLine_ = standInStartLine();
-    return startLine_;
+    if (!startLine_.empty()) return startLine_;
+    if (standIn_.empty()) standIn_ = standInStartLine();
+    return standIn_;
 }
 
 std::string QvtpMessageInImpl::getHeader(const std::string& name) const {
@@ -61,14 +62,15 @@ std::shared_ptr<InputBuffer> QvtpMessageInImpl::bodyReader() const {
 void QvtpMessageInImpl::readHead() {
     if (headAsked_) return;
     headAsked_ = true;
-    std::string line = readStartLine();
+    std::string room;
+    const std::string_view line = headers_.keep(readStartLine(room));
     if (isCommunicationEnabled(CommunicationLevel::INPUT)) {
-        logStep([&] { logCommunication(CommunicationLevel::INPUT, line + "\n", true); });
+        logStep([&] { logCommunication(CommunicationLevel::INPUT, text(line, "\n"), true); });
     }
-    logDebug([&] { return label_ + line; });
+    logDebug([&] { return text(label_, line); });
     headers_.read(*pipeStream_, *converter_);
     body_.emplace(bufferSize_, std::make_shared<InputBuffer>(findBodyLength(), pipeStream_));
-    startLine_ = std::move(line);
+    startLine_ = line;
 }
 
 std::string QvtpMessageInImpl::standInStartLine() const {
@@ -78,12 +80,11 @@ std::string QvtpMessageInImpl::standInStartLine() const {
     return text(version, " ", code, " ", QvtpMessage::STATUS_REASONS.at(code));
 }
 
-/// Empty lines before a message are skipped.
-std::string QvtpMessageInImpl::readStartLine() {
-    std::string room;
+/// Empty lines before a message are skipped. As StreamUtil::readLine gives it.
+std::string_view QvtpMessageInImpl::readStartLine(std::string& room) {
     std::string_view line;
     while (line.empty()) line = StreamUtil::readLine(*pipeStream_, room);
-    return std::string(line);
+    return line;
 }
 
 bool QvtpMessageInImpl::isChunked() const {

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Quovane::Internal::Qvtp {
@@ -25,8 +26,8 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
     ~QvtpMessageInImpl() override;
 
     std::string getStartLine() override;
-    /// The same without a copy.
-    const std::string& startLine();
+    /// The same without a copy, in the message's own memory.
+    std::string_view startLine();
     std::string getHeader(const std::string& name) const override;
     std::vector<std::string> getHeaders(const std::string& name) const override;
     std::vector<std::string> getHeaderNames() override;
@@ -39,7 +40,7 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
   private:
     void readHead();
     std::string standInStartLine() const;
-    std::string readStartLine();
+    std::string_view readStartLine(std::string& room);
     std::uint64_t findBodyLength();
     bool isChunked() const;
     BodySource& requireBody();
@@ -51,7 +52,8 @@ class QvtpMessageInImpl : public Quovane::Qvtp::QvtpMessageIn {
     int bufferSize_;
     const std::string& label_;
     bool headAsked_ = false;
-    std::string startLine_;                    // empty while there is no head
+    std::string_view startLine_;               // empty while there is no head
+    std::string standIn_;                      // for it, if it was asked for then
     std::optional<int> announcedLength_;       // of the body, if its headers have one
     std::optional<BodySource> body_;           // as soon as there is a head
     std::unique_ptr<QvtpIStream> bodyStream_;  // if it was asked for: then only it reads the body

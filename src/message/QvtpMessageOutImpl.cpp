@@ -86,24 +86,25 @@ void QvtpMessageOutImpl::writeBody(std::ostream* out) const {
     if (hasBody()) out->write(body_.get(), static_cast<std::streamsize>(bodyLength_));
 }
 
-QvtpMessageOutImpl::Head QvtpMessageOutImpl::composeHead() {
-    Head head{owner_->getStartLine(), 0};
-    head.startLineLength = head.text.size();
-    if (head.text.capacity() < USUAL_HEAD_LENGTH) head.text.reserve(USUAL_HEAD_LENGTH);
-    head.text += WireSyntax::LINE_END;
-    headers_.write(head.text, *converter_);
-    head.text += WireSyntax::LINE_END;
-    return head;
+void QvtpMessageOutImpl::compose(Head& head) {
+    const std::string startLine = owner_->getStartLine();
+    head.composed += startLine;
+    head.composed += WireSyntax::LINE_END;
+    headers_.write(head.composed, *converter_);
+    head.composed += WireSyntax::LINE_END;
+    head.text = head.composed.view();
+    head.startLine = head.text.substr(0, startLine.size());
 }
 
 void QvtpMessageOutImpl::commit(const Head& head) {
     committed_ = true;
-    logCommunication(CommunicationLevel::OUTPUT, head.text, true);
-    logDebug([&] { return label_ + head.text.substr(0, head.startLineLength); });
+    logCommunication(CommunicationLevel::OUTPUT, head.text.data(), head.text.size(), true);
+    logDebug([&] { return text(label_, head.startLine); });
 }
 
 void QvtpMessageOutImpl::writeHeaders(std::ostream* out) {
-    const Head head = composeHead();
+    Head head;
+    compose(head);
     out->write(head.text.data(), static_cast<std::streamsize>(head.text.size()));
     out->flush();
     commit(head);
@@ -111,7 +112,8 @@ void QvtpMessageOutImpl::writeHeaders(std::ostream* out) {
 
 bool QvtpMessageOutImpl::sendWhole(MessageSink* sink) {
     if (sink == nullptr || !hasBody()) return false;
-    const Head head = composeHead();
+    Head head;
+    compose(head);
     BodyRecord record;
     record.start();
     const std::size_t sent = writeSome(*sink, head);
@@ -125,7 +127,8 @@ bool QvtpMessageOutImpl::sendWhole(MessageSink* sink) {
 /// The record has the head as well: over streams it is written as the beginning of the body is.
 bool QvtpMessageOutImpl::answerWhole(MessageSink* sink, int bufferSize) {
     if (sink == nullptr || !hasBody()) return false;
-    const Head head = composeHead();
+    Head head;
+    compose(head);
     if (head.text.size() >= static_cast<std::size_t>(std::max(bufferSize, 1))) return false;
     BodyRecord record;
     record.start();

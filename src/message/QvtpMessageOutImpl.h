@@ -4,6 +4,7 @@
 
 #include "common/BodyBlock.h"
 #include "common/Utf8String.h"
+#include "message/HeadText.h"
 #include "message/HeaderBlock.h"
 #include "message/QvtpHeaderWriter.h"
 
@@ -11,6 +12,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -25,9 +27,6 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
 
     /// The body length of a message without a body.
     static constexpr std::uint64_t NO_BODY = ~std::uint64_t{0};
-
-    /// Room for most heads. A start line that has it becomes the head without being copied.
-    static constexpr std::size_t USUAL_HEAD_LENGTH = 256;
 
     /// Neither owner nor converter is owned. `label`: one of DirectionLabel, which it refers to.
     QvtpMessageOutImpl(QvtpMessageOut* owner, const std::string& label, Utf8String* converter);
@@ -60,11 +59,12 @@ class QvtpMessageOutImpl : public Quovane::Qvtp::QvtpMessageOut, public QvtpHead
 
   private:
     struct Head {
-        std::string text;
-        std::size_t startLineLength;
+        HeadText composed;
+        std::string_view text;
+        std::string_view startLine;
     };
 
-    Head composeHead();
+    void compose(Head& head);
     void commit(const Head& head);
     std::size_t writeSome(MessageSink& sink, const Head& head);
     void writeRest(MessageSink& sink, const Head& head, std::size_t sent) const;

@@ -13,6 +13,7 @@
 #include "server/RequestWorker.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
 
 namespace Quovane::Qvtp {
@@ -46,14 +47,13 @@ QvtpServerResponse::QvtpServerResponse(QvtpServer* server, std::ostream* out, So
 QvtpServerResponse::~QvtpServerResponse() noexcept = default;
 
 std::string QvtpServerResponse::getStartLine() {
-    using Internal::Qvtp::appendText;
     namespace WireSyntax = Internal::Qvtp::WireSyntax;
-    std::string line;
-    line.reserve(QvtpMessageOutImpl::USUAL_HEAD_LENGTH);
-    line += WireSyntax::VERSION;
-    line += WireSyntax::BLANK;
-    appendText(line, statusCode_);
-    line += WireSyntax::BLANK;
+    char words[WireSyntax::VERSION.size() + Internal::Qvtp::NUMBER_ROOM];
+    char* end = words + WireSyntax::VERSION.copy(words, WireSyntax::VERSION.size());
+    *end++ = WireSyntax::BLANK;
+    end = std::to_chars(end, words + sizeof words - 1, statusCode_).ptr;
+    *end++ = WireSyntax::BLANK;
+    std::string line(words, end);
     appendAsOneLine(line, hasReason_ ? reasonPhrase_ : STATUS_REASONS.at(STATUS_SERVER_ERROR));
     return line;
 }
