@@ -59,16 +59,21 @@ void appendLatin1(std::string& out, unsigned char byte) {
 constexpr std::uint64_t EIGHT_BYTES = 0x0101010101010101;
 constexpr std::uint64_t HIGH_BITS = 0x80 * EIGHT_BYTES;
 
-/// Whether `isOdd(eight bytes)` says so of no part of the text. Blanks stand in for what its last part lacks.
+/// Whether `isOdd(eight bytes)` says so of no part of the text. The last part overlaps the one before it. Blanks stand
+/// in for what a short text lacks.
 template <typename IsOdd>
 bool isWithout(std::string_view text, const IsOdd& isOdd) {
-    std::uint64_t word = 0;
-    for (; text.size() >= sizeof word; text.remove_prefix(sizeof word)) {
-        std::memcpy(&word, text.data(), sizeof word);
+    std::uint64_t word = ' ' * EIGHT_BYTES;
+    if (text.size() < sizeof word) {
+        for (const char c : text) word = word << 8 | static_cast<unsigned char>(c);
+        return !isOdd(word);
+    }
+    const char* const last = text.data() + text.size() - sizeof word;
+    for (const char* part = text.data(); part < last; part += sizeof word) {
+        std::memcpy(&word, part, sizeof word);
         if (isOdd(word)) return false;
     }
-    word = ' ' * EIGHT_BYTES;
-    for (const char c : text) word = word << 8 | static_cast<unsigned char>(c);
+    std::memcpy(&word, last, sizeof word);
     return !isOdd(word);
 }
 

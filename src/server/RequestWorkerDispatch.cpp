@@ -11,6 +11,7 @@
 #include "logging/Log.h"
 #include "message/InputBuffer.h"
 #include "message/QvtpMessageInImpl.h"
+#include "message/StartLine.h"
 #include "message/StreamUtil.h"
 #include "server/LimitedInput.h"
 #include "server/RequestWorker.h"
@@ -18,6 +19,7 @@
 
 #include <ios>
 #include <memory>
+#include <string_view>
 
 namespace Quovane::Internal::Qvtp {
 
@@ -139,7 +141,7 @@ void RequestWorker::logFailure(const char* kind, const std::string& message, Qvt
 }
 
 bool RequestWorker::dispatch(QvtpServerRequest& request) {
-    const std::string method = request.getMethod();
+    const std::string_view method = StartLine(request.impl_->startLine()).first();
     if (method == QvtpMessage::METHOD_NOTIFY) {
         handleNotify(request);
     } else if (method == QvtpMessage::METHOD_POST && server_->accessFlag_ != 0) {
