@@ -1,5 +1,5 @@
-// This library: at its defaults as "qvtp", with BUFFER_SIZE 65536 on both sides as "qvtp-64k". One client serves all
-// threads, as applications do it; each thread gets a connection of its own from its pool.
+// This library: at its defaults as "qvtp", with BUFFER_SIZE 65536 on both sides as "qvtp-64k". Each thread has a client
+// of its own, as it has with the other contenders, and so a connection of its own.
 
 #include "Harness.h"
 #include "examples/common.h"
@@ -36,33 +36,28 @@ std::string pipeOf(const bench::Setup& setup) {
     return setup.address.substr(setup.address.rfind('/') + 1);
 }
 
-std::shared_ptr<QvtpClient> newClient(const bench::Setup& setup) {
-    const auto client = std::make_shared<QvtpClient>();
-    if (setup.variant == "qvtp-64k") client->setOption(QvtpClient::BUFFER_SIZE, LARGE_BUFFER);
-    return client;
-}
-
 class QvtpConnection : public bench::Connection {
   public:
-    QvtpConnection(const bench::Setup& setup, std::shared_ptr<QvtpClient> client)
-        : pipe_(pipeOf(setup)), client_(std::move(client)) {}
+    explicit QvtpConnection(const bench::Setup& setup) : pipe_(pipeOf(setup)) {
+        if (setup.variant == "qvtp-64k") client_.setOption(QvtpClient::BUFFER_SIZE, LARGE_BUFFER);
+    }
 
     void post(const std::string& body) override {
-        PostRequest request(client_.get(), pipe_, "/echo");
+        PostRequest request(&client_, pipe_, "/echo");
         request.setBody(body.data(), body.size());
         const std::unique_ptr<QvtpResponse> response(request.execute());
         bench::checkResponse(Body<QvtpResponse>(*response).view());
     }
 
     void notify(const std::string& body) override {
-        NotifyRequest request(client_.get(), pipe_, "/echo");
+        NotifyRequest request(&client_, pipe_, "/echo");
         request.setBody(body.data(), body.size());
         request.execute();
     }
 
   private:
     std::string pipe_;
-    std::shared_ptr<QvtpClient> client_;
+    QvtpClient client_;
 };
 
 class Handler : public QvtpHandler {
@@ -83,9 +78,7 @@ class Handler : public QvtpHandler {
 class Qvtp : public bench::Contender {
   public:
     std::unique_ptr<bench::Connection> connect(const bench::Setup& setup) override {
-        if (setup.workload == "connect") return std::make_unique<QvtpConnection>(setup, newClient(setup));
-        static const std::shared_ptr<QvtpClient> client = newClient(setup);
-        return std::make_unique<QvtpConnection>(setup, client);
+        return std::make_unique<QvtpConnection>(setup);
     }
 
     void serve(const bench::Setup& setup) override {
