@@ -68,7 +68,7 @@ std::string_view HeaderRecord::getValue() const {
 void HeaderRecord::append(HeaderRecord& other) {
     line_ = {};
     (last_ != nullptr ? last_->more_ : more_) = &other;
-    last_ = other.last_ != nullptr ? other.last_ : &other;
+    last_ = &other;
 }
 
 std::string HeaderRecord::encodedLine(const Utf8String& converter) const {

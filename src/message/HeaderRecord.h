@@ -47,7 +47,7 @@ class HeaderRecord {
         }
     }
 
-    /// Adds the values of another record, which has to last as long as this one does.
+    /// Adds the values of another record, which is no chain and has to last as long as this one does.
     void append(HeaderRecord& other);
 
     /// Appends the line of the header, with its end.

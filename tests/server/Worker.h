@@ -20,8 +20,8 @@ using namespace Quovane::Qvtp;
 using Quovane::Io::QvPipe;
 using namespace std::chrono_literals;
 
-/// After this long all workers wait, also on a machine that is busy with other things. Nothing shows that a worker does,
-/// and one that comes to its wait late may be asked for its thread.
+/// After this long all workers wait, also on a machine that is busy with other things. Nothing shows that a worker
+/// does, and one that comes to its wait late may be asked for its thread.
 inline constexpr auto SETTLED = 200ms;
 
 inline constexpr char POST_HELLO[] = "POST /echo QVTP/1.0\r\nContent-Length: 5\r\n\r\nhello";
