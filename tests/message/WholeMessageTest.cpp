@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <ostream>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -175,6 +176,39 @@ TEST(WholeResponse, TakesTheShortWayOnlyWhereTheBufferWouldHoldItsHeadBack) {
         EXPECT_EQ(message->answerWhole(&sink, bufferSize), isHeldBack) << bufferSize;
         EXPECT_EQ(message.isCommitted(), isHeldBack) << bufferSize;
         EXPECT_EQ(sink.taken(), isHeldBack ? WHOLE : "") << bufferSize;
+    }
+}
+
+/// Writes the same message in each way, with its line about the head, and expects the same bytes.
+void expectInEveryWay(const std::string& startLine, const std::string& value, const std::string& body) {
+    OutgoingMessage messages[] = {OutgoingMessage(startLine), OutgoingMessage(startLine), OutgoingMessage(startLine)};
+    for (OutgoingMessage& message : messages) {
+        message.addHeader("A", value);
+        message.setBody(body);
+        message.addHeader("Z", "last");
+    }
+    const LogCapture log;
+    CutSink asRequest(std::string::npos), asResponse(std::string::npos);
+    std::ostringstream stream;
+    EXPECT_TRUE(messages[0]->sendWhole(&asRequest));
+    EXPECT_TRUE(messages[1]->answerWhole(&asResponse, LARGE_BUFFER));
+    messages[2]->writeHeaders(&stream);
+    const std::string head =
+        startLine + "\r\nA: " + value + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nZ: last\r\n\r\n";
+    EXPECT_EQ(asRequest.taken(), head + body);
+    EXPECT_EQ(asResponse.taken(), head + body);
+    EXPECT_EQ(stream.str(), head);
+    EXPECT_EQ(log.count("DEBUG Send:    " + startLine), 3);
+}
+
+TEST(WholeMessage, HasAHeadOfAnyLength) {
+    for (const std::size_t bodyLength : {std::size_t{13}, std::size_t{100}}) {
+        const std::string body(bodyLength, 'b');
+        for (std::size_t length = 150; length <= 600; ++length) {
+            expectInEveryWay("POST /r QVTP/1.0", std::string(length, 'v'), body);
+            expectInEveryWay("POST /" + std::string(length, 'r') + " QVTP/1.0", "v", body);
+        }
+        expectInEveryWay("POST /r QVTP/1.0", std::string(3000, 'v'), body);
     }
 }
 
