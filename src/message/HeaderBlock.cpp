@@ -46,17 +46,14 @@ std::string_view plainBlockOf(std::string_view bytes) {
     return HeaderBlock::Utf8String::isAscii(block) ? block : std::string_view();
 }
 
-int difference(char left, char right) {
-    return static_cast<unsigned char>(upperCase(left)) - static_cast<unsigned char>(upperCase(right));
-}
-
 /// By their bytes without regard to case: less than 0, 0 or more, as memcmp.
 int compare(std::string_view left, std::string_view right) {
     if (left == right) return 0;
     const std::size_t shorter = std::min(left.size(), right.size());
     for (std::size_t i = 0; i < shorter; ++i) {
-        const int result = difference(left[i], right[i]);
-        if (result != 0) return result;
+        const int difference =
+            static_cast<unsigned char>(upperCase(left[i])) - static_cast<unsigned char>(upperCase(right[i]));
+        if (difference != 0) return difference;
     }
     return left.size() < right.size() ? -1 : static_cast<int>(left.size() > right.size());
 }
@@ -70,8 +67,8 @@ bool isBefore(const HeaderRecord& left, const HeaderRecord& right) {
 HeaderBlock::Place HeaderBlock::placeOf(std::string_view key) {
     auto before = records_.before_begin();
     for (auto record = records_.begin(); record != records_.end(); before = record++) {
-        const int result = compare(record->getKey(), key);
-        if (result >= 0) return {before, result == 0 ? record : records_.end()};
+        const int difference = compare(record->getKey(), key);
+        if (difference >= 0) return {before, difference == 0 ? record : records_.end()};
     }
     return {before, records_.end()};
 }
@@ -86,7 +83,7 @@ const HeaderRecord* HeaderBlock::recordOf(std::string_view name) const {
 }
 
 /// What more headers go after.
-HeaderBlock::Records::iterator HeaderBlock::last() {
+HeaderBlock::Records::iterator HeaderBlock::lastRecord() {
     auto last = records_.before_begin();
     for (auto record = records_.begin(); record != records_.end(); ++record) last = record;
     return last;
@@ -186,7 +183,7 @@ void HeaderBlock::read(std::istream& in, const Utf8String& converter) {
 /// The usual way, for what plainBlockOf() gives.
 void HeaderBlock::readPlainBlock(std::string_view block) {
     std::string_view rest = keep(block);
-    auto last = this->last();
+    auto last = lastRecord();
     for (auto line = takeLine(rest); line && !line->empty(); line = takeLine(rest)) {
         logLine(*line);
         last = records_.emplace_after(last, *line);
@@ -194,7 +191,7 @@ void HeaderBlock::readPlainBlock(std::string_view block) {
 }
 
 void HeaderBlock::readLines(std::istream& in, const Utf8String& converter) {
-    auto complete = last();
+    auto complete = lastRecord();
     try {
         std::string room;
         for (auto last = complete;;) {

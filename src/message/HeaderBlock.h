@@ -59,7 +59,7 @@ class HeaderBlock {
 
     Place placeOf(std::string_view key);
     const HeaderRecord* recordOf(std::string_view name) const;
-    Records::iterator last();
+    Records::iterator lastRecord();
     bool isInOrder() const;
     void sortOut() noexcept;
     void readPlainBlock(std::string_view block);
