@@ -2,9 +2,13 @@
 
 #include <qvtp/io/InterruptedException.h>
 
+#include "common/WireSyntax.h"
+
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -27,6 +31,17 @@ std::string readAndWritten(const std::string& text) {
     return written(block);
 }
 
+/// Each name is there once, without regard to case. Two that differ in white space of a rare kind are two names, which
+/// look alike without it.
+void checkNames(const HeaderBlock& block, const std::string& text) {
+    if (text.find_first_of("\v\f") != std::string::npos) return;
+    std::set<std::string> seen;
+    for (std::string name : block.getHeaderNames()) {
+        std::transform(name.begin(), name.end(), name.begin(), Quovane::Internal::Qvtp::WireSyntax::upperCase);
+        if (!seen.insert(name).second) std::abort();
+    }
+}
+
 /// What was written is read back to the same values. The first pass may still change those that only a peer can send:
 /// line ends and NUL inside a value become blanks.
 void checkRoundTrip(const HeaderBlock& block) {
@@ -40,10 +55,12 @@ void checkRoundTrip(const HeaderBlock& block) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    std::istringstream in(std::string(data, data + size));
+    const std::string text(data, data + size);
+    std::istringstream in(text);
     HeaderBlock block;
     try {
         block.read(in, Utf8String());
+        checkNames(block, text);
         checkRoundTrip(block);
     } catch (Quovane::Io::InterruptedException&) {
     }
